@@ -1,0 +1,45 @@
+/// Member counts of the arrays in one value, kept between the checking pass, which counts, and the building
+/// pass, which reserves. Both passes meet the arrays in the same order, so a plain list serves: four bytes an
+/// array, and no memory of its own for messages of few arrays.
+///
+/// The counts are hints for reserving. Should the bytes have changed between the passes, the hints are wrong
+/// and nothing else is.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace VORN {
+namespace PROTO {
+
+class ArrayCounts {
+ public:
+  /// Checking pass: an array starts. Returns its slot for set(). Throws std::bad_alloc.
+  size_t add() {
+    if (size_ >= INLINE_SLOTS) more_.push_back(0);
+    return size_++;
+  }
+
+  void set(size_t slot, uint32_t count) {
+    (slot < INLINE_SLOTS ? inline_[slot] : more_[slot - INLINE_SLOTS]) = count;
+  }
+
+  /// Building pass: the count of the next array, in the order of their starts; 0 when there is none.
+  uint32_t next() {
+    if (next_ >= size_) return 0;
+    const size_t slot = next_++;
+    return slot < INLINE_SLOTS ? inline_[slot] : more_[slot - INLINE_SLOTS];
+  }
+
+ private:
+  static constexpr size_t INLINE_SLOTS = 32;
+
+  uint32_t inline_[INLINE_SLOTS];
+  std::vector<uint32_t> more_;
+  size_t size_ = 0;
+  size_t next_ = 0;
+};
+
+}  // namespace PROTO
+}  // namespace VORN

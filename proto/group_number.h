@@ -1,0 +1,34 @@
+/// The shape of a number cut into groups of bits, least significant group first. Integers and lengths are the
+/// two shapes in use.
+///
+/// Counting the first byte from bit 0: data bits, a continuation flag, and, in a signed shape, a sign flag.
+/// Every later byte has seven data bits and its continuation flag in bit 7.
+///
+///   integer  first byte 1SCddddd (bit 7 marks the type), then Cddddddd ...
+///   length   first byte Cddddddd, then Cddddddd ...
+#pragma once
+
+#include <cstdint>
+
+namespace VORN {
+namespace PROTO {
+
+struct GroupShape {
+  unsigned first_byte_bits;  ///< bits that the number may use of its first byte: 2 to 8, signed 3 to 8
+  bool is_signed;
+
+  constexpr unsigned first_data_bits() const { return first_byte_bits - (is_signed ? 2 : 1); }
+  constexpr unsigned continuation_flag() const { return 1U << first_data_bits(); }
+  constexpr unsigned first_data_mask() const { return continuation_flag() - 1; }
+  constexpr unsigned sign_flag() const { return is_signed ? continuation_flag() << 1 : 0; }
+};
+
+constexpr GroupShape INT_SHAPE{7, true};
+constexpr GroupShape LENGTH_SHAPE{8, false};
+
+constexpr unsigned LATER_DATA_BITS = 7;
+constexpr unsigned LATER_DATA_MASK = 0x7F;
+constexpr unsigned LATER_CONTINUATION_FLAG = 0x80;
+
+}  // namespace PROTO
+}  // namespace VORN

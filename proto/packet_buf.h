@@ -1,0 +1,82 @@
+/// A growable byte buffer with one read/write position. Values are encoded into it and decoded from it; the
+/// frame classes derive from it and narrow the payload range.
+///
+/// Writing overwrites: it never inserts, and the buffer never shrinks. reset() moves the position and keeps
+/// the bytes, so a buffer that is used again and again settles into overwriting its own storage.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "proto/export.h"
+
+namespace VORN {
+namespace PROTO {
+
+class VORN_API PacketBuf {
+ public:
+  /// A buffer does not reallocate while it stays within this many bytes.
+  static constexpr uint64_t INITIAL_CAPACITY = 0x10000;
+
+  /// Empty, at position 0, with INITIAL_CAPACITY bytes reserved. Throws std::bad_alloc.
+  PacketBuf();
+  virtual ~PacketBuf();
+  PacketBuf(const PacketBuf&) = delete;
+  PacketBuf& operator=(const PacketBuf&) = delete;
+
+  /// Back to the starting position; the stored bytes stay. Returns the new position.
+  virtual uint64_t reset();
+
+  /// The payload range: first index, one past the last index, length. It may reach beyond the stored bytes;
+  /// what may be read is decided by index_within_payload().
+  virtual uint64_t payload_start() const;
+  virtual uint64_t payload_end() const;
+  virtual uint64_t payload_size() const;
+
+  /// Whether the byte at index i may be read: it lies inside the payload range and is stored.
+  bool index_within_payload(uint64_t i) const;
+
+  /// Stores one byte at the position and advances past it. Throws like claim().
+  void write_byte(uint8_t b);
+
+  /// Stores n bytes at the position and advances past them. `src` may point into this buffer's own bytes: they
+  /// are copied as they were before the call. Throws like claim().
+  void write_bytes(const char* src, uint64_t n);
+
+  /// Makes n bytes exist at the position (bytes that did not exist before are zero), advances past them and
+  /// returns the first of them, valid until the next write. Throws std::bad_alloc or std::length_error; the
+  /// position and the bytes are then as before.
+  char* claim(uint64_t n);
+
+  /// The position may be set anywhere; a write beyond the stored bytes fills the gap with zeros.
+  uint64_t pos() const { return pos_; }
+  void set_pos(uint64_t p) { pos_ = p; }
+
+  /// All stored bytes, from index 0. The reference is bound to this buffer, pointers into it to the next write.
+  const std::string& data() const { return data_; }
+
+ protected:
+  /// Makes the first n bytes exist, the new ones zero. Never shrinks. Throws like claim().
+  void grow_to(uint64_t n);
+
+ private:
+  void claim_fallback(uint64_t n);
+
+  std::string data_;
+  uint64_t pos_ = 0;
+};
+
+inline char* PacketBuf::claim(uint64_t n) {
+  const uint64_t size = data_.size();
+  if (size < n || pos_ > size - n) claim_fallback(n);
+  char* at = &data_[pos_];
+  pos_ += n;
+  return at;
+}
+
+inline void PacketBuf::write_byte(uint8_t b) {
+  *claim(1) = static_cast<char>(b);
+}
+
+}  // namespace PROTO
+}  // namespace VORN

@@ -1,0 +1,42 @@
+/// The checking pass of both decoders: walks one encoded value without building anything, and counts the
+/// members of its arrays. It keeps the open containers in a list of its own, so that nesting costs no machine
+/// stack, however deep the caller's limit allows it to be.
+#pragma once
+
+#include <cstdint>
+
+#include "proto/array_counts.h"
+#include "proto/export.h"
+#include "proto/wire_reader.h"
+
+namespace VORN {
+namespace PROTO {
+
+/// Why a value cannot be decoded. Each decoder words these for its own users.
+enum class ValueFault : uint8_t {
+  none,
+  max_depth,        ///< nested deeper than the limit
+  underrun,         ///< no byte where a value should start
+  underrun_int,     ///< an integer's continuation flags run on past the range
+  underrun_length,  ///< a string's length likewise
+  underrun_string,  ///< a string's bytes do not fit
+  underrun_float,
+  underrun_double,
+  underrun_hash,   ///< no byte where a member or the end mark should be
+  underrun_array,  ///< likewise
+  unknown_type     ///< no value starts with this byte
+};
+
+/// Where the two decoders differ.
+struct ScanRules {
+  int32_t maxdepth;     ///< levels, scalars included; nothing passes a limit of 0 or below
+  uint64_t value_end;   ///< no value, member or end mark may start from here on, even if it is readable
+  uint64_t string_end;  ///< the bytes of a string lie below this index
+};
+
+/// Walks the value at the cursor. On success the cursor stands behind the value; on a fault it stays where
+/// reading stopped. Throws std::bad_alloc.
+VORN_API ValueFault scan_value(WireReader& in, const ScanRules& rules, ArrayCounts& counts);
+
+}  // namespace PROTO
+}  // namespace VORN

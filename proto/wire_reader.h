@@ -1,0 +1,147 @@
+/// A read cursor over a buffer's readable range, with the primitive readers of the value encoding.
+///
+/// The cursor asks the buffer for its range once and then compares numbers. It holds a pointer into the
+/// buffer, so the buffer must outlive it, and after code that may have written to the buffer comes resync().
+/// The buffer's own position does not move before commit().
+///
+///   WireReader in(buf);
+///   int64_t n;
+///   if (!in.readable() || !in.read_int(n)) ...     // a plain no; the caller words the error
+///   in.commit(buf);
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+
+#include "proto/group_number.h"
+#include "proto/packet_buf.h"
+#include "proto/transport_type.h"
+
+namespace VORN {
+namespace PROTO {
+
+class WireReader {
+ public:
+  /// Starts at the buffer's position.
+  explicit WireReader(const PacketBuf& buf) : pos_(buf.pos()) { take_range(buf); }
+
+  /// Moves the buffer's position to where reading stands.
+  void commit(PacketBuf& buf) const { buf.set_pos(pos_); }
+
+  /// Takes the range anew when the buffer's storage has moved or changed its size. What is then read is what
+  /// the buffer holds now.
+  void resync(const PacketBuf& buf) {
+    if (base_ != bytes_of(buf) || data_len_ != buf.data().size()) take_range(buf);
+  }
+
+  uint64_t pos() const { return pos_; }
+  /// Bytes from here on cannot be read. 0 when the position lies before the payload.
+  uint64_t limit() const { return limit_; }
+  /// All bytes that the buffer stores, payload or not.
+  uint64_t data_len() const { return data_len_; }
+
+  bool readable() const { return pos_ < limit_; }
+
+  /// The byte at the position, which stays. REQUIRES: readable().
+  uint8_t peek() const { return base_[pos_]; }
+
+  /// Moves past n bytes without a look at them.
+  void skip(uint64_t n) { pos_ += n; }
+
+  /// The bytes at the position. REQUIRES: they lie below data_len().
+  const char* bytes() const { return reinterpret_cast<const char*>(base_ + pos_); }
+
+  /// Reads the general form behind integers and lengths. False: the bytes ran out before the last one; the
+  /// position is then behind those that were consumed. Groups beyond bit 63 fold back to bit 0 on.
+  bool read_group_number(GroupShape shape, uint64_t& magnitude, bool& negative);
+
+  /// Reads an integer, its type byte included. Negative zero is 0.
+  bool read_int(int64_t& value);
+
+  /// Reads a string's length, of which only the low 32 bits count.
+  bool read_length(uint32_t& length);
+
+  /// Reads the body behind the type byte. False: it does not fit; the position stays.
+  bool read_float(float& value);
+  bool read_double(double& value);
+
+ private:
+  static const uint8_t* bytes_of(const PacketBuf& buf) {
+    return reinterpret_cast<const uint8_t*>(buf.data().data());
+  }
+
+  void take_range(const PacketBuf& buf) {
+    base_ = bytes_of(buf);
+    data_len_ = buf.data().size();
+    limit_ = pos_ < buf.payload_start() ? 0 : std::min(buf.payload_end(), data_len_);
+  }
+
+  template <typename Bits>
+  bool read_float_bits(Bits& bits);
+
+  const uint8_t* base_;
+  uint64_t pos_;
+  uint64_t limit_;
+  uint64_t data_len_;
+};
+
+inline bool WireReader::read_group_number(GroupShape shape, uint64_t& magnitude, bool& negative) {
+  magnitude = 0;
+  negative = false;
+  if (pos_ >= limit_) return false;
+  const unsigned first = base_[pos_++];
+  negative = (first & shape.sign_flag()) != 0;
+  uint64_t value = first & shape.first_data_mask();
+  bool more = (first & shape.continuation_flag()) != 0;
+  for (unsigned shift = shape.first_data_bits(); more; shift += LATER_DATA_BITS) {
+    if (pos_ >= limit_) return false;
+    const unsigned byte = base_[pos_++];
+    value |= uint64_t{byte & LATER_DATA_MASK} << (shift & 63U);
+    more = (byte & LATER_CONTINUATION_FLAG) != 0;
+  }
+  magnitude = value;
+  return true;
+}
+
+inline bool WireReader::read_int(int64_t& value) {
+  uint64_t magnitude;
+  bool negative;
+  const bool complete = read_group_number(INT_SHAPE, magnitude, negative);
+  value = static_cast<int64_t>(negative ? 0 - magnitude : magnitude);
+  return complete;
+}
+
+inline bool WireReader::read_length(uint32_t& length) {
+  uint64_t magnitude;
+  bool negative;
+  const bool complete = read_group_number(LENGTH_SHAPE, magnitude, negative);
+  length = static_cast<uint32_t>(magnitude);
+  return complete;
+}
+
+template <typename Bits>
+inline bool WireReader::read_float_bits(Bits& bits) {
+  if (pos_ >= limit_ || limit_ - pos_ < sizeof bits) return false;
+  bits = 0;
+  for (unsigned i = 0; i < sizeof bits; ++i) bits = static_cast<Bits>(bits << 8 | base_[pos_ + i]);
+  pos_ += sizeof bits;
+  return true;
+}
+
+inline bool WireReader::read_float(float& value) {
+  uint32_t bits;
+  if (!read_float_bits(bits)) return false;
+  std::memcpy(&value, &bits, sizeof value);
+  return true;
+}
+
+inline bool WireReader::read_double(double& value) {
+  uint64_t bits;
+  if (!read_float_bits(bits)) return false;
+  std::memcpy(&value, &bits, sizeof value);
+  return true;
+}
+
+}  // namespace PROTO
+}  // namespace VORN
