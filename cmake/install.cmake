@@ -1,0 +1,42 @@
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+# Headers lie one folder deeper, so that `#include "proto/packet_buf.h"` cannot meet another library's.
+install(TARGETS ${vorn_rpc_targets} EXPORT vorn_rpc
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vorn_rpc)
+install(DIRECTORY proto DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vorn_rpc FILES_MATCHING PATTERN "*.h")
+if(vorn_rpc_has_vobject)
+  install(DIRECTORY vobject DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vorn_rpc FILES_MATCHING PATTERN "*.h")
+endif()
+
+set(vorn_rpc_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/vorn_rpc)
+install(EXPORT vorn_rpc NAMESPACE vorn_rpc:: FILE vorn_rpc-targets.cmake DESTINATION ${vorn_rpc_cmake_dir})
+configure_package_config_file(cmake/vorn_rpc-config.cmake.in vorn_rpc-config.cmake
+  INSTALL_DESTINATION ${vorn_rpc_cmake_dir})
+write_basic_package_version_file(vorn_rpc-config-version.cmake COMPATIBILITY SameMajorVersion)
+install(FILES
+  ${CMAKE_CURRENT_BINARY_DIR}/vorn_rpc-config.cmake
+  ${CMAKE_CURRENT_BINARY_DIR}/vorn_rpc-config-version.cmake
+  DESTINATION ${vorn_rpc_cmake_dir})
+
+# The .pc file finds its prefix from where it lies, so an installed tree may be moved.
+if(IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR} OR IS_ABSOLUTE ${CMAKE_INSTALL_INCLUDEDIR})
+  set(pc_prefix ${CMAKE_INSTALL_PREFIX})
+  set(pc_libdir ${CMAKE_INSTALL_FULL_LIBDIR})
+  set(pc_includedir ${CMAKE_INSTALL_FULL_INCLUDEDIR})
+else()
+  file(RELATIVE_PATH pc_up ${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+  string(REGEX REPLACE "/$" "" pc_up "${pc_up}")
+  set(pc_prefix "\${pcfiledir}/${pc_up}")
+  set(pc_libdir "\${prefix}/${CMAKE_INSTALL_LIBDIR}")
+  set(pc_includedir "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
+endif()
+set(pc_threads "")
+if(vorn_rpc_has_vobject)
+  set(pc_threads "-pthread")
+endif()
+configure_file(cmake/vorn_rpc.pc.in vorn_rpc.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vorn_rpc.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

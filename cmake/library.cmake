@@ -1,0 +1,49 @@
+# One set of object files makes both kinds of the library: `vorn_rpc` is the kind that BUILD_SHARED_LIBS asks
+# for, the other is made of its objects. Source folders add themselves to `vorn_rpc`.
+if(BUILD_SHARED_LIBS)
+  add_library(vorn_rpc SHARED)
+  add_library(vorn_rpc_static STATIC $<TARGET_OBJECTS:vorn_rpc>)
+  set(vorn_rpc_shared_target vorn_rpc)
+  set(vorn_rpc_static_target vorn_rpc_static)
+  set_target_properties(vorn_rpc_static PROPERTIES EXPORT_NAME static)
+else()
+  add_library(vorn_rpc STATIC)
+  add_library(vorn_rpc_shared SHARED $<TARGET_OBJECTS:vorn_rpc>)
+  set(vorn_rpc_shared_target vorn_rpc_shared)
+  set(vorn_rpc_static_target vorn_rpc)
+  set_target_properties(vorn_rpc_shared PROPERTIES EXPORT_NAME shared)
+endif()
+set(vorn_rpc_targets ${vorn_rpc_shared_target} ${vorn_rpc_static_target})
+
+set_target_properties(vorn_rpc PROPERTIES
+  POSITION_INDEPENDENT_CODE ON
+  CXX_VISIBILITY_PRESET hidden
+  VISIBILITY_INLINES_HIDDEN ON)
+set_target_properties(${vorn_rpc_targets} PROPERTIES
+  OUTPUT_NAME vorn_rpc
+  LINKER_LANGUAGE CXX)
+set_target_properties(${vorn_rpc_shared_target} PROPERTIES
+  VERSION ${PROJECT_VERSION}
+  SOVERSION ${PROJECT_VERSION_MAJOR})
+
+add_subdirectory(proto)
+set(vorn_rpc_has_vobject OFF)
+if(EXISTS ${PROJECT_SOURCE_DIR}/vobject/CMakeLists.txt)
+  set(vorn_rpc_has_vobject ON)
+  find_package(Boost 1.62 REQUIRED)
+  find_package(Threads REQUIRED)
+  add_subdirectory(vobject)
+endif()
+
+foreach(target IN LISTS vorn_rpc_targets)
+  target_compile_features(${target} PUBLIC cxx_std_17)
+  target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
+  if(vorn_rpc_has_vobject)
+    target_link_libraries(${target} PUBLIC Boost::boost Threads::Threads)
+  endif()
+endforeach()
+
+# The names that an installed package offers serve inside one build too.
+add_library(vorn_rpc::vorn_rpc ALIAS vorn_rpc)
+add_library(vorn_rpc::shared ALIAS ${vorn_rpc_shared_target})
+add_library(vorn_rpc::static ALIAS ${vorn_rpc_static_target})

@@ -1,0 +1,16 @@
+# `cpack` makes one Debian package that a developer installs: headers, both kinds of the library, and what
+# CMake and pkg-config read.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME libvorn-rpc-dev)
+set(CPACK_PACKAGE_VENDOR "Vorn RPC")
+set(CPACK_PACKAGE_CONTACT "Vorn RPC maintainers <maintainers@vorn-rpc.invalid>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+if(vorn_rpc_has_vobject)
+  set(CPACK_DEBIAN_PACKAGE_DEPENDS libboost-dev)
+endif()
+include(CPack)

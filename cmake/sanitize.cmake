@@ -1,0 +1,6 @@
+if(VORN_SANITIZE)
+  list(JOIN VORN_SANITIZE "," sanitizers)
+  # A finding ends the program: a test that goes on after one would pass.
+  add_compile_options(-fsanitize=${sanitizers} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${sanitizers})
+endif()
