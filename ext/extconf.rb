@@ -1,0 +1,95 @@
+# frozen_string_literal: true
+
+# Builds the extension out of tree: in an empty folder, `ruby <root>/ext/extconf.rb && make`.
+#
+# The sources of ext/ and proto/ are compiled into one shared object, and those of vobject/ with them.
+#
+#   --enable-werror      warnings of our own code are errors (for development)
+#   --enable-sanitize    with AddressSanitizer and UndefinedBehaviorSanitizer
+#   --enable-coverage    with counters for gcov
+#   CXX=...              in the environment: another compiler than the interpreter's
+
+require "mkmf"
+require "shellwords"
+
+ROOT = File.expand_path("..", __dir__)
+PARTS = %w[ext proto vobject].select { |part| File.directory?(File.join(ROOT, part)) }
+
+# --- compiler ---------------------------------------------------------------------------------------------
+
+MakeMakefile::CONFIG["CXX"] = RbConfig::MAKEFILE_CONFIG["CXX"] = ENV["CXX"] if ENV["CXX"]
+CXX = RbConfig.expand((MakeMakefile::CONFIG["CXX"] || "").dup)
+
+RUBY_INCLUDES = %w[rubyarchhdrdir rubyhdrdir].map { |dir| "-isystem #{Shellwords.escape(RbConfig::CONFIG[dir])}" }
+STANDARD = "-std=c++17"
+
+# Whether the compiler takes `code` with these options. mkmf's own probes speak C before 2.7.
+def compiles?(code, options = "", link = false)
+  File.write("conftest.cc", code)
+  out = link ? "-shared -fPIC -o conftest.so" : "-c -o conftest.o"
+  command = "#{CXX} #{STANDARD} #{RUBY_INCLUDES.join(' ')} #{options} conftest.cc #{out}"
+  Logging.open do
+    puts command
+    system(command)
+  end
+ensure
+  %w[conftest.cc conftest.o conftest.so].each { |file| File.delete(file) if File.exist?(file) }
+end
+
+def require_that(what, found, advice)
+  puts "checking for #{what}... #{found ? 'yes' : 'no'}"
+  return if found
+  abort "vorn_rpc_ext needs #{what}: #{advice}."
+end
+
+require_that("a C++17 compiler", compiles?("#include <string_view>\nint main() { if (int i = 0; i) return i; }\n"),
+             "install g++ 8 or clang++ 7 or newer (Debian: apt-get install g++), or name one in CXX")
+require_that("Ruby's headers", compiles?("#include <ruby.h>\n"),
+             "install the interpreter's development package (Debian: apt-get install ruby-dev)")
+if PARTS.include?("vobject")
+  boost = "#include <boost/make_shared.hpp>\n#include <boost/thread/recursive_mutex.hpp>\n"
+  require_that("Boost's headers", compiles?(boost), "install Boost (Debian: apt-get install libboost-dev)")
+end
+
+# --- what the interpreter has -----------------------------------------------------------------------------
+
+def ruby_before?(version)
+  Gem::Version.new(RUBY_VERSION) < Gem::Version.new(version)
+end
+
+have_func("rb_gc_adjust_memory_usage", "ruby.h")           # since 2.4
+have_func("rb_ext_ractor_safe", "ruby.h")                  # since 3.0
+$defs << "-DVORN_RUBY_HAS_TYPED_CALLBACKS" unless ruby_before?("2.7") # <ruby/backward/cxxanyargs.hpp>
+$defs << "-DVORN_RUBY_TAINTS" if ruby_before?("2.7")       # later the calls remain and do nothing
+
+# --- flags ------------------------------------------------------------------------------------------------
+
+# Ruby's headers are system headers, so that the warnings below are about our own code.
+$INCFLAGS = $INCFLAGS.gsub(/-I(?=\S*hdrdir)/, "-isystem ") << " -I#{Shellwords.escape(ROOT)}"
+
+# Ruby 2.2 leaves its C++ flags empty. Its headers say `register`, which C++17 has not.
+$CXXFLAGS = ["-O2 -g", $CXXFLAGS, STANDARD, "-fvisibility=hidden -Wall -Wextra -Wpedantic"].compact.join(" ")
+$CXXFLAGS << " -Wno-register" if compiles?("", "-Wno-register")
+$CXXFLAGS << " -Werror" if enable_config("werror", false)
+
+# Only Init is exported: templates of the standard library would be visible otherwise.
+version_script = "-Wl,--version-script=#{Shellwords.escape(File.join(ROOT, 'ext', 'vorn_rpc_ext.map'))}"
+$LDFLAGS << " " << version_script if compiles?("extern \"C\" void Init_vorn_rpc_ext() {}\n", version_script, true)
+
+if enable_config("sanitize", false)
+  sanitize = " -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer"
+  $CXXFLAGS << sanitize
+  $LDFLAGS << sanitize
+end
+if enable_config("coverage", false)
+  $CXXFLAGS << " --coverage -O0"
+  $LDFLAGS << " --coverage"
+end
+
+# --- sources ----------------------------------------------------------------------------------------------
+
+$srcs = PARTS.flat_map { |part| Dir[File.join(ROOT, part, "*.cc")].sort }
+$VPATH.concat(PARTS.map { |part| File.join(ROOT, part) })
+$objs = $srcs.map { |source| "#{File.basename(source, '.cc')}.#{$OBJEXT}" }
+
+create_makefile("vorn_rpc_ext")

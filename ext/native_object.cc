@@ -1,0 +1,58 @@
+#include "ext/native_object.h"
+
+#include <cstddef>
+
+namespace VORN {
+namespace EXT {
+
+namespace {
+
+void free_native(void* data) {
+  if (data == nullptr) return;
+  NativeObject* const native = static_cast<NativeObject*>(data);
+  adjust_gc_memory_usage(-native->told_gc);
+  delete native->buf;
+  delete native;
+}
+
+size_t size_of_native(const void* data) {
+  if (data == nullptr) return 0;
+  const NativeObject* const native = static_cast<const NativeObject*>(data);
+  return sizeof *native + sizeof *native->buf + native->buf->data().capacity();
+}
+
+rb_data_type_t data_type(const char* name, const rb_data_type_t* parent) {
+  rb_data_type_t type = rb_data_type_t();
+  type.wrap_struct_name = name;
+  type.function.dfree = free_native;
+  type.function.dsize = size_of_native;
+  type.parent = parent;
+  // Releasing runs no Ruby code, and there is no Ruby value in it that a write barrier would have to watch.
+  type.flags = RUBY_TYPED_FREE_IMMEDIATELY | RUBY_TYPED_WB_PROTECTED;
+  return type;
+}
+
+}  // namespace
+
+const rb_data_type_t packet_buf_type = data_type("PacketBuf", nullptr);
+const rb_data_type_t packet_frame_in_type = data_type("PacketFrameIn", &packet_buf_type);
+const rb_data_type_t packet_frame_out_type = data_type("PacketFrameOut", &packet_buf_type);
+
+NativeObject& native_object(VALUE obj, const rb_data_type_t& type) {
+  void* const data = rb_check_typeddata(obj, &type);
+  if (data == nullptr) rb_raise(rb_eRuntimeError, "NULL object DATA pointer, wanted PacketBuf");
+  return *static_cast<NativeObject*>(data);
+}
+
+void tell_gc_of_storage(VALUE obj) {
+  NativeObject& native = *static_cast<NativeObject*>(DATA_PTR(obj));
+  const int64_t capacity = static_cast<int64_t>(native.buf->data().capacity());
+  if (capacity == native.told_gc) return;
+  const int64_t difference = capacity - native.told_gc;
+  native.told_gc = capacity;
+  adjust_gc_memory_usage(difference);
+  RB_GC_GUARD(obj);
+}
+
+}  // namespace EXT
+}  // namespace VORN

@@ -1,0 +1,27 @@
+/// Writes Ruby objects in the value encoding.
+#pragma once
+
+#include "ext/ruby_compat.h"
+#include "proto/packet_buf.h"
+
+namespace VORN {
+namespace EXT {
+
+/// Every value counts one level, scalars included. Writing does not consult @maxdepth.
+constexpr int32_t SERIALIZE_MAX_DEPTH = 64;
+
+/// Writes `obj` and everything below it at the buffer's position.
+///
+/// Raises RuntimeError "serialize_rbobj_to_packetbuf: maxdepth exceeded", "... unsupported rb_type" or "... hash
+/// entry is not a [key, value] pair", RangeError for an Integer beyond 64 bits, RuntimeError "C++ exception: ..."
+/// when memory runs out, and whatever an overridden `each` raises. What was written by then stays.
+///
+/// A Hash subclass with its own `each` runs Ruby code in the middle of it, which may use the buffer.
+/// REQUIRES: the caller keeps the buffer's Ruby object alive.
+void serialize_object(VALUE obj, PROTO::PacketBuf& buf, int32_t maxdepth);
+
+/// Called once by Init.
+void init_object_serializer();
+
+}  // namespace EXT
+}  // namespace VORN

@@ -1,0 +1,27 @@
+#include "ext/vorn_rpc_ext.h"
+#include "proto/packet_frame.h"
+
+namespace VORN {
+namespace EXT {
+
+namespace {
+
+using PROTO::PacketFrame;
+
+VALUE packetframe_allocate(VALUE) {
+  rb_raise(rb_eNotImpError, "naked PacketFrame instancing not supported; use PacketFrameIn or PacketFrameOut");
+  return Qnil;  // not reached: older headers do not say so
+}
+
+}  // namespace
+
+void init_packet_frame() {
+  cPacketFrame = define_proto_class("PacketFrame", cPacketBuf, packetframe_allocate);
+  rb_define_const(cPacketFrame, "PF8_HEADER_LEN", ULONG2NUM(PacketFrame::PF8_HEADER_LEN));
+  rb_define_const(cPacketFrame, "PF8_MAX_DATA_LEN", ULONG2NUM(PacketFrame::PF8_MAX_DATA_LEN));
+  rb_define_const(cPacketFrame, "PF12_HEADER_LEN", ULONG2NUM(PacketFrame::PF12_HEADER_LEN));
+  rb_define_const(cPacketFrame, "PF12_MAX_DATA_LEN", ULONG2NUM(PacketFrame::PF12_MAX_DATA_LEN));
+}
+
+}  // namespace EXT
+}  // namespace VORN

@@ -1,0 +1,93 @@
+#include "ext/arguments.h"
+#include "ext/native_guard.h"
+#include "ext/native_object.h"
+#include "ext/vorn_rpc_ext.h"
+
+namespace VORN {
+namespace EXT {
+
+namespace {
+
+using PROTO::PacketFrameIn;
+
+VALUE packetframein_allocate(VALUE klass) {
+  return allocate_native<PacketFrameIn>(klass, packet_frame_in_type, "failed newing PacketFrameIn",
+                                        "exception newing PacketFrameIn");
+}
+
+/*
+ * call-seq:
+ *   frame.assemble(data, offset) -> integer
+ *
+ * Feeds the received bytes data[offset..-1] and returns how many were consumed, never any beyond the end of the
+ * current frame. Bytes before a start marker are skipped, and counted. Call reset before the first frame and
+ * after each.
+ *
+ * While a frame is in progress at least one byte is consumed. 0 with have_complete_frame? false means that the
+ * frame failed its checks (or was never reset): reset, and go on behind its first byte.
+ *
+ * Raises ArgumentError "packetframein_assemble: data argument should be T_STRING" and, unless data is empty,
+ * "packetframein_assemble: offset argument out of range".
+ *
+ *   frame = VORN::PROTO::PacketFrameIn.new
+ *   frame.reset
+ *   chunk = "\xA5\x01\x00\x07\x00\x00\x00\x01\x02and the next frame"
+ *   frame.assemble(chunk, 0)    # => 9
+ *   frame.have_complete_frame?  # => true
+ *   frame.seq                   # => 7
+ *   frame.seek_payload_start.extract_object  # => true
+ */
+VALUE packetframein_assemble(VALUE self, VALUE data, VALUE offset) {
+  PacketFrameIn& frame = packet_frame_in_of(self);
+  if (!RB_TYPE_P(data, T_STRING)) {
+    rb_raise(rb_eArgError, "packetframein_assemble: data argument should be T_STRING");
+  }
+  if (RSTRING_LEN(data) == 0) return INT2FIX(0);
+  const int32_t from = to_int32(offset);  // may run Ruby code, which may change the String's length
+  if (from < 0 || from >= RSTRING_LEN(data)) {
+    rb_raise(rb_eArgError, "packetframein_assemble: offset argument out of range");
+  }
+  const uint64_t consumed = native_guard([&] {
+    return frame.assemble(RSTRING_PTR(data), static_cast<uint64_t>(RSTRING_LEN(data)), static_cast<uint64_t>(from));
+  });
+  RB_GC_GUARD(data);
+  tell_gc_of_storage(self);
+  return ULL2NUM(consumed);
+}
+
+/*
+ * call-seq:
+ *   frame.have_complete_frame? -> true or false
+ *
+ *   frame = VORN::PROTO::PacketFrameIn.new
+ *   frame.have_complete_frame?  # => false
+ */
+VALUE packetframein_have_complete_frame(VALUE self) {
+  return packet_frame_in_of(self).have_complete_frame() ? Qtrue : Qfalse;
+}
+
+/*
+ * call-seq:
+ *   frame.seq -> integer
+ *
+ * The sequence number of the frame, 0 to 65535; 0 before its header is held.
+ *
+ *   frame = VORN::PROTO::PacketFrameIn.new
+ *   frame.seq  # => 0
+ */
+VALUE packetframein_seq(VALUE self) {
+  return INT2FIX(packet_frame_in_of(self).seq());
+}
+
+}  // namespace
+
+void init_packet_frame_in() {
+  cPacketFrameIn = define_proto_class("PacketFrameIn", cPacketFrame, packetframein_allocate);
+  rb_define_method(cPacketFrameIn, "initialize", VORN_CALLBACK(packetbuf_initialize), 0);
+  rb_define_method(cPacketFrameIn, "assemble", VORN_CALLBACK(packetframein_assemble), 2);
+  rb_define_method(cPacketFrameIn, "have_complete_frame?", VORN_CALLBACK(packetframein_have_complete_frame), 0);
+  rb_define_method(cPacketFrameIn, "seq", VORN_CALLBACK(packetframein_seq), 0);
+}
+
+}  // namespace EXT
+}  // namespace VORN
