@@ -1,0 +1,201 @@
+#include "test/support/vectors.h"
+
+#include <fstream>
+#include <stdexcept>
+
+namespace vorn_test {
+
+namespace {
+
+std::string trim(const std::string& text) {
+  const size_t first = text.find_first_not_of(" \t");
+  if (first == std::string::npos) return "";
+  return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+// "(3:ab)" to "ababab".
+std::string expand(const std::string& text) {
+  std::string out;
+  for (size_t i = 0; i < text.size();) {
+    if (text[i] != '(') {
+      out += text[i++];
+      continue;
+    }
+    const size_t colon = text.find(':', i);
+    const size_t close = text.find(')', i);
+    if (colon == std::string::npos || close == std::string::npos || colon > close) {
+      throw std::runtime_error("bad repetition in \"" + text + "\"");
+    }
+    const std::string part = text.substr(colon + 1, close - colon - 1);
+    for (unsigned long n = std::stoul(text.substr(i + 1, colon - i - 1)); n > 0; --n) out += part;
+    i = close + 1;
+  }
+  return out;
+}
+
+// Turns the string prefixes of a value's notation into another one: "u:61" to "t:61".
+std::string replace_prefix(std::string notation, char from, char to) {
+  for (size_t i = 0; i + 1 < notation.size(); ++i) {
+    if (notation[i] == from && notation[i + 1] == ':') notation[i] = to;
+  }
+  return notation;
+}
+
+using Cells = std::vector<std::string>;
+
+std::vector<Cells> read_table(const std::string& file, size_t columns) {
+  const std::string path = std::string(VORN_VECTORS_DIR) + "/" + file;
+  std::ifstream in(path);
+  std::vector<Cells> rows;
+  for (std::string line; std::getline(in, line);) {
+    if (trim(line).empty() || line[0] == '#') continue;
+    Cells cells;
+    size_t start = 0;
+    for (size_t bar; (bar = line.find('|', start)) != std::string::npos; start = bar + 1) {
+      cells.push_back(trim(line.substr(start, bar - start)));
+    }
+    cells.push_back(trim(line.substr(start)));
+    if (cells.size() > columns) throw std::runtime_error(file + ": too many cells: " + line);
+    cells.resize(columns, "=");
+    rows.push_back(cells);
+  }
+  if (rows.empty()) throw std::runtime_error("no rows in " + path);
+  return rows;
+}
+
+int hex_digit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  throw std::runtime_error(std::string("no hexadecimal digit: ") + c);
+}
+
+std::vector<ValueVector> read_values() {
+  std::vector<ValueVector> out;
+  for (const Cells& c : read_table("values.txt", 8)) {
+    ValueVector v;
+    v.name = c[0];
+    v.bytes = from_hex(c[1]);
+    v.variant = c[4] != "=" ? expand(c[4]) : replace_prefix(replace_prefix(expand(c[2]), 'b', 't'), 'u', 't');
+    v.variant_as_strings = c[5] == "=" ? replace_prefix(v.variant, 's', 't') : expand(c[5]);
+    v.variant_bytes = c[7] == "=" ? v.bytes : from_hex(c[7]);
+    out.push_back(v);
+  }
+  return out;
+}
+
+std::vector<FaultVector> read_faults() {
+  std::vector<FaultVector> out;
+  for (const Cells& c : read_table("faults.txt", 8)) {
+    FaultVector v;
+    v.name = c[0];
+    v.bytes = from_hex(c[1]);
+    v.plain_buffer = c[2] == "all";
+    v.payload = v.plain_buffer ? v.bytes.size() : std::stoull(c[2]);
+    v.maxdepth = std::stoi(c[3]);
+    v.ruby = c[4];
+    v.ruby_pos = std::stoull(c[5]);
+    v.variant = c[6] == "=" ? v.ruby : c[6];
+    v.variant_pos = c[7] == "=" ? v.ruby_pos : std::stoull(c[7]);
+    out.push_back(v);
+  }
+  return out;
+}
+
+std::vector<FrameVector> read_frames() {
+  std::vector<FrameVector> out;
+  for (const Cells& c : read_table("frames.txt", 9)) {
+    FrameVector v;
+    v.name = c[0];
+    v.stream = from_hex(c[1]);
+    v.consumed = std::stoull(c[2]);
+    v.state = c[3];
+    v.layout = c[4] == "-" ? 0 : static_cast<unsigned>(std::stoul(c[4]));
+    v.seq = static_cast<uint16_t>(std::stoul(c[5]));
+    v.data_len = static_cast<uint32_t>(std::stoul(c[6]));
+    v.payload = from_hex(c[7]);
+    v.is_written = c[8] == "=";
+    out.push_back(v);
+  }
+  return out;
+}
+
+std::vector<GroupNumberVector> read_group_numbers() {
+  std::vector<GroupNumberVector> out;
+  for (const Cells& c : read_table("group_numbers.txt", 7)) {
+    GroupNumberVector v;
+    v.name = c[0];
+    v.first_byte_bits = static_cast<unsigned>(std::stoul(c[1]));
+    v.is_signed = c[2] == "signed";
+    v.bytes = from_hex(c[3]);
+    v.magnitude = std::stoull(c[4]);
+    v.negative = c[5] == "yes";
+    v.written = c[6] == "=" ? v.bytes : from_hex(c[6]);
+    out.push_back(v);
+  }
+  return out;
+}
+
+}  // namespace
+
+const std::vector<ValueVector>& value_vectors() {
+  static const std::vector<ValueVector> rows = read_values();
+  return rows;
+}
+
+const std::vector<FaultVector>& fault_vectors() {
+  static const std::vector<FaultVector> rows = read_faults();
+  return rows;
+}
+
+const std::vector<FrameVector>& frame_vectors() {
+  static const std::vector<FrameVector> rows = read_frames();
+  return rows;
+}
+
+const std::vector<GroupNumberVector>& group_number_vectors() {
+  static const std::vector<GroupNumberVector> rows = read_group_numbers();
+  return rows;
+}
+
+std::string to_hex(const std::string& bytes) {
+  static const char digits[] = "0123456789ABCDEF";
+  std::string out;
+  for (const char c : bytes) {
+    if (!out.empty()) out += ' ';
+    out += digits[static_cast<uint8_t>(c) >> 4];
+    out += digits[static_cast<uint8_t>(c) & 15];
+  }
+  return out;
+}
+
+std::string from_hex(const std::string& text) {
+  std::string digits;
+  for (const char c : expand(text)) {
+    if (c != ' ') digits += c;
+  }
+  if (digits == "-") return "";
+  if (digits.size() % 2 != 0) throw std::runtime_error("odd number of digits: " + text);
+  std::string out;
+  for (size_t i = 0; i < digits.size(); i += 2) {
+    out += static_cast<char>(hex_digit(digits[i]) * 16 + hex_digit(digits[i + 1]));
+  }
+  return out;
+}
+
+std::vector<size_t> cuts(size_t length) {
+  constexpr size_t NEAR = 100;
+  std::vector<size_t> out;
+  for (size_t i = 0; i < length; ++i) {
+    if (i < NEAR || i + NEAR >= length) out.push_back(i);
+  }
+  return out;
+}
+
+std::ostream& operator<<(std::ostream& out, const ValueVector& v) { return out << "values.txt: " << v.name; }
+std::ostream& operator<<(std::ostream& out, const FaultVector& v) { return out << "faults.txt: " << v.name; }
+std::ostream& operator<<(std::ostream& out, const FrameVector& v) { return out << "frames.txt: " << v.name; }
+std::ostream& operator<<(std::ostream& out, const GroupNumberVector& v) {
+  return out << "group_numbers.txt: " << v.name;
+}
+
+}  // namespace vorn_test

@@ -1,0 +1,79 @@
+/// Reads the tables in test/vectors/, which the Ruby suite reads too. The form of the lines and the notation of
+/// values are described there.
+#pragma once
+
+#include <cstdint>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace vorn_test {
+
+/// The columns of values.txt, every `=` replaced by what it stands for.
+struct ValueVector {
+  std::string name;
+  std::string bytes;
+  std::string variant;             ///< notation, or "!fault"
+  std::string variant_as_strings;  ///< likewise
+  std::string variant_bytes;       ///< empty when `variant` is a fault
+};
+
+/// Those of faults.txt.
+struct FaultVector {
+  std::string name;
+  std::string bytes;
+  bool plain_buffer;  ///< payload column `all`
+  uint64_t payload;   ///< bytes of the payload
+  int32_t maxdepth;
+  std::string ruby;
+  uint64_t ruby_pos;
+  std::string variant;
+  uint64_t variant_pos;
+};
+
+/// Those of frames.txt.
+struct FrameVector {
+  std::string name;
+  std::string stream;
+  uint64_t consumed;
+  std::string state;
+  unsigned layout;  ///< 0: none yet
+  uint16_t seq;
+  uint32_t data_len;
+  std::string payload;
+  bool is_written;  ///< the outbound frame writes just the consumed bytes
+
+  bool is_complete() const { return state == "complete"; }
+  bool is_incomplete() const { return state == "incomplete"; }
+};
+
+/// Those of group_numbers.txt.
+struct GroupNumberVector {
+  std::string name;
+  unsigned first_byte_bits;
+  bool is_signed;
+  std::string bytes;
+  uint64_t magnitude;
+  bool negative;
+  std::string written;
+};
+
+const std::vector<ValueVector>& value_vectors();
+const std::vector<FaultVector>& fault_vectors();
+const std::vector<FrameVector>& frame_vectors();
+const std::vector<GroupNumberVector>& group_number_vectors();
+
+/// "A5 01" for the bytes, and back; the latter also takes "(3:00)" and "-".
+std::string to_hex(const std::string& bytes);
+std::string from_hex(const std::string& text);
+
+/// Where to cut bytes of this length: everywhere, or, when they are many, near both ends.
+std::vector<size_t> cuts(size_t length);
+
+// For gtest's messages and test names.
+std::ostream& operator<<(std::ostream& out, const ValueVector& v);
+std::ostream& operator<<(std::ostream& out, const FaultVector& v);
+std::ostream& operator<<(std::ostream& out, const FrameVector& v);
+std::ostream& operator<<(std::ostream& out, const GroupNumberVector& v);
+
+}  // namespace vorn_test

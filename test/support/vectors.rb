@@ -1,0 +1,71 @@
+# Reads the tables in test/vectors/, which the C++ suite reads too. The form of the lines and the notation of
+# values are described there.
+module Vectors
+  DIR = File.expand_path('../../vectors', __FILE__)
+
+  Value = Struct.new(:name, :bytes, :ruby, :ruby_as_strings, :ruby_bytes)
+  Fault = Struct.new(:name, :bytes, :payload, :maxdepth, :fault, :pos)
+  Frame = Struct.new(:name, :stream, :consumed, :state, :layout, :seq, :data_len, :payload, :written) do
+    def complete?
+      state == 'complete'
+    end
+  end
+
+  module_function
+
+  # What Ruby decodes and writes. `ruby` and `ruby_as_strings` are notation or "!fault"; `ruby_bytes` is nil
+  # when there is nothing to write.
+  def values
+    table('values.txt', 8).map do |name, bytes, ruby, as_strings, _, _, ruby_bytes, _|
+      raw = bytes(bytes)
+      preserved = expand(ruby)
+      strings = as_strings == '=' ? preserved.gsub('s:', 'u:') : expand(as_strings)
+      written = ruby_bytes == '=' ? raw : bytes(ruby_bytes)
+      Value.new(name, raw, preserved, strings, ruby_bytes == '-' ? nil : written)
+    end
+  end
+
+  # `payload` is nil for a plain buffer.
+  def faults
+    table('faults.txt', 8).map do |name, bytes, payload, maxdepth, fault, pos|
+      Fault.new(name, bytes(bytes), payload == 'all' ? nil : Integer(payload), Integer(maxdepth), fault,
+                Integer(pos))
+    end
+  end
+
+  def frames
+    table('frames.txt', 9).map do |name, stream, consumed, state, layout, seq, data_len, payload, out|
+      Frame.new(name, bytes(stream), Integer(consumed), state, layout == '-' ? nil : Integer(layout),
+                Integer(seq), Integer(data_len), bytes(payload), out == '=')
+    end
+  end
+
+  # Where to cut bytes of this length: everywhere, or, when they are many, near both ends.
+  def cuts(length)
+    (0...length).select { |i| i < 100 || i + 100 >= length }
+  end
+
+  # "(3:ab)" to "ababab".
+  def expand(text)
+    text.gsub(/\((\d+):([^()]*)\)/) { $2 * $1.to_i }
+  end
+
+  def bytes(text)
+    digits = expand(text).delete(' ')
+    return ''.b if digits == '-'
+    raise "no hexadecimal bytes: #{text}" unless digits =~ /\A([0-9A-F]{2})*\z/
+    [digits].pack('H*')
+  end
+
+  # The cells of each row, in order; cells left out are "=".
+  def table(file, columns)
+    rows = File.readlines(File.join(DIR, file)).map(&:strip)
+    rows = rows.reject { |line| line.empty? || line.start_with?('#') }
+    rows = rows.map { |line| line.split('|').map(&:strip) }
+    raise "#{file}: no rows" if rows.empty?
+    rows.each { |cells| raise "#{file}: too many cells: #{cells.first}" if cells.size > columns }
+    twice = rows.map(&:first).group_by { |name| name }.select { |_, all| all.size > 1 }.keys
+    raise "#{file}: names that occur twice: #{twice.join(', ')}" unless twice.empty?
+    rows.map { |cells| cells + ['='] * (columns - cells.size) }
+  end
+end
