@@ -1,5 +1,111 @@
-$LOAD_PATH.unshift(File.expand_path('../../../lib', __FILE__))
-$LOAD_PATH.unshift(File.expand_path('../..', __FILE__))
+# frozen_string_literal: true
 
-require 'minitest/autorun'
-require 'vorn_rpc_ext'
+# What every test of the extension starts from.
+#
+# VORN_GC sets how hard the collector works meanwhile:
+#
+#   normal   as in any program (default)
+#   major    a full collection around each test
+#   compact  live objects are moved around each test, where the interpreter can
+#   stress   a collection at every allocation inside encode() and decode()
+
+# Behind everything else: a build in its own folder comes first.
+%w[.. ../../lib].each do |relative|
+  folder = File.expand_path(relative, __dir__)
+  $LOAD_PATH.push(folder) unless $LOAD_PATH.include?(folder)
+end
+
+require "minitest/autorun"
+require "timeout"
+require "vorn_rpc_ext"
+
+module Bytes
+  module_function
+
+  # The bytes that "08 09" stands for.
+  def hex(text)
+    [text.delete(" ")].pack("H*")
+  end
+
+  # "08 09" for the bytes.
+  def to_hex(bytes)
+    bytes.unpack("H*")[0].scan(/../).join(" ")
+  end
+end
+
+module CollectorLevel
+  LEVEL = ENV.fetch("VORN_GC", "normal")
+  AROUND_TEST = {
+    "normal" => -> {},
+    "stress" => -> {},
+    "major" => -> { GC.start },
+    "compact" => -> { GC.respond_to?(:compact) ? GC.compact : GC.start }
+  }.fetch(LEVEL)
+
+  def self.under_stress
+    before = GC.stress
+    GC.stress = true
+    yield
+  ensure
+    GC.stress = before
+  end
+
+  def before_setup
+    super
+    AROUND_TEST.call
+  end
+
+  def after_teardown
+    AROUND_TEST.call
+    super
+  end
+end
+
+class ExtTest < Minitest::Test
+  include Bytes
+  include CollectorLevel
+  include VORN::PROTO
+
+  # A buffer that holds these bytes, at position 0.
+  def buf_of(bytes)
+    PacketBuf.new.write_raw(bytes).seek(0)
+  end
+
+  # All bytes that a buffer stores, whatever its position and its payload.
+  def stored(buf)
+    (0...2**20).each do |size|
+      buf.pos = size
+      return buf.to_str unless buf.index_within_payload?(size)
+    end
+  end
+
+  # The encoding of a value, as hex text.
+  def encode(obj)
+    to_hex(at_level { PacketBuf.new.write_object(obj).to_str })
+  end
+
+  # The value that hex text stands for. All of it must be used up.
+  def decode(text, options = {})
+    buf = buf_of(hex(text))
+    options.each { |name, value| buf.public_send("#{name}=", value) }
+    value = at_level { buf.extract_object }
+    assert_equal hex(text).size, buf.pos, "position behind the value"
+    value
+  end
+
+  def assert_raises_with(error, text, note = nil)
+    raised = assert_raises(error, note) { yield }
+    assert_equal [error, text], [raised.class, raised.message], note
+    raised
+  end
+
+  def assert_binary(expected, string)
+    assert_equal [expected.b, Encoding::BINARY], [string.b, string.encoding]
+  end
+
+  private
+
+  def at_level(&codec)
+    CollectorLevel::LEVEL == "stress" ? CollectorLevel.under_stress(&codec) : codec.call
+  end
+end
