@@ -10,9 +10,11 @@ std::atomic<int64_t> live{0};
 thread_local uint64_t allocated = 0;
 thread_local uint64_t allocated_bytes = 0;
 thread_local uint64_t until_failure = 0;  // 0: none is due
+thread_local size_t largest = SIZE_MAX;
 
 void* allocate(std::size_t size) {
   if (until_failure != 0 && --until_failure == 0) throw std::bad_alloc();
+  if (size > largest) throw std::bad_alloc();
   void* const block = std::malloc(size == 0 ? 1 : size);
   if (block == nullptr) throw std::bad_alloc();
   ++allocated;
@@ -46,5 +48,8 @@ int64_t live_allocations() { return live.load(std::memory_order_relaxed); }
 FailAllocation::FailAllocation(uint64_t nth) { until_failure = nth; }
 FailAllocation::~FailAllocation() { until_failure = 0; }
 bool FailAllocation::failed() const { return until_failure == 0; }
+
+LimitAllocations::LimitAllocations(size_t bytes) { largest = bytes; }
+LimitAllocations::~LimitAllocations() { largest = SIZE_MAX; }
 
 }  // namespace vorn_test

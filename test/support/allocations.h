@@ -35,4 +35,14 @@ class FailAllocation {
   bool failed() const;
 };
 
+/// While alive, allocations of this thread that ask for more than `bytes` throw std::bad_alloc, so that a test
+/// may ask for gigabytes. One at a time.
+class LimitAllocations {
+ public:
+  explicit LimitAllocations(size_t bytes);
+  ~LimitAllocations();
+  LimitAllocations(const LimitAllocations&) = delete;
+  LimitAllocations& operator=(const LimitAllocations&) = delete;
+};
+
 }  // namespace vorn_test

@@ -1,0 +1,227 @@
+#include "proto/packet_buf.h"
+
+#include <cstring>
+#include <limits>
+#include <new>
+#include <stdexcept>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "test/support/allocations.h"
+#include "test/support/guarded_bytes.h"
+
+namespace {
+
+using VORN::PROTO::PacketBuf;
+
+constexpr uint64_t MAX = std::numeric_limits<uint64_t>::max();
+
+void write(PacketBuf& buf, const std::string& bytes) { buf.write_bytes(bytes.data(), bytes.size()); }
+
+TEST(PacketBuf, IsEmptyAtFirst) {
+  const PacketBuf buf;
+  EXPECT_EQ(0U, buf.pos());
+  EXPECT_EQ("", buf.data());
+  EXPECT_EQ(0U, buf.payload_start());
+  EXPECT_EQ(0U, buf.payload_end());
+  EXPECT_EQ(0U, buf.payload_size());
+  EXPECT_FALSE(buf.index_within_payload(0));
+}
+
+TEST(PacketBuf, DoesNotAllocateWhileItStaysWithinItsFirstCapacity) {
+  PacketBuf buf;
+  const vorn_test::AllocationCount allocations;
+  const char* const storage = buf.data().data();
+  for (uint64_t i = 0; i < PacketBuf::INITIAL_CAPACITY; ++i) buf.write_byte(0x61);
+  EXPECT_EQ(0x10000U, buf.data().size());
+  EXPECT_EQ(storage, buf.data().data());
+  EXPECT_EQ(0U, allocations.count());
+}
+
+TEST(PacketBuf, GrowsByMoreThanItNeeds) {
+  PacketBuf buf;
+  const vorn_test::AllocationCount allocations;
+  for (uint64_t i = 0; i < 100 * PacketBuf::INITIAL_CAPACITY; ++i) buf.write_byte(0x61);
+  EXPECT_LE(allocations.count(), 10U);
+}
+
+TEST(PacketBuf, WriteByteAppends) {
+  PacketBuf buf;
+  for (unsigned b = 0; b < 256; ++b) buf.write_byte(static_cast<uint8_t>(b));
+  ASSERT_EQ(256U, buf.data().size());
+  EXPECT_EQ(256U, buf.pos());
+  for (unsigned b = 0; b < 256; ++b) EXPECT_EQ(b, static_cast<uint8_t>(buf.data()[b]));
+}
+
+TEST(PacketBuf, WritingOverwritesAndNeitherInsertsNorShrinks) {
+  PacketBuf buf;
+  write(buf, "abc");
+  EXPECT_EQ(3U, buf.pos());
+  buf.set_pos(1);
+  buf.write_byte('X');
+  EXPECT_EQ("aXc", buf.data());
+  EXPECT_EQ(2U, buf.pos());
+  buf.set_pos(0);
+  write(buf, "12");
+  EXPECT_EQ("12c", buf.data());
+  EXPECT_EQ(2U, buf.pos());
+  write(buf, "345");
+  EXPECT_EQ("12345", buf.data());
+  EXPECT_EQ(5U, buf.pos());
+}
+
+TEST(PacketBuf, ThePositionMayLieBeyondTheEndAndAWriteFillsTheGapWithZeros) {
+  PacketBuf buf;
+  buf.set_pos(10);
+  EXPECT_EQ(10U, buf.pos());
+  EXPECT_EQ("", buf.data());
+  write(buf, "x");
+  EXPECT_EQ(std::string(10, '\0') + "x", buf.data());
+  buf.set_pos(13);
+  buf.write_byte('y');
+  EXPECT_EQ(std::string(10, '\0') + "x" + std::string(2, '\0') + "y", buf.data());
+  EXPECT_EQ(14U, buf.pos());
+}
+
+TEST(PacketBuf, WritingNoBytesDoesNothing) {
+  PacketBuf buf;
+  buf.set_pos(10);
+  buf.write_bytes(nullptr, 0);
+  EXPECT_EQ(10U, buf.pos());
+  EXPECT_EQ("", buf.data());
+}
+
+TEST(PacketBuf, ResetMovesThePositionAndKeepsTheBytes) {
+  PacketBuf buf;
+  write(buf, "abc");
+  EXPECT_EQ(0U, buf.reset());
+  EXPECT_EQ(0U, buf.pos());
+  EXPECT_EQ("abc", buf.data());
+  EXPECT_EQ(3U, buf.payload_size());
+}
+
+TEST(PacketBuf, ThePayloadIsTheWholeBuffer) {
+  PacketBuf buf;
+  write(buf, "abc");
+  EXPECT_EQ(0U, buf.payload_start());
+  EXPECT_EQ(3U, buf.payload_end());
+  EXPECT_EQ(3U, buf.payload_size());
+  EXPECT_TRUE(buf.index_within_payload(0));
+  EXPECT_TRUE(buf.index_within_payload(2));
+  EXPECT_FALSE(buf.index_within_payload(3));
+  EXPECT_FALSE(buf.index_within_payload(MAX));
+}
+
+TEST(PacketBuf, ClaimMakesRoomAndHandsItOut) {
+  PacketBuf buf;
+  write(buf, "abc");
+  buf.set_pos(2);
+  char* const at = buf.claim(3);
+  EXPECT_EQ(buf.data().data() + 2, at);
+  EXPECT_EQ(std::string("abc\0\0", 5), buf.data());
+  EXPECT_EQ(5U, buf.pos());
+  buf.set_pos(5);
+  buf.claim(1);
+  EXPECT_EQ(6U, buf.data().size());
+}
+
+TEST(PacketBuf, ReadsNoByteBehindTheSource) {
+  const vorn_test::GuardedBytes source(std::string(5000, 's'));
+  for (size_t n = 0; n <= source.size(); ++n) {
+    PacketBuf buf;
+    buf.write_bytes(source.data() + source.size() - n, n);
+    ASSERT_EQ(std::string(n, 's'), buf.data());
+  }
+}
+
+// Each source range and position in a small buffer, both with room to spare and at the end of the capacity.
+TEST(PacketBuf, TheSourceMayBeItsOwnBytes) {
+  std::string text = "0123456789";
+  for (const uint64_t before : {uint64_t{0}, PacketBuf::INITIAL_CAPACITY - text.size()}) {
+    const std::string whole = std::string(before, '.') + text;
+    for (size_t from = 0; from < text.size(); ++from) {
+      for (size_t n = 1; from + n <= text.size(); ++n) {
+        for (size_t to = 0; to <= text.size() + 2; ++to) {
+          PacketBuf buf;
+          write(buf, whole);
+          buf.set_pos(before + to);
+          std::string expected = whole;
+          if (expected.size() < before + to + n) expected.resize(before + to + n);
+          expected.replace(before + to, n, text, from, n);
+          buf.write_bytes(buf.data().data() + before + from, n);
+          ASSERT_EQ(expected.substr(before), buf.data().substr(before)) << from << ' ' << n << ' ' << to;
+          ASSERT_EQ(before + to + n, buf.pos());
+        }
+      }
+    }
+  }
+}
+
+TEST(PacketBuf, DoublesItselfFromItsOwnBytes) {
+  PacketBuf buf;
+  write(buf, "ab");
+  for (int i = 0; i < 18; ++i) buf.write_bytes(buf.data().data(), buf.data().size());
+  ASSERT_EQ(uint64_t{2} << 18, buf.data().size());
+  for (size_t i = 0; i < buf.data().size(); ++i) ASSERT_EQ("ab"[i % 2], buf.data()[i]);
+}
+
+// Positions from which no write can succeed. Nothing is written and nothing moves.
+TEST(PacketBuf, AWriteThatNoStringCanHoldIsALengthError) {
+  for (const uint64_t pos : {uint64_t{1} << 63, MAX - 5, MAX - 1, MAX}) {
+    PacketBuf buf;
+    write(buf, "abc");
+    buf.set_pos(pos);
+    EXPECT_THROW(buf.write_byte(0x61), std::length_error);
+    EXPECT_THROW(write(buf, "x"), std::length_error);
+    EXPECT_THROW(write(buf, "123456789"), std::length_error);
+    EXPECT_THROW(buf.claim(MAX), std::length_error);
+    EXPECT_THROW(buf.write_bytes(buf.data().data(), 3), std::length_error);
+    EXPECT_EQ(pos, buf.pos());
+    EXPECT_EQ("abc", buf.data());
+    write(buf, "");
+    EXPECT_EQ(pos, buf.pos());
+  }
+}
+
+TEST(PacketBuf, AClaimThatNoStringCanHoldIsALengthError) {
+  PacketBuf buf;
+  write(buf, "abc");
+  for (const uint64_t n : {uint64_t{1} << 63, MAX - 3, MAX - 2, MAX}) {
+    EXPECT_THROW(buf.claim(n), std::length_error);
+    EXPECT_EQ(3U, buf.pos());
+    EXPECT_EQ("abc", buf.data());
+  }
+}
+
+TEST(PacketBuf, WithoutMemoryNothingIsWrittenAndNothingMoves) {
+  PacketBuf buf;
+  write(buf, "abc");
+  buf.set_pos(PacketBuf::INITIAL_CAPACITY);
+  const std::string large(100, 'x');
+  for (int how = 0; how < 4; ++how) {
+    const vorn_test::FailAllocation fail(1);
+    switch (how) {
+      case 0: EXPECT_THROW(buf.write_byte(0x61), std::bad_alloc); break;
+      case 1: EXPECT_THROW(write(buf, large), std::bad_alloc); break;
+      case 2: EXPECT_THROW(buf.claim(1), std::bad_alloc); break;
+      default: EXPECT_THROW(buf.write_bytes(buf.data().data(), 3), std::bad_alloc);
+    }
+    EXPECT_TRUE(fail.failed());
+    EXPECT_EQ(PacketBuf::INITIAL_CAPACITY, buf.pos());
+    EXPECT_EQ("abc", buf.data());
+  }
+  write(buf, large);
+  EXPECT_EQ(large, buf.data().substr(PacketBuf::INITIAL_CAPACITY));
+}
+
+TEST(PacketBuf, WithoutMemoryNoneIsMade) {
+  const int64_t before = vorn_test::live_allocations();
+  {
+    const vorn_test::FailAllocation fail(1);
+    EXPECT_THROW(PacketBuf(), std::bad_alloc);
+  }
+  EXPECT_EQ(before, vorn_test::live_allocations());
+}
+
+}  // namespace

@@ -1,0 +1,155 @@
+#include "proto/wire_writer.h"
+
+#include <limits>
+#include <new>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "test/support/allocations.h"
+#include "test/support/guarded_bytes.h"
+#include "test/support/vectors.h"
+
+namespace {
+
+using namespace VORN::PROTO;
+using vorn_test::from_hex;
+using vorn_test::to_hex;
+
+// What `write` puts into a buffer, in hex: appended, and once more over other bytes, where it must touch its
+// own and none behind them.
+template <typename Write>
+std::string written(Write write) {
+  PacketBuf fresh;
+  write(fresh);
+  EXPECT_EQ(fresh.data().size(), fresh.pos());
+  PacketBuf used;
+  const std::string old(fresh.pos() + 20, '\xEE');
+  used.write_bytes(old.data(), old.size());
+  used.set_pos(5);
+  write(used);
+  EXPECT_EQ(5 + fresh.pos(), used.pos());
+  EXPECT_EQ(old.substr(0, 5) + fresh.data() + old.substr(0, 15), used.data());
+  return to_hex(fresh.data());
+}
+
+std::string int_bytes(int64_t value) {
+  return written([value](PacketBuf& buf) { write_int(buf, value); });
+}
+
+TEST(WireWriter, Types) {
+  EXPECT_EQ("00", written([](PacketBuf& buf) { write_type(buf, PTT_NIL); }));
+  EXPECT_EQ("01", written([](PacketBuf& buf) { write_type(buf, PTT_FALSE); }));
+  EXPECT_EQ("02", written([](PacketBuf& buf) { write_type(buf, PTT_TRUE); }));
+  EXPECT_EQ("08", written([](PacketBuf& buf) { write_type(buf, PTT_HASH_START); }));
+  EXPECT_EQ("09", written([](PacketBuf& buf) { write_type(buf, PTT_HASH_END); }));
+  EXPECT_EQ("0A", written([](PacketBuf& buf) { write_type(buf, PTT_ARRAY_START); }));
+  EXPECT_EQ("0B", written([](PacketBuf& buf) { write_type(buf, PTT_ARRAY_END); }));
+  EXPECT_EQ(0x03, PTT_FLOAT);
+  EXPECT_EQ(0x04, PTT_DOUBLE);
+  EXPECT_EQ(0x05, PTT_BINSTR);
+  EXPECT_EQ(0x06, PTT_SYMBOL);
+  EXPECT_EQ(0x07, PTT_UTF8STR);
+}
+
+// The rows of values.txt that are integers and are written as they stand.
+TEST(WireWriter, IntegersOfTheTable) {
+  int rows = 0;
+  for (const auto& vector : vorn_test::value_vectors()) {
+    if (vector.variant.find_first_not_of("-0123456789") != std::string::npos) continue;
+    SCOPED_TRACE(vector.name);
+    EXPECT_EQ(to_hex(vector.variant_bytes), int_bytes(std::stoll(vector.variant)));
+    ++rows;
+  }
+  EXPECT_GE(rows, 40);
+}
+
+TEST(WireWriter, SizesOfIntegers) {
+  for (unsigned bits = 0; bits <= 64; ++bits) {
+    const uint64_t magnitude = bits == 0 ? 0 : ~uint64_t{0} >> (64 - bits);
+    const unsigned size = bits <= 5 ? 1 : 1 + (bits - 5 + 6) / 7;
+    EXPECT_EQ(size, group_number_size(magnitude, INT_SHAPE)) << bits;
+    if (bits > 0) {
+      EXPECT_EQ(size, group_number_size(uint64_t{1} << (bits - 1), INT_SHAPE)) << bits;
+    }
+    const unsigned length_size = bits <= 7 ? 1 : (bits + 6) / 7;
+    EXPECT_EQ(length_size, group_number_size(magnitude, LENGTH_SHAPE)) << bits;
+  }
+}
+
+TEST(WireWriter, GroupNumbersOfTheTable) {
+  for (const auto& vector : vorn_test::group_number_vectors()) {
+    SCOPED_TRACE(vector.name);
+    const GroupShape shape{vector.first_byte_bits, vector.is_signed};
+    EXPECT_EQ(to_hex(vector.written), written([&](PacketBuf& buf) {
+                write_group_number(buf, vector.magnitude, vector.negative, shape);
+              }));
+    EXPECT_EQ(vector.written.size(), group_number_size(vector.magnitude, shape));
+  }
+}
+
+TEST(WireWriter, ASignIsDroppedWhereTheShapeHasNone) {
+  EXPECT_EQ("05", written([](PacketBuf& buf) { write_group_number(buf, 5, true, LENGTH_SHAPE); }));
+}
+
+TEST(WireWriter, Doubles) {
+  EXPECT_EQ("04 3F F8 00 00 00 00 00 00", written([](PacketBuf& buf) { write_double(buf, 1.5); }));
+  EXPECT_EQ("04 80 00 00 00 00 00 00 00", written([](PacketBuf& buf) { write_double(buf, -0.0); }));
+  EXPECT_EQ("04 3F B9 99 99 99 99 99 9A", written([](PacketBuf& buf) { write_double(buf, 0.1); }));
+  EXPECT_EQ("04 FF F0 00 00 00 00 00 00", written([](PacketBuf& buf) {
+              write_double(buf, -std::numeric_limits<double>::infinity());
+            }));
+}
+
+TEST(WireWriter, Floats) {
+  EXPECT_EQ("03 3F C0 00 00", written([](PacketBuf& buf) { write_float(buf, 1.5F); }));
+  EXPECT_EQ("03 80 00 00 00", written([](PacketBuf& buf) { write_float(buf, -0.0F); }));
+  EXPECT_EQ("03 3D CC CC CD", written([](PacketBuf& buf) { write_float(buf, 0.1F); }));
+}
+
+TEST(WireWriter, Strings) {
+  EXPECT_EQ("05 03 61 62 63", written([](PacketBuf& buf) { write_binstr(buf, "abc", 3); }));
+  EXPECT_EQ("06 03 61 62 63", written([](PacketBuf& buf) { write_symbol(buf, "abc", 3); }));
+  EXPECT_EQ("07 03 61 62 63", written([](PacketBuf& buf) { write_utf8str(buf, "abc", 3); }));
+  EXPECT_EQ("07 03 61 00 62", written([](PacketBuf& buf) { write_utf8str(buf, "a\0b", 3); }));
+}
+
+TEST(WireWriter, EmptyStringsNeedNoBytesAtAll) {
+  EXPECT_EQ("05 00", written([](PacketBuf& buf) { write_binstr(buf, nullptr, 0); }));
+  EXPECT_EQ("06 00", written([](PacketBuf& buf) { write_symbol(buf, nullptr, 0); }));
+  EXPECT_EQ("07 00", written([](PacketBuf& buf) { write_utf8str(buf, nullptr, 0); }));
+}
+
+TEST(WireWriter, StringsOfManyLengths) {
+  const struct {
+    uint32_t length;
+    const char* prefix;
+  } rows[] = {{127, "7F"}, {128, "80 01"}, {16383, "FF 7F"}, {16384, "80 80 01"}, {70000, "F0 A2 04"}};
+  for (const auto& row : rows) {
+    const vorn_test::GuardedBytes bytes(std::string(row.length, 'z'));
+    EXPECT_EQ(to_hex(from_hex(std::string("07") + row.prefix) + std::string(row.length, 'z')),
+              written([&](PacketBuf& buf) { write_utf8str(buf, bytes.data(), row.length); }));
+  }
+}
+
+TEST(WireWriter, WithoutMemoryNothingIsWrittenAndNothingMoves) {
+  PacketBuf buf;
+  const std::string old(PacketBuf::INITIAL_CAPACITY, 'o');
+  buf.write_bytes(old.data(), old.size());
+  buf.set_pos(old.size() - 1);
+  const std::string bytes(300, 'b');
+  for (int what = 0; what < 5; ++what) {
+    const vorn_test::FailAllocation fail(1);
+    switch (what) {
+      case 0: EXPECT_THROW(write_int(buf, 1000), std::bad_alloc); break;
+      case 1: EXPECT_THROW(write_double(buf, 1), std::bad_alloc); break;
+      case 2: EXPECT_THROW(write_float(buf, 1), std::bad_alloc); break;
+      case 3: EXPECT_THROW(write_utf8str(buf, bytes.data(), 300), std::bad_alloc); break;
+      default: EXPECT_THROW(write_group_number(buf, 1000, false, LENGTH_SHAPE), std::bad_alloc);
+    }
+    EXPECT_EQ(old.size() - 1, buf.pos());
+    EXPECT_EQ(old, buf.data());
+  }
+}
+
+}  // namespace
