@@ -1,0 +1,18 @@
+#include "proto/packet_buf.h"
+#include "vobject/vobject.h"
+
+namespace VORN {
+
+VObject& deep_copy(const VObject& source, VObject& target) {
+  constexpr uint32_t MAXDEPTH = 64;
+  // What the target held is kept to the end: the source may be part of it.
+  const VObject old(std::move(target.target()));
+  PROTO::PacketBuf buf;
+  source.serialize(buf, MAXDEPTH);
+  const uint64_t end = buf.pos();
+  buf.set_pos(0);
+  VObject::deserialize(buf, end, target, false, MAXDEPTH);
+  return target;
+}
+
+}  // namespace VORN

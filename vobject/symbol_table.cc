@@ -1,0 +1,54 @@
+#include "vobject/symbol_table.h"
+
+#include <memory>
+
+namespace VORN {
+
+namespace {
+
+/// Makes the table when the library is loaded, unless someone needed it before.
+[[maybe_unused]] const SymbolTable& made_at_load = SymbolTable::instance();
+
+}  // namespace
+
+SymbolTable& SymbolTable::instance() {
+  static SymbolTable table;
+  return table;
+}
+
+uint32_t SymbolTable::intern(const string_ref& name) {
+  const Lock lock(lock_);
+  const auto known = symbol_ids_.find(name);
+  return known != symbol_ids_.end() ? known->second : create_symbol(name);
+}
+
+/// REQUIRES: the lock is held and the name is new.
+uint32_t SymbolTable::create_symbol(const string_ref& name) {
+  const uint32_t id = next_id_;
+  auto text = std::make_unique<VObjectString>(name.data(), name.length());
+  const auto entry = symbol_ids_.emplace(string_ref::make_static(text->data(), text->size()), id).first;
+  try {
+    symbol_names_[id] = text.get();
+  } catch (...) {
+    symbol_ids_.erase(entry);
+    throw;
+  }
+  text.release();  // NOLINT(bugprone-unused-return-value): the name lives on, owned by nobody
+  ++next_id_;
+  return id;
+}
+
+bool SymbolTable::find_name(uint32_t id, VObjectString*& name) {
+  const Lock lock(lock_);
+  const auto entry = symbol_names_.find(id);
+  if (entry == symbol_names_.end()) return false;
+  name = entry->second;
+  return true;
+}
+
+VObjectString* SymbolTable::name_or_null(uint32_t id) {
+  const Lock lock(lock_);
+  return name_slot(id);
+}
+
+}  // namespace VORN

@@ -1,0 +1,189 @@
+/// Reading a value takes two passes over its bytes: scan_value() checks it and counts the elements of its
+/// arrays, the functions below build it. The building pass trusts the counts only as hints and keeps every
+/// check of bounds.
+#include <algorithm>
+#include <boost/make_shared.hpp>
+#include <string_view>
+
+#include "proto/value_wire.h"
+#include "proto/vorn_runtime_error.h"
+#include "vobject/vobject.h"
+
+namespace VORN {
+
+using namespace PROTO;
+
+namespace {
+
+[[noreturn]] void fail(ValueFault fault) {
+  switch (fault) {
+    case ValueFault::max_depth: throw VornRuntimeError("VObject::deserialize: maxdepth exceeded");
+    case ValueFault::underrun: throw VornRuntimeError("VObject::deserialize: buffer underrun");
+    case ValueFault::underrun_int:
+      throw VornRuntimeError("VObject::deserialize: buffer underrun decoding integer");
+    case ValueFault::underrun_length:
+      throw VornRuntimeError("VObject::deserialize_str: buffer underrun decoding data length");
+    case ValueFault::underrun_string:
+      throw VornRuntimeError("VObject::deserialize_str: buffer underrun extracting data bytes");
+    case ValueFault::underrun_float: throw VornRuntimeError("VObject::deserialize_float: buffer underrun");
+    case ValueFault::underrun_double: throw VornRuntimeError("VObject::deserialize_double: buffer underrun");
+    case ValueFault::underrun_hash: throw VornRuntimeError("VObject::deserialize_hash: buffer underrun");
+    case ValueFault::underrun_array: throw VornRuntimeError("VObject::deserialize_array: buffer underrun");
+    case ValueFault::unknown_type:
+    case ValueFault::none: break;
+  }
+  throw VornRuntimeError("VObject::deserialize: unrecognized protocol transport type");
+}
+
+[[noreturn]] void fail_key_not_string() {
+  throw VornRuntimeError("VObject::deserialize_hash: only hash keys of type string are supported");
+}
+
+/// A read cursor that moves the buffer's position to where reading stops, however that comes about.
+class CommittedReader : public WireReader {
+ public:
+  explicit CommittedReader(PacketBuf& buf) : WireReader(buf), buf_(buf) {}
+  ~CommittedReader() { commit(buf_); }
+  CommittedReader(const CommittedReader&) = delete;
+  CommittedReader& operator=(const CommittedReader&) = delete;
+
+ private:
+  PacketBuf& buf_;
+};
+
+/// A string's bytes, behind its type byte. They lie in the buffer.
+std::string_view read_str(WireReader& in) {
+  uint32_t length;
+  if (!in.read_length(length)) fail(ValueFault::underrun_length);
+  if (length == 0) return {};
+  if (length > in.limit() - in.pos()) fail(ValueFault::underrun_string);
+  const std::string_view bytes(in.bytes(), length);
+  in.skip(length);
+  return bytes;
+}
+
+}  // namespace
+
+struct VObject::DeserializeContext {
+  WireReader& in;
+  const uint64_t value_end;  ///< no value, member or end mark starts from here on
+  const bool symbols_as_strings;
+  const int32_t maxdepth;
+  int32_t depth;
+  ArrayCounts& array_counts;
+
+  bool at_end() const { return in.pos() >= value_end; }
+
+  /// Whether the next value is a string, and so may be a key.
+  bool at_str() const {
+    const uint8_t type = in.peek();
+    return type == PTT_BINSTR || type == PTT_UTF8STR || (type == PTT_SYMBOL && symbols_as_strings);
+  }
+};
+
+void VObject::deserialize(PacketBuf& buf, uint64_t end, VObject& out, bool symbols_as_strings,
+                          uint32_t maxdepth) {
+  const int32_t limit = static_cast<int32_t>(maxdepth);
+  ArrayCounts counts;
+  WireReader scanner(buf);
+  // The bytes of strings are checked when they are taken: this pass skips them.
+  const ValueFault fault = scan_value(scanner, {limit, end, UINT64_MAX}, counts);
+  if (fault != ValueFault::none) {
+    scanner.commit(buf);
+    fail(fault);
+  }
+  CommittedReader in(buf);
+  DeserializeContext ctx{in, std::min(end, in.limit()), symbols_as_strings, limit, 0, counts};
+  deserialize(ctx, out);
+}
+
+void VObject::deserialize(DeserializeContext& ctx, VObject& out) {
+  WireReader& in = ctx.in;
+  if (++ctx.depth > ctx.maxdepth) fail(ValueFault::max_depth);
+  if (ctx.at_end()) fail(ValueFault::underrun);
+  out.put_inline(DT_NIL, 0);
+  const uint8_t type = in.peek();
+  if (type >= PTT_INT) {
+    int64_t value;
+    const bool complete = in.read_int(value);
+    out.put_inline(DT_INT, word_of(value));
+    if (!complete) fail(ValueFault::underrun_int);
+  } else {
+    in.skip(1);
+    switch (type) {
+      case PTT_NIL: break;
+      case PTT_FALSE: out.put_inline(DT_BOOL, 0); break;
+      case PTT_TRUE: out.put_inline(DT_BOOL, 1); break;
+      case PTT_FLOAT: deserialize_float(ctx, out); break;
+      case PTT_DOUBLE: deserialize_double(ctx, out); break;
+      case PTT_BINSTR:
+      case PTT_UTF8STR: deserialize_str(ctx, out); break;
+      case PTT_SYMBOL:
+        deserialize_str(ctx, out);
+        if (!ctx.symbols_as_strings) out.intern();
+        break;
+      case PTT_HASH_START: deserialize_hash(ctx, out); break;
+      case PTT_ARRAY_START: deserialize_array(ctx, out); break;
+      default: fail(ValueFault::unknown_type);
+    }
+  }
+  --ctx.depth;
+}
+
+void VObject::deserialize_hash(DeserializeContext& ctx, VObject& out) {
+  WireReader& in = ctx.in;
+  out.reset_hash();
+  VObjectHash& hash = out.as_hash();
+  for (;;) {
+    if (ctx.at_end()) fail(ValueFault::underrun_hash);
+    if (in.peek() == PTT_HASH_END) {
+      in.skip(1);
+      return;
+    }
+    if (!ctx.at_str()) {
+      VObject key;
+      deserialize(ctx, key);
+      fail_key_not_string();
+    }
+    if (ctx.depth >= ctx.maxdepth) fail(ValueFault::max_depth);
+    in.skip(1);
+    const std::string_view key = read_str(in);
+    // Keys mostly come in their order, so each is tried behind the last.
+    const auto element = hash.try_emplace(hash.end(), string_ref(key.data(), key.size()));
+    deserialize(ctx, element->second);
+  }
+}
+
+void VObject::deserialize_array(DeserializeContext& ctx, VObject& out) {
+  WireReader& in = ctx.in;
+  out.reset_vector(ctx.array_counts.next());
+  VObjectVector& elements = out.as_vec();
+  while (!ctx.at_end()) {
+    if (in.peek() == PTT_ARRAY_END) {
+      in.skip(1);
+      return;
+    }
+    elements.emplace_back();
+    deserialize(ctx, elements.back());
+  }
+  fail(ValueFault::underrun_array);
+}
+
+void VObject::deserialize_str(DeserializeContext& ctx, VObject& out) {
+  const std::string_view bytes = read_str(ctx.in);
+  out.put_shared(DT_STR, boost::make_shared<VObjectString>(bytes.data(), bytes.size()));
+}
+
+void VObject::deserialize_float(DeserializeContext& ctx, VObject& out) {
+  float value;
+  if (!ctx.in.read_float(value)) fail(ValueFault::underrun_float);
+  out.put_inline(DT_DOUBLE, word_of(double{value}));
+}
+
+void VObject::deserialize_double(DeserializeContext& ctx, VObject& out) {
+  double value;
+  if (!ctx.in.read_double(value)) fail(ValueFault::underrun_double);
+  out.put_inline(DT_DOUBLE, word_of(value));
+}
+
+}  // namespace VORN

@@ -1,0 +1,85 @@
+#include <cmath>
+
+#include "vobject/vobject.h"
+
+namespace VORN {
+
+bool VObject::diff(const VObject& a, VObject& out, const VObject& b, bool& structural, int parent_tag,
+                   double epsilon) {
+  // What `out` held is kept to the end: a and b may be part of it.
+  const VObject old(std::move(out.target()));
+  structural = false;
+  return diff_into(a.target(), out, b.target(), structural, parent_tag, epsilon);
+}
+
+bool VObject::diff(const VObject& a, VObject& out, const VObject& b, int parent_tag, double epsilon) {
+  bool structural;
+  return diff(a, out, b, structural, parent_tag, epsilon);
+}
+
+/// REQUIRES: neither a nor b is a reference.
+bool VObject::diff_into(const VObject& a, VObject& out, const VObject& b, bool& structural, int parent_tag,
+                        double epsilon) {
+  if (a.tag_ != b.tag_) {
+    out = b;
+    return true;
+  }
+  if (a == b) return false;
+  switch (a.tag_) {
+    case DT_DOUBLE:
+      // No patch for NaN: every comparison with the distance is false.
+      if (!(std::fabs(a.as_double() - b.as_double()) > epsilon)) return false;
+      out = b;
+      return true;
+
+    case DT_HASH: {
+      const VObjectHash& from = a.as_hash();
+      const VObjectHash& to = b.as_hash();
+      out.reset_hash();
+      VObjectHash& patch = out.gethash();
+      for (const auto& [key, value] : to) {
+        const auto found = from.find(key);
+        if (found == from.end()) {
+          patch.try_emplace(patch.end(), key)->second = value;
+          continue;
+        }
+        VObject change;
+        if (diff_into(found->second.target(), change, value.target(), structural, DT_HASH, epsilon)) {
+          patch.try_emplace(patch.end(), key)->second = std::move(change);
+        }
+      }
+      if (parent_tag == DT_VECTOR && !patch.empty()) structural = true;
+      for (const auto& member : from) {
+        if (to.find(member.first) == to.end()) structural = true;
+      }
+      return true;
+    }
+
+    case DT_VECTOR: {
+      const VObjectVector& from = a.as_vec();
+      const VObjectVector& to = b.as_vec();
+      out.reset_vector(to.size());
+      VObjectVector& patch = out.getvec();
+      for (size_t i = 0; i < to.size(); ++i) {
+        if (i >= from.size()) {
+          patch.push_back(to[i]);
+          continue;
+        }
+        patch.emplace_back();
+        const VObject& value = to[i].target();
+        if (diff_into(from[i].target(), patch.back(), value, structural, DT_VECTOR, epsilon)) continue;
+        // An element that merges into its counterpart without a change.
+        switch (value.tag_) {
+          case DT_HASH: patch.back().reset_hash(); break;
+          case DT_VECTOR: patch.back().reset_vector(0); break;
+          default: patch.back() = to[i]; break;
+        }
+      }
+      return true;
+    }
+
+    default: out = b; return true;
+  }
+}
+
+}  // namespace VORN
