@@ -59,6 +59,8 @@ end
 
 have_func("rb_gc_adjust_memory_usage", "ruby.h")           # since 2.4
 have_func("rb_ext_ractor_safe", "ruby.h")                  # since 3.0
+have_func("rb_enc_interned_str", "ruby/encoding.h")       # since 3.0
+have_func("rb_hash_bulk_insert", "ruby.h")                # in the public headers since 2.7
 $defs << "-DVORN_RUBY_HAS_TYPED_CALLBACKS" unless ruby_before?("2.7") # <ruby/backward/cxxanyargs.hpp>
 $defs << "-DVORN_RUBY_TAINTS" if ruby_before?("2.7")       # later the calls remain and do nothing
 

@@ -29,7 +29,7 @@ NativeFailure describe_native_failure(const char* format, const char* what) noex
 
 /// Runs `work` and returns its result. A VornException becomes RuntimeError with its text, any other standard
 /// exception "C++ exception: ...", anything else "unknown C++ exception in vorn-rpc-ext".
-/// REQUIRES: no Ruby call inside `work` can jump.
+/// A Ruby jump may leave `work`. REQUIRES: nothing in the frames that it skips needs destruction.
 template <typename Work>
 auto native_guard(Work&& work) -> decltype(work()) {
   using Result = decltype(work());

@@ -1,5 +1,6 @@
 #include "ext/object_decoder.h"
 
+#include "ext/hash_entries.h"
 #include "ext/native_guard.h"
 #include "proto/value_wire.h"
 
@@ -13,12 +14,15 @@ using PROTO::PacketBuf;
 using PROTO::ValueFault;
 using PROTO::WireReader;
 
+int binary_index;
+int utf8_index;
+
 struct DecodeContext {
   const PacketBuf& buf;
   WireReader& in;
   ArrayCounts& counts;
   const DecodeOptions options;
-  int32_t depth;
+  HashKeys& keys;
 };
 
 const char* fault_text(ValueFault fault) {
@@ -46,96 +50,146 @@ const char* fault_text(ValueFault fault) {
 }
 
 // The building pass checks every bound again: a Hash key's `hash` method may have changed the buffer since the
-// checking pass. It allocates nothing native and throws nothing.
+// checking pass. It allocates nothing native and throws nothing. `depth` counts the levels around a value, itself
+// included.
 
-VALUE decode_next_packetbuf_rbobj(DecodeContext& ctx);
+// Members are gathered on the machine stack, where the collector finds them, and go into their container by the
+// dozen.
+constexpr int BATCH = 32;
 
-VALUE decode_next_packetbuf_rbstr(DecodeContext& ctx, rb_encoding* encoding) {
-  uint32_t length;
+// Scalars are read in the loops over their containers, without a call for each.
+[[gnu::noinline]] VALUE decode_packetbuf_rbarray(DecodeContext& ctx, int32_t depth);
+[[gnu::noinline]] VALUE decode_packetbuf_rbhash(DecodeContext& ctx, int32_t depth);
+
+/// Reads a string's length and steps over its bytes, which are returned.
+inline const char* read_string_bytes(DecodeContext& ctx, uint32_t& length) {
   if (!ctx.in.read_length(length)) raise_fault(ValueFault::underrun_length);
   // The bound is the end of the data, not that of the payload.
   if (length > 0 && ctx.in.pos() + (length - 1) >= ctx.in.data_len()) raise_fault(ValueFault::underrun_string);
-  const VALUE str = taint(rb_enc_str_new(length > 0 ? ctx.in.bytes() : "", static_cast<long>(length), encoding));
+  const char* const bytes = length > 0 ? ctx.in.bytes() : "";
   ctx.in.skip(length);
-  return str;
+  return bytes;
 }
 
-VALUE decode_packetbuf_rbhash(DecodeContext& ctx) {
-  const VALUE hash = rb_hash_new();
-  while (ctx.in.readable()) {
-    if (ctx.in.peek() == PROTO::PTT_HASH_END) {
-      ctx.in.skip(1);
-      return hash;
-    }
-    const VALUE key = decode_next_packetbuf_rbobj(ctx);
-    const VALUE value = decode_next_packetbuf_rbobj(ctx);
-    rb_hash_aset(hash, key, value);
-    ctx.in.resync(ctx.buf);
-  }
-  raise_fault(ValueFault::underrun_hash);
+inline VALUE decode_next_packetbuf_rbstr(DecodeContext& ctx, int encoding_index) {
+  uint32_t length;
+  const char* const bytes = read_string_bytes(ctx, length);
+  const VALUE str = rb_str_new(bytes, static_cast<long>(length));
+  // The object is new and its encoding one of those kept in its flags: no need to go through rb_enc_associate().
+  ENCODING_SET_INLINED(str, encoding_index);
+  return taint(str);
 }
 
-VALUE decode_packetbuf_rbarray(DecodeContext& ctx) {
-  const VALUE array = rb_ary_new_capa(static_cast<long>(ctx.counts.next()));
-  while (ctx.in.readable()) {
-    if (ctx.in.peek() == PROTO::PTT_ARRAY_END) {
-      ctx.in.skip(1);
-      return array;
-    }
-    rb_ary_push(array, decode_next_packetbuf_rbobj(ctx));
+[[gnu::always_inline]] inline VALUE decode_next_packetbuf_rbobj(DecodeContext& ctx, int32_t depth) {
+  if (depth > ctx.options.maxdepth) raise_fault(ValueFault::max_depth);
+  if (!ctx.in.readable()) raise_fault(ValueFault::underrun);
+  const uint8_t type = ctx.in.peek();
+  if (type >= PROTO::PTT_INT) {
+    int64_t value;
+    if (!ctx.in.read_int(value)) raise_fault(ValueFault::underrun_int);
+    return LL2NUM(value);
   }
-  raise_fault(ValueFault::underrun_array);
+  ctx.in.skip(1);
+  switch (type) {
+    case PROTO::PTT_NIL: return Qnil;
+    case PROTO::PTT_FALSE: return Qfalse;
+    case PROTO::PTT_TRUE: return Qtrue;
+    case PROTO::PTT_FLOAT: {
+      float value;
+      if (!ctx.in.read_float(value)) raise_fault(ValueFault::underrun_float);
+      return DBL2NUM(value);
+    }
+    case PROTO::PTT_DOUBLE: {
+      double value;
+      if (!ctx.in.read_double(value)) raise_fault(ValueFault::underrun_double);
+      return DBL2NUM(value);
+    }
+    case PROTO::PTT_BINSTR: return decode_next_packetbuf_rbstr(ctx, binary_index);
+    case PROTO::PTT_UTF8STR: return decode_next_packetbuf_rbstr(ctx, utf8_index);
+    case PROTO::PTT_SYMBOL: {
+      const VALUE name = decode_next_packetbuf_rbstr(ctx, utf8_index);
+      return ctx.options.preserve_symbols ? rb_str_intern(name) : name;
+    }
+    case PROTO::PTT_HASH_START: return decode_packetbuf_rbhash(ctx, depth);
+    case PROTO::PTT_ARRAY_START: return decode_packetbuf_rbarray(ctx, depth);
+    default: raise_fault(ValueFault::unknown_type);
+  }
 }
 
 // Within the default limit the machine stack is deep enough; a larger one is the caller's word, and the bytes
 // are a stranger's.
 constexpr int32_t UNCHECKED_DEPTH = 64;
 
-VALUE decode_next_packetbuf_rbobj(DecodeContext& ctx) {
-  if (++ctx.depth > ctx.options.maxdepth) raise_fault(ValueFault::max_depth);
-  if (ctx.depth > UNCHECKED_DEPTH && ruby_stack_check()) rb_raise(rb_eSysStackError, "stack level too deep");
-  if (!ctx.in.readable()) raise_fault(ValueFault::underrun);
-  const uint8_t type = ctx.in.peek();
-  VALUE result = Qnil;
-  if (type >= PROTO::PTT_INT) {
-    int64_t value;
-    if (!ctx.in.read_int(value)) raise_fault(ValueFault::underrun_int);
-    result = LL2NUM(value);
-  } else {
-    ctx.in.skip(1);
-    switch (type) {
-      case PROTO::PTT_NIL: break;
-      case PROTO::PTT_FALSE: result = Qfalse; break;
-      case PROTO::PTT_TRUE: result = Qtrue; break;
-      case PROTO::PTT_FLOAT: {
-        float value;
-        if (!ctx.in.read_float(value)) raise_fault(ValueFault::underrun_float);
-        result = DBL2NUM(value);
-        break;
-      }
-      case PROTO::PTT_DOUBLE: {
-        double value;
-        if (!ctx.in.read_double(value)) raise_fault(ValueFault::underrun_double);
-        result = DBL2NUM(value);
-        break;
-      }
-      case PROTO::PTT_BINSTR: result = decode_next_packetbuf_rbstr(ctx, rb_ascii8bit_encoding()); break;
-      case PROTO::PTT_UTF8STR: result = decode_next_packetbuf_rbstr(ctx, rb_utf8_encoding()); break;
-      case PROTO::PTT_SYMBOL:
-        result = decode_next_packetbuf_rbstr(ctx, rb_utf8_encoding());
-        if (ctx.options.preserve_symbols) result = rb_str_intern(result);
-        break;
-      case PROTO::PTT_HASH_START: result = decode_packetbuf_rbhash(ctx); break;
-      case PROTO::PTT_ARRAY_START: result = decode_packetbuf_rbarray(ctx); break;
-      default: raise_fault(ValueFault::unknown_type);
+inline void check_machine_stack(int32_t depth) {
+  if (depth > UNCHECKED_DEPTH && ruby_stack_check()) rb_raise(rb_eSysStackError, "stack level too deep");
+}
+
+VALUE decode_packetbuf_rbarray(DecodeContext& ctx, int32_t depth) {
+  check_machine_stack(depth);
+  const uint32_t count = ctx.counts.next();
+  VALUE batch[BATCH];
+  int gathered = 0;
+  VALUE array = count > BATCH ? rb_ary_new_capa(static_cast<long>(count)) : Qnil;
+  while (ctx.in.readable()) {
+    if (ctx.in.peek() == PROTO::PTT_ARRAY_END) {
+      ctx.in.skip(1);
+      return NIL_P(array) ? rb_ary_new_from_values(gathered, batch) : rb_ary_cat(array, batch, gathered);
+    }
+    if (gathered == BATCH) {
+      if (NIL_P(array)) array = rb_ary_new();
+      rb_ary_cat(array, batch, gathered);
+      gathered = 0;
+    }
+    batch[gathered++] = decode_next_packetbuf_rbobj(ctx, depth + 1);
+  }
+  raise_fault(ValueFault::underrun_array);
+}
+
+/// A Hash's key: String keys as the Hash would keep them, anything else as it is.
+inline VALUE decode_key(DecodeContext& ctx, int32_t depth) {
+  if (HashKeys::INTERNED && depth <= ctx.options.maxdepth && ctx.in.readable()) {
+    const uint8_t type = ctx.in.peek();
+    const bool string = type == PROTO::PTT_UTF8STR || type == PROTO::PTT_BINSTR ||
+                        (type == PROTO::PTT_SYMBOL && !ctx.options.preserve_symbols);
+    if (string) {
+      ctx.in.skip(1);
+      uint32_t length;
+      const char* const bytes = read_string_bytes(ctx, length);
+      return ctx.keys.interned(bytes, length, type == PROTO::PTT_BINSTR ? binary_index : utf8_index);
     }
   }
-  --ctx.depth;
-  return result;
+  return decode_next_packetbuf_rbobj(ctx, depth);
+}
+
+VALUE decode_packetbuf_rbhash(DecodeContext& ctx, int32_t depth) {
+  check_machine_stack(depth);
+  const VALUE hash = rb_hash_new();
+  VALUE batch[BATCH];
+  int gathered = 0;
+  const auto store = [&] {
+    store_hash_entries(hash, batch, gathered);
+    gathered = 0;
+    ctx.in.resync(ctx.buf);  // a key's `hash` or `eql?` may have written to the buffer
+  };
+  while (ctx.in.readable()) {
+    if (ctx.in.peek() == PROTO::PTT_HASH_END) {
+      ctx.in.skip(1);
+      if (gathered > 0) store();
+      return hash;
+    }
+    if (gathered == BATCH) {
+      store();
+      continue;
+    }
+    batch[gathered] = decode_key(ctx, depth + 1);
+    batch[gathered + 1] = decode_next_packetbuf_rbobj(ctx, depth + 1);
+    gathered += 2;
+  }
+  raise_fault(ValueFault::underrun_hash);
 }
 
 VALUE build(VALUE arg) {
-  return decode_next_packetbuf_rbobj(*reinterpret_cast<DecodeContext*>(arg));
+  return decode_next_packetbuf_rbobj(*reinterpret_cast<DecodeContext*>(arg), 1);
 }
 
 struct Outcome {
@@ -154,7 +208,8 @@ Outcome decode(PacketBuf& buf, DecodeOptions options, bool scan_only) {
   outcome.fault = PROTO::scan_value(in, rules, counts);
   if (outcome.fault == ValueFault::none && !scan_only) {
     in = start;
-    DecodeContext ctx{buf, in, counts, options, 0};
+    HashKeys keys;
+    DecodeContext ctx{buf, in, counts, options, keys};
     outcome.result = rb_protect(build, reinterpret_cast<VALUE>(&ctx), &outcome.jump_state);
   }
   in.commit(buf);
@@ -168,6 +223,11 @@ VALUE deserialize_packetbuf_single_rbobj(PacketBuf& buf, DecodeOptions options, 
   if (outcome.jump_state != 0) rb_jump_tag(outcome.jump_state);
   if (outcome.fault != ValueFault::none) raise_fault(outcome.fault);
   return outcome.result;
+}
+
+void init_object_decoder() {
+  binary_index = rb_ascii8bit_encindex();
+  utf8_index = rb_utf8_encindex();
 }
 
 }  // namespace EXT

@@ -23,5 +23,8 @@ struct DecodeOptions {
 /// REQUIRES: the caller keeps the buffer's Ruby object alive.
 VALUE deserialize_packetbuf_single_rbobj(PROTO::PacketBuf& buf, DecodeOptions options, bool scan_only_result);
 
+/// Called once by Init.
+void init_object_decoder();
+
 }  // namespace EXT
 }  // namespace VORN

@@ -18,33 +18,27 @@ int utf8_index;
 struct SerializeContext {
   PacketBuf& buf;
   const int32_t maxdepth;
-  int32_t depth;
+  VALUE plain_hash_class;  ///< a class known to iterate with the built-in `each`; 0: none
 };
 
-void serialize_rbobj_to_packetbuf(VALUE obj, SerializeContext& ctx);
+// `depth` counts the levels around a value, itself included. The functions here may throw what writing throws and
+// may raise; nothing in their frames needs destruction. Where Ruby calls back, native_guard() is the border.
 
-void put_type(SerializeContext& ctx, PROTO::TransportType type) {
-  native_guard([&] { PROTO::write_type(ctx.buf, type); });
-}
-
-void put_int(SerializeContext& ctx, int64_t value) {
-  native_guard([&] { PROTO::write_int(ctx.buf, value); });
-}
-
-void put_double(SerializeContext& ctx, double value) {
-  native_guard([&] { PROTO::write_double(ctx.buf, value); });
-}
+// Scalars are written in the loops over their containers, without a call for each (20,000 Integers: 212 us with
+// the call, 155 without).
+[[gnu::noinline]] void serialize_rbarray(VALUE array, SerializeContext& ctx, int32_t depth);
+[[gnu::noinline]] void serialize_rbhash(VALUE hash, SerializeContext& ctx, int32_t depth);
 
 // A length is a 32-bit quantity of the encoding.
-void put_string(SerializeContext& ctx, PROTO::TransportType type, VALUE str, long length) {
-  native_guard(
-      [&] { PROTO::write_string(ctx.buf, type, RSTRING_PTR(str), static_cast<uint32_t>(length)); });
+inline void write_rbstr_bytes(SerializeContext& ctx, PROTO::TransportType type, VALUE str, long length) {
+  PROTO::write_string(ctx.buf, type, RSTRING_PTR(str), static_cast<uint32_t>(length));
   RB_GC_GUARD(str);
 }
 
-void serialize_rbstr(VALUE str, SerializeContext& ctx) {
-  const bool utf8 = rb_enc_get_index(str) == utf8_index;
-  put_string(ctx, utf8 ? PROTO::PTT_UTF8STR : PROTO::PTT_BINSTR, str, RSTRING_LEN(str));
+inline void serialize_rbstr(VALUE str, SerializeContext& ctx) {
+  // UTF-8 has one of the indexes that are kept in the object's flags.
+  const bool utf8 = ENCODING_GET_INLINED(str) == utf8_index;
+  write_rbstr_bytes(ctx, utf8 ? PROTO::PTT_UTF8STR : PROTO::PTT_BINSTR, str, RSTRING_LEN(str));
 }
 
 // The name ends at its first zero byte. rb_sym2str, unlike the way over an ID, leaves a dynamic symbol to the
@@ -54,34 +48,57 @@ void serialize_rbsym(VALUE sym, SerializeContext& ctx) {
   const char* const bytes = RSTRING_PTR(name);
   const long length = RSTRING_LEN(name);
   const void* const zero = std::memchr(bytes, 0, static_cast<size_t>(length));
-  put_string(ctx, PROTO::PTT_SYMBOL, name,
-             zero == nullptr ? length : static_cast<const char*>(zero) - bytes);
+  write_rbstr_bytes(ctx, PROTO::PTT_SYMBOL, name,
+                    zero == nullptr ? length : static_cast<const char*>(zero) - bytes);
+}
+
+[[gnu::always_inline]] inline void serialize_rbobj_to_packetbuf(VALUE obj, SerializeContext& ctx, int32_t depth) {
+  if (depth > ctx.maxdepth) rb_raise(rb_eRuntimeError, "serialize_rbobj_to_packetbuf: maxdepth exceeded");
+  switch (rb_type(obj)) {
+    case T_NIL: PROTO::write_type(ctx.buf, PROTO::PTT_NIL); break;
+    case T_FALSE: PROTO::write_type(ctx.buf, PROTO::PTT_FALSE); break;
+    case T_TRUE: PROTO::write_type(ctx.buf, PROTO::PTT_TRUE); break;
+    // Peers on 32-bit machines hold no more in an immediate Integer: larger ones wrap around. Those on the heap
+    // are written in full.
+    case T_FIXNUM: PROTO::write_int(ctx.buf, static_cast<int32_t>(FIX2LONG(obj))); break;
+    case T_BIGNUM: PROTO::write_int(ctx.buf, rb_num2ll(obj)); break;
+    case T_FLOAT: PROTO::write_double(ctx.buf, RFLOAT_VALUE(obj)); break;
+    case T_STRING: serialize_rbstr(obj, ctx); break;
+    case T_SYMBOL: serialize_rbsym(obj, ctx); break;
+    case T_ARRAY: serialize_rbarray(obj, ctx, depth); break;
+    case T_HASH: serialize_rbhash(obj, ctx, depth); break;
+    default: rb_raise(rb_eRuntimeError, "serialize_rbobj_to_packetbuf: unsupported rb_type");
+  }
 }
 
 // An element's serialization may shorten the array; what is missing then is nil.
-void serialize_rbarray(VALUE array, SerializeContext& ctx) {
-  put_type(ctx, PROTO::PTT_ARRAY_START);
+void serialize_rbarray(VALUE array, SerializeContext& ctx, int32_t depth) {
+  PROTO::write_type(ctx.buf, PROTO::PTT_ARRAY_START);
   const long length = RARRAY_LEN(array);
-  for (long i = 0; i < length; ++i) serialize_rbobj_to_packetbuf(rb_ary_entry(array, i), ctx);
-  put_type(ctx, PROTO::PTT_ARRAY_END);
+  for (long i = 0; i < length; ++i) {
+    const VALUE element = i < RARRAY_LEN(array) ? RARRAY_AREF(array, i) : Qnil;
+    serialize_rbobj_to_packetbuf(element, ctx, depth + 1);
+  }
+  PROTO::write_type(ctx.buf, PROTO::PTT_ARRAY_END);
 }
 
-int serialize_hash_entry(VALUE key, VALUE value, VALUE arg) {
-  SerializeContext& ctx = *reinterpret_cast<SerializeContext*>(arg);
-  serialize_rbobj_to_packetbuf(key, ctx);
-  serialize_rbobj_to_packetbuf(value, ctx);
-  return ST_CONTINUE;
-}
-
-/// One call of an overridden `each`. The block given to it can be kept and called when everything here is long
-/// gone, so it holds this through a Ruby object, and the context is taken away at the end.
+/// A hash in the middle of its iteration.
 struct HashIteration {
-  VALUE hash;
-  VALUE handle;
   SerializeContext* ctx;
   int32_t depth;
 };
 
+int serialize_hash_entry(VALUE key, VALUE value, VALUE arg) {
+  const HashIteration& iteration = *reinterpret_cast<HashIteration*>(arg);
+  native_guard([&] {
+    serialize_rbobj_to_packetbuf(key, *iteration.ctx, iteration.depth + 1);
+    serialize_rbobj_to_packetbuf(value, *iteration.ctx, iteration.depth + 1);
+  });
+  return ST_CONTINUE;
+}
+
+// An overridden `each` can keep the block that it is given and call it when everything here is long gone. So the
+// block holds the iteration through a Ruby object, from which it is taken away at the end.
 const rb_data_type_t* hash_iteration_type() {
   static const rb_data_type_t type = [] {
     rb_data_type_t t = rb_data_type_t();
@@ -91,11 +108,21 @@ const rb_data_type_t* hash_iteration_type() {
   return &type;
 }
 
-VALUE serialize_yielded_entry(RB_BLOCK_CALL_FUNC_ARGLIST(yielded, handle)) {
-  HashIteration* const iteration = static_cast<HashIteration*>(rb_check_typeddata(handle, hash_iteration_type()));
+HashIteration& iteration_in_progress(VALUE handle) {
+  void* const iteration = rb_check_typeddata(handle, hash_iteration_type());
   if (iteration == nullptr) {
     rb_raise(rb_eRuntimeError, "serialize_rbobj_to_packetbuf: hash iteration has ended");
   }
+  return *static_cast<HashIteration*>(iteration);
+}
+
+void serialize_one_of_entry(VALUE obj, VALUE handle) {
+  HashIteration& iteration = iteration_in_progress(handle);
+  iteration.ctx->plain_hash_class = 0;  // Ruby code has run
+  native_guard([&] { serialize_rbobj_to_packetbuf(obj, *iteration.ctx, iteration.depth + 1); });
+}
+
+VALUE serialize_yielded_entry(RB_BLOCK_CALL_FUNC_ARGLIST(yielded, handle)) {
   VALUE key, value;
   if (argc == 2) {  // yield key, value
     key = argv[0];
@@ -106,19 +133,19 @@ VALUE serialize_yielded_entry(RB_BLOCK_CALL_FUNC_ARGLIST(yielded, handle)) {
   } else {
     rb_raise(rb_eRuntimeError, "serialize_rbobj_to_packetbuf: hash entry is not a [key, value] pair");
   }
-  // `each` may have rescued the failure of an earlier entry, which then has not given its levels back.
-  iteration->ctx->depth = iteration->depth;
-  serialize_rbobj_to_packetbuf(key, *iteration->ctx);
-  // The key's own iteration may have let `each` end.
-  if (DATA_PTR(handle) == nullptr) rb_raise(rb_eRuntimeError, "serialize_rbobj_to_packetbuf: hash iteration has ended");
-  serialize_rbobj_to_packetbuf(value, *iteration->ctx);
+  serialize_one_of_entry(key, handle);
+  serialize_one_of_entry(value, handle);  // by now the key's own iteration may have let this one end
   return Qnil;
 }
 
+struct EachCall {
+  VALUE hash;
+  VALUE handle;
+};
+
 VALUE call_each(VALUE arg) {
-  const HashIteration& iteration = *reinterpret_cast<HashIteration*>(arg);
-  return rb_block_call(iteration.hash, id_each, 0, nullptr, VORN_CALLBACK(serialize_yielded_entry),
-                       iteration.handle);
+  const EachCall& call = *reinterpret_cast<EachCall*>(arg);
+  return rb_block_call(call.hash, id_each, 0, nullptr, VORN_CALLBACK(serialize_yielded_entry), call.handle);
 }
 
 VALUE end_iteration(VALUE handle) {
@@ -126,51 +153,34 @@ VALUE end_iteration(VALUE handle) {
   return Qnil;
 }
 
-void serialize_overridden_each(VALUE hash, SerializeContext& ctx) {
-  HashIteration iteration{hash, Qnil, &ctx, ctx.depth};
-  iteration.handle = TypedData_Wrap_Struct(rb_cObject, hash_iteration_type(), &iteration);
-  rb_ensure(VORN_CALLBACK(call_each), reinterpret_cast<VALUE>(&iteration), VORN_CALLBACK(end_iteration),
-            iteration.handle);
-  ctx.depth = iteration.depth;
+// The look-up takes as long as two entries, so it is made once for a run of hashes of one class.
+bool iterates_with_builtin_each(VALUE hash, SerializeContext& ctx) {
+  const VALUE klass = CLASS_OF(hash);
+  if (klass == ctx.plain_hash_class) return true;
+  if (!rb_method_basic_definition_p(klass, id_each)) return false;
+  ctx.plain_hash_class = klass;
+  return true;
 }
 
-void serialize_rbhash(VALUE hash, SerializeContext& ctx) {
-  put_type(ctx, PROTO::PTT_HASH_START);
-  if (rb_method_basic_definition_p(CLASS_OF(hash), id_each)) {
-    each_hash_entry(hash, serialize_hash_entry, reinterpret_cast<VALUE>(&ctx));
+void serialize_rbhash(VALUE hash, SerializeContext& ctx, int32_t depth) {
+  PROTO::write_type(ctx.buf, PROTO::PTT_HASH_START);
+  HashIteration iteration{&ctx, depth};
+  if (iterates_with_builtin_each(hash, ctx)) {
+    each_hash_entry(hash, serialize_hash_entry, reinterpret_cast<VALUE>(&iteration));
   } else {
-    serialize_overridden_each(hash, ctx);
+    const VALUE handle = TypedData_Wrap_Struct(rb_cObject, hash_iteration_type(), &iteration);
+    EachCall call{hash, handle};
+    rb_ensure(VORN_CALLBACK(call_each), reinterpret_cast<VALUE>(&call), VORN_CALLBACK(end_iteration), handle);
+    ctx.plain_hash_class = 0;  // it ran Ruby code, which may have redefined any `each`
   }
-  put_type(ctx, PROTO::PTT_HASH_END);
-}
-
-void serialize_rbobj_to_packetbuf(VALUE obj, SerializeContext& ctx) {
-  if (++ctx.depth > ctx.maxdepth) {
-    rb_raise(rb_eRuntimeError, "serialize_rbobj_to_packetbuf: maxdepth exceeded");
-  }
-  switch (rb_type(obj)) {
-    case T_NIL: put_type(ctx, PROTO::PTT_NIL); break;
-    case T_FALSE: put_type(ctx, PROTO::PTT_FALSE); break;
-    case T_TRUE: put_type(ctx, PROTO::PTT_TRUE); break;
-    // Peers on 32-bit machines hold no more in an immediate Integer: larger ones wrap around. Those on the heap
-    // are written in full.
-    case T_FIXNUM: put_int(ctx, static_cast<int32_t>(FIX2LONG(obj))); break;
-    case T_BIGNUM: put_int(ctx, rb_num2ll(obj)); break;
-    case T_FLOAT: put_double(ctx, RFLOAT_VALUE(obj)); break;
-    case T_STRING: serialize_rbstr(obj, ctx); break;
-    case T_SYMBOL: serialize_rbsym(obj, ctx); break;
-    case T_ARRAY: serialize_rbarray(obj, ctx); break;
-    case T_HASH: serialize_rbhash(obj, ctx); break;
-    default: rb_raise(rb_eRuntimeError, "serialize_rbobj_to_packetbuf: unsupported rb_type");
-  }
-  --ctx.depth;
+  PROTO::write_type(ctx.buf, PROTO::PTT_HASH_END);
 }
 
 }  // namespace
 
 void serialize_object(VALUE obj, PROTO::PacketBuf& buf, int32_t maxdepth) {
   SerializeContext ctx{buf, maxdepth, 0};
-  serialize_rbobj_to_packetbuf(obj, ctx);
+  native_guard([&] { serialize_rbobj_to_packetbuf(obj, ctx, 1); });
 }
 
 void init_object_serializer() {

@@ -1,5 +1,6 @@
 #include "ext/vorn_rpc_ext.h"
 
+#include "ext/object_decoder.h"
 #include "ext/object_serializer.h"
 
 namespace VORN {
@@ -30,6 +31,7 @@ extern "C" __attribute__((visibility("default"))) void Init_vorn_rpc_ext() {
   mVorn = rb_define_module("VORN");
   mProto = rb_define_module_under(mVorn, "PROTO");
   init_object_serializer();
+  init_object_decoder();
   init_packet_buf();
   init_packet_frame();
   init_packet_frame_in();

@@ -23,6 +23,9 @@ struct GroupShape {
   constexpr unsigned sign_flag() const { return is_signed ? continuation_flag() << 1 : 0; }
 };
 
+/// No number takes more bytes than this: a 64-bit magnitude in the integers' shape.
+constexpr unsigned MAX_GROUP_NUMBER_SIZE = 10;
+
 constexpr GroupShape INT_SHAPE{7, true};
 constexpr GroupShape LENGTH_SHAPE{8, false};
 

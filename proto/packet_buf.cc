@@ -53,10 +53,11 @@ void PacketBuf::grow_to(uint64_t n) {
   if (n > data_.size()) data_.resize(n);
 }
 
-void PacketBuf::claim_fallback(uint64_t n) {
+char* PacketBuf::claim_fallback(uint64_t n) {
   const uint64_t end = pos_ + n;
   if (end < pos_) throw std::length_error("PacketBuf::claim: position out of range");
   grow_to(end);
+  return &data_[pos_];
 }
 
 }  // namespace PROTO

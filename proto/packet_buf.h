@@ -48,6 +48,11 @@ class VORN_API PacketBuf {
   /// position and the bytes are then as before.
   char* claim(uint64_t n);
 
+  /// The bytes at the position if n of them exist already, else null. The way around claim() for writers that
+  /// know a bound before they know their length: they store, then advance() past what they stored.
+  char* room(uint64_t n);
+  void advance(uint64_t n) { pos_ += n; }
+
   /// The position may be set anywhere; a write beyond the stored bytes fills the gap with zeros.
   uint64_t pos() const { return pos_; }
   void set_pos(uint64_t p) { pos_ = p; }
@@ -60,16 +65,20 @@ class VORN_API PacketBuf {
   void grow_to(uint64_t n);
 
  private:
-  void claim_fallback(uint64_t n);
+  char* claim_fallback(uint64_t n);
 
   std::string data_;
   uint64_t pos_ = 0;
 };
 
-inline char* PacketBuf::claim(uint64_t n) {
+inline char* PacketBuf::room(uint64_t n) {
   const uint64_t size = data_.size();
-  if (size < n || pos_ > size - n) claim_fallback(n);
-  char* at = &data_[pos_];
+  return size >= n && pos_ <= size - n ? &data_[pos_] : nullptr;
+}
+
+inline char* PacketBuf::claim(uint64_t n) {
+  char* at = room(n);
+  if (at == nullptr) at = claim_fallback(n);
   pos_ += n;
   return at;
 }

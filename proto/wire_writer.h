@@ -6,8 +6,10 @@
 /// inside the buffer.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 
 #include "proto/group_number.h"
 #include "proto/packet_buf.h"
@@ -23,18 +25,21 @@ inline unsigned group_number_size(uint64_t magnitude, GroupShape shape) {
   return size;
 }
 
-/// Stores a number of `size` bytes, size being group_number_size(); returns the byte behind it.
+/// Stores a number in group_number_size() bytes and returns the byte behind it.
 inline char* store_group_number(char* at, uint64_t magnitude, bool negative, unsigned first_byte_mark,
                                 GroupShape shape) {
   uint64_t rest = magnitude >> shape.first_data_bits();
-  *at++ = static_cast<char>(first_byte_mark | (negative ? shape.sign_flag() : 0) |
-                            (rest != 0 ? shape.continuation_flag() : 0) |
-                            (magnitude & shape.first_data_mask()));
-  while (rest != 0) {
-    const unsigned low = static_cast<unsigned>(rest & LATER_DATA_MASK);
-    rest >>= LATER_DATA_BITS;
-    *at++ = static_cast<char>(low | (rest != 0 ? LATER_CONTINUATION_FLAG : 0));
+  const unsigned first = first_byte_mark | (negative ? shape.sign_flag() : 0) |
+                         static_cast<unsigned>(magnitude & shape.first_data_mask());
+  if (rest == 0) {
+    *at++ = static_cast<char>(first);
+    return at;
   }
+  *at++ = static_cast<char>(first | shape.continuation_flag());
+  for (; rest > LATER_DATA_MASK; rest >>= LATER_DATA_BITS) {
+    *at++ = static_cast<char>((rest & LATER_DATA_MASK) | LATER_CONTINUATION_FLAG);
+  }
+  *at++ = static_cast<char>(rest);
   return at;
 }
 
@@ -49,12 +54,58 @@ inline void write_type(PacketBuf& buf, TransportType type) {
   *buf.claim(1) = static_cast<char>(type);
 }
 
+/// The low `bytes` bytes of a word, least significant first. Compilers make one store of it.
+template <unsigned bytes>
+inline void store_little_endian(char* at, uint32_t word) {
+  for (unsigned i = 0; i < bytes; ++i) at[i] = static_cast<char>(word >> (8 * i));
+}
+
+/// store_group_number() for integers, with the sizes that 32-bit numbers take spelled out: a word put together
+/// in a register beats a loop over its bytes.
+[[gnu::always_inline]] inline char* store_int(char* at, uint64_t magnitude, bool negative) {
+  const uint32_t low = static_cast<uint32_t>(magnitude);
+  const uint32_t first =
+      PTT_INT | uint32_t{negative} * INT_SHAPE.sign_flag() | (low & INT_SHAPE.first_data_mask());
+  const uint32_t second = (low << 3) & 0x7F00;
+  const uint32_t third = (low << 4) & 0x7F0000;
+  const uint32_t fourth = (low << 5) & 0x7F000000;
+  if (magnitude < 1U << 5) {
+    *at = static_cast<char>(first);
+    return at + 1;
+  }
+  if (magnitude < 1U << 12) {
+    store_little_endian<2>(at, 0x20 | first | second);
+    return at + 2;
+  }
+  if (magnitude < 1U << 19) {
+    store_little_endian<2>(at, 0x8020 | first | second);
+    at[2] = static_cast<char>(third >> 16);
+    return at + 3;
+  }
+  if (magnitude < 1U << 26) {
+    store_little_endian<4>(at, 0x808020 | first | second | third | fourth);
+    return at + 4;
+  }
+  if (magnitude < uint64_t{1} << 33) {
+    store_little_endian<4>(at, 0x80808020 | first | second | third | fourth);
+    at[4] = static_cast<char>(magnitude >> 26);
+    return at + 5;
+  }
+  return store_group_number(at, magnitude, negative, PTT_INT, INT_SHAPE);
+}
+
 inline void write_int(PacketBuf& buf, int64_t value) {
+  // The magnitude of the most negative integer is 2^63, so it is taken in unsigned arithmetic: without a branch,
+  // since signs are hard to predict.
   const bool negative = value < 0;
-  // The magnitude of the most negative integer is 2^63, so it is taken in unsigned arithmetic.
-  const uint64_t magnitude = negative ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
-  char* const at = buf.claim(group_number_size(magnitude, INT_SHAPE));
-  store_group_number(at, magnitude, negative, PTT_INT, INT_SHAPE);
+  const uint64_t sign = negative ? ~uint64_t{0} : 0;
+  const uint64_t magnitude = (static_cast<uint64_t>(value) ^ sign) - sign;
+  // In the middle of a buffer there is room for any integer, and no need to know its length beforehand.
+  if (char* const at = buf.room(MAX_GROUP_NUMBER_SIZE)) {
+    buf.advance(static_cast<uint64_t>(store_int(at, magnitude, negative) - at));
+  } else {
+    store_int(buf.claim(group_number_size(magnitude, INT_SHAPE)), magnitude, negative);
+  }
 }
 
 /// A type byte and the raw bits of an IEEE-754 number, most significant byte first.
@@ -77,12 +128,34 @@ inline void write_double(PacketBuf& buf, double value) {
   write_float_bits(buf, PTT_DOUBLE, bits);
 }
 
+/// memcpy, with the short strings that messages are made of copied in place of a call: two moves of a fixed size
+/// that overlap.
+inline void copy_string_bytes(char* to, const char* from, size_t n) {
+  const auto move_ends = [=](auto width) {
+    std::memcpy(to, from, width);
+    std::memcpy(to + n - width, from + n - width, width);
+  };
+  if (n > 32) {
+    std::memcpy(to, from, n);
+  } else if (n >= 16) {
+    move_ends(std::integral_constant<size_t, 16>());
+  } else if (n >= 8) {
+    move_ends(std::integral_constant<size_t, 8>());
+  } else if (n >= 4) {
+    move_ends(std::integral_constant<size_t, 4>());
+  } else if (n > 0) {
+    to[0] = from[0];
+    to[n / 2] = from[n / 2];
+    to[n - 1] = from[n - 1];
+  }
+}
+
 /// `type` is PTT_BINSTR, PTT_SYMBOL or PTT_UTF8STR.
 inline void write_string(PacketBuf& buf, TransportType type, const char* bytes, uint32_t length) {
   char* at = buf.claim(1 + group_number_size(length, LENGTH_SHAPE) + uint64_t{length});
   *at++ = static_cast<char>(type);
   at = store_group_number(at, length, false, 0, LENGTH_SHAPE);
-  if (length != 0) std::memcpy(at, bytes, length);
+  copy_string_bytes(at, bytes, length);
 }
 
 inline void write_binstr(PacketBuf& buf, const char* bytes, uint32_t length) {
