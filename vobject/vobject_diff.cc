@@ -1,8 +1,18 @@
-#include <cmath>
+#include <algorithm>
 
 #include "vobject/vobject.h"
 
 namespace VORN {
+
+namespace {
+
+/// Whether the distance is greater than epsilon; never with NaN. As a sum, because the distance itself
+/// carries the rounding of both numbers: 1.05 - 1.0 is greater than 0.05, and 1.0 + 0.05 is 1.05.
+bool farther_apart(double a, double b, double epsilon) {
+  return std::max(a, b) > std::min(a, b) + epsilon;
+}
+
+}  // namespace
 
 bool VObject::diff(const VObject& a, VObject& out, const VObject& b, bool& structural, int parent_tag,
                    double epsilon) {
@@ -27,8 +37,7 @@ bool VObject::diff_into(const VObject& a, VObject& out, const VObject& b, bool& 
   if (a == b) return false;
   switch (a.tag_) {
     case DT_DOUBLE:
-      // No patch for NaN: every comparison with the distance is false.
-      if (!(std::fabs(a.as_double() - b.as_double()) > epsilon)) return false;
+      if (!farther_apart(a.as_double(), b.as_double(), epsilon)) return false;
       out = b;
       return true;
 
