@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "test/support/guarded_bytes.h"
+#include "test/support/hex.h"
 #include "test/support/vectors.h"
 
 namespace {

@@ -11,6 +11,7 @@
 #include "proto/vorn_runtime_error.h"
 #include "test/support/allocations.h"
 #include "test/support/guarded_bytes.h"
+#include "test/support/hex.h"
 #include "test/support/vectors.h"
 
 namespace {

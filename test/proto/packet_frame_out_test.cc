@@ -9,6 +9,7 @@
 #include "proto/vorn_proto_exception.h"
 #include "proto/vorn_runtime_error.h"
 #include "test/support/allocations.h"
+#include "test/support/hex.h"
 #include "test/support/vectors.h"
 
 namespace {

@@ -12,6 +12,7 @@
 #include "proto/packet_frame_in.h"
 #include "test/support/allocations.h"
 #include "test/support/buffers.h"
+#include "test/support/hex.h"
 #include "test/support/poisoned_tail.h"
 #include "test/support/vectors.h"
 

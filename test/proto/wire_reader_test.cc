@@ -10,6 +10,7 @@
 #include "proto/packet_frame_in.h"
 #include "proto/wire_writer.h"
 #include "test/support/buffers.h"
+#include "test/support/hex.h"
 #include "test/support/poisoned_tail.h"
 #include "test/support/vectors.h"
 

@@ -8,6 +8,7 @@
 
 #include "test/support/allocations.h"
 #include "test/support/guarded_bytes.h"
+#include "test/support/hex.h"
 #include "test/support/vectors.h"
 
 namespace {

@@ -3,6 +3,8 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "test/support/hex.h"
+
 namespace vorn_test {
 
 namespace {
@@ -11,26 +13,6 @@ std::string trim(const std::string& text) {
   const size_t first = text.find_first_not_of(" \t");
   if (first == std::string::npos) return "";
   return text.substr(first, text.find_last_not_of(" \t") - first + 1);
-}
-
-// "(3:ab)" to "ababab".
-std::string expand(const std::string& text) {
-  std::string out;
-  for (size_t i = 0; i < text.size();) {
-    if (text[i] != '(') {
-      out += text[i++];
-      continue;
-    }
-    const size_t colon = text.find(':', i);
-    const size_t close = text.find(')', i);
-    if (colon == std::string::npos || close == std::string::npos || colon > close) {
-      throw std::runtime_error("bad repetition in \"" + text + "\"");
-    }
-    const std::string part = text.substr(colon + 1, close - colon - 1);
-    for (unsigned long n = std::stoul(text.substr(i + 1, colon - i - 1)); n > 0; --n) out += part;
-    i = close + 1;
-  }
-  return out;
 }
 
 // Turns the string prefixes of a value's notation into another one: "u:61" to "t:61".
@@ -61,12 +43,6 @@ std::vector<Cells> read_table(const std::string& file, size_t columns) {
   }
   if (rows.empty()) throw std::runtime_error("no rows in " + path);
   return rows;
-}
-
-int hex_digit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  throw std::runtime_error(std::string("no hexadecimal digit: ") + c);
 }
 
 std::vector<ValueVector> read_values() {
@@ -155,31 +131,6 @@ const std::vector<FrameVector>& frame_vectors() {
 const std::vector<GroupNumberVector>& group_number_vectors() {
   static const std::vector<GroupNumberVector> rows = read_group_numbers();
   return rows;
-}
-
-std::string to_hex(const std::string& bytes) {
-  static const char digits[] = "0123456789ABCDEF";
-  std::string out;
-  for (const char c : bytes) {
-    if (!out.empty()) out += ' ';
-    out += digits[static_cast<uint8_t>(c) >> 4];
-    out += digits[static_cast<uint8_t>(c) & 15];
-  }
-  return out;
-}
-
-std::string from_hex(const std::string& text) {
-  std::string digits;
-  for (const char c : expand(text)) {
-    if (c != ' ') digits += c;
-  }
-  if (digits == "-") return "";
-  if (digits.size() % 2 != 0) throw std::runtime_error("odd number of digits: " + text);
-  std::string out;
-  for (size_t i = 0; i < digits.size(); i += 2) {
-    out += static_cast<char>(hex_digit(digits[i]) * 16 + hex_digit(digits[i + 1]));
-  }
-  return out;
 }
 
 std::vector<size_t> cuts(size_t length) {

@@ -63,10 +63,6 @@ const std::vector<FaultVector>& fault_vectors();
 const std::vector<FrameVector>& frame_vectors();
 const std::vector<GroupNumberVector>& group_number_vectors();
 
-/// "A5 01" for the bytes, and back; the latter also takes "(3:00)" and "-".
-std::string to_hex(const std::string& bytes);
-std::string from_hex(const std::string& text);
-
 /// Where to cut bytes of this length: everywhere, or, when they are many, near both ends.
 std::vector<size_t> cuts(size_t length);
 

@@ -1,0 +1,48 @@
+/// Prints a variant in the notation of test/vectors/, which shows what equality and rendering hide: a double's
+/// bits, a symbol against a string.
+#pragma once
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+#include "proto/packet_buf.h"
+#include "test/support/hex.h"
+#include "vobject/vobject.h"
+
+namespace vorn_test {
+
+inline std::string notation_of(const VORN::VObject& value) {
+  switch (value.type()) {
+    case VORN::DT_NIL: return "nil";
+    case VORN::DT_BOOL: return value.to_bool() ? "true" : "false";
+    case VORN::DT_INT: return std::to_string(value.to_i64());
+    case VORN::DT_DOUBLE: {
+      // A variant hands out its double only on the wire: a type byte, then the bits.
+      VORN::PROTO::PacketBuf buf;
+      value.serialize(buf, 1);
+      return "d:" + hex_digits(buf.data().substr(1));
+    }
+    case VORN::DT_SYMBOL: return "s:" + hex_digits(*VORN::VObject::sym_lookup(value.intern()));
+    case VORN::DT_STR: return "t:" + hex_digits(value.getstr());
+    case VORN::DT_VECTOR: {
+      std::string out = "[";
+      for (const VORN::VObject& element : value.getvec()) {
+        if (out.size() > 1) out += ' ';
+        out += notation_of(element);
+      }
+      return out + "]";
+    }
+    case VORN::DT_HASH: {
+      std::string out = "{";
+      for (const auto& entry : value.gethash()) {
+        if (out.size() > 1) out += ' ';
+        out += "t:" + hex_digits(std::string(entry.first.view())) + "=" + notation_of(entry.second);
+      }
+      return out + "}";
+    }
+    default: throw std::invalid_argument("no notation for this kind of variant");
+  }
+}
+
+}  // namespace vorn_test
