@@ -1,0 +1,86 @@
+# frozen_string_literal: true
+
+# Sockets by address: tcp:HOST:PORT or unix:PATH. TCP port 0 lets the kernel choose.
+
+require "socket"
+
+module Sockets
+  module_function
+
+  def listen(address)
+    kind, where = parse(address)
+    if kind == :unix
+      remove_stale(where)
+      return Addrinfo.unix(where).listen
+    end
+    host, port = where
+    Addrinfo.tcp(host, port).listen
+  end
+
+  # Raises SystemCallError, also when it takes longer than so many seconds.
+  def connect(address, seconds)
+    kind, where = parse(address)
+    addrinfo = kind == :unix ? Addrinfo.unix(where) : Addrinfo.tcp(*where)
+    prepare(addrinfo.connect(timeout: seconds))
+  end
+
+  # The settings of both sides of a connection.
+  def prepare(socket)
+    return socket unless socket.local_address.ip?
+
+    # Small frames go out at once instead of waiting for the peer to acknowledge the last one.
+    socket.setsockopt(:TCP, :NODELAY, true)
+    # A peer whose host has gone says nothing. The kernel finds out in about half a minute.
+    socket.setsockopt(:SOCKET, :KEEPALIVE, true)
+    socket.setsockopt(:TCP, :KEEPIDLE, 15)
+    socket.setsockopt(:TCP, :KEEPINTVL, 5)
+    socket.setsockopt(:TCP, :KEEPCNT, 3)
+    socket
+  end
+
+  def address_of(listener)
+    local = listener.local_address
+    local.unix? ? "unix:#{local.unix_path}" : "tcp:#{local.ip_address}:#{local.ip_port}"
+  end
+
+  # For the log. The clients of a UNIX socket have no address.
+  def name_of(client)
+    remote = client.remote_address
+    remote.unix? ? "local client #{client.fileno}" : remote.inspect_sockaddr
+  end
+
+  # Writes all bytes or raises: Errno::ETIMEDOUT when the peer does not take them in that many seconds.
+  def write_within(socket, bytes, seconds)
+    deadline = now + seconds
+    until bytes.empty?
+      begin
+        bytes = bytes.byteslice(socket.write_nonblock(bytes)..-1)
+      rescue IO::WaitWritable
+        left = deadline - now
+        raise Errno::ETIMEDOUT, "the peer takes nothing" unless left > 0 && IO.select(nil, [socket], nil, left)
+      end
+    end
+  end
+
+  # Time that no clock setting moves.
+  def now
+    Process.clock_gettime(Process::CLOCK_MONOTONIC)
+  end
+
+  def parse(address)
+    case address
+    when /\Aunix:(.+)\z/ then [:unix, Regexp.last_match(1)]
+    when /\Atcp:(.+):(\d+)\z/ then [:tcp, [Regexp.last_match(1), Regexp.last_match(2).to_i]]
+    else raise ArgumentError, "no address: #{address} (tcp:HOST:PORT or unix:PATH)"
+    end
+  end
+
+  # A server that was killed leaves its socket file behind. One that still answers keeps it.
+  def remove_stale(path)
+    return unless File.socket?(path)
+
+    Addrinfo.unix(path).connect(timeout: 1).close
+  rescue Errno::ECONNREFUSED
+    File.unlink(path)
+  end
+end

@@ -1,0 +1,172 @@
+# frozen_string_literal: true
+
+# An RPC client that many threads may share. Each call is one request; answers are matched by id, so calls of
+# several threads are in flight at once. Run it against a server to see what it does:
+#
+#   ruby -Ilib examples/rpc/thread_client.rb ADDRESS
+
+require_relative "answers"
+require_relative "framing"
+require_relative "sockets"
+
+class ThreadClient
+  include Answers
+
+  MAX_PAYLOAD = 1 << 20 # the server's limit
+  MAX_ID = 2**31 - 1    # ids beyond 32 bits would be cut; see FrameWriter#frame
+  RETRY_SECONDS = 0.05  # between attempts to connect, doubled each time up to
+  MAX_RETRY_SECONDS = 1
+
+  Connection = Struct.new(:socket, :writer, :lock, :calls)
+  Call = Struct.new(:arrived, :done, :error, :result)
+
+  attr_reader :late # answers that came after their call had given up
+
+  def initialize(address, last_id = 0)
+    @address = address
+    @last_id = last_id
+    @late = 0
+    @connection = nil
+    @lock = Mutex.new       # guards the state; never held while reading or writing
+    @connecting = Mutex.new # one thread connects, the others wait for it
+  end
+
+  # The result, or RemoteError, TimedOut, ConnectionLost, MessageTooLarge. A call that ends in TimedOut or
+  # ConnectionLost may have been carried out: repeat it only when doing it twice does no harm.
+  def call(method, arguments = [], timeout = 5)
+    deadline = Sockets.now + timeout
+    connection = connected(deadline)
+    id, call = register(connection)
+    begin
+      write(connection, [id, method, arguments], deadline)
+      wait(call, deadline)
+    ensure
+      @lock.synchronize { connection.calls.delete(id) }
+    end
+    raise call.error if call.error
+
+    call.result
+  end
+
+  def close
+    @lock.synchronize { @connection && shutdown(@connection) }
+  end
+
+  private
+
+  # The connection in use, or a new one: a lost connection is replaced by the next call.
+  def connected(deadline)
+    @connecting.synchronize do
+      current = @lock.synchronize { @connection }
+      next current if current
+
+      connection = connect(deadline)
+      @lock.synchronize { @connection = connection }
+      Thread.new { read(connection) }
+      connection
+    end
+  end
+
+  def connect(deadline)
+    delay = RETRY_SECONDS
+    begin
+      socket = Sockets.connect(@address, [deadline - Sockets.now, 0.001].max)
+      Connection.new(socket, FrameWriter.new(MAX_PAYLOAD), Mutex.new, {})
+    rescue SystemCallError, SocketError => e
+      # Chance keeps the clients of a server that comes back from all coming at once.
+      pause = delay * (0.5 + rand / 2)
+      raise ConnectionLost, "cannot connect: #{e.message}" if Sockets.now + pause > deadline
+
+      sleep(pause)
+      delay = [delay * 2, MAX_RETRY_SECONDS].min
+      retry
+    end
+  end
+
+  def register(connection)
+    @lock.synchronize do
+      raise ConnectionLost, "the connection was lost" unless connection.equal?(@connection)
+
+      begin
+        @last_id = @last_id % MAX_ID + 1
+      end while connection.calls.key?(@last_id) # after wrapping around, an old call may still wait
+      [@last_id, connection.calls[@last_id] = Call.new(ConditionVariable.new)]
+    end
+  end
+
+  def write(connection, request, deadline)
+    connection.lock.synchronize do
+      bytes = connection.writer.frame(request)
+      begin
+        Sockets.write_within(connection.socket, bytes, deadline - Sockets.now)
+      rescue SystemCallError, IOError => e
+        # Perhaps half a frame is out: nothing can follow it.
+        shutdown(connection)
+        raise ConnectionLost, "sending failed: #{e.message}"
+      end
+    end
+  end
+
+  def wait(call, deadline)
+    @lock.synchronize do
+      until call.done
+        left = deadline - Sockets.now
+        raise TimedOut, "no answer in time" if left <= 0
+
+        call.arrived.wait(@lock, left)
+      end
+    end
+  end
+
+  # The reading thread of one connection; it alone closes the socket.
+  def read(connection)
+    reader = FrameReader.new(MAX_PAYLOAD)
+    loop do
+      reader.feed(connection.socket.readpartial(65_536)) { |answer| accept(connection, answer) }
+    end
+  rescue EOFError
+    lose(connection, "the server closed the connection")
+  rescue SystemCallError, IOError, BadFrame => e
+    lose(connection, e.message)
+  end
+
+  def accept(connection, answer)
+    id, error, result = check_answer(answer)
+    @lock.synchronize do
+      call = connection.calls[id]
+      next @late += 1 unless call
+
+      finish(call, error && RemoteError.new(*error), result)
+    end
+  end
+
+  def lose(connection, reason)
+    @lock.synchronize do
+      @connection = nil if connection.equal?(@connection)
+      connection.calls.each_value { |call| finish(call, ConnectionLost.new(reason), nil) unless call.done }
+    end
+    connection.socket.close
+  end
+
+  def finish(call, error, result)
+    call.error = error
+    call.result = result
+    call.done = true
+    call.arrived.signal
+  end
+
+  # Makes the reader find the end of input.
+  def shutdown(connection)
+    connection.socket.shutdown
+  rescue SystemCallError, IOError
+    nil
+  end
+end
+
+if $PROGRAM_NAME == __FILE__
+  require_relative "tour"
+
+  client = ThreadClient.new(ARGV.fetch(0))
+  tour(client, ->(jobs) { jobs.map { |job| Thread.new(&job) }.map(&:value) })
+  client.close
+end

@@ -1,0 +1,114 @@
+# frozen_string_literal: true
+
+# What the tests of the examples share: programs as child processes, limits of time, and the last line of output.
+
+require "minitest/autorun"
+require "rbconfig"
+require "timeout"
+require "tmpdir"
+
+# The programs find the extension where the tests find it.
+ENV["RUBYLIB"] ||= File.expand_path("../lib", __dir__)
+
+# The last line that the whole run prints.
+class ResultLine < Minitest::StatisticsReporter
+  def report
+    super
+    failed = failures + errors
+    io.puts
+    io.puts "#{count - failed - skips} passed, #{failed} failed"
+  end
+end
+
+module Minitest
+  def self.plugin_result_line_init(options)
+    reporter << ResultLine.new(options[:io], options)
+  end
+end
+Minitest.extensions << "result_line"
+
+# A child process with its output in files. Each that still runs when the tests end is killed.
+class Program
+  RUNNING = {} # by pid
+
+  attr_reader :pid, :output_file, :log_file
+
+  # A program of this folder, warnings on. through is a command to run it with.
+  def self.ruby(folder, program, *arguments, env: {}, through: [])
+    new(folder, *through, RbConfig.ruby, "-W", File.join(__dir__, program), *arguments, env: env)
+  end
+
+  def initialize(folder, *command, env: {})
+    @output_file = File.join(folder, "#{RUNNING.size}-#{rand(1 << 30)}.out")
+    @log_file = @output_file.sub(/out\z/, "log")
+    @pid = Process.spawn(env, *command, :in => File::NULL, :out => @output_file, :err => @log_file)
+    RUNNING[@pid] = self
+  end
+
+  def output
+    File.read(@output_file)
+  end
+
+  def log
+    File.read(@log_file)
+  end
+
+  def signal(name)
+    Process.kill(name, @pid)
+  end
+
+  # The exit status, or the number of the signal that ended it.
+  def wait(seconds = 20)
+    Timeout.timeout(seconds) { Process.wait(@pid) }
+    RUNNING.delete(@pid)
+    $?.exitstatus || $?.termsig
+  end
+
+  def stop(name = "TERM")
+    return unless RUNNING.key?(@pid)
+
+    signal(name)
+    wait
+  end
+end
+
+Minitest.after_run { Program::RUNNING.values.each { |program| program.stop("KILL") } }
+%w[TERM HUP].each { |name| trap(name) { exit(1) } } # so that the line above is reached
+
+class ExampleTest < Minitest::Test
+  STEP_SECONDS = 30
+
+  def setup
+    @folder = Dir.mktmpdir("vorn-examples")
+    @programs = []
+  end
+
+  def teardown
+    @programs.each do |program|
+      program.stop("KILL")
+      # Ruby's own files and other gems may warn; ours do not.
+      assert_empty program.log.lines.grep(%r{examples/.*warning:}), "warnings of a program"
+    end
+  ensure
+    FileUtils.remove_entry(@folder)
+  end
+
+  def start(program, *arguments, **options)
+    @programs << Program.ruby(@folder, program, *arguments, **options)
+    @programs.last
+  end
+
+  # Waits for what the block returns to be true.
+  def eventually(what, seconds = 10, program = nil)
+    limit = Process.clock_gettime(Process::CLOCK_MONOTONIC) + seconds
+    until (result = yield)
+      flunk("not in #{seconds} s: #{what}#{"\n#{program.log}" if program}") if Process.clock_gettime(Process::CLOCK_MONOTONIC) > limit
+      sleep(0.01)
+    end
+    result
+  end
+
+  def within(seconds = STEP_SECONDS, &block)
+    Timeout.timeout(seconds, &block)
+  end
+end
