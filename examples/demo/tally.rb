@@ -1,0 +1,33 @@
+# What both sides compute over a value and compare: the count of values, the count of bytes in strings and symbols,
+# and a sum over those bytes that depends on their order. All stay below 2**31, so that they can be sent.
+class Tally
+  def self.of(value)
+    new.add(value).to_h
+  end
+
+  def initialize
+    @values = @bytes = @sum = 0
+  end
+
+  def add(value)
+    @values += 1
+    case value
+    when String then text(value)
+    when Symbol then text(value.to_s)
+    when Array then value.each { |member| add(member) }
+    when Hash then value.each { |key, member| add(key).add(member) }
+    end
+    self
+  end
+
+  def to_h
+    { "values" => @values, "bytes" => @bytes, "sum" => @sum }
+  end
+
+  private
+
+  def text(string)
+    @bytes += string.bytesize
+    @sum = (@sum + @values * string.sum(31)) % 2**31
+  end
+end
