@@ -168,7 +168,9 @@ TEST(AllocationFailure, DeserializeLeavesAUsableValueAndAPosition) {
       ASSERT_LE(source.pos(), end);
       std::string text;
       render(out, text);
-      if (!threw) ASSERT_EQ(v, out);
+      if (!threw) {
+        ASSERT_EQ(v, out);
+      }
     }
     ASSERT_EQ(before, live_allocations());
     if (!threw) break;
