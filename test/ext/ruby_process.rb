@@ -20,7 +20,7 @@ module RubyProcess
   def run_ruby_with_errors(code, *options)
     out, err, status = Open3.capture3(RbConfig.ruby, "-W", *options, "-I#{File.dirname(EXTENSION)}",
                                       "-rvorn_rpc_ext", "-e", "include VORN::PROTO\n#{code}")
-    assert_predicate status, :success?, "#{status}\n#{out}#{err}"
+    assert status.success?, "#{status}\n#{(out + err).lines.first(20).join}"
     [out, err]
   end
 

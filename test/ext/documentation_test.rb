@@ -1,0 +1,62 @@
+# frozen_string_literal: true
+
+require_relative "helper"
+
+# The examples in the comments over the methods hold. An example is what such a comment indents:
+#
+#   expr                           runs
+#   expr  # => value               is compared
+#   expr  # raises Class "text"    likewise
+class DocumentationTest < ExtTest
+  SOURCES = Dir[File.expand_path("../../ext/*.cc", __dir__)].sort
+
+  Comment = Struct.new(:place, :signatures, :example)
+
+  # Every comment with a call-seq.
+  COMMENTS = SOURCES.flat_map do |source|
+    text = File.read(source, encoding: "UTF-8")
+    text.to_enum(:scan, %r{/\*\n(.*?)\s*\*/}m).map do
+      match = Regexp.last_match
+      lines = match[1].lines.map { |line| line.chomp.sub(/\A \* ?/, "") }
+      next unless lines.shift == "call-seq:"
+      place = "#{File.basename(source)}:#{match.pre_match.count("\n") + 1}"
+      signatures = lines.take_while { |line| line.start_with?("  ") }.map(&:strip)
+      example = lines.drop(signatures.size).select { |line| line.start_with?("  ") }.map(&:strip)
+      Comment.new(place, signatures, example)
+    end.compact
+  end
+
+  def check(line, scope, place)
+    note = "#{place}: #{line}"
+    case line
+    when /\A(.*?)\s+# => (.*)\z/
+      expected, actual = eval($2, scope), eval($1, scope)
+      # Bytes are written as text in examples.
+      expected, actual = [expected, actual].map { |value| value.is_a?(String) ? value.b : value }
+      assert_equal [expected], [actual], note
+    when /\A(.*?)\s+# raises (\w+) (".*")\z/
+      code, error, text = $1, Object.const_get($2), eval($3, scope)
+      assert_raises_with(error, text, note) { eval(code, scope) }
+    else
+      eval(line, scope)
+    end
+  end
+
+  COMMENTS.each do |comment|
+    define_method("test_example at #{comment.place}") do
+      refute_empty comment.example
+      results = comment.example.grep(/# (=>|raises) /)
+      refute_empty results, "an example shows a result"
+      scope = binding
+      comment.example.each { |line| check(line, scope, comment.place) }
+    end
+  end
+
+  def test_every_method_is_documented
+    documented = COMMENTS.flat_map do |comment|
+      comment.signatures.map { |signature| signature[/\A(?:\w+ (<<)|(?:[\w:]+)\.(\w+[?]?(?: =)?))/] && ($1 || $2.delete(" ")) }
+    end
+    methods = [PacketBuf, PacketFrameIn, PacketFrameOut].flat_map { |klass| klass.public_instance_methods(false) }
+    assert_equal (methods.map(&:to_s) + ["new"]).sort, documented.sort
+  end
+end

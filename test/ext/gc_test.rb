@@ -1,0 +1,157 @@
+# frozen_string_literal: true
+
+require_relative "helper"
+require_relative "wire_model"
+
+# The collector runs, and moves objects, in the middle of everything.
+class GcTest < ExtTest
+  VALUE = [
+    nil, true, 2**62, -2**63, 1.5, 1e300, "text", "bytes".b, :symbol, [[], ["nested", [2**63 - 1]]],
+    { "key" => { 1 => "value" }, [1, "a"] => { { 2 => 3 } => 1e-300 }, 5 => ("m".."p").to_a }, ["x" * 100] * 5
+  ].freeze
+
+  class OwnEach < Hash
+    def each
+      super { |key, value| yield [key.dup, value.dup] }
+    end
+  end
+
+  def stressed(&block)
+    CollectorLevel.under_stress(&block)
+  end
+
+  def can_compact?
+    GC.respond_to?(:compact) && GC.compact && true
+  rescue NotImplementedError
+    false
+  end
+
+  def signature(value)
+    WireModel.signature(value)
+  end
+
+  def test_values_under_stress
+    encoded = PacketBuf.new.write_object(VALUE).to_str
+    read = stressed do
+      buf = PacketBuf.new << VALUE
+      buf.preserve_symbols_on_extract = true
+      [buf.to_str, buf.seek(0).extract_object, PacketBuf.new.write_object(VALUE).to_str]
+    end
+    assert_equal signature([encoded, VALUE, encoded]), signature(read)
+  end
+
+  def test_own_each_under_stress
+    hash = OwnEach["key", ["a"], "other", OwnEach["b", "c"]]
+    plain = { "key" => ["a"], "other" => { "b" => "c" } }
+    assert_equal encode(plain), to_hex(stressed { PacketBuf.new.write_object(hash).to_str })
+  end
+
+  def test_dynamic_symbols_under_stress
+    read = stressed do
+      buf = PacketBuf.new << (0...10).map { |n| "dynamic #{n}".to_sym }
+      buf.preserve_symbols_on_extract = true
+      buf.seek(0).extract_object
+    end
+    assert_equal (0...10).map { |n| :"dynamic #{n}" }, read
+  end
+
+  def test_copying_under_stress
+    from = PacketBuf.new << VALUE
+    copies = stressed do
+      to = PacketBuf.new
+      from.seek(0).copy_object(to)
+      from.seek(0).copy_object(PacketFrameOut.new)
+      [to.to_str, from.seek(from.payload_size).to_str]
+    end
+    assert_equal copies[1], copies[0]
+  end
+
+  def test_frames_under_stress
+    [false, true].each do |twelve|
+      read = stressed do
+        out = PacketFrameOut.new
+        out.use_12byte_header = twelve
+        bytes = (out << ["text", { 1 => 2**62 }] << 2).compute_frame_header.to_str
+        frame = PacketFrameIn.new.reset
+        offset = 0
+        offset += frame.assemble(bytes[0, offset + 7], offset) until frame.have_complete_frame?
+        frame.seek_payload_start
+        [frame.extract_object, frame.extract_object, offset == bytes.size]
+      end
+      assert_equal [["text", { 1 => 2**62 }], 2, true], read
+    end
+  end
+
+  FAILURES = {
+    "an unsupported value" => -> { PacketBuf.new << ["a", { "b" => Object.new }] },
+    "a large integer" => -> { PacketBuf.new << ["a", 2**64] },
+    "an own each" => -> { PacketBuf.new << OwnEach["a", OwnEach["b", Object.new]] },
+    "a cut value" => -> { PacketBuf.new.write_raw("\x0a\x07\x01a\x07").seek(0).extract_object },
+    "a broken symbol" => lambda do
+      buf = PacketBuf.new.write_raw("\x0a\x07\x01a\x06\x01\xff\x0b").seek(0)
+      buf.preserve_symbols_on_extract = true
+      buf.extract_object
+    end,
+    "a frame without room" => -> { PacketFrameOut.new.compute_frame_header },
+    "a destination" => -> { PacketBuf.new.copy_object("x") },
+    "an offset" => -> { PacketFrameIn.new.reset.assemble("abc", 3) }
+  }.freeze
+
+  def test_failures_under_stress
+    FAILURES.each do |name, failing|
+      calm = assert_raises(RuntimeError, RangeError, EncodingError, ArgumentError, name) { failing.call }
+      wild = assert_raises(RuntimeError, RangeError, EncodingError, ArgumentError, name) { stressed { failing.call } }
+      assert_equal [calm.class, calm.message], [wild.class, wild.message], name
+    end
+  end
+
+  def test_objects_are_moved
+    skip "nothing is moved by Ruby #{RUBY_VERSION}" unless can_compact?
+    bufs = (0...200).map { |n| PacketBuf.new << { n => VALUE } }
+    frame = PacketFrameIn.new.reset
+    bytes = (PacketFrameOut.new.reset << VALUE).compute_frame_header.to_str
+    frame.assemble(bytes[0, 50], 0)
+    GC.respond_to?(:verify_compaction_references) ? GC.verify_compaction_references(toward: :empty) : GC.compact
+    bufs.each_with_index { |buf, n| assert_equal n, buf.seek(0).extract_object.keys.first }
+    assert_equal bytes.size - 50, frame.assemble(bytes, 50)
+    assert_equal VALUE.size, frame.seek_payload_start.extract_object.size
+  end
+
+  def test_objects_are_moved_while_they_are_written_and_read
+    skip "nothing is moved by Ruby #{RUBY_VERSION}" unless can_compact?
+    moving = Class.new(Hash) do
+      def each
+        super do |key, value|
+          GC.compact
+          yield key, value
+          GC.compact
+        end
+      end
+    end
+    value = (0...10).map { |n| { "key #{n}" => ["value #{n}"] } }
+    written = PacketBuf.new << value.map { |hash| moving[hash] }
+    assert_equal value, written.seek(0).extract_object
+  end
+
+  def test_objects_are_moved_at_every_allocation
+    skip "Ruby #{RUBY_VERSION} does not compact by itself" unless can_compact? && GC.respond_to?(:auto_compact=)
+    begin
+      GC.auto_compact = true
+      small = [{ "a" => [1.5e300, :b, "c"], "d" => { [1] => 2**62 } }] * 3
+      read = stressed { (PacketBuf.new << small).seek(0).extract_object }
+      assert_equal signature(AS_READ.call(small)), signature(read)
+    ensure
+      GC.auto_compact = false
+    end
+  end
+
+  # What symbols become by default.
+  AS_READ = lambda do |value|
+    case value
+    when Array then value.map(&AS_READ)
+    when Hash then Hash[value.map { |key, member| [AS_READ.call(key), AS_READ.call(member)] }]
+    when Symbol then value.to_s.encode("UTF-8")
+    else value
+    end
+  end
+end
