@@ -126,6 +126,26 @@ TEST(PacketBuf, ClaimMakesRoomAndHandsItOut) {
   EXPECT_EQ(6U, buf.data().size());
 }
 
+TEST(PacketBuf, RoomIsWhatExistsAlready) {
+  PacketBuf buf;
+  EXPECT_EQ(nullptr, buf.room(1));
+  write(buf, "abc");
+  EXPECT_EQ(nullptr, buf.room(1));
+  buf.set_pos(1);
+  EXPECT_EQ(buf.data().data() + 1, buf.room(2));
+  EXPECT_EQ(nullptr, buf.room(3));
+  EXPECT_EQ(nullptr, buf.room(MAX));
+  EXPECT_EQ(1U, buf.pos());
+  buf.advance(2);
+  EXPECT_EQ(3U, buf.pos());
+  for (const uint64_t pos : {uint64_t{4}, uint64_t{1} << 63, MAX - 1, MAX}) {
+    buf.set_pos(pos);
+    EXPECT_EQ(nullptr, buf.room(1));
+    EXPECT_EQ(nullptr, buf.room(3));
+  }
+  EXPECT_EQ("abc", buf.data());
+}
+
 TEST(PacketBuf, ReadsNoByteBehindTheSource) {
   const vorn_test::GuardedBytes source(std::string(5000, 's'));
   for (size_t n = 0; n <= source.size(); ++n) {

@@ -277,6 +277,18 @@ TEST(PacketFrameIn, TheReadableRangeIsThePayloadAndNotWhatIsStoredBehindIt) {
   EXPECT_FALSE(frame.index_within_payload(9));
 }
 
+// A frame that fails for its length is not given room for it.
+TEST(PacketFrameIn, AnAnnouncedPayloadThatIsNotStoredCannotBeRead) {
+  PacketFrameIn frame;
+  frame.reset();
+  feed_hex(frame, "A5 01 00 01 80 00 00 00");
+  ASSERT_TRUE(frame.is_error());
+  EXPECT_EQ(8U + 0x80000000U, frame.payload_end());
+  EXPECT_EQ(8U, frame.data().size());
+  EXPECT_FALSE(frame.index_within_payload(8));
+  EXPECT_FALSE(frame.index_within_payload(1000));
+}
+
 // The header's length is known from its second byte on; bytes of an earlier frame say nothing.
 TEST(PacketFrameIn, ThePayloadRangeWhileTheHeaderArrives) {
   for (const bool used_before : {false, true}) {

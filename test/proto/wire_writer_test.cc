@@ -2,7 +2,9 @@
 
 #include <limits>
 #include <new>
+#include <random>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -17,20 +19,24 @@ using namespace VORN::PROTO;
 using vorn_test::from_hex;
 using vorn_test::to_hex;
 
-// What `write` puts into a buffer, in hex: appended, and once more over other bytes, where it must touch its
-// own and none behind them.
+// What `write` puts into a buffer, in hex: appended, and over other bytes, of which any number may be left from
+// the position on. It must touch its own and none behind them.
 template <typename Write>
 std::string written(Write write) {
   PacketBuf fresh;
   write(fresh);
   EXPECT_EQ(fresh.data().size(), fresh.pos());
-  PacketBuf used;
-  const std::string old(fresh.pos() + 20, '\xEE');
-  used.write_bytes(old.data(), old.size());
-  used.set_pos(5);
-  write(used);
-  EXPECT_EQ(5 + fresh.pos(), used.pos());
-  EXPECT_EQ(old.substr(0, 5) + fresh.data() + old.substr(0, 15), used.data());
+  for (const uint64_t left : vorn_test::cuts(fresh.pos() + 20)) {
+    PacketBuf used;
+    const std::string old(5 + left, '\xEE');
+    used.write_bytes(old.data(), old.size());
+    used.set_pos(5);
+    write(used);
+    EXPECT_EQ(5 + fresh.pos(), used.pos()) << left;
+    std::string expected = old;
+    if (expected.size() < 5 + fresh.pos()) expected.resize(5 + fresh.pos());
+    EXPECT_EQ(expected.replace(5, fresh.pos(), fresh.data()), used.data()) << left;
+  }
   return to_hex(fresh.data());
 }
 
@@ -63,6 +69,35 @@ TEST(WireWriter, IntegersOfTheTable) {
     ++rows;
   }
   EXPECT_GE(rows, 40);
+}
+
+// The format as it is told, one byte after the other.
+std::string plain_int(int64_t value) {
+  const bool negative = value < 0;
+  uint64_t magnitude = negative ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
+  std::string out;
+  unsigned byte = 0x80 | (negative ? 0x40U : 0U) | static_cast<unsigned>(magnitude & 0x1F);
+  unsigned continuation = 0x20;
+  for (magnitude >>= 5;; magnitude >>= 7) {
+    if (magnitude == 0) return out + static_cast<char>(byte);
+    out += static_cast<char>(byte | continuation);
+    byte = static_cast<unsigned>(magnitude & 0x7F);
+    continuation = 0x80;
+  }
+}
+
+TEST(WireWriter, IntegersOfEverySize) {
+  std::mt19937_64 random(1);
+  std::vector<int64_t> values = {INT64_MIN, INT64_MAX};
+  for (unsigned shift = 0; shift < 64; ++shift) {
+    for (const uint64_t delta : {~uint64_t{0}, uint64_t{0}, uint64_t{1}}) {
+      const uint64_t magnitude = (uint64_t{1} << shift) + delta;
+      values.push_back(static_cast<int64_t>(magnitude));
+      values.push_back(static_cast<int64_t>(0 - magnitude));
+    }
+    for (int i = 0; i < 20; ++i) values.push_back(static_cast<int64_t>(random()) >> shift);
+  }
+  for (const int64_t value : values) ASSERT_EQ(to_hex(plain_int(value)), int_bytes(value)) << value;
 }
 
 TEST(WireWriter, SizesOfIntegers) {
