@@ -307,7 +307,7 @@ class VORN_API VObject {
   /// key that is no string and a string that leaves the payload are found later, and leave `out` partly
   /// built. Either way the position is where reading stopped.
   ///
-  /// Machine stack is used for each level of nesting, about 250 bytes; `maxdepth` must not allow more than
+  /// Machine stack is used for each level of nesting, up to 260 bytes; `maxdepth` must not allow more than
   /// the thread's stack holds. A limit of 2^31 or more counts as negative, and nothing passes it.
   ///
   /// Throws std::bad_alloc and:
