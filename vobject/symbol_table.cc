@@ -15,8 +15,8 @@ struct Name {
 /// Names are never freed. The chain keeps them within reach, so that leak checkers do not take them for lost.
 Name* newest_name = nullptr;
 
-/// Makes the table when the library is loaded, unless someone needed it before. Without the memory for that, the
-/// program ends before it has begun.
+/// Makes the table when the library is loaded, unless someone needed it before. Without the memory for that,
+/// the program ends before it has begun.
 // NOLINTNEXTLINE(cert-err58-cpp)
 [[maybe_unused]] const SymbolTable& made_at_load = SymbolTable::instance();
 
