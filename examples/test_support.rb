@@ -72,14 +72,20 @@ class Program
   end
 end
 
-Minitest.after_run { Program::RUNNING.values.each { |program| program.stop("KILL") } }
-%w[TERM HUP].each { |name| trap(name) { exit(1) } } # so that the line above is reached
+# Also when the tests are broken off.
+Minitest.after_run do
+  Program::RUNNING.values.each { |program| program.stop("KILL") }
+  FileUtils.rm_rf(ExampleTest::FOLDERS)
+end
+%w[TERM HUP].each { |name| trap(name) { exit(1) } }
 
 class ExampleTest < Minitest::Test
   STEP_SECONDS = 30
+  FOLDERS = []
 
   def setup
     @folder = Dir.mktmpdir("vorn-examples")
+    FOLDERS << @folder
     @programs = []
   end
 
@@ -91,6 +97,7 @@ class ExampleTest < Minitest::Test
     end
   ensure
     FileUtils.remove_entry(@folder)
+    FOLDERS.delete(@folder)
   end
 
   def start(program, *arguments, **options)
@@ -98,14 +105,18 @@ class ExampleTest < Minitest::Test
     @programs.last
   end
 
-  # Waits for what the block returns to be true.
+  # Waits for what the block returns to be true. When it never is, the program's log tells more.
   def eventually(what, seconds = 10, program = nil)
-    limit = Process.clock_gettime(Process::CLOCK_MONOTONIC) + seconds
+    limit = now + seconds
     until (result = yield)
-      flunk("not in #{seconds} s: #{what}#{"\n#{program.log}" if program}") if Process.clock_gettime(Process::CLOCK_MONOTONIC) > limit
+      flunk("not in #{seconds} s: #{what}#{"\n#{program.log}" if program}") if now > limit
       sleep(0.01)
     end
     result
+  end
+
+  def now
+    Process.clock_gettime(Process::CLOCK_MONOTONIC)
   end
 
   def within(seconds = STEP_SECONDS, &block)

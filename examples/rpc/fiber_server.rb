@@ -4,6 +4,8 @@
 # thread. Work that computes for long, or waits by other means than the reactor's, stops them all.
 #
 #   ruby -Ilib examples/rpc/fiber_server.rb [ADDRESS]
+#
+# TERM and INT end it at once.
 
 require "logger"
 require_relative "fiber_socket"
@@ -15,9 +17,9 @@ require_relative "sockets"
 class FiberServer
   MAX_PAYLOAD = 1 << 20
   MAX_CONNECTIONS = 200
-  MAX_IN_FLIGHT = 64      # requests of one connection; with more, nothing more is read and the client feels it
-  MAX_UNSENT = 4 << 20    # bytes of answers, likewise
-  WRITE_SECONDS = 2       # how long a client may leave its answers unread
+  MAX_IN_FLIGHT = 64    # requests of one connection; with more, nothing more is read and the client feels it
+  MAX_UNSENT = 4 << 20  # bytes of answers, likewise
+  WRITE_SECONDS = 2     # how long a client may leave its answers unread
 
   Connection = Struct.new(:socket, :name, :writer, :in_flight, :waiting)
 
@@ -86,6 +88,7 @@ class FiberServer
     while connection.in_flight >= MAX_IN_FLIGHT || connection.socket.unsent > MAX_UNSENT
       connection.waiting = Fiber.current
       @reactor.park
+      connection.waiting = nil
     end
   end
 

@@ -203,6 +203,19 @@ class RpcTest < ExampleTest
     end
   end
 
+  # Asked to end, the threads' server answers what it has begun.
+  def test_ending_between_request_and_answer
+    program, address = serve("rpc/thread_server.rb")
+    client = ThreadClient.new(address)
+    pid = program.pid
+    ender = Thread.new { sleep(0.2); Process.kill("TERM", pid) }
+    assert_equal 0.5, client.call("pause", [0.5])
+    ender.join
+    assert_equal 0, program.wait
+    assert_raises(ConnectionLost) { client.call("echo", [1], 0.2) }
+    client.close
+  end
+
   # Accepts connections and answers as told.
   def fake_server(answer)
     listener = Sockets.listen("tcp:127.0.0.1:0")

@@ -5,7 +5,7 @@
 #   ruby -Ilib examples/rpc/thread_server.rb [ADDRESS]
 #
 # ADDRESS is tcp:127.0.0.1:0 (the kernel chooses the port) unless given, or unix:PATH. The first line of output
-# tells where it listens. TERM and INT end it once the requests in progress are answered.
+# tells where it listens. TERM and INT end it once the requests in progress are answered, within 2 s.
 
 require "logger"
 require_relative "framing"
@@ -13,7 +13,7 @@ require_relative "service"
 require_relative "sockets"
 
 class ThreadServer
-  MAX_PAYLOAD = 1 << 20 # of a request as of an answer; values of one message take up to about 40 times that in memory
+  MAX_PAYLOAD = 1 << 20 # of a request as of an answer; see README.md for what its values take in memory
   MAX_CONNECTIONS = 200
   WORKERS = 8
   WAITING = 64       # requests read and not yet begun; with more, nothing more is read and the senders feel it

@@ -1,0 +1,126 @@
+# frozen_string_literal: true
+
+# A worker. Start as many as you like, on as many hosts as you like:
+#
+#   REDIS_URL=redis://:PASSWORD@HOST:6379 ruby -Ilib examples/work_queue/worker.rb
+#
+# REDIS_URL   where Redis is (default redis://127.0.0.1:6379); unix:///PATH for a socket
+# QUEUE       the queue's name (default jobs)
+# LEASE_MS    after how long a message that another worker holds is taken over (default 30000)
+# BATCH       messages taken at once (default 10)
+# DELIVERIES  how often a message is tried (default 5)
+#
+# TERM and INT let it finish its batch.
+
+require "logger"
+require "securerandom"
+require "socket"
+require_relative "work_queue"
+
+class Worker
+  WAIT_MS = 1000           # for new messages
+  MAX_RETRY_SECONDS = 5    # between attempts to reach Redis
+
+  def initialize(queue, name, lease, batch, deliveries, log)
+    @queue = queue
+    @name = name
+    @lease = lease
+    @batch = batch
+    @deliveries = deliveries
+    @log = log
+    @stopping = false
+    @look = 0 # when to look for abandoned messages again
+  end
+
+  def stop
+    @stopping = true
+  end
+
+  # Yields each message's value; the block returns the result.
+  def run(&work)
+    delay = 0.1
+    until @stopping
+      begin
+        @queue.prepare
+        until @stopping
+          batch.each { |message| process(message, &work) }
+          delay = 0.1
+        end
+      rescue Redis::BaseConnectionError, Redis::CommandError => e
+        # Redis restarts, is loading its file, was replaced by an empty one, or the network is away. What this worker
+        # held is delivered again, to it or to another.
+        @log.warn("#{e.message.strip} (#{e.class}); again in #{delay} s")
+        sleep(delay)
+        delay = [delay * 2, MAX_RETRY_SECONDS].min
+      end
+    end
+    @queue.leave(@name)
+  rescue Redis::BaseError => e
+    @log.warn("left without a word: #{e.message.strip}")
+  end
+
+  private
+
+  # Abandoned messages first: they have waited longest. They are looked for several times a lease.
+  def batch
+    now = Process.clock_gettime(Process::CLOCK_MONOTONIC, :millisecond)
+    if now >= @look
+      abandoned = @queue.take_over(@name)
+      if abandoned
+        @log.info("#{abandoned.id}: taken over")
+        return [abandoned]
+      end
+      @look = now + @lease / 4
+    end
+    @queue.take(@name, @batch, [WAIT_MS, @lease / 4].min)
+  end
+
+  def process(message)
+    if message.deliveries > @deliveries
+      # Whoever had it died, or failed, again and again.
+      @queue.bury(message, "tried #{@deliveries} times")
+      return @log.error("#{message.id}: given up")
+    end
+    value =
+      begin
+        Payload.decode(message.payload)
+      rescue RuntimeError => e
+        # Trying again does not help.
+        @queue.bury(message, e.message)
+        return @log.error("#{message.id}: #{e.message}; put aside")
+      end
+    kept = @queue.complete(message, yield(value))
+    puts "#{message.id} #{kept ? "done" : "done before"}"
+  rescue Redis::BaseError
+    raise
+  rescue StandardError => e
+    # It stays pending, so it is tried again when the lease is over.
+    @log.error("#{message.id}: #{e.message} (#{e.class})")
+  end
+end
+
+# The work of this example.
+WORK = lambda do |job|
+  case job["do"]
+  when "square"
+    sleep(job["seconds"] || 0)
+    square = job["number"]**2
+    # Sent as it is, it would arrive as its low 32 bits.
+    square < 2**31 ? square : square.to_s
+  when "fail" then raise "as told"
+  when "crash" then Process.kill("KILL", Process.pid)
+  else raise ArgumentError, "unknown job"
+  end
+end
+
+if $PROGRAM_NAME == __FILE__
+  $stdout.sync = true
+  lease = Integer(ENV.fetch("LEASE_MS", 30_000))
+  queue = WorkQueue.new(ENV.fetch("REDIS_URL", "redis://127.0.0.1:6379"), ENV.fetch("QUEUE", "jobs"), lease)
+  # A name of its own for each process that ever runs: two of one name would be one worker to Redis.
+  name = "#{Socket.gethostname}:#{Process.pid}:#{SecureRandom.hex(4)}"
+  worker = Worker.new(queue, name, lease, Integer(ENV.fetch("BATCH", 10)), Integer(ENV.fetch("DELIVERIES", 5)),
+                      Logger.new($stderr))
+  %w[TERM INT].each { |signal| trap(signal) { worker.stop } }
+  worker.run(&WORK)
+end
