@@ -245,4 +245,20 @@ TEST(WireReader, ResyncFollowsABufferThatGrew) {
   EXPECT_EQ(2, n);
 }
 
+TEST(WireReader, ResyncSeesBytesThatWereAddedInPlace) {
+  PacketBuf buf;
+  vorn_test::fill(buf, from_hex("80"));
+  WireReader in(buf);
+  buf.set_pos(1);
+  buf.write_byte(0x82);
+  EXPECT_EQ(1U, in.limit());
+  in.resync(buf);
+  EXPECT_EQ(2U, in.limit());
+  EXPECT_EQ(2U, in.data_len());
+  in.skip(1);
+  int64_t n = 0;
+  EXPECT_TRUE(in.read_int(n));
+  EXPECT_EQ(2, n);
+}
+
 }  // namespace
