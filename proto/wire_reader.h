@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "proto/byte_order.h"
 #include "proto/group_number.h"
 #include "proto/packet_buf.h"
 #include "proto/transport_type.h"
@@ -123,8 +124,7 @@ inline bool WireReader::read_length(uint32_t& length) {
 template <typename Bits>
 inline bool WireReader::read_float_bits(Bits& bits) {
   if (pos_ >= limit_ || limit_ - pos_ < sizeof bits) return false;
-  bits = 0;
-  for (unsigned i = 0; i < sizeof bits; ++i) bits = static_cast<Bits>(bits << 8 | base_[pos_ + i]);
+  bits = load_big_endian<Bits>(base_ + pos_);
   pos_ += sizeof bits;
   return true;
 }

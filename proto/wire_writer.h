@@ -11,6 +11,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "proto/byte_order.h"
 #include "proto/group_number.h"
 #include "proto/packet_buf.h"
 #include "proto/transport_type.h"
@@ -54,12 +55,6 @@ inline void write_type(PacketBuf& buf, TransportType type) {
   *buf.claim(1) = static_cast<char>(type);
 }
 
-/// The low `bytes` bytes of a word, least significant first. Compilers make one store of it.
-template <unsigned bytes>
-inline void store_little_endian(char* at, uint32_t word) {
-  for (unsigned i = 0; i < bytes; ++i) at[i] = static_cast<char>(word >> (8 * i));
-}
-
 /// store_group_number() for integers, with the sizes that 32-bit numbers take spelled out: a word put together
 /// in a register beats a loop over its bytes.
 [[gnu::always_inline]] inline char* store_int(char* at, uint64_t magnitude, bool negative) {
@@ -74,20 +69,20 @@ inline void store_little_endian(char* at, uint32_t word) {
     return at + 1;
   }
   if (magnitude < 1U << 12) {
-    store_little_endian<2>(at, 0x20 | first | second);
+    store_little_endian(at, static_cast<uint16_t>(0x20 | first | second));
     return at + 2;
   }
   if (magnitude < 1U << 19) {
-    store_little_endian<2>(at, 0x8020 | first | second);
+    store_little_endian(at, static_cast<uint16_t>(0x8020 | first | second));
     at[2] = static_cast<char>(third >> 16);
     return at + 3;
   }
   if (magnitude < 1U << 26) {
-    store_little_endian<4>(at, 0x808020 | first | second | third | fourth);
+    store_little_endian(at, 0x808020 | first | second | third | fourth);
     return at + 4;
   }
   if (magnitude < uint64_t{1} << 33) {
-    store_little_endian<4>(at, 0x80808020 | first | second | third | fourth);
+    store_little_endian(at, 0x80808020 | first | second | third | fourth);
     at[4] = static_cast<char>(magnitude >> 26);
     return at + 5;
   }
@@ -113,7 +108,7 @@ template <typename Bits>
 inline void write_float_bits(PacketBuf& buf, TransportType type, Bits bits) {
   char* const at = buf.claim(1 + sizeof bits);
   at[0] = static_cast<char>(type);
-  for (unsigned i = 0; i < sizeof bits; ++i) at[1 + i] = static_cast<char>(bits >> (8 * (sizeof bits - 1 - i)));
+  store_big_endian(at + 1, bits);
 }
 
 inline void write_float(PacketBuf& buf, float value) {
@@ -135,8 +130,10 @@ inline void copy_string_bytes(char* to, const char* from, size_t n) {
     std::memcpy(to, from, width);
     std::memcpy(to + n - width, from + n - width, width);
   };
-  if (n > 32) {
+  if (n > 64) {
     std::memcpy(to, from, n);
+  } else if (n >= 32) {
+    move_ends(std::integral_constant<size_t, 32>());
   } else if (n >= 16) {
     move_ends(std::integral_constant<size_t, 16>());
   } else if (n >= 8) {

@@ -393,7 +393,10 @@ class VORN_API VObject {
   static void merge_into(VObject& dst, const VObject& src);
   static bool diff_into(const VObject& a, VObject& out, const VObject& b, bool& structural, int parent_tag,
                         double epsilon);
-  void serialize(SerializeContext& ctx) const;
+  void serialize(const SerializeContext& ctx, int32_t depth) const;
+  void serialize_symbol(const SerializeContext& ctx) const;
+  void serialize_hash(const SerializeContext& ctx, int32_t depth) const;
+  void serialize_vector(const SerializeContext& ctx, int32_t depth) const;
   static void deserialize(DeserializeContext& ctx, VObject& out);
   static void deserialize_hash(DeserializeContext& ctx, VObject& out);
   static void deserialize_array(DeserializeContext& ctx, VObject& out);

@@ -1,0 +1,162 @@
+/// Variants against nlohmann::json's MessagePack codec and msgpack-cxx with its variant, on the same trees. Every
+/// result is checked before it is timed. Output buffers are used again, as a service would.
+#include <benchmark/benchmark.h>
+
+#include <msgpack.hpp>
+#include <nlohmann/json.hpp>
+#include <string_view>
+
+#include "bench/native/documents.h"
+#include "proto/value_wire.h"
+
+namespace {
+
+using VORN::VObject;
+using VORN::PROTO::PacketBuf;
+using Msgpack = msgpack::type::variant;
+using nlohmann::json;
+
+constexpr uint32_t MAX_DEPTH = 64;
+
+/// The variant gives a double away to the wire only.
+double double_of(const VObject& v) {
+  PacketBuf buf;
+  v.serialize(buf, 1);
+  buf.set_pos(1);
+  double value = 0;
+  VORN::PROTO::WireReader(buf).read_double(value);
+  return value;
+}
+
+json to_json(const VObject& v) {
+  switch (v.type()) {
+    case VORN::DT_INT: return v.to_i64();
+    case VORN::DT_DOUBLE: return double_of(v);
+    case VORN::DT_BOOL: return v.to_bool();
+    case VORN::DT_STR: return std::string(v.getstr());
+    case VORN::DT_HASH: {
+      json object = json::object();
+      for (const auto& [key, value] : v.gethash()) object[std::string(key.view())] = to_json(value);
+      return object;
+    }
+    case VORN::DT_VECTOR: {
+      json array = json::array();
+      for (const VObject& element : v.getvec()) array.push_back(to_json(element));
+      return array;
+    }
+    default: return nullptr;
+  }
+}
+
+Msgpack to_msgpack(const json& j) {
+  switch (j.type()) {
+    case json::value_t::number_integer: return Msgpack(j.get<int64_t>());
+    case json::value_t::number_unsigned: return Msgpack(j.get<uint64_t>());
+    case json::value_t::number_float: return Msgpack(j.get<double>());
+    case json::value_t::boolean: return Msgpack(j.get<bool>());
+    case json::value_t::string: return Msgpack(j.get<std::string>());
+    case json::value_t::object: {
+      std::multimap<Msgpack, Msgpack> map;
+      for (const auto& [key, value] : j.items()) map.emplace(Msgpack(key), to_msgpack(value));
+      return Msgpack(map);
+    }
+    case json::value_t::array: {
+      std::vector<Msgpack> array;
+      for (const json& element : j) array.push_back(to_msgpack(element));
+      return Msgpack(array);
+    }
+    default: return Msgpack();
+  }
+}
+
+void encode_vorn(benchmark::State& state, const VObject& value) {
+  PacketBuf buf;
+  value.serialize(buf, MAX_DEPTH);
+  for (auto _ : state) {
+    buf.reset();
+    value.serialize(buf, MAX_DEPTH);
+    benchmark::DoNotOptimize(buf.data().data());
+  }
+}
+
+void decode_vorn(benchmark::State& state, const VObject& value) {
+  PacketBuf buf;
+  value.serialize(buf, MAX_DEPTH);
+  const uint64_t end = buf.pos();
+  VObject again;
+  buf.set_pos(0);
+  VObject::deserialize(buf, end, again, true, MAX_DEPTH);
+  if (!(again == value)) state.SkipWithError("not the same value");
+  for (auto _ : state) {
+    VObject out;
+    buf.set_pos(0);
+    VObject::deserialize(buf, end, out, true, MAX_DEPTH);
+    benchmark::DoNotOptimize(out);
+  }
+}
+
+void encode_nlohmann(benchmark::State& state, const VObject& value) {
+  const json j = to_json(value);
+  std::vector<uint8_t> bytes;
+  for (auto _ : state) {
+    bytes.clear();
+    json::to_msgpack(j, bytes);
+    benchmark::DoNotOptimize(bytes.data());
+  }
+}
+
+void decode_nlohmann(benchmark::State& state, const VObject& value) {
+  const json j = to_json(value);
+  const std::vector<uint8_t> bytes = json::to_msgpack(j);
+  if (json::from_msgpack(bytes) != j) state.SkipWithError("not the same value");
+  for (auto _ : state) {
+    json out = json::from_msgpack(bytes);
+    benchmark::DoNotOptimize(out);
+  }
+}
+
+void encode_msgpack(benchmark::State& state, const VObject& value) {
+  const Msgpack v = to_msgpack(to_json(value));
+  msgpack::sbuffer bytes;
+  for (auto _ : state) {
+    bytes.clear();
+    msgpack::pack(bytes, v);
+    benchmark::DoNotOptimize(bytes.data());
+  }
+}
+
+void decode_msgpack(benchmark::State& state, const VObject& value) {
+  const Msgpack v = to_msgpack(to_json(value));
+  msgpack::sbuffer bytes;
+  msgpack::pack(bytes, v);
+  // Compared by its bytes: whole numbers come back as another type than they went.
+  msgpack::sbuffer again;
+  msgpack::pack(again, msgpack::unpack(bytes.data(), bytes.size()).get().as<Msgpack>());
+  if (std::string_view(again.data(), again.size()) != std::string_view(bytes.data(), bytes.size())) {
+    state.SkipWithError("not the same value");
+  }
+  for (auto _ : state) {
+    Msgpack out = msgpack::unpack(bytes.data(), bytes.size()).get().as<Msgpack>();
+    benchmark::DoNotOptimize(out);
+  }
+}
+
+const bool registered = [] {
+  for (const bench::Document& document : bench::documents()) {
+    const auto add = [&](const char* name, auto body) {
+      const VObject& value = document.value;
+      benchmark::RegisterBenchmark((name + ("/" + document.name)).c_str(),
+                                   [&value, body](benchmark::State& state) { body(state, value); })
+          ->Unit(benchmark::kMicrosecond);
+    };
+    add("encode/vorn", encode_vorn);
+    add("encode/nlohmann", encode_nlohmann);
+    add("encode/msgpack", encode_msgpack);
+    add("decode/vorn", decode_vorn);
+    add("decode/nlohmann", decode_nlohmann);
+    add("decode/msgpack", decode_msgpack);
+  }
+  return true;
+}();
+
+}  // namespace
