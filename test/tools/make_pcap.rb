@@ -69,7 +69,7 @@ class PcapWriter
   def record(packet)
     @microseconds += 100
     kept = packet.byteslice(0, @snap_length)
-    @io.write([*@microseconds.divmod(1_000_000), kept.bytesize, packet.bytesize].pack('L<4'), kept)
+    @io.write([*@microseconds.divmod(1_000_000), kept.bytesize, packet.bytesize].pack('L<4') + kept)
   end
 
   def checksum(bytes)

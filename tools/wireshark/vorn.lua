@@ -15,7 +15,8 @@ local HEADER_CHECK = 0x5A
 local PAYLOAD_CHECK = 0xDEADBEEF
 local SOFT_LIMIT = 0x7FFFFFFF
 local MAX_DEPTH = 64
-local MAX_TEXT = 1024 * 1024 -- bytes of a text field; more stalls the user interface and helps nobody
+local MAX_STRING = 2 ^ 20 -- bytes shown of a string
+local MAX_TEXT = 2 ^ 23 -- bytes of messages' texts for one packet; more stalls the user interface and helps nobody
 local MAX_LABEL = 120 -- bytes of a text in a line of the tree
 
 -- Preferences ------------------------------------------------------------------------------------------------
@@ -89,13 +90,13 @@ end
 
 -- Text -------------------------------------------------------------------------------------------------------
 
-local function escape_byte(c)
-  if c == '"' or c == "\\" then return "\\" .. c end
-  return string.format("\\x%02x", c:byte())
+local escapes = { ['"'] = '\\"', ["\\"] = "\\\\" }
+for byte = 0, 255 do
+  if byte < 0x20 or byte >= 0x80 then escapes[string.char(byte)] = string.format("\\x%02x", byte) end
 end
 
 local function quoted(bytes)
-  return '"' .. bytes:gsub('[%z\1-\31\128-\255"\\]', escape_byte) .. '"'
+  return '"' .. bytes:gsub(".", escapes) .. '"'
 end
 
 -- The C library puts the locale's decimal point.
@@ -131,7 +132,7 @@ end
 --   tvb, bytes    the packet, and its bytes as a Lua string
 --   pos, stop     offset of the next byte, offset behind the payload
 --   depth         open values
---   text_left     bytes of text that the message may still take
+--   text_cut      some of the message's text is missing
 --   fault, fault_pos   why and where reading stopped
 --   late_fault    what only a reader that builds the value trips over. It counts if the rest of the message
 --                 has no fault: the native library first walks a message, then builds it
@@ -139,8 +140,8 @@ end
 --
 -- Readers return the value's text, and nil when reading stopped.
 
--- Values that the current call of the dissector may still decode, over all its frames.
-local values_left = 0
+-- What the current call of the dissector may still spend, over all its frames.
+local values_left, text_left = 0, 0
 
 local function fail(walk, fault)
   walk.fault, walk.fault_pos = fault, walk.pos
@@ -157,10 +158,12 @@ local function spend(walk)
 end
 
 local function take_text(walk, text)
-  walk.text_left = walk.text_left - #text
-  if walk.text_left >= 0 then return text end
-  walk.text_cut = true
-  return "..."
+  if #text > text_left then
+    walk.text_cut = true
+    return "..."
+  end
+  text_left = text_left - #text
+  return text
 end
 
 -- Reads groups of bits, the lowest first; the first byte holds `first_bits` of them, a continuation flag and above
@@ -221,18 +224,18 @@ local function read_string(walk, tree, transport_type)
   walk.pos = body + size
   if walk.pos > walk.stop then
     fail_late(walk, "buffer underrun extracting data bytes", body)
-    local item = tree:add(walk.tvb(body - 1, walk.stop - body + 1), "String of " .. size .. " bytes")
+    local item = tree:add(walk.tvb(body - 1, walk.stop - body + 1), string.format("String of %d bytes", size))
     item:add_proto_expert_info(malformed, "String runs past the payload")
     return "", ""
   end
-  local shown = walk.tvb(body, math.min(size, MAX_TEXT))
+  local shown = walk.tvb(body, math.min(size, MAX_STRING))
   local bytes = walk.bytes:sub(body + 1, body + size)
   if transport_type == 0x05 then
     tree:add(f.value.binary, shown):set_text("Binary string: " .. label(quoted(bytes:sub(1, MAX_LABEL + 1))))
   else
     tree:add_packet_field(string_fields[transport_type], shown, ENC_UTF_8)
   end
-  return take_text(walk, size <= walk.text_left and quoted(bytes) or bytes), bytes
+  return take_text(walk, size <= text_left and quoted(bytes) or bytes), bytes
 end
 
 local read_value
@@ -264,7 +267,6 @@ local function read_array(walk, tree)
     local text = read_value(walk, item)
     if not text then break end
     texts[#texts + 1] = text
-    walk.text_left = walk.text_left - 2
     done = at_end(walk, 0x0B)
   end
   close_container(walk, item, start, #texts, "members")
@@ -281,12 +283,12 @@ local function read_entry(walk, tree, entries)
   entry:set_text(label(key_text))
   if not key then fail_late(walk, "only hash keys of type string are supported", start) end
   local key_end = math.min(walk.pos, walk.stop)
-  entry:add(f.value.key, walk.tvb(start, key_end - start), key and key_text:sub(2, -2) or key_text):set_generated()
+  local name = key_text:match('^"(.*)"$') or key_text
+  entry:add(f.value.key, walk.tvb(start, key_end - start), name):set_generated()
   local text = read_value(walk, entry)
   if not text then return nil end
   entry:set_text(label(key_text .. "=>" .. text))
   entry:set_len(math.min(walk.pos, walk.stop) - start)
-  walk.text_left = walk.text_left - 4
   if key and not walk.text_cut then entries[key] = text end
   return true
 end
@@ -347,7 +349,7 @@ end
 
 -- Reads the message at the walk's position. Returns its text, and its tree.
 local function read_message(walk, tree)
-  walk.depth, walk.text_left, walk.text_cut = 0, MAX_TEXT, false
+  walk.depth, walk.text_cut = 0, false
   walk.late_fault, walk.late_pos = nil, nil
   local start = walk.pos
   local item = tree:add(walk.tvb(start, walk.stop - start), "Message")
@@ -533,7 +535,7 @@ end
 
 function vorn.dissector(tvb, pinfo, tree)
   if tvb:len() == 0 then return end
-  values_left = vorn.prefs.max_values
+  values_left, text_left = vorn.prefs.max_values, MAX_TEXT
   local lines = {}
   add_frames(tvb, pinfo, tree, lines)
   pinfo.cols.protocol = "VORN"

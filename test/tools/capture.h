@@ -1,0 +1,49 @@
+/// Captures to damage: streams of frames, and what becomes of each byte.
+#pragma once
+
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace vorn_test {
+
+std::string frame(uint16_t seq, const std::string& payload, unsigned layout = 8);
+
+class Capture {
+ public:
+  struct Span {
+    size_t offset;
+    size_t size;
+    bool findable;  ///< readable values, or the 12-byte layout
+  };
+
+  /// Up to 25 frames of all kinds: both layouts, empty ones, ones with start markers and whole frames in their
+  /// payloads, and some with unreadable values.
+  explicit Capture(std::mt19937_64& random);
+
+  /// Damages it once.
+  void damage();
+
+  std::string bytes() const;
+
+  /// The frames whose bytes still stand behind one another as they were, wherever they are now.
+  std::vector<Span> undamaged() const;
+
+ private:
+  struct Byte {
+    char value;
+    int64_t origin;  ///< where it stood at first; -1: it is new
+  };
+
+  void add_frame(uint16_t seq);
+  std::string payload(bool& readable);
+  std::string value(unsigned depth);
+  size_t pick(size_t count) { return static_cast<size_t>(random_() % count); }
+
+  std::mt19937_64& random_;
+  std::vector<Byte> bytes_;
+  std::vector<Span> frames_;
+};
+
+}  // namespace vorn_test

@@ -1,0 +1,34 @@
+/// What a scanner reports, as lines of text, and the bytes that go with it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/inspect/stream_scanner.h"
+#include "tools/inspect/value_scanner.h"
+
+namespace vorn_test {
+
+struct ScanRecord : vorn_inspect::StreamSink, vorn_inspect::ValueSink {
+  struct Span {
+    uint64_t offset;
+    uint64_t end;
+    bool is_frame;
+  };
+
+  void on_frame(const vorn_inspect::Frame& frame) override;
+  void on_skipped(const vorn_inspect::Skipped& skipped) override;
+  void on_value(const vorn_inspect::Value& value) override;
+  void on_failed_value(const vorn_inspect::FailedValue& failed) override;
+
+  std::vector<std::string> lines;
+  std::vector<Span> spans;
+};
+
+/// What is reported for a stream that comes in pieces of this size; 0: all at once.
+ScanRecord scan(std::string_view stream, size_t piece = 0, uint32_t max_length = 1 << 20);
+ScanRecord scan_values(std::string_view stream, size_t piece = 0, uint32_t max_length = 1 << 20);
+
+}  // namespace vorn_test

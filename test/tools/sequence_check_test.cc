@@ -1,0 +1,37 @@
+#include "tools/inspect/sequence_check.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using vorn_inspect::SequenceCheck;
+
+TEST(SequenceCheck, IsContentWithNumbersThatCountUp) {
+  SequenceCheck check;
+  for (const unsigned seq : {65534U, 65535U, 0U, 1U}) check.add(static_cast<uint16_t>(seq), 0);
+  EXPECT_EQ(0U, check.gaps() + check.repeats() + check.returns());
+  EXPECT_TRUE(check.jumps().empty());
+}
+
+TEST(SequenceCheck, TellsGapsFromRepeatsAndReturns) {
+  SequenceCheck check;
+  uint64_t offset = 0;
+  for (const unsigned seq : {1U, 5U, 5U, 4U, 5U, 6U}) check.add(static_cast<uint16_t>(seq), offset += 10);
+  EXPECT_EQ(1U, check.gaps());
+  EXPECT_EQ(3U, check.missing());
+  EXPECT_EQ(1U, check.repeats());
+  EXPECT_EQ(1U, check.returns());
+  ASSERT_EQ(3U, check.jumps().size());
+  EXPECT_EQ(20U, check.jumps()[0].offset);
+  EXPECT_EQ(1U, check.jumps()[0].from);
+  EXPECT_EQ(5U, check.jumps()[0].to);
+}
+
+TEST(SequenceCheck, KeepsTheFirstJumps) {
+  SequenceCheck check;
+  for (unsigned i = 0; i < 100; ++i) check.add(7, i);
+  EXPECT_EQ(99U, check.repeats());
+  EXPECT_EQ(SequenceCheck::MAX_JUMPS, check.jumps().size());
+}
+
+}  // namespace
