@@ -25,6 +25,7 @@ Gem::Specification.new do |gem|
     ext/arguments.h
     ext/extconf.rb
     ext/gc_memory_usage.cc
+    ext/hash_entries.h
     ext/native_guard.cc
     ext/native_guard.h
     ext/native_object.cc
@@ -42,6 +43,7 @@ Gem::Specification.new do |gem|
     ext/vorn_rpc_ext.h
     ext/vorn_rpc_ext.map
     proto/array_counts.h
+    proto/byte_order.h
     proto/export.h
     proto/frame_header.cc
     proto/frame_header.h
@@ -65,9 +67,26 @@ Gem::Specification.new do |gem|
     proto/wire_reader.h
     proto/wire_writer.h
     vobject/data_types.h
+    vobject/deep_copy.cc
+    vobject/extract_messages.cc
+    vobject/extract_messages.h
+    vobject/render.cc
+    vobject/render.h
     vobject/string_ref.h
+    vobject/symbol_table.cc
+    vobject/symbol_table.h
+    vobject/vobject.cc
     vobject/vobject.h
+    vobject/vobject_access.cc
+    vobject/vobject_container.cc
+    vobject/vobject_deserialize.cc
+    vobject/vobject_diff.cc
+    vobject/vobject_equality.cc
+    vobject/vobject_merge.cc
+    vobject/vobject_reference.cc
+    vobject/vobject_serialize.cc
     vobject/vobject_string.h
+    vobject/vobject_symbol.cc
     vobject/vobject_udt.h
   ]
 end
