@@ -1,6 +1,8 @@
 #include "ext/object_serializer.h"
 
 #include <cstring>
+#include <new>
+#include <type_traits>
 
 #include "ext/native_guard.h"
 #include "proto/value_wire.h"
@@ -16,6 +18,7 @@ ID id_each;
 int utf8_index;
 
 struct SerializeContext {
+  VALUE owner;  ///< the Ruby object that keeps buf alive
   PacketBuf& buf;
   const int32_t maxdepth;
   VALUE plain_hash_class;  ///< a class known to iterate with the built-in `each`; 0: none
@@ -97,32 +100,48 @@ int serialize_hash_entry(VALUE key, VALUE value, VALUE arg) {
   return ST_CONTINUE;
 }
 
-// An overridden `each` can keep the block that it is given and call it when everything here is long gone. So the
-// block holds the iteration through a Ruby object, from which it is taken away at the end.
-const rb_data_type_t* hash_iteration_type() {
+/// One call of an overridden `each`. The block given to it can be kept and called when everything here is long
+/// gone, even the machine stack: that of a fiber which nobody resumes. So a Ruby object holds what the block needs.
+struct OverriddenEach {
+  const SerializeContext ctx;
+  const int32_t depth;
+  bool ended;
+};
+
+void mark_overridden_each(void* data) {
+  rb_gc_mark(static_cast<const OverriddenEach*>(data)->ctx.owner);
+}
+
+const rb_data_type_t* overridden_each_type() {
   static const rb_data_type_t type = [] {
     rb_data_type_t t = rb_data_type_t();
     t.wrap_struct_name = "VORN hash iteration";
+    t.function.dmark = mark_overridden_each;
+    t.function.dfree = RUBY_TYPED_DEFAULT_FREE;
     return t;
   }();
   return &type;
 }
 
-HashIteration& iteration_in_progress(VALUE handle) {
-  void* const iteration = rb_check_typeddata(handle, hash_iteration_type());
-  if (iteration == nullptr) {
-    rb_raise(rb_eRuntimeError, "serialize_rbobj_to_packetbuf: hash iteration has ended");
-  }
-  return *static_cast<HashIteration*>(iteration);
+OverriddenEach& overridden_each(VALUE handle) {
+  return *static_cast<OverriddenEach*>(rb_check_typeddata(handle, overridden_each_type()));
+}
+
+const OverriddenEach& each_in_progress(VALUE handle) {
+  const OverriddenEach& each = overridden_each(handle);
+  if (each.ended) rb_raise(rb_eRuntimeError, "serialize_rbobj_to_packetbuf: hash iteration has ended");
+  return each;
 }
 
 void serialize_one_of_entry(VALUE obj, VALUE handle) {
-  HashIteration& iteration = iteration_in_progress(handle);
-  iteration.ctx->plain_hash_class = 0;  // Ruby code has run
-  native_guard([&] { serialize_rbobj_to_packetbuf(obj, *iteration.ctx, iteration.depth + 1); });
+  const OverriddenEach& each = each_in_progress(handle);
+  SerializeContext ctx = each.ctx;
+  native_guard([&] { serialize_rbobj_to_packetbuf(obj, ctx, each.depth + 1); });
+  RB_GC_GUARD(handle);
 }
 
 VALUE serialize_yielded_entry(RB_BLOCK_CALL_FUNC_ARGLIST(yielded, handle)) {
+  each_in_progress(handle);
   VALUE key, value;
   if (argc == 2) {  // yield key, value
     key = argv[0];
@@ -148,8 +167,8 @@ VALUE call_each(VALUE arg) {
   return rb_block_call(call.hash, id_each, 0, nullptr, VORN_CALLBACK(serialize_yielded_entry), call.handle);
 }
 
-VALUE end_iteration(VALUE handle) {
-  DATA_PTR(handle) = nullptr;
+VALUE end_overridden_each(VALUE handle) {
+  overridden_each(handle).ended = true;
   return Qnil;
 }
 
@@ -157,20 +176,30 @@ VALUE end_iteration(VALUE handle) {
 bool iterates_with_builtin_each(VALUE hash, SerializeContext& ctx) {
   const VALUE klass = CLASS_OF(hash);
   if (klass == ctx.plain_hash_class) return true;
+#ifdef VORN_RUBY_ALIASES_PASS_FOR_BUILTIN
+  if (klass != rb_cHash) return false;
+#endif
   if (!rb_method_basic_definition_p(klass, id_each)) return false;
   ctx.plain_hash_class = klass;
   return true;
 }
 
+void serialize_overridden_each(VALUE hash, const SerializeContext& ctx, int32_t depth) {
+  static_assert(std::is_trivially_destructible<OverriddenEach>::value, "the collector frees its memory, no more");
+  OverriddenEach* memory;
+  const VALUE handle = TypedData_Make_Struct(rb_cObject, OverriddenEach, overridden_each_type(), memory);
+  new (memory) OverriddenEach{{ctx.owner, ctx.buf, ctx.maxdepth, 0}, depth, false};
+  EachCall call{hash, handle};
+  rb_ensure(VORN_CALLBACK(call_each), reinterpret_cast<VALUE>(&call), VORN_CALLBACK(end_overridden_each), handle);
+}
+
 void serialize_rbhash(VALUE hash, SerializeContext& ctx, int32_t depth) {
   PROTO::write_type(ctx.buf, PROTO::PTT_HASH_START);
-  HashIteration iteration{&ctx, depth};
   if (iterates_with_builtin_each(hash, ctx)) {
+    HashIteration iteration{&ctx, depth};
     each_hash_entry(hash, serialize_hash_entry, reinterpret_cast<VALUE>(&iteration));
   } else {
-    const VALUE handle = TypedData_Wrap_Struct(rb_cObject, hash_iteration_type(), &iteration);
-    EachCall call{hash, handle};
-    rb_ensure(VORN_CALLBACK(call_each), reinterpret_cast<VALUE>(&call), VORN_CALLBACK(end_iteration), handle);
+    serialize_overridden_each(hash, ctx, depth);
     ctx.plain_hash_class = 0;  // it ran Ruby code, which may have redefined any `each`
   }
   PROTO::write_type(ctx.buf, PROTO::PTT_HASH_END);
@@ -178,8 +207,8 @@ void serialize_rbhash(VALUE hash, SerializeContext& ctx, int32_t depth) {
 
 }  // namespace
 
-void serialize_object(VALUE obj, PROTO::PacketBuf& buf, int32_t maxdepth) {
-  SerializeContext ctx{buf, maxdepth, 0};
+void serialize_object(VALUE obj, VALUE owner, PROTO::PacketBuf& buf, int32_t maxdepth) {
+  SerializeContext ctx{owner, buf, maxdepth, 0};
   native_guard([&] { serialize_rbobj_to_packetbuf(obj, ctx, 1); });
 }
 

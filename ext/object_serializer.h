@@ -16,9 +16,10 @@ constexpr int32_t SERIALIZE_MAX_DEPTH = 64;
 /// entry is not a [key, value] pair", RangeError for an Integer beyond 64 bits, RuntimeError "C++ exception: ..."
 /// when memory runs out, and whatever an overridden `each` raises. What was written by then stays.
 ///
-/// A Hash subclass with its own `each` runs Ruby code in the middle of it, which may use the buffer.
-/// REQUIRES: the caller keeps the buffer's Ruby object alive.
-void serialize_object(VALUE obj, PROTO::PacketBuf& buf, int32_t maxdepth);
+/// A Hash subclass with its own `each` runs Ruby code in the middle of it, which may use the buffer. It may keep the
+/// block that it is given, and with it `owner`, the buffer's Ruby object.
+/// REQUIRES: the caller keeps `owner` alive until this returns.
+void serialize_object(VALUE obj, VALUE owner, PROTO::PacketBuf& buf, int32_t maxdepth);
 
 /// Called once by Init.
 void init_object_serializer();

@@ -247,7 +247,7 @@ VALUE packetbuf_write_raw(VALUE self, VALUE str) {
  *   buf.to_str.unpack("H*")[0]  # => "8108" + "07036b6579" + "0a00043ff80000000000000b" + "09"
  */
 VALUE packetbuf_write_object(VALUE self, VALUE obj) {
-  serialize_object(obj, packet_buf_of(self), SERIALIZE_MAX_DEPTH);
+  serialize_object(obj, self, packet_buf_of(self), SERIALIZE_MAX_DEPTH);
   tell_gc_of_storage(self);
   return self;
 }
