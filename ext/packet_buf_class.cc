@@ -231,6 +231,22 @@ VALUE packetbuf_write_raw(VALUE self, VALUE str) {
   return self;
 }
 
+struct WriteObject {
+  VALUE self;
+  VALUE obj;
+};
+
+VALUE write_object(VALUE arg) {
+  const WriteObject& write = *reinterpret_cast<const WriteObject*>(arg);
+  serialize_object(write.obj, write.self, packet_buf_of(write.self), SERIALIZE_MAX_DEPTH);
+  return write.self;
+}
+
+VALUE end_write_object(VALUE self) {
+  tell_gc_of_storage(self);
+  return Qnil;
+}
+
 /*
  * call-seq:
  *   buf.write_object(obj) -> buf
@@ -247,9 +263,10 @@ VALUE packetbuf_write_raw(VALUE self, VALUE str) {
  *   buf.to_str.unpack("H*")[0]  # => "8108" + "07036b6579" + "0a00043ff80000000000000b" + "09"
  */
 VALUE packetbuf_write_object(VALUE self, VALUE obj) {
-  serialize_object(obj, self, packet_buf_of(self), SERIALIZE_MAX_DEPTH);
-  tell_gc_of_storage(self);
-  return self;
+  packet_buf_of(self);  // the receiver check: behind it every receiver has storage to tell of
+  // A failure leaves what was written before it, and the storage that this took.
+  WriteObject write{self, obj};
+  return rb_ensure(VORN_CALLBACK(write_object), reinterpret_cast<VALUE>(&write), VORN_CALLBACK(end_write_object), self);
 }
 
 /*
