@@ -70,7 +70,7 @@ VALUE packetframeout_inc_seq(VALUE self) {
  *   frame = VORN::PROTO::PacketFrameOut.new
  *   frame.reset
  *   frame << 42
- *   frame.compute_frame_header.to_str.unpack("H*")[0]  # => "a501000000000002a001"
+ *   frame.compute_frame_header.to_str.unpack("H*")[0]  # => "a501000000000002aa01"
  */
 VALUE packetframeout_compute_frame_header(VALUE self) {
   PacketFrameOut& frame = packet_frame_out_of(self);
