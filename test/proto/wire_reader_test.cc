@@ -245,6 +245,18 @@ TEST(WireReader, ResyncFollowsABufferThatGrew) {
   EXPECT_EQ(2, n);
 }
 
+TEST(WireReader, ResyncOfAnUnchangedBufferChangesNothing) {
+  PacketBuf buf;
+  vorn_test::fill(buf, from_hex("80 81"));
+  WireReader in(buf);
+  in.skip(1);
+  buf.set_pos(2);
+  in.resync(buf);
+  EXPECT_EQ(1U, in.pos());
+  EXPECT_EQ(2U, in.limit());
+  EXPECT_EQ(0x81, in.peek());
+}
+
 TEST(WireReader, ResyncSeesBytesThatWereAddedInPlace) {
   PacketBuf buf;
   vorn_test::fill(buf, from_hex("80"));

@@ -135,6 +135,15 @@ TEST(Conversions, OfAForeignTagGiveTheRawWord) {
   EXPECT_EQ(77, v.to_i64());
 }
 
+TEST(Access, OfAUserDefinedObjectIsNullForOtherKinds) {
+  const auto object = number(1);
+  EXPECT_EQ(object.get(), VObject(object).udt());
+  EXPECT_EQ(object.get(), make_ref(VObject(object)).udt());
+  for (const VObject& v : {VObject(), VObject(1), VObject("text"), hash({}), vec({1}), make_ref(2)}) {
+    EXPECT_EQ(nullptr, v.udt()) << rendered(v);
+  }
+}
+
 TEST(Conversions, OfAWideBooleanAreOneAndTrue) {
   VObject v(true);
   int64_t wide = int64_t{1} << 40;
