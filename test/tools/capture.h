@@ -18,8 +18,8 @@ class Capture {
     bool findable;  ///< readable values, or the 12-byte layout
   };
 
-  /// Up to 25 frames of all kinds: both layouts, empty ones, ones with start markers and whole frames in their
-  /// payloads, and some with unreadable values.
+  /// Up to 25 frames of all kinds: both layouts, empty ones, ones with start markers and whole frames in
+  /// their payloads, and some with unreadable values.
   explicit Capture(std::mt19937_64& random);
 
   /// Damages it once.

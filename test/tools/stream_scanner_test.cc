@@ -24,7 +24,8 @@ using Lines = std::vector<std::string>;
 /// Scans the stream whole and in pieces, which must come to the same.
 Lines lines(const std::string& stream, uint32_t max_length = 1 << 20) {
   const Lines whole = scan(stream, 0, max_length).lines;
-  for (const size_t piece : {1, 2, 7, 11, 64}) EXPECT_EQ(whole, scan(stream, piece, max_length).lines) << piece;
+  for (const size_t piece : {1, 2, 7, 11, 64})
+    EXPECT_EQ(whole, scan(stream, piece, max_length).lines) << piece;
   return whole;
 }
 
@@ -39,7 +40,8 @@ TEST(StreamScanner, BelievesWhatTheAssemblerBelieves) {
   for (const auto& row : vorn_test::frame_vectors()) {
     SCOPED_TRACE(row.name);
     // Of a frame alone; what stands before or behind one is another test's.
-    if (!row.is_complete() || row.consumed != row.stream.size() || row.data_len + row.layout != row.consumed) continue;
+    if (!row.is_complete() || row.consumed != row.stream.size() || row.data_len + row.layout != row.consumed)
+      continue;
     const auto record = scan(row.stream);
     ASSERT_FALSE(record.spans.empty());
     EXPECT_TRUE(record.spans[0].is_frame);
@@ -49,7 +51,8 @@ TEST(StreamScanner, BelievesWhatTheAssemblerBelieves) {
 }
 
 TEST(StreamScanner, SaysWhyAMessageCannotBeRead) {
-  EXPECT_EQ((Lines{"frame 0 layout 8 seq 1 length 3: 1 ! 10 VObject::deserialize: unrecognized protocol transport type",
+  EXPECT_EQ((Lines{"frame 0 layout 8 seq 1 length 3: 1 ! 10 VObject::deserialize: unrecognized protocol "
+                   "transport type",
                    "frame 11 layout 8 seq 2 length 1: 2"}),
             lines(frame(1, from_hex("81 0C 81")) + frame(2, from_hex("82"))));
   for (const auto& row : vorn_test::fault_vectors()) {
@@ -77,8 +80,10 @@ TEST(StreamScanner, SaysWhyAFrameFailed) {
   word[10] = '\xEE';
   const std::string length = from_hex("A5 01 00 03 80 00 00 00");
   const std::string good = frame(4, from_hex("82"));
-  EXPECT_EQ((Lines{"skipped 34 at 0: 0 Bad Header CRC; 13 Bad Payload Data CRC; 26 Payload size exceeds soft limit; of 3",
-                   "frame 34 layout 8 seq 4 length 1: 2", "skipped 9 at 43: 43 cut off by the end of the input; of 1"}),
+  EXPECT_EQ((Lines{"skipped 34 at 0: 0 Bad Header CRC; 13 Bad Payload Data CRC; 26 Payload size exceeds soft "
+                   "limit; of 3",
+                   "frame 34 layout 8 seq 4 length 1: 2",
+                   "skipped 9 at 43: 43 cut off by the end of the input; of 1"}),
             lines(header + word + length + good + frame(5, "12").substr(0, 9)));
 }
 
@@ -93,7 +98,8 @@ TEST(StreamScanner, UsesTheTextsOfTheLibrary) {
     in.reset();
     in.assemble(stream.data(), stream.size(), 0);
     EXPECT_STREQ(in.error_message(), reason);
-    EXPECT_EQ((Lines{"skipped " + std::to_string(stream.size()) + " at 0: 0 " + reason + "; of 1"}), lines(stream));
+    EXPECT_EQ((Lines{"skipped " + std::to_string(stream.size()) + " at 0: 0 " + reason + "; of 1"}),
+              lines(stream));
   }
 }
 
@@ -125,9 +131,9 @@ TEST(StreamScanner, FindsTheFramesThatAWrongLengthSwallowed) {
 TEST(StreamScanner, MarksFramesThatOverlap) {
   std::string stream = frame(1, from_hex("81"));
   stream[7] = 4;  // reaches into the next header
-  EXPECT_EQ((Lines{"frame 0 layout 8 seq 1 length 4: 1 37 nil",
-                   "frame 9 layout 8 seq 2 length 1 overlaps 0: 2"}),
-            lines(stream + frame(2, from_hex("82"))));
+  EXPECT_EQ(
+      (Lines{"frame 0 layout 8 seq 1 length 4: 1 37 nil", "frame 9 layout 8 seq 2 length 1 overlaps 0: 2"}),
+      lines(stream + frame(2, from_hex("82"))));
 }
 
 TEST(StreamScanner, DoesNotLookIntoFramesThatNothingSpeaksAgainst) {
@@ -138,11 +144,18 @@ TEST(StreamScanner, DoesNotLookIntoFramesThatNothingSpeaksAgainst) {
             lines(outer + frame(2, "")));
 }
 
+// Undamaged, but nobody could tell: its last messages are what an empty frame would be.
+TEST(StreamScanner, ReportsBothReadingsOfAFrameThatEndsLikeAnother) {
+  EXPECT_EQ((Lines{"frame 0 layout 8 seq 1 length 9: 2 37 nil nil nil nil nil nil",
+                   "frame 9 layout 8 seq 0 length 0 overlaps 0:", "frame 17 layout 8 seq 2 length 0:"}),
+            lines(frame(1, from_hex("82") + frame(0, "")) + frame(2, "")));
+}
+
 TEST(StreamScanner, LooksBehindACutFrame) {
   std::string stream = frame(1, from_hex("81"));
   stream[5] = 1;
-  EXPECT_EQ((Lines{"skipped 9 at 0: 0 cut off by the end of the input; of 1", "frame 9 layout 8 seq 2 length 1: 2",
-                   "frame 18 layout 12 seq 3 length 0:"}),
+  EXPECT_EQ((Lines{"skipped 9 at 0: 0 cut off by the end of the input; of 1",
+                   "frame 9 layout 8 seq 2 length 1: 2", "frame 18 layout 12 seq 3 length 0:"}),
             lines(stream + frame(2, from_hex("82")) + frame(3, "", 12)));
 }
 
@@ -151,8 +164,9 @@ TEST(StreamScanner, TakesNoNoiseForAFrameWhereNoneIsExpected) {
                    "frame 16 layout 8 seq 1 length 0:"}),
             lines(from_hex("00 A5 01 00 00 00 00 00 05 0C 0C 0C 0C 0C 00 00") + frame(1, "")));
   // The check fields of the 12-byte layout are evidence enough.
-  EXPECT_EQ("frame 1 layout 12 seq 1 length 1: ! 14 VObject::deserialize: unrecognized protocol transport type",
-            scan("x" + frame(1, from_hex("0C"), 12)).lines.at(1));
+  EXPECT_EQ(
+      "frame 1 layout 12 seq 1 length 1: ! 14 VObject::deserialize: unrecognized protocol transport type",
+      scan("x" + frame(1, from_hex("0C"), 12)).lines.at(1));
 }
 
 TEST(StreamScanner, ListsTheFirstStartMarkersOfARange) {
@@ -194,13 +208,17 @@ TEST(StreamScanner, HostileStreamsCostLinearWork) {
       from_hex("A5 01 00 00 00 0F FF F8"),                          // readable, and trusted
       from_hex("A5 00 00 00 08 00 01 DE AD BE EF 5A"),              // unreadable, but of 12 bytes
       from_hex("A5 01 00 00 00 00 00 00 A5 01 00 00 00 08 00 01"),  // trusted ones between them
-      from_hex("A5 A5 00 00 00 08 00 A5"), from_hex("A5"), from_hex("A5 01"), from_hex("A5 01 00 00 00 00 00 05")};
+      from_hex("A5 A5 00 00 00 08 00 A5"),
+      from_hex("A5"),
+      from_hex("A5 01"),
+      from_hex("A5 01 00 00 00 00 00 05")};
   for (const std::string& part : hostile) {
     std::string stream;
     while (stream.size() < 8U << 20) stream += part;
     Load load;
     StreamScanner scanner(load, MAX);
-    for (size_t at = 0; at < stream.size(); at += 65536) scanner.feed(std::string_view(stream).substr(at, 65536));
+    for (size_t at = 0; at < stream.size(); at += 65536)
+      scanner.feed(std::string_view(stream).substr(at, 65536));
     scanner.finish();
     EXPECT_LE(load.bytes, 17 * stream.size() + 2 * MAX) << vorn_test::to_hex(part);
   }

@@ -1,0 +1,87 @@
+#include "tools/inspect/byte_source.h"
+
+#include <cerrno>
+#include <stdexcept>
+#include <system_error>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "tools/inspect/output.h"
+
+namespace vorn_inspect {
+
+namespace {
+
+constexpr int FOLLOW_MILLISECONDS = 100;
+
+[[noreturn]] void fail(const std::string& name) {
+  throw std::system_error(errno, std::generic_category(), name);
+}
+
+}  // namespace
+
+ByteSource::ByteSource(const std::string& path, bool follow, int output_fd)
+    : name_(path == "-" ? "standard input" : path),
+      close_(path != "-"),
+      output_fd_(output_fd),
+      follow_(false) {
+  fd_ = close_ ? ::open(path.c_str(), O_RDONLY | O_CLOEXEC) : STDIN_FILENO;
+  if (fd_ < 0) fail(name_);
+  struct stat status;
+  if (::fstat(fd_, &status) == 0 && S_ISREG(status.st_mode)) {
+    regular_ = true;
+    size_ = static_cast<uint64_t>(status.st_size);
+    follow_ = follow;
+  }
+  if (follow) stop_.emplace();
+}
+
+ByteSource::~ByteSource() {
+  if (close_) ::close(fd_);
+}
+
+size_t ByteSource::read(char* to, size_t n) {
+  for (;;) {
+    if (regular_ && !follow_) return read_now(to, n);
+    if (!wait(!regular_, regular_ ? 0 : -1)) return 0;
+    const size_t got = read_now(to, n);
+    if (got != 0 || !follow_) return got;
+    check_size();
+    if (!wait(false, FOLLOW_MILLISECONDS)) return 0;
+  }
+}
+
+size_t ByteSource::read_now(char* to, size_t n) {
+  for (;;) {
+    const ssize_t got = ::read(fd_, to, n);
+    if (got >= 0) return static_cast<size_t>(got);
+    if (errno != EINTR && errno != EAGAIN) fail(name_);
+  }
+}
+
+/// Waits for that long (-1: for ever), for input if asked. False: a signal says that this is the end.
+bool ByteSource::wait(bool for_input, int milliseconds) {
+  pollfd watched[] = {{output_fd_, 0, 0}, {for_input ? fd_ : -1, POLLIN, 0}};
+  const timespec limit{milliseconds / 1000, milliseconds % 1000 * 1000000L};
+  for (;;) {
+    const int ready =
+        ::ppoll(watched, 2, milliseconds < 0 ? nullptr : &limit, stop_ ? stop_->waiting_mask() : nullptr);
+    if (stop_ && stop_->came()) return false;
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready < 0) fail(name_);
+    if ((watched[0].revents & (POLLERR | POLLHUP)) != 0) throw OutputClosed();
+    return true;
+  }
+}
+
+void ByteSource::check_size() const {
+  struct stat status;
+  if (::fstat(fd_, &status) == 0 && status.st_size < ::lseek(fd_, 0, SEEK_CUR)) {
+    throw std::runtime_error(name_ + ": became shorter");
+  }
+}
+
+}  // namespace vorn_inspect

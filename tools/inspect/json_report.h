@@ -1,0 +1,32 @@
+/// The output for programs: one JSON object a line, its "type" being "frame", "skipped", "value" or
+/// "failed_value". The manual page lists the members.
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include "tools/inspect/json_value.h"
+#include "tools/inspect/output.h"
+#include "tools/inspect/report.h"
+
+namespace vorn_inspect {
+
+class JsonReport : public Report {
+ public:
+  /// `hex`: show the bytes of frames, values and (the first of) skipped ranges too.
+  JsonReport(Output& out, bool hex) : out_(out), hex_(hex) {}
+
+  void on_frame(const Frame& frame) override;
+  void on_skipped(const Skipped& skipped) override;
+  void on_value(const Value& value) override;
+  void on_failed_value(const FailedValue& failed) override;
+  void on_end(uint64_t) override {}
+
+ private:
+  void write(const nlohmann::json& line);
+
+  Output& out_;
+  const bool hex_;
+  JsonConverter converter_;
+};
+
+}  // namespace vorn_inspect

@@ -1,0 +1,95 @@
+/// vorn-inspect: shows what is in a captured byte stream.
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <new>
+#include <optional>
+#include <vector>
+
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include "tools/inspect/byte_source.h"
+#include "tools/inspect/json_report.h"
+#include "tools/inspect/options.h"
+#include "tools/inspect/progress_bar.h"
+#include "tools/inspect/stats_report.h"
+#include "tools/inspect/text_report.h"
+
+namespace {
+
+using namespace vorn_inspect;
+
+constexpr int ALL_WELL = 0;
+constexpr int DAMAGE = 1;
+constexpr int TROUBLE = 2;
+
+constexpr size_t CHUNK = 256 * 1024;
+constexpr uint64_t LARGE = 16 << 20;  // inputs that take long enough for a progress bar
+
+std::unique_ptr<Report> make_report(const Options& options, Output& out) {
+  if (options.stats) return std::make_unique<StatsReport>(out, options.json, options.values);
+  if (options.json) return std::make_unique<JsonReport>(out, options.hex);
+  return std::make_unique<TextReport>(out, options.hex);
+}
+
+/// The bar would be lost among lines that run through the same terminal.
+bool wants_progress(const Options& options, const ByteSource& source) {
+  return source.size().value_or(0) >= LARGE && ::isatty(STDERR_FILENO) == 1 &&
+         (options.stats || ::isatty(STDOUT_FILENO) == 0);
+}
+
+/// Feeds the input to the scanner, and what was found to the output before each wait.
+template <typename Scanner>
+void scan(Scanner&& scanner, const Options& options, Output& out, Report& report) {
+  ByteSource source(options.input, options.follow, out.fd());
+  std::optional<ProgressBar> progress;
+  if (wants_progress(options, source)) progress.emplace(*source.size());
+  std::vector<char> chunk(CHUNK);
+  uint64_t done = 0;
+  for (;;) {
+    out.flush();
+    const size_t n = source.read(chunk.data(), chunk.size());
+    if (n == 0) break;
+    scanner.feed({chunk.data(), n});
+    done += n;
+    if (progress) progress->update(done);
+  }
+  scanner.finish();
+  progress.reset();
+  report.on_end(done);
+  out.flush();
+}
+
+int run(const Options& options) {
+  std::signal(SIGPIPE, SIG_IGN);
+  Output out(STDOUT_FILENO);
+  const std::unique_ptr<Report> report = make_report(options, out);
+  try {
+    if (options.values) {
+      scan(ValueScanner(*report, options.max_length), options, out, *report);
+    } else {
+      scan(StreamScanner(*report, options.max_length), options, out, *report);
+    }
+  } catch (const OutputClosed&) {
+    // Whoever read the output has seen enough.
+  }
+  return report->damage() ? DAMAGE : ALL_WELL;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    int status = ALL_WELL;
+    const std::optional<Options> options = parse_options(argc, argv, status);
+    return options ? run(*options) : status;
+  } catch (const std::bad_alloc&) {
+    std::fputs("vorn-inspect: out of memory\n", stderr);
+  } catch (const std::exception& e) {
+    fmt::print(stderr, "vorn-inspect: {}\n", e.what());
+  }
+  return TROUBLE;
+}

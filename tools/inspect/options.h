@@ -1,0 +1,22 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace vorn_inspect {
+
+struct Options {
+  std::string input = "-";
+  bool json = false;
+  bool hex = false;
+  bool stats = false;
+  bool values = false;
+  bool follow = false;
+  uint32_t max_length = 64U << 20;
+};
+
+/// Reads the command line. Nothing: the program is to end with `status`, and all has been said.
+std::optional<Options> parse_options(int argc, char** argv, int& status);
+
+}  // namespace vorn_inspect
