@@ -51,6 +51,7 @@ void add_decode_seeds(Folder& folder) {
   for (const auto& v : vorn_test::value_vectors()) {
     folder.add(bytes_of({0}) + v.bytes);
     folder.add(bytes_of({IN_FRAME | SYMBOLS_AS_STRINGS}) + number(v.bytes.size()) + v.bytes);
+    folder.add(bytes_of({WITH_END}) + number(v.bytes.size() / 2) + v.bytes);
   }
   for (const auto& v : vorn_test::fault_vectors()) {
     const bool is_limit = v.maxdepth >= 0 && v.maxdepth < 0x10000;

@@ -201,6 +201,20 @@ TEST(Deserialize, TheEndStopsValuesNotBodies) {
                VObject::deserialize(hash_end, 1, out, false, 64));
 }
 
+TEST(Deserialize, AnEndInsideAValueIsFoundBeforeAnythingIsBuilt) {
+  const std::string hex = "08 05 01 61 0A 81 82 0B 09";
+  Source whole(hex);
+  VObject value;
+  VObject::deserialize(whole, 9, value, false, 64);
+  EXPECT_EQ(hash({{"a", vec({1, 2})}}), value);
+  for (uint64_t end = 0; end < 9; ++end) {
+    Source buf(hex);
+    VObject out("untouched");
+    EXPECT_THROW(VObject::deserialize(buf, end, out, false, 64), VornRuntimeError) << end;
+    EXPECT_EQ(VObject("untouched"), out) << end;
+  }
+}
+
 TEST(Deserialize, AnEndBehindTheDataReadsNothingThere) {
   VObject out;
   for (const uint64_t end : {uint64_t{100}, UINT64_MAX}) {

@@ -52,6 +52,15 @@ TEST(Serialize, CountsDepthFromOne) {
   EXPECT_EQ("81 0A 81 0B", to_hex(buf.data()));
 }
 
+TEST(Serialize, CountsDepthInHashesToo) {
+  PROTO::PacketBuf buf;
+  const VObject nested = hash({{"a", hash({{"b", vec({1})}})}});
+  nested.serialize(buf, 4);
+  EXPECT_FAILS("VObject::serialize: maxdepth exceeded", nested.serialize(buf, 3));
+  EXPECT_FAILS("VObject::serialize: maxdepth exceeded", nested.serialize(buf, 1));
+  EXPECT_FAILS("VObject::serialize: maxdepth exceeded", hash({{"a", hash({{"b", 1}})}}).serialize(buf, 2));
+}
+
 TEST(Serialize, ThatFailsLeavesWhatIsWritten) {
   PROTO::PacketBuf buf;
   EXPECT_FAILS("VObject::serialize: maxdepth exceeded", vec({vec({1})}).serialize(buf, 2));
