@@ -608,6 +608,7 @@ class MisbehavingCallersTest < ExtTest
   end
 
   def test_own_each_that_writes_itself_forever
+    skip "Ruby #{RUBY_VERSION} raises out of its signal handler, and may hang" if RUBY_VERSION < "2.3"
     hash = OwnEach.new { @buf << hash }
     assert_raises(SystemStackError) { @buf << hash }
     assert_usable
