@@ -14,7 +14,7 @@ module Documents
     {
       "small request" => small_request,
       "1,000 records" => records(random, 1_000),
-      "social posts" => posts(random, 420),
+      "social posts" => posts(random, 620),
       "event catalogue" => catalogue(random),
       "coordinates" => coordinates(random),
       "20,000 integers" => Array.new(20_000) { |i| i.even? ? random.rand(128) : random.rand(2**31) - 2**30 },
@@ -35,7 +35,7 @@ module Documents
   end
 
   def text(random, length)
-    words = +""
+    words = "".dup
     words << WORDS[random.rand(WORDS.size)] << " " while words.size < length
     words[0, length]
   end
@@ -64,10 +64,10 @@ module Documents
 
   def catalogue(random)
     events = {}
-    600.times { |i| events[(138_586_341 + i).to_s] = event(random, 138_586_341 + i) }
-    performances = Array.new(2_000) { performance(random) }
+    200.times { |i| events[(138_586_341 + i).to_s] = event(random, 138_586_341 + i) }
+    performances = Array.new(1_400) { performance(random) }
     names = {}
-    900.times { |i| names[(205_705_993 + i).to_s] = text(random, 22) }
+    300.times { |i| names[(205_705_993 + i).to_s] = text(random, 22) }
     { "areaNames" => names, "events" => events, "performances" => performances, "topicNames" => names.dup }
   end
 

@@ -27,47 +27,40 @@ end.parse!
 
 Codec = Struct.new(:name, :encode, :decode)
 
-# Ours as a service uses it: one frame out and one in, used again and again.
-class Ours
-  CHUNK = 64 * 1024
+# Ours as a service uses it: one buffer, one frame out and one in, used again and again.
+CHUNK = 64 * 1024
+buf = VORN::PROTO::PacketBuf.new
+frame_out = VORN::PROTO::PacketFrameOut.new
+frame_in = VORN::PROTO::PacketFrameIn.new
 
-  def initialize
-    @buf = VORN::PROTO::PacketBuf.new
-    @out = VORN::PROTO::PacketFrameOut.new
-    @in = VORN::PROTO::PacketFrameIn.new
-  end
-
-  def encode(value)
-    @buf.reset
-    @buf << value
-    @buf.to_str
-  end
-
-  def decode(bytes)
-    @buf.reset
-    @buf.write_raw(bytes)
-    @buf.pos = 0
-    @buf.extract_object
-  end
-
-  # The value through a frame that arrives in chunks.
-  def round_trip(value)
-    @out.reset
-    @out << value
-    stream = @out.compute_frame_header.to_str
-    @in.reset
-    offset = 0
-    until @in.have_complete_frame?
-      chunk = stream.byteslice(offset, CHUNK)
-      offset += @in.assemble(chunk, 0)
-    end
-    @in.seek_payload_start
-    @in.extract_object
-  end
+encode = lambda do |value|
+  buf.reset
+  buf << value
+  buf.to_str
 end
 
-ours = Ours.new
-codecs = [Codec.new("vorn", ours.method(:encode), ours.method(:decode))]
+decode = lambda do |bytes|
+  buf.reset
+  buf.write_raw(bytes)
+  buf.pos = 0
+  buf.extract_object
+end
+
+# The value through a frame that arrives in chunks.
+through_frames = lambda do |value|
+  frame_out.reset
+  frame_out << value
+  stream = frame_out.compute_frame_header.to_str
+  frame_in.reset
+  offset = 0
+  while offset < stream.bytesize
+    offset += frame_in.assemble(stream.byteslice(offset, CHUNK), 0)
+  end
+  frame_in.seek_payload_start
+  frame_in.extract_object
+end
+
+codecs = [Codec.new("vorn", encode, decode)]
 
 def optional(library)
   require library
@@ -130,8 +123,8 @@ documents.each_with_index do |(name, document), index|
     works["decode/#{codec.name}"] = -> { codec.decode.call(bytes) }
     works["round trip/#{codec.name}"] = -> { codec.decode.call(codec.encode.call(document)) } unless codec.name == "vorn"
   end
-  abort "vorn does not give #{name} back through frames" unless ours.round_trip(document) == document
-  works["round trip/vorn"] = -> { ours.round_trip(document) }
+  abort "vorn does not give #{name} back through frames" unless through_frames.call(document) == document
+  works["round trip/vorn"] = -> { through_frames.call(document) }
   if options[:floor]
     abort "the floor does not build #{name}" unless Floor.build(document) == document
     works["encode/floor"] = -> { Floor.walk(document) }
@@ -145,7 +138,7 @@ documents.each_with_index do |(name, document), index|
     works.each { |work, code| best[work] = [best[work], sample(calls[work], &code)].min }
   end
   $stderr.print "\r\e[K" if $stderr.tty?
-  figures[name] = { "bytes" => ours.encode(document).bytesize, "microseconds" => best.to_h }
+  figures[name] = { "bytes" => encode.call(document).bytesize, "microseconds" => best.to_h }
 end
 
 # --- the table --------------------------------------------------------------------------------------------
@@ -171,7 +164,7 @@ means = {}
     puts row
   end
   next if ratios.empty?
-  means[operation] = Math.exp(ratios.map { |r| Math.log(r) }.sum / ratios.size)
+  means[operation] = Math.exp(ratios.map { |r| Math.log(r) }.inject(:+) / ratios.size)
   puts format("geometric mean of the ratios: %.2f", means[operation])
 end
 

@@ -27,7 +27,14 @@ extern const rb_data_type_t packet_frame_out_type;
 /// object: a method that still uses it after its last use of the VALUE needs RB_GC_GUARD.
 NativeObject& native_object(VALUE obj, const rb_data_type_t& type);
 
+/// The same for any of the classes, without a call where there is nothing to raise.
 inline PROTO::PacketBuf& packet_buf_of(VALUE obj) {
+  if (RB_TYPE_P(obj, T_DATA) && RTYPEDDATA_P(obj) && DATA_PTR(obj) != nullptr) {
+    const rb_data_type_t* const type = RTYPEDDATA_TYPE(obj);
+    if (type == &packet_buf_type || type->parent == &packet_buf_type) {
+      return *static_cast<NativeObject*>(DATA_PTR(obj))->buf;
+    }
+  }
   return *native_object(obj, packet_buf_type).buf;
 }
 
