@@ -1,5 +1,6 @@
-/// The symbol table under eight threads. Run it under ThreadSanitizer.
+/// The symbol table under many threads. Run it under ThreadSanitizer.
 #include <atomic>
+#include <functional>
 #include <thread>
 
 #include "test/vobject/values.h"
@@ -57,6 +58,38 @@ TEST(SymbolThreads, OneIdForEachNameInTheEnd) {
     distinct.insert(ids[0][n]);
   }
   EXPECT_EQ(static_cast<size_t>(NAMES), distinct.size());
+}
+
+/// Half of the threads make names; each of the others does one thing only, so that no other step of its own
+/// puts its use of the table in order with theirs.
+TEST(SymbolThreads, EachUseIsSafeByItself) {
+  VObject symbol("known from before");
+  symbol.intern();
+  const uint32_t id = VObject::intern("known from before");
+  const std::function<bool()> uses[] = {
+      [&] { return VObject::intern("known from before") == id; },
+      [&] { return *VObject::sym_lookup(id) == "known from before"; },
+      [&] { return rendered(symbol) == ":\"known from before\""; },
+      [&] { return encoded(symbol) == std::string("\x06\x11known from before"); },
+  };
+  constexpr int MAKERS = 8;
+  std::atomic<int> making{MAKERS};
+  std::atomic<int> faults{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < MAKERS; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 300; ++i) VObject::intern("maker " + std::to_string(t * 1000 + i));
+      --making;
+    });
+    const std::function<bool()>& use = uses[t % 4];
+    threads.emplace_back([&] {
+      do {
+        if (!use()) ++faults;
+      } while (making > 0);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(0, faults);
 }
 
 TEST(SymbolThreads, SharersMayBeCopiedAndEndedAnywhere) {
