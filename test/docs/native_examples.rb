@@ -1,0 +1,28 @@
+# frozen_string_literal: true
+
+# Compiles and runs the blocks of C++ in documents. Called by bin/test-native-docs.
+
+require "open3"
+
+root, compiler, *files = ARGV
+passed = failed = 0
+files.each do |file|
+  File.read(file).scan(/^```cpp\n(.*?)^```$/m).each_with_index do |(block), index|
+    name = "#{file}, block #{index + 1}"
+    source = File.join(root, "example.cc")
+    program = File.join(root, "example")
+    File.write(source, block)
+    expected = block.scan(%r{^// prints (.*)$}).map { |(line)| "#{line}\n" }.join
+    log, compiled = Open3.capture2e(compiler, "-std=c++17", "-Wall", "-Wextra", "-Wpedantic", "-Werror", "-I.", source,
+                                    File.join(root, "library", "libvorn_rpc.a"), "-pthread", "-o", program)
+    printed, ran = compiled.success? ? Open3.capture2e(program) : [log, compiled]
+    if ran.success? && !expected.empty? && printed == expected
+      passed += 1
+    else
+      failed += 1
+      puts "#{name}:\n#{printed}instead of\n#{expected}"
+    end
+  end
+end
+puts "#{passed} passed, #{failed} failed"
+exit failed.zero? && passed > 0
