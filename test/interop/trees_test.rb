@@ -1,0 +1,158 @@
+# frozen_string_literal: true
+
+# Ruby and C++ read each other's bytes: random trees. Called by bin/test-wire
+# with the path of wire_peer and the number of trees in each direction.
+
+require "open3"
+require "vorn_rpc"
+
+PEER, COUNT = ARGV[0], Integer(ARGV[1] || 50_000)
+SEED = Integer(ARGV[2] || 20_261_121)
+
+# Random Ruby values that a variant can hold.
+class Trees
+  def initialize(seed)
+    @random = Random.new(seed)
+  end
+
+  def next_tree(depth = 0)
+    case @random.rand(depth < 6 ? 9 : 7)
+    when 0 then nil
+    when 1 then @random.rand(2).zero?
+    when 2 then @random.rand(2**32) - 2**31
+    when 3 then heap_integer
+    when 4 then @random.rand(2**53) / 1024.0 - 2**40
+    when 5 then string
+    when 6 then string.bytes.map { |b| (97 + b % 26).chr }.join.to_sym
+    when 7 then Array.new(@random.rand(6)) { next_tree(depth + 1) }
+    else
+      hash = {}
+      @random.rand(6).times { hash[@random.rand(4).zero? ? :key : string] = next_tree(depth + 1) }
+      hash
+    end
+  end
+
+  private
+
+  def heap_integer
+    (2**62 + @random.rand(2**62)) * (@random.rand(2).zero? ? 1 : -1)
+  end
+
+  def string
+    length = @random.rand(8).zero? ? @random.rand(300) : @random.rand(12)
+    bytes = Array.new(length) { @random.rand(256) }.pack("C*")
+    @random.rand(2).zero? ? bytes : bytes.force_encoding(Encoding::UTF_8)
+  end
+end
+
+# What a value has become when it was a variant in between: symbols are strings, strings are UTF-8, keys are binary and
+# in the order of their bytes, the last of several winning.
+def as_variant(value)
+  case value
+  when Symbol then value.to_s.dup.force_encoding(Encoding::UTF_8)
+  when String then value.dup.force_encoding(Encoding::UTF_8)
+  when Array then value.map { |v| as_variant(v) }
+  when Hash
+    pairs = {}
+    value.each { |k, v| pairs[k.to_s.b] = as_variant(v) }
+    Hash[pairs.sort_by { |k, _| k.bytes.to_a }]
+  else value
+  end
+end
+
+def frame_of(frame, value)
+  frame.use_12byte_header = !frame.using_12byte_header?
+  frame << value
+  bytes = frame.compute_frame_header.to_str
+  frame.inc_seq
+  bytes
+end
+
+def values_of(stream)
+  frame = VORN::PROTO::PacketFrameIn.new
+  frame.reset
+  offset = 0
+  values = []
+  while offset < stream.bytesize
+    offset += frame.assemble(stream, offset)
+    break unless frame.have_complete_frame?
+    frame.seek_payload_start
+    values << frame.extract_object
+    frame.reset
+  end
+  values
+end
+
+# Equal, encodings, order and the bits of floats included.
+def same?(a, b)
+  return false unless a.class == b.class
+  case a
+  when String then a.encoding == b.encoding && a.b == b.b
+  when Float then [a].pack("G") == [b].pack("G")
+  when Array then a.size == b.size && a.zip(b).all? { |x, y| same?(x, y) }
+  when Hash then same?(a.to_a, b.to_a)
+  else a == b
+  end
+end
+
+def peer(*arguments, input)
+  out, status = Open3.capture2(PEER, *arguments.map(&:to_s), stdin_data: input, binmode: true)
+  [out.force_encoding(Encoding::BINARY), status.success?]
+end
+
+passed = failed = 0
+report = lambda do |good, text|
+  good ? passed += 1 : failed += 1
+  puts "#{good ? 'ok' : 'FAILED'}: #{text}"
+end
+
+# Ruby writes, C++ reads and writes, Ruby reads.
+trees = Trees.new(SEED)
+originals = Array.new(COUNT) { trees.next_tree }
+out_frame = VORN::PROTO::PacketFrameOut.new
+stream = "".b
+originals.each { |value| stream << frame_of(out_frame, value) }
+echoed, finished = peer("echo", stream)
+came_back = values_of(echoed)
+different = originals.zip(came_back).reject { |value, back| same?(as_variant(value), back) }
+different.first(3).each { |value, back| puts "  #{value.inspect}\n  became #{back.inspect}" }
+report.call(finished && came_back.size == COUNT && different.empty?, "#{COUNT} trees of Ruby through C++, #{different.size} changed")
+
+# C++ writes, Ruby reads and writes, C++ compares. Integers that an immediate Integer cannot carry in 32 bits are the one
+# thing that Ruby does not write back, so its encoder is fed the bytes instead: copy_object.
+generated, finished = peer("generate", SEED, COUNT, "")
+report.call(finished, "C++ generated #{COUNT} trees")
+in_frame = VORN::PROTO::PacketFrameIn.new
+in_frame.reset
+again = "".b
+wide = 0
+has_wide = lambda do |value|
+  case value
+  when Integer then !value.between?(-2**31, 2**31 - 1) && value.between?(-2**62, 2**62 - 1)
+  when Array then value.any?(&has_wide)
+  when Hash then value.any? { |_, v| has_wide.call(v) }
+  else false
+  end
+end
+offset = 0
+while offset < generated.bytesize
+  offset += in_frame.assemble(generated, offset)
+  break unless in_frame.have_complete_frame?
+  in_frame.seek_payload_start
+  value = in_frame.extract_object
+  if has_wide.call(value)
+    wide += 1
+    in_frame.seek_payload_start
+    out_frame.use_12byte_header = false
+    in_frame.copy_object(out_frame)
+    again << out_frame.compute_frame_header.to_str
+  else
+    again << frame_of(out_frame, value)
+  end
+  in_frame.reset
+end
+_, finished = peer("check", SEED, COUNT, again)
+report.call(finished, "#{COUNT} trees of C++ through Ruby, #{wide} of them copied for their integers beyond 32 bits")
+
+puts "#{passed} passed, #{failed} failed"
+exit failed.zero?

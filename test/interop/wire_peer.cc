@@ -1,0 +1,141 @@
+/// The C++ side of the test that Ruby and C++ read each other's bytes. Frames of one value each, on standard input and
+/// output.
+///
+///   wire_peer echo               reads frames, decodes and encodes each value, writes frames
+///   wire_peer generate SEED N    writes N random values
+///   wire_peer check SEED N       reads frames and compares them with those same values
+#include <cstdint>
+#include <cstdlib>
+#include <iostream>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "proto/packet_frame_in.h"
+#include "proto/packet_frame_out.h"
+#include "vobject/extract_messages.h"
+#include "vobject/render.h"
+#include "vobject/vobject.h"
+
+namespace {
+
+using VORN::VObject;
+using namespace VORN::PROTO;
+
+class Trees {
+ public:
+  explicit Trees(uint32_t seed) : engine_(seed) {}
+
+  VObject next() { return value(0); }
+
+ private:
+  uint32_t below(uint32_t n) { return static_cast<uint32_t>(engine_() % n); }
+
+  int64_t integer() {
+    const uint64_t magnitude = engine_() >> below(64);
+    return static_cast<int64_t>(below(2) == 0 ? magnitude : 0 - magnitude);
+  }
+
+  std::string bytes() {
+    std::string s(below(8) == 0 ? below(300) : below(12), '\0');
+    for (char& c : s) c = static_cast<char>(below(256));
+    return s;
+  }
+
+  VObject value(int depth) {
+    switch (below(depth < 6 ? 8 : 6)) {
+      case 0: return VObject();
+      case 1: return VObject(below(2) == 0);
+      case 2:
+      case 3: return VObject(integer());
+      case 4: return VObject(static_cast<double>(integer()) / 1024.0);
+      case 5: return VObject(bytes());
+      case 6: {
+        VObject vector = VObject::new_vector();
+        for (uint32_t n = below(6); n > 0; --n) vector.append(value(depth + 1));
+        return vector;
+      }
+      default: {
+        VObject hash = VObject::new_hash();
+        for (uint32_t n = below(6); n > 0; --n) {
+          const std::string key = bytes();
+          hash.gethash()[VORN::string_ref(key)] = value(depth + 1);
+        }
+        return hash;
+      }
+    }
+  }
+
+  std::mt19937_64 engine_;
+};
+
+void write_frame(PacketFrameOut& frame, const VObject& value) {
+  frame.set_use_12byte_header(!frame.using_12byte_header());
+  frame.reset();
+  value.serialize(frame, 64);
+  frame.compute_frame_header();
+  std::cout.write(frame.data().data(), static_cast<std::streamsize>(frame.pos()));
+  frame.inc_seq();
+}
+
+/// Calls `use` with the value of each frame of standard input. False: the stream is damaged.
+template <typename Use>
+bool each_value(Use use) {
+  PacketFrameIn frame;
+  frame.reset();
+  std::vector<VObject> messages;
+  char chunk[4093];
+  while (std::cin.read(chunk, sizeof chunk), std::cin.gcount() > 0) {
+    const uint64_t length = static_cast<uint64_t>(std::cin.gcount());
+    for (uint64_t offset = 0; offset < length;) {
+      offset += frame.assemble(chunk, length, offset);
+      if (frame.is_error()) return false;
+      if (!frame.have_complete_frame()) continue;
+      messages.clear();
+      proto_extract_messages(frame, messages);
+      for (const VObject& message : messages) use(message);
+      frame.reset();
+    }
+  }
+  return true;
+}
+
+int check(uint32_t seed, int count) {
+  Trees trees(seed);
+  int seen = 0;
+  int wrong = 0;
+  const bool whole = each_value([&](const VObject& value) {
+    const VObject expected = trees.next();
+    if (++seen > count || value == expected || ++wrong > 3) return;
+    std::string text = "value " + std::to_string(seen) + "\n  got      ";
+    VORN::render(value, text);
+    text += "\n  expected ";
+    VORN::render(expected, text);
+    std::cerr << text << "\n";
+  });
+  std::cerr << seen << " values came back, " << wrong << " of them changed\n";
+  return whole && seen == count && wrong == 0 ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::ios::sync_with_stdio(false);
+  const std::string mode = argc > 1 ? argv[1] : "";
+  PacketFrameOut out;
+  if (mode == "echo" && argc == 2) {
+    return each_value([&](const VObject& value) { write_frame(out, value); }) ? 0 : 1;
+  }
+  if (argc == 4) {
+    const uint32_t seed = static_cast<uint32_t>(std::strtoul(argv[2], nullptr, 10));
+    const int count = std::atoi(argv[3]);
+    if (mode == "check") return check(seed, count);
+    if (mode == "generate") {
+      Trees trees(seed);
+      for (int i = 0; i < count; ++i) write_frame(out, trees.next());
+      return 0;
+    }
+  }
+  std::cerr << "usage: wire_peer echo | generate SEED N | check SEED N\n";
+  return 2;
+}
