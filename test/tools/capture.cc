@@ -37,10 +37,16 @@ std::string Capture::payload(bool& readable) {
   return out;
 }
 
+/// Of any size. The two draws are in an order of their own, so that all compilers make the same captures.
+int64_t Capture::random_integer() {
+  const uint64_t bits = random_();
+  return static_cast<int64_t>(bits >> pick(64));
+}
+
 std::string Capture::value(unsigned depth) {
   PacketBuf buf;
   switch (pick(depth < 3 ? 9 : 7)) {
-    case 0: write_int(buf, static_cast<int64_t>(random_() >> pick(64))); break;
+    case 0: write_int(buf, random_integer()); break;
     case 1: write_int(buf, 37); break;  // A5 01
     case 2: write_type(buf, static_cast<TransportType>(pick(3))); break;
     case 3: write_double(buf, static_cast<double>(pick(1000)) / 8); break;
@@ -52,7 +58,8 @@ std::string Capture::value(unsigned depth) {
       break;
     }
     case 6: {
-      const std::string inner = frame(static_cast<uint16_t>(pick(9)), "\x81\x02", pick(2) == 0 ? 8 : 12);
+      const unsigned layout = pick(2) == 0 ? 8 : 12;
+      const std::string inner = frame(static_cast<uint16_t>(pick(9)), "\x81\x02", layout);
       write_binstr(buf, inner.data(), static_cast<uint32_t>(inner.size()));
       break;
     }
@@ -110,8 +117,9 @@ void Capture::damage() {
       break;
     }
     case 6: {  // some frame's length
-      const size_t i = frames_[pick(frames_.size())].offset + 4 + pick(4);
-      if (i < bytes_.size()) put(i, random_() >> (56 + pick(8)));
+      size_t i = frames_[pick(frames_.size())].offset + 4;
+      i += pick(4);
+      if (i < bytes_.size()) put(i, static_cast<uint64_t>(random_integer()) & 0xFF);
       break;
     }
     case 7: bytes_.erase(bytes_.begin(), here); break;

@@ -38,6 +38,7 @@ class Capture {
 
   void add_frame(uint16_t seq);
   std::string payload(bool& readable);
+  int64_t random_integer();
   std::string value(unsigned depth);
   size_t pick(size_t count) { return static_cast<size_t>(random_() % count); }
 

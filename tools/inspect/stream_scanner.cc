@@ -16,7 +16,7 @@ const char TOO_MUCH_OVERLAP[] = "not looked into: too many overlapping frames";
 
 namespace {
 
-constexpr uint64_t OVERLAP_ALLOWANCE = 16;
+constexpr uint64_t OVERLAP_ALLOWANCE = 4;
 
 }  // namespace
 

@@ -35,7 +35,7 @@
 /// that it seems to hold.
 ///
 /// Work is linear. A byte is looked at once for nothing; looking at it again, because frames overlap, is paid
-/// for from an allowance of 16 for each byte of the stream so far, and max_length to begin with. Hostile
+/// for from an allowance of 4 for each byte of the stream so far, and max_length to begin with. Hostile
 /// bytes (each start marker announcing much) can use it up; then headers are noted as TOO_MUCH_OVERLAP and
 /// not looked into until enough bytes have passed. Memory is bounded by twice what one frame of max_length
 /// takes, and one feed().

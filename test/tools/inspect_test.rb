@@ -1,0 +1,433 @@
+# Runs vorn-inspect as its users do, and its parts' own tests.
+#
+#   ruby test/tools/inspect_test.rb BUILD [--with-tshark] [TEST...]     tests: the methods that begin with test_
+require 'json'
+require 'open3'
+require 'pty'
+require 'tmpdir'
+require 'timeout'
+require_relative '../support/vectors'
+require_relative 'json_text'
+require_relative 'make_pcap'
+require_relative 'tshark'
+
+class InspectTest
+  FRAME_ERRORS = ['Bad Header CRC', 'Bad Payload Data CRC', 'Payload size exceeds soft limit'].freeze
+  Result = Struct.new(:out, :err, :status)
+
+  def self.run(build, *arguments)
+    Dir.mktmpdir('vorn-inspect') { |dir| exit new(build, dir).run(arguments) }
+  end
+
+  def initialize(build, dir)
+    @build, @dir = build, dir
+    @program = File.join(build, 'tools/inspect/vorn-inspect')
+    @passed = @failed = 0
+  end
+
+  def run(arguments)
+    with_tshark = arguments.delete('--with-tshark')
+    tests = public_methods(false).map(&:to_s).select { |name| name.start_with?('test_') }
+    unknown = arguments - tests
+    abort "no test #{unknown.join(', ')} (there are #{tests.join(', ')})" unless unknown.empty?
+    tests -= tests.grep(/tshark/) unless with_tshark
+    (arguments.empty? ? tests : arguments).each { |name| run_one(name) }
+    puts "#{@passed} passed, #{@failed} failed"
+    @failed == 0 && @passed > 0
+  end
+
+  # The scanner, on 10,000 damaged captures of its own, and the other parts.
+  def test_parts
+    out, status = Open3.capture2e(File.join(@build, 'test/tools/inspect_test'))
+    puts out[/^\d+ captures, .*/] || out
+    puts out unless status.success?
+    @passed += out.scan(/^\[ +OK \]/).size
+    check('parts', true, status.success?)
+  end
+
+  def test_command_line
+    help = inspector('--help')
+    check('--help', [0, ''], [help.status, help.err])
+    %w[--json --hex --stats --values --follow --max-length].each { |name| check(name, true, help.out.include?(name)) }
+    version = File.read(File.expand_path('../../../lib/vorn_rpc/version.rb', __FILE__))[/"([\d.]+)"/, 1]
+    check('--version', ["vorn-inspect #{version}\n", 0], inspector('--version').values_at(0, 2))
+    [%w[--bogus], %w[a b], %w[--hex --stats], %w[--max-length 3G], %w[--max-length -1], %w[--max-length],
+     [path('missing')], [@dir]].each do |arguments|
+      result = inspector(*arguments)
+      check(arguments.join(' '), [2, '', false], [result.status, result.out, result.err.empty?])
+    end
+    full = with_shell('--stats < /dev/null > /dev/full')
+    check('a full disk', [2, true], [full.status, full.err.include?('No space left')])
+    check('nothing', ['', '', 0], inspector('', stdin: '').to_a)
+  end
+
+  def test_text
+    stream = frame(7, Vectors.bytes('81 02')) + 'xyz' + bad_header(8) + frame(9, "\x82\x0C".b, 12) + 'A'
+    expected = <<-TEXT.gsub(/^ {6}/, '')
+      offset 0  layout 8  seq 7  length 2
+        1
+        true
+      ! skipped 16 bytes at offset 10
+      !   offset 13: Bad Header CRC (layout 12)
+      offset 26  layout 12  seq 9  length 2
+        2
+      !   offset 40: VObject::deserialize: unrecognized protocol transport type
+      ! skipped 1 byte at offset 40
+      !   no start marker
+    TEXT
+    ways(stream).each { |way, result| check(way, [expected, '', 1], result.to_a) }
+    hex = "  00000000  a5 01 00 07 00 00 00 02  81 02                    |..........|\n"
+    check('--hex', true, inspector('--hex', stdin: stream).out.include?("length 2\n#{hex}  1\n"))
+    check('all is well', 0, inspector(stdin: stream[0, 10]).status)
+  end
+
+  # Every frame's fields, and values by which they can be made again.
+  def test_json
+    rows = Vectors.table('values.txt', 8)
+    stream = rows.each_with_index.map { |row, seq| frame(seq, Vectors.bytes(row[1]), seq.odd? ? 12 : 8) }.join
+    lines = json(stream, '--hex')
+    check('frames', rows.size, lines.size)
+    check('all bytes', stream, [lines.map { |line| line['hex'] }.join].pack('H*'))
+    offset = 0
+    rows.zip(lines).each_with_index do |(row, line), seq|
+      layout, length = seq.odd? ? 12 : 8, Vectors.bytes(row[1]).bytesize
+      check("#{row.first}: header", ['frame', offset, layout, seq, length],
+            line.values_at('type', 'offset', 'layout', 'seq', 'length'))
+      offset += layout + length
+      meaning = extracted(row)
+      if meaning.start_with?('!')
+        check(row.first, [[], true], [line['messages'], line['fault']['reason'].start_with?('VObject::')])
+      else
+        check(row.first, [[meaning.gsub(/[bus]:/, 't:')], nil],
+              [line['messages'].map { |value| JsonText.notation(value) }, line['fault']])
+      end
+    end
+  end
+
+  def test_frame_table
+    Vectors.frames.each do |row|
+      next if row.stream.bytesize != row.consumed # what stands behind a frame is evidence for or against it
+      first = json(row.stream).map { |line| line['type'] == 'frame' ? line : line['failed_starts'].first }.compact.first
+      if row.complete? && row.stream.start_with?("\xA5".b) && row.data_len + row.layout == row.consumed
+        check(row.name, [0, row.layout, row.seq, row.data_len], first.values_at('offset', 'layout', 'seq', 'length'))
+      elsif FRAME_ERRORS.include?(row.state)
+        check(row.name, row.state, first['reason'])
+      end
+    end
+  end
+
+  def test_values
+    stream = Vectors.bytes('81 0A 82 0B 08 81 81 09 85 0C 80')
+    lines = json(stream, '--values')
+    check('--json', [['value', 0, 1], ['value', 1, [2]], ['failed_value', 4, nil], ['value', 8, 5],
+                     ['failed_value', 9, nil]], lines.map { |line| line.values_at('type', 'offset', 'value') })
+    result = inspector('--values', stdin: stream)
+    check('text', ["offset 0  1\noffset 1  [2]\n", 1], [result.out.lines.first(2).join, result.status])
+    check('all is well', 0, inspector('--values', stdin: stream[0, 4]).status)
+    check('a limit', 1, inspector('--values', '--max-length', '2', stdin: stream[0, 4]).status)
+    check('--stats', true, inspector('--values', '--stats', stdin: stream).out =~ /^values +3$/ ? true : false)
+  end
+
+  def test_stats
+    seqs = [1, 2, 5, 5, 4, 65_535]
+    stream = seqs.map { |seq| frame(seq, "\x81".b * (seq % 10), seq == 2 ? 12 : 8) }.join('')
+    stats = json(stream + 'xx' + bad_header(1), '--stats').first
+    check('frames', { '8' => 5, '12' => 1, 'overlapping' => 0 }, stats['frames'])
+    check('messages', seqs.map { |seq| seq % 10 }.inject(:+), stats['messages'])
+    check('skipped', { 'ranges' => 1, 'bytes' => 15 }, stats['skipped'])
+    check('reasons', { 'Bad Header CRC' => 1 }, stats['failed_starts'])
+    check('sequence', [1, 2, 1, 2], stats['sequence'].values_at('gaps', 'missing', 'repeats', 'returns'))
+    check('sizes', [6, 22, 1, 5], stats['sizes'].values_at('count', 'sum', 'min', 'max'))
+    check('histogram', [[1, 1, 1], [2, 3, 1], [4, 7, 4]],
+          stats['sizes']['histogram'].map { |range| range.values_at('from', 'to', 'count') })
+    text = inspector('--stats', stdin: stream).out
+    ['frames                             6', '  5 is followed by 5 at offset', '1 gaps (2 numbers missing), 1 repeats',
+     '          4 to 7                     4 ####'].each { |line| check(line, true, text.include?(line)) }
+  end
+
+  def test_follow
+    %w[INT TERM].each do |signal|
+      File.binwrite(path('growing'), frame(1, "\x81".b))
+      Open3.popen3(@program, '--follow', path('growing')) do |_, out, err, process|
+        check('what is there', "offset 0  layout 8  seq 1  length 1\n  1\n", lines_of(out, 2))
+        append('growing', frame(2, "\x82".b)[0, 5])
+        append('growing', frame(2, "\x82".b)[5..-1])
+        check('what is added, before anything follows', "offset 9  layout 8  seq 2  length 1\n  2\n", lines_of(out, 2))
+        append('growing', frame(3, "\x83".b)[0, 8])
+        sleep 0.3
+        Process.kill(signal, process.pid)
+        rest = Timeout.timeout(10) { out.read }
+        check("ended by SIG#{signal}", true, rest.include?('offset 18: cut off by the end of the input'))
+        check('status', [1, ''], [process.value.exitstatus, err.read])
+      end
+    end
+  end
+
+  def test_follow_ends
+    check('a pipe ends', 0, inspector('--follow', stdin: frame(1, '')).status)
+    File.binwrite(path('growing'), frame(1, '') * 100)
+    Open3.popen3(@program, '--follow', path('growing')) do |_, out, err, process|
+      lines_of(out, 100)
+      File.truncate(path('growing'), 8)
+      status = Timeout.timeout(10) { process.value }.exitstatus
+      check('a file that became shorter', [2, true], [status, err.read.include?('became shorter')])
+    end
+    Open3.popen3(@program, '--follow', path('growing')) do |_, out, err, process|
+      lines_of(out, 1)
+      out.close
+      check('nobody reads', [0, ''], [Timeout.timeout(10) { process.value }.exitstatus, err.read])
+    end
+  end
+
+  # What has arrived is shown at once, and nothing more is said when the reader leaves.
+  def test_pipes
+    Open3.popen3(@program) do |input, out, err, process|
+      input.binmode.write(frame(1, "\x81".b))
+      input.flush
+      check('shown at once', "offset 0  layout 8  seq 1  length 1\n  1\n", lines_of(out, 2))
+      out.close
+      check('nobody reads, nothing comes', [0, ''], [Timeout.timeout(10) { process.value }.exitstatus, err.read])
+    end
+    File.binwrite(path('long'), frame(1, "\x81".b) * 200_000)
+    check('head', ["offset 0  layout 8  seq 1  length 1\n", '', "0\n"],
+          shell("{ #{@program} #{path('long')}; echo $? >&3; } 3>#{path('status')} | head -1").values_at(0, 1) +
+          [File.read(path('status'))])
+  end
+
+  def test_progress
+    File.open(path('large'), 'wb') { |file| 64.times { file.write(frame(1, "\x81\x00\x02".b * 10) * 27_000) } }
+    bar = on_terminal("exec #{@program} --stats #{path('large')} > /dev/null")
+    check('a bar', true, bar =~ /\[#* +\] +\d+ %  \d+ of \d+ MiB/ ? true : false)
+    check('which goes away', true, bar.end_with?("\r\e[K"))
+    check('not for a pipe', '', on_terminal("cat #{path('large')} | #{@program} --stats > /dev/null"))
+    File.binwrite(path('small'), frame(1, ''))
+    check('not for a small file', '', on_terminal("exec #{@program} --stats #{path('small')} > /dev/null"))
+    check('not without a terminal', '', inspector('--stats', path('large')).err)
+  end
+
+  # The most memory that the program had when it had read so much.
+  def test_memory
+    clean = frame(1, "\x08\x05\x02id\x81\x09".b) * 60_000
+    check('a long capture', true, peak(Array.new(100) { clean }) < 16)
+    check('noise', true, peak(Array.new(100) { "\xA5".b * 1_000_000 }) < 16)
+    long = "\xA5\x01\0\0\x03\xFF\xFF\xFF".b * 125_000 # each announces 64 MiB
+    check('long payloads', true, peak(Array.new(100) { long }, '--stats') < 300)
+  end
+
+  # The program itself on damaged captures: always an answer, and frames whose bytes nobody touched are there.
+  def test_mutated
+    random = Random.new(20_240_607)
+    Integer(ENV.fetch('VORN_CAPTURES', 1000)).times do |n|
+      frames = Array.new(2 + random.rand(10)) { |seq| random_frame(seq, random) }
+      stream, kept = damage(frames, random)
+      result = inspector('--json', stdin: stream)
+      lines = result.out.lines.map { |line| JSON.parse(line) }
+      good = lines.all? { |line| %w[frame skipped].include?(line['type']) } && result.err.empty? &&
+             result.status == (lines.any? { |l| l['type'] == 'skipped' || l['overlaps'] || l['fault'] } ? 1 : 0)
+      check("capture #{n}: an answer", true, good)
+      shown = lines.select { |line| line['type'] == 'frame' }
+      lost = kept.reject do |offset, _|
+        shown.any? { |line| line['offset'] == offset } || hidden?(shown, stream, offset)
+      end
+      check("capture #{n}: #{stream.unpack('H*').first}", [], lost)
+    end
+  end
+
+  # On one capture file, tshark by the dissector and the inspector by the stream that tshark gives out.
+  def test_with_tshark
+    streams = tshark_streams
+    name = path('capture.pcap')
+    PcapWriter.open(name) { |pcap| streams.each { |bytes| pcap.connection(PcapWriter.cut(bytes, 700, 1400)) } }
+    fields = %w[vorn.layout vorn.seq vorn.length vorn.message vorn.error]
+    shown = Tshark.streams(name, fields, *Tshark::DECODE_AS)
+    streams.each_with_index do |bytes, number|
+      stream = number < 5 ? followed(name, number) : bytes
+      check("connection #{number}: the stream", bytes, stream)
+      check("connection #{number}", fields_of(json(stream)), fields.map { |field| shown[number][field] })
+    end
+  end
+
+  private
+
+  def run_one(name)
+    before = [@passed, @failed]
+    started = Process.clock_gettime(Process::CLOCK_MONOTONIC)
+    send(name)
+    puts format('%-28s %5d passed, %d failed (%.1f s)', name, @passed - before[0], @failed - before[1],
+                Process.clock_gettime(Process::CLOCK_MONOTONIC) - started)
+  rescue StandardError => error
+    @failed += 1
+    puts "#{name}: #{error.class}: #{error.message}", error.backtrace.first(5)
+  end
+
+  def check(what, expected, actual)
+    return @passed += 1 if expected == actual
+    @failed += 1
+    puts "FAILED #{what[0, 500]}", "  expected #{expected.inspect[0, 1000]}", "  got      #{actual.inspect[0, 1000]}"
+  end
+
+  def path(name)
+    File.join(@dir, name)
+  end
+
+  def inspector(*arguments, stdin: '')
+    out, err, status = Open3.capture3(@program, *arguments.reject(&:empty?), stdin_data: stdin, binmode: true)
+    Result.new(out, err, status.exitstatus)
+  end
+
+  def shell(command)
+    out, err, status = Open3.capture3('bash', '-c', command, binmode: true)
+    Result.new(out, err, status.exitstatus)
+  end
+
+  def with_shell(arguments)
+    shell("#{@program} #{arguments}")
+  end
+
+  # The same input by all ways in.
+  def ways(stream)
+    File.binwrite(path('stream'), stream)
+    { 'file' => inspector(path('stream')), 'pipe' => inspector(stdin: stream), 'dash' => inspector('-', stdin: stream),
+      'redirection' => with_shell("< #{path('stream')}") }
+  end
+
+  def json(stream, *options)
+    inspector('--json', *options, stdin: stream).out.lines.map { |line| JSON.parse(line, max_nesting: 200) }
+  end
+
+  def append(name, bytes)
+    File.open(path(name), 'ab') { |file| file.write(bytes) }
+  end
+
+  def lines_of(io, count)
+    Timeout.timeout(10) { Array.new(count) { io.gets }.join }
+  end
+
+  # What a command writes to a terminal that is its standard error.
+  def on_terminal(command)
+    terminal, slave = PTY.open
+    pid = Process.spawn('bash', '-c', command, err: slave, out: File::NULL)
+    slave.close
+    text = ''.b
+    begin
+      loop { text << terminal.readpartial(4096) }
+    rescue EOFError, Errno::EIO
+      Process.wait(pid)
+    end
+    text
+  ensure
+    terminal.close
+  end
+
+  # MiB.
+  def peak(parts, *options)
+    Open3.popen3(@program, *options) do |input, out, _, process|
+      reader = Thread.new { IO.copy_stream(out, File::NULL) }
+      parts.each { |part| input.binmode.write(part) }
+      input.flush
+      sleep 0.2
+      status = File.read("/proc/#{process.pid}/status")
+      input.close
+      reader.join
+      mib = Integer(status[/VmHWM:\s+(\d+)/, 1]) / 1024.0
+      puts format('  peak %.1f MiB behind %d MB', mib, parts.map(&:bytesize).inject(:+) / 1_000_000)
+      mib
+    end
+  end
+
+  def frame(seq, payload, layout = 8)
+    head = if layout == 8 then [0xA5, 1, seq, payload.bytesize].pack('CCnN')
+           else [0xA5, 0, seq, payload.bytesize >> 16, payload.bytesize & 0xFFFF, 0xDEADBEEF, 0x5A].pack('CCnCnNC')
+           end
+    head + payload.b
+  end
+
+  def bad_header(seq)
+    frame(seq, "\x81".b, 12).tap { |bytes| bytes.setbyte(11, 0) }
+  end
+
+  # What native extraction makes of a row of values.txt: symbols are strings.
+  def extracted(row)
+    ruby, _, variant, as_strings = row[2..5].map { |cell| Vectors.expand(cell) }
+    return as_strings unless as_strings == '='
+    variant == '=' ? ruby : variant
+  end
+
+  # Payloads that native extraction reads, none of them long.
+  def readable
+    @readable ||= Vectors.table('values.txt', 8).reject { |row| extracted(row).start_with?('!') }
+                         .map { |row| Vectors.bytes(row[1]) }.select { |bytes| bytes.bytesize < 60 }
+  end
+
+  def random_frame(seq, random)
+    frame(seq, Array.new(random.rand(4)) { readable[random.rand(readable.size)] }.join, [8, 12][random.rand(2)])
+  end
+
+  # Damages some frames and puts bytes between them. Returns the stream, and offset and size of the others.
+  def damage(frames, random)
+    stream, kept = ''.b, []
+    frames.each do |bytes|
+      stream << random.bytes(1 + random.rand(9)) if random.rand(8) == 0
+      if random.rand(3) == 0
+        bytes = bytes.dup
+        at = random.rand(bytes.bytesize)
+        case random.rand(4)
+        when 0 then bytes.setbyte(at, bytes.getbyte(at) ^ (1 << random.rand(8)))
+        when 1 then bytes.setbyte(4 + random.rand(4), bytes.getbyte(4) ^ (1 + random.rand(255)))
+        when 2 then bytes = bytes.byteslice(0, at)
+        else bytes = bytes.byteslice(0, at) + random.bytes(1 + random.rand(5)) + bytes.byteslice(at + 1..-1).to_s
+        end
+      else
+        kept << [stream.bytesize, bytes.bytesize]
+      end
+      stream << bytes
+    end
+    [stream, kept]
+  end
+
+  # Whether the offset is inside a frame that was read to its end and has another, or the end, behind it.
+  def hidden?(shown, stream, offset)
+    shown.any? do |line|
+      last = line['offset'] + line['layout'] + line['length']
+      line['offset'] < offset && offset < last && !line['fault'] && [nil, 0xA5].include?(stream.getbyte(last))
+    end
+  end
+
+  # Streams of which a receiver and the inspector say the same: what is damaged holds no start markers, and the
+  # next frame can be read.
+  def tshark_streams
+    random = Random.new(4711)
+    faults = Vectors.table('faults.txt', 8).select { |row| row[3] == '64' && row[2] == 'all' && row[1] != '-' }
+    faults = faults.map { |row| Vectors.bytes(row[1]) }
+    faults = faults.select { |bytes| bytes.bytesize < 1000 && !bytes.include?("\xA5".b) }
+    values = Vectors.table('values.txt', 8).map { |row| Vectors.bytes(row[1]) }
+    clean = [values.each_with_index.map { |bytes, seq| frame(seq, bytes, seq.odd? ? 12 : 8) }.join,
+             faults.each_with_index.map { |bytes, seq| frame(seq, bytes) + frame(seq, "\x81".b, 12) }.join]
+    word = frame(8, "\x82\x83".b, 12).tap { |bytes| bytes.setbyte(9, 0) }
+    parts = [bad_header(7), word, 'between', frame(6, "\x81\x0C\x82".b), "\0".b * 20]
+    clean + Array.new(200) do
+      Array.new(1 + random.rand(12)) do |seq|
+        (random.rand(3) == 0 ? parts[random.rand(parts.size)] : ''.b) + random_frame(seq, random)
+      end.join
+    end
+  end
+
+  # The client's side of a connection, as the manual page gets it.
+  def followed(capture, number)
+    text = Tshark.run(capture, '-q', '-z', "follow,tcp,raw,#{number}")
+    [text.lines.grep(/\A\h+$/).map(&:chomp).join].pack('H*')
+  end
+
+  # layout, seq, length, message and error, as tshark lists them.
+  def fields_of(lines)
+    headers = lines.reject { |line| line['overlaps'] }
+                   .map { |line| line['type'] == 'frame' ? [line] : line['failed_starts'] }.flatten
+    errors = headers.map { |header| header['reason'] || (header['fault'] || {})['reason'] }.compact
+    [headers.map { |header| header['layout'].to_s }, headers.map { |header| header['seq'] }.compact.map(&:to_s),
+     headers.map { |header| header['length'] }.compact.map(&:to_s),
+     headers.map { |header| header['messages'] || [] }.flatten(1).map { |value| JsonText.text(value) },
+     errors.map { |reason| reason.sub(/\AVObject::\w+: /, '') }]
+  end
+end
+
+InspectTest.run(*ARGV)
