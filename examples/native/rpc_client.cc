@@ -1,0 +1,134 @@
+#include "examples/native/rpc_client.h"
+
+#include <limits>
+#include <system_error>
+#include <utility>
+
+namespace rpc {
+
+using VORN::VObject;
+using VORN::VObjectVector;
+
+namespace {
+
+Socket connect(const std::string& address, Clock::time_point deadline) {
+  try {
+    return connect_to(address, deadline);
+  } catch (const std::system_error& e) {
+    throw ConnectionLost(std::string("cannot connect: ") + e.what());
+  }
+}
+
+/// [id, nil, result] or [id, [code, text], nil]; the server is not trusted to keep to it.
+void check_answer(const std::vector<VObject>& messages) {
+  const auto is_answer = [](const VObject& answer) {
+    if (answer.type() != VORN::DT_VECTOR || answer.getvec().size() != 3) return false;
+    const VObject& error = answer.getvec()[1];
+    if (error.type() == VORN::DT_NIL) return true;
+    return error.type() == VORN::DT_VECTOR && error.getvec().size() == 2 &&
+           error.getvec()[0].type() == VORN::DT_STR && error.getvec()[1].type() == VORN::DT_STR;
+  };
+  if (messages.size() != 1 || !is_answer(messages[0])) throw BadFrame("not an answer");
+}
+
+}  // namespace
+
+RpcClient::RpcClient(const std::string& address, bool twelve_byte_header, std::chrono::milliseconds timeout)
+    : twelve_byte_header_(twelve_byte_header),
+      socket_(connect(address, Clock::now() + timeout)),
+      writer_(MAX_PAYLOAD),
+      reader_([this] { read(); }) {}
+
+RpcClient::~RpcClient() {
+  socket_.shutdown();
+  reader_.join();
+}
+
+VObject RpcClient::call(const std::string& method, const VObjectVector& arguments, std::chrono::milliseconds timeout) {
+  const Clock::time_point deadline = Clock::now() + timeout;
+  Result result;
+  std::future<VObject> answer = result.get_future();
+  const int32_t id = enter(result);
+  try {
+    send(VObject(VObjectVector{id, method, VObject(arguments)}), deadline);
+    if (answer.wait_until(deadline) != std::future_status::ready) throw TimedOut("no answer in time");
+  } catch (...) {
+    leave(id);
+    throw;
+  }
+  leave(id);
+  return answer.get();
+}
+
+int32_t RpcClient::enter(Result& result) {
+  const std::lock_guard<std::mutex> hold(lock_);
+  if (!lost_.empty()) throw ConnectionLost(lost_);
+  do {
+    // A Ruby peer would cut an id beyond 32 bits. After wrapping around, an old call may still wait.
+    last_id_ = last_id_ == std::numeric_limits<int32_t>::max() ? 1 : last_id_ + 1;
+  } while (calls_.count(last_id_) != 0);
+  calls_[last_id_] = &result;
+  return last_id_;
+}
+
+/// Behind this the reader does not touch the result any more.
+void RpcClient::leave(int32_t id) {
+  const std::lock_guard<std::mutex> hold(lock_);
+  calls_.erase(id);
+}
+
+void RpcClient::send(const VObject& request, Clock::time_point deadline) {
+  const std::lock_guard<std::mutex> hold(writing_);
+  const std::string_view bytes = writer_.frame(request, twelve_byte_header_);
+  try {
+    socket_.send_all(bytes, deadline);
+  } catch (const std::system_error& e) {
+    // Perhaps half a frame is out: nothing can follow it.
+    socket_.shutdown();
+    throw ConnectionLost(std::string("sending failed: ") + e.what());
+  }
+}
+
+void RpcClient::read() {
+  try {
+    FrameReader reader(MAX_PAYLOAD);
+    std::string bytes;
+    while (socket_.receive(bytes)) {
+      reader.feed(bytes, [this](InboundFrame& frame) { accept(frame); });
+      bytes.clear();
+    }
+    lose("the server closed the connection");
+  } catch (const std::exception& e) {
+    socket_.shutdown();
+    lose(e.what());
+  }
+}
+
+void RpcClient::accept(InboundFrame& frame) {
+  check_answer(frame.messages);
+  const VObjectVector& answer = frame.messages[0].getvec();
+  const std::lock_guard<std::mutex> hold(lock_);
+  const auto found = answer[0].type() == VORN::DT_INT ? calls_.find(static_cast<int32_t>(answer[0].to_i64()))
+                                                      : calls_.end();
+  if (found == calls_.end()) {
+    ++late_;
+    return;
+  }
+  Result& result = *found->second;
+  calls_.erase(found);  // a second answer with this id is a late one
+  if (answer[1].type() == VORN::DT_NIL) {
+    result.set_value(answer[2]);
+  } else {
+    const VObjectVector& error = answer[1].getvec();
+    result.set_exception(std::make_exception_ptr(RemoteError(error[0].getstr() + ": " + error[1].getstr())));
+  }
+}
+
+void RpcClient::lose(const std::string& reason) {
+  const std::lock_guard<std::mutex> hold(lock_);
+  lost_ = reason;
+  for (const auto& [id, result] : calls_) result->set_exception(std::make_exception_ptr(ConnectionLost(reason)));
+  calls_.clear();
+}
+
+}  // namespace rpc

@@ -1,0 +1,78 @@
+/// A client that many threads may share. Each call is one request; answers are matched by id, so calls of several
+/// threads are in flight at once. A client is one connection: when that is lost, make another.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <future>
+#include <map>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "examples/native/framing.h"
+#include "examples/native/sockets.h"
+#include "vobject/vobject.h"
+
+namespace rpc {
+
+/// No answer in time. The server may still be at it.
+class TimedOut : public std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+/// There is no connection, or it broke before the answer came.
+class ConnectionLost : public std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+/// The server answered with an error; what() is "code: text".
+class RemoteError : public std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+class RpcClient {
+ public:
+  static constexpr uint32_t MAX_PAYLOAD = 1 << 20;  ///< the server's limit
+
+  /// Throws ConnectionLost "cannot connect: ...".
+  RpcClient(const std::string& address, bool twelve_byte_header,
+            std::chrono::milliseconds timeout = std::chrono::seconds(5));
+  ~RpcClient();
+  RpcClient(const RpcClient&) = delete;
+  RpcClient& operator=(const RpcClient&) = delete;
+
+  /// The result. Throws RemoteError, TimedOut, ConnectionLost, MessageTooLarge, and VornRuntimeError for
+  /// arguments that have no encoding. A call that ends in TimedOut or ConnectionLost may have been carried out:
+  /// repeat it only when doing it twice does no harm.
+  VORN::VObject call(const std::string& method, const VORN::VObjectVector& arguments,
+                     std::chrono::milliseconds timeout = std::chrono::seconds(5));
+
+  /// Answers that came after their call had given up.
+  unsigned late() const { return late_; }
+
+ private:
+  using Result = std::promise<VORN::VObject>;
+
+  int32_t enter(Result& result);
+  void leave(int32_t id);
+  void send(const VORN::VObject& request, Clock::time_point deadline);
+  void read();
+  void accept(InboundFrame& frame);
+  void lose(const std::string& reason);
+
+  const bool twelve_byte_header_;
+  Socket socket_;
+  std::mutex writing_;  ///< of the writer
+  FrameWriter writer_;
+  std::mutex lock_;  ///< of what follows
+  int32_t last_id_ = 0;
+  std::map<int32_t, Result*> calls_;  ///< each belongs to the thread that waits for it
+  std::string lost_;                  ///< why there is no connection any more
+  std::atomic<unsigned> late_{0};
+  std::thread reader_;
+};
+
+}  // namespace rpc

@@ -1,0 +1,128 @@
+#include "examples/native/service.h"
+
+#include <boost/make_shared.hpp>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include "examples/native/framing.h"
+#include "examples/native/number.h"
+#include "vobject/render.h"
+
+namespace rpc {
+
+using VORN::VObject;
+using VORN::VObjectVector;
+
+namespace {
+
+constexpr int64_t MAX_PAUSE_SECONDS = 10;
+constexpr int64_t MAX_FILL = 1 << 21;
+
+/// What one request may cost is the service's decision, not the client's.  A NaN is more than any limit.
+template <typename Number>
+Number at_most(Number limit, Number number) {
+  if (!(number <= limit)) throw Refused("bad arguments", std::to_string(number) + " is more than " + std::to_string(limit));
+  return number;
+}
+
+VObject add(const VObjectVector& arguments) {
+  if (arguments[0].type() != VORN::DT_INT || arguments[1].type() != VORN::DT_INT) {
+    throw Refused("bad arguments", "add takes integers");
+  }
+  // Variants write all 64 bits, and Ruby reads them.
+  int64_t sum;
+  if (__builtin_add_overflow(arguments[0].to_i64(), arguments[1].to_i64(), &sum)) {
+    throw Refused("overflow", "the sum needs more than 64 bits");
+  }
+  return sum;
+}
+
+VObject pause(const VObjectVector& arguments) {
+  const double seconds = at_most(static_cast<double>(MAX_PAUSE_SECONDS), number_of(arguments[0]));
+  std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+  return arguments[0];
+}
+
+VObject fill(const VObjectVector& arguments) {
+  const int64_t size = at_most(MAX_FILL, arguments[0].to_i64());
+  if (size < 0) throw Refused("bad arguments", "fill takes a size");
+  return std::string(static_cast<size_t>(size), 'x');
+}
+
+/// A value of the service's own, which has no form on the wire.
+class Instant : public VORN::VObjectUDT {
+ public:
+  bool udt_equals(const VObjectUDT& other) const override { return this == &other; }
+  void udt_render(std::string& out) const override { out += "<INSTANT>"; }
+};
+
+struct Method {
+  size_t arity;
+  std::function<VObject(const VObjectVector&)> body;
+};
+
+const std::map<std::string, Method>& methods() {
+  static const std::map<std::string, Method> table = {
+      {"echo", {1, [](const VObjectVector& arguments) { return arguments[0]; }}},
+      {"add", {2, add}},
+      {"pause", {1, pause}},
+      {"fill", {1, fill}},
+      {"now",
+       {0, [](const VObjectVector&) { return boost::shared_ptr<VORN::VObjectUDT>(boost::make_shared<Instant>()); }}}};
+  return table;
+}
+
+VObject call(const std::string& name, const VObjectVector& arguments) {
+  const auto found = methods().find(name);
+  if (found == methods().end()) {
+    std::string text = "no method ";
+    VORN::escape_str(name.substr(0, 40), text, '"');
+    throw Refused("no such method", text);
+  }
+  const Method& method = found->second;
+  if (arguments.size() != method.arity) {
+    throw Refused("bad arguments", name + " takes " + std::to_string(method.arity) + ", not " +
+                                       std::to_string(arguments.size()));
+  }
+  return method.body(arguments);
+}
+
+}  // namespace
+
+void check_request(const VObject& request) {
+  const bool ok = request.type() == VORN::DT_VECTOR && request.getvec().size() == 3 &&
+                  (request.getvec()[0].type() == VORN::DT_INT || request.getvec()[0].type() == VORN::DT_STR) &&
+                  request.getvec()[1].type() == VORN::DT_STR && request.getvec()[2].type() == VORN::DT_VECTOR;
+  if (!ok) throw BadFrame("not a request");
+}
+
+VObject answer_to(const VObject& request) {
+  const VObjectVector& parts = request.getvec();
+  const VObject& id = parts[0];
+  try {
+    return VObject(VObjectVector{id, VObject(), call(parts[1].getstr(), parts[2].getvec())});
+  } catch (const Refused& e) {
+    return failure(id, e.code(), e.what());
+  } catch (const std::exception& e) {
+    // The log has the details; the peer gets no look inside.
+    log_line(std::string(parts[1].getstr()) + ": " + e.what());
+    return failure(id, "failed", "the service failed");
+  }
+}
+
+VObject failure(const VObject& id, const std::string& code, const std::string& text) {
+  return VObject(VObjectVector{id, VObject(VObjectVector{code, text}), VObject()});
+}
+
+void log_line(const std::string& text) {
+  static std::mutex lock;
+  const std::lock_guard<std::mutex> hold(lock);
+  std::cerr << text << std::endl;
+}
+
+}  // namespace rpc
