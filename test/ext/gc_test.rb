@@ -1,7 +1,7 @@
 # frozen_string_literal: true
 
 require_relative "helper"
-require_relative "wire_model"
+require_relative "../support/model"
 
 # The collector runs, and moves objects, in the middle of everything.
 class GcTest < ExtTest
@@ -27,7 +27,7 @@ class GcTest < ExtTest
   end
 
   def signature(value)
-    WireModel.signature(value)
+    Model.signature(value)
   end
 
   def test_values_under_stress

@@ -1,7 +1,7 @@
 # frozen_string_literal: true
 
 require_relative "helper"
-require_relative "wire_model"
+require_relative "../support/model"
 
 class ObjectDecoderTest < ExtTest
   OBJ = "decode_next_packetbuf_rbobj: "
@@ -9,7 +9,7 @@ class ObjectDecoderTest < ExtTest
   UNKNOWN = OBJ + "unrecognized protocol transport type"
 
   def assert_decodes(expected, text, options = {})
-    assert_equal [WireModel.signature(expected)], [WireModel.signature(decode(text, options))], text
+    assert_equal [Model.signature(expected)], [Model.signature(decode(text, options))], text
   end
 
   # The fault, and where reading stopped.
@@ -24,14 +24,14 @@ class ObjectDecoderTest < ExtTest
 
   # The extension says of these bytes what the model says.
   def assert_as_modelled(bytes)
-    value, fault, pos = WireModel.decode(bytes)
+    value, fault, pos = Model.decode(bytes)
     buf = buf_of(bytes)
     outcome = begin
-      [WireModel.signature(buf.extract_object), nil]
+      [Model.signature(buf.extract_object), nil]
     rescue RuntimeError => error
       [nil, error.message]
     end
-    assert_equal [WireModel.signature(value), fault, pos], [*outcome, buf.pos], to_hex(bytes)
+    assert_equal [Model.signature(value), fault, pos], [*outcome, buf.pos], to_hex(bytes)
   end
 
   # --- scalars -------------------------------------------------------------------------------------------
@@ -354,7 +354,7 @@ class ObjectDecoderTest < ExtTest
     SAMPLES.each do |value|
       buf = PacketBuf.new
       buf.preserve_symbols_on_extract = true
-      assert_equal WireModel.signature(value), WireModel.signature((buf << value).seek(0).extract_object)
+      assert_equal Model.signature(value), Model.signature((buf << value).seek(0).extract_object)
     end
   end
 

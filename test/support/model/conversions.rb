@@ -1,0 +1,58 @@
+# frozen_string_literal: true
+
+module Model
+  # How arguments become numbers. What cannot be converted raises what the interpreter raises for any number of its
+  # own methods; Array#at stands for them.
+  module Conversions
+    CUT = 2**32 - 1
+
+    module_function
+
+    # The low 32 bits of a number that is taken as unsigned.
+    def unsigned_32(value)
+      unsigned_long(value) & CUT
+    end
+
+    # The low 32 bits, the highest of them the sign, of a number that is taken as signed.
+    def signed_32(value)
+      cut = signed_long(value) & CUT
+      cut < 2**31 ? cut : cut - 2**32
+    end
+
+    def unsigned_long(value)
+      number = integer(value, 2**64)
+      raise RangeError, too_big.sub("long'", "unsigned long'") if number >= 2**64 || number <= -2**64
+      raise RangeError, "bignum out of range of unsigned long" if number < -2**63
+      number
+    end
+
+    def signed_long(value)
+      number = integer(value, 2**63)
+      raise RangeError, too_big if number >= 2**63 || number < -2**63
+      number
+    end
+
+    # A Float is cut towards 0 and must be below the limit; an object is asked for its to_int.
+    def integer(value, limit)
+      case value
+      when Integer then value
+      when Float
+        [].at(value) unless value < limit && value >= -2**63
+        value.to_i
+      when nil, true, false, String, Symbol, Array, Hash then [].at(value)
+      else
+        [].at(value) unless value.respond_to?(:to_int)
+        number = value.to_int
+        return number if number.is_a?(Integer)
+        raise TypeError, "can't convert #{value.class} to Integer (#{value.class}#to_int gives #{number.class})"
+      end
+    end
+
+    # In the interpreter's words, whose quotation marks depend on its version.
+    def too_big
+      [].at(2**64)
+    rescue RangeError => error
+      error.message
+    end
+  end
+end
