@@ -16,8 +16,6 @@ module Model
     # The bytes and the position are there before `initialize` has run.
     def self.allocate
       buf = super
-      buf.instance_variable_set(:@data, "".b)
-      buf.instance_variable_set(:@pos, 0)
       buf.send(:construct)
       buf
     end
@@ -159,13 +157,17 @@ module Model
     end
 
     def restore(saved)
-      (instance_variables - saved.map(&:first)).each { |name| remove_instance_variable(name) }
       saved.each { |name, value| instance_variable_set(name, value) }
     end
 
     private
 
     def construct
+      @data = "".b
+      @pos = 0
+      @maxdepth = nil
+      @preserve_symbols_on_extract = nil
+      @options_are_frozen = false
     end
 
     def value_of(name)

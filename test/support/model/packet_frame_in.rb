@@ -48,6 +48,7 @@ module Model
     private
 
     def construct
+      super
       @data_len = 0
       @seq = 0
       @complete = false

@@ -57,6 +57,7 @@ module Model
     private
 
     def construct
+      super
       @next_seq = 0
       @twelve = false
     end

@@ -1,0 +1,15 @@
+# frozen_string_literal: true
+
+# The extension under attack: random operations, hostile ones among them, on a pool of buffers and frames, each
+# compared with what the model (test/support/model.rb) does.
+
+require "vorn_rpc_ext"
+
+require_relative "../support/model"
+require_relative "world"
+require_relative "callers"
+require_relative "material"
+require_relative "hostile_values"
+require_relative "generator"
+require_relative "collector"
+require_relative "duel"

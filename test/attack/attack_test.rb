@@ -1,0 +1,66 @@
+# frozen_string_literal: true
+
+require_relative "../ext/helper"
+require_relative "../ext/ruby_process"
+
+# A short attack, always the same, and proof that an attack notices a fault. Each in a process of its own: what misbehaves
+# is built into Array and Hash there.
+class AttackTest < Minitest::Test
+  include RubyProcess
+
+  ATTACK = File.expand_path("attack.rb", __dir__)
+  MAIN = File.expand_path("main.rb", __dir__)
+
+  # Operations, from this seed on.
+  def attack(seed, ops, level = "normal")
+    out, err = run_ruby_with_errors("ARGV.replace(%w[--seed #{seed} --ops #{ops} --gc #{level}])\nload #{MAIN.inspect}")
+    assert_equal "", err
+    assert_match(/ (\d+) operations without a difference/, out)
+    assert_operator ops, :<=, out[/ (\d+) operations without a difference/, 1].to_i
+  end
+
+  (1..5).each do |seed|
+    define_method("test_operations_of_seed_#{seed}") { attack(seed, 30_000) }
+  end
+
+  def test_operations_with_a_collection_at_every_allocation
+    attack(100, 250, "stress")
+  end
+
+  def test_operations_while_objects_are_moved
+    skip "nothing is moved by Ruby #{RUBY_VERSION}" unless GC.respond_to?(:compact)
+    attack(200, 3_000, "compact")
+  end
+
+  # Faults planted in the model.
+  FAULTS = {
+    "levels of writing" => "class Model::Encoder; remove_const :MAXDEPTH; MAXDEPTH = 65; end",
+    "32 bits of integers" => "class Model::Encoder; def carried(value) value; end; end",
+    "pairs of an own each" => "class Model::Encoder; alias plain entry; def entry(pair, depth) plain(pair.reverse, depth); end; end",
+    "position after a fault" => "class Model::Decoder; def run; value(1).tap { @buffer.seek(@pos) }; end; end",
+    "encoding of strings" => "class Model::Decoder; def symbol; string('BINARY'); end; end",
+    "bits of long integers" => "class Model::Decoder; alias plain integer; def integer; n = plain; n >= 2**62 ? n - 1 : n; end; end",
+    "gaps before writes" => "class Model::PacketBuf; def grow_to(size) @data << 'x'.b * [size - @data.bytesize, 0].max; end; end",
+    "classes for copies" => "class Model::PacketFrameIn; def class; Model::PacketBuf; end; end",
+    "wrap of the sequence number" => "class Model::PacketFrameOut; def inc_seq; @next_seq += @next_seq < 65535 ? 1 : 0; self; end; end",
+    "layout of a header" => "class Model::PacketFrameIn; def header_len; @data.getbyte(1) == 1 ? 8 : 12; end; end",
+    "check byte of a header" => "class Model::PacketFrameIn; def stored(index) index == 11 ? 0x5A : @data.getbyte(index) || 0; end; end",
+    "position in a header" => "class Model::PacketFrameIn; def seek_payload_start; @pos = header_len; self; end; end"
+  }.freeze
+
+  FAULTS.each do |name, fault|
+    define_method("test_difference_in_#{name.tr(' ', '_')}") do
+      code = <<-RUBY
+        require #{ATTACK.inspect}
+        #{fault}
+        begin
+          Attack::Duel.new(1).run(60_000)
+        rescue Attack::Difference => difference
+          print difference.message
+        end
+      RUBY
+      out, = run_ruby_with_errors(code)
+      assert_match(/\Aseed 1, operation \d+: .*^replay: bin\/attack --seed 1 --ops \d+\z/mn, out.b)
+    end
+  end
+end

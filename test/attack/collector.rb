@@ -1,0 +1,54 @@
+# frozen_string_literal: true
+
+module Attack
+  # How hard the garbage collector works meanwhile.
+  #
+  #   normal   as in any program
+  #   stress   a collection at every allocation inside the extension's operations
+  #   compact  everything is moved now and then, references are verified where that is possible, and where the
+  #            interpreter can, objects are moved at every full collection
+  class Collector
+    LEVELS = %w[normal stress compact].freeze
+    # Operations between two times that everything is moved.
+    PERIOD = 500
+
+    def self.can_compact?
+      GC.respond_to?(:compact) && GC.compact && true
+    rescue NotImplementedError
+      false
+    end
+
+    def initialize(level)
+      raise ArgumentError, "no level #{level}" unless LEVELS.include?(level)
+      @level = level
+      @compacts = level == "compact" && Collector.can_compact?
+      GC.auto_compact = true if @compacts && GC.respond_to?(:auto_compact=)
+    end
+
+    attr_reader :level
+
+    def compacts?
+      @compacts
+    end
+
+    # For the line that repeats a run.
+    def option
+      @level == "normal" ? "" : " --gc #{@level}"
+    end
+
+    def during
+      return yield unless @level == "stress"
+      begin
+        GC.stress = true
+        yield
+      ensure
+        GC.stress = false
+      end
+    end
+
+    def between(performed)
+      return unless @compacts && performed % PERIOD == 0
+      GC.respond_to?(:verify_compaction_references) ? GC.verify_compaction_references(toward: :empty) : GC.compact
+    end
+  end
+end

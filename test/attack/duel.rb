@@ -1,0 +1,184 @@
+# frozen_string_literal: true
+
+module Attack
+  # The model's world and the extension's disagree.
+  class Difference < StandardError
+  end
+
+  # One run: the operations of a seed, performed in the model's world and in the extension's.
+  class Duel
+    # An own class is refused where only the classes themselves will do.
+    class OwnBuf < VORN::PROTO::PacketBuf
+    end
+
+    class OwnOut < VORN::PROTO::PacketFrameOut
+    end
+
+    class OwnBufModel < Model::PacketBuf
+      def self.modelled
+        OwnBuf.name
+      end
+    end
+
+    class OwnOutModel < Model::PacketFrameOut
+      def self.modelled
+        OwnOut.name
+      end
+    end
+
+    EXTENSION = { buf: VORN::PROTO::PacketBuf, out: VORN::PROTO::PacketFrameOut, in: VORN::PROTO::PacketFrameIn,
+                  own_buf: OwnBuf, own_out: OwnOut }.freeze
+    MODEL = { buf: Model::PacketBuf, out: Model::PacketFrameOut, in: Model::PacketFrameIn,
+              own_buf: OwnBufModel, own_out: OwnOutModel }.freeze
+    WRITING = [:write_raw, :write_object, :<<, :copy_object, :assemble, :compute_frame_header].freeze
+
+    # Operations whose outcomes were compared, and those that were not tried, since they take too much memory.
+    attr_reader :performed, :skipped
+
+    def initialize(seed, collector = Collector.new("normal"))
+      @seed = seed
+      @collector = collector
+      @model = World.new(MODEL)
+      @real = World.new(EXTENSION)
+      @random = Random.new(seed)
+      @generator = Generator.new(@random, @model)
+      @performed = 0
+      @skipped = 0
+      @before = []
+      Generator::POOL.each_index { |slot| replace(slot) }
+    end
+
+    def run(count)
+      until @performed >= count
+        step
+        @collector.between(@performed)
+      end
+      compare_all("at the end")
+      self
+    end
+
+    private
+
+    def step
+      operation = @generator.next_operation
+      return if skip?(operation)
+      @performed += 1
+      expected = @model_outcome
+      actual = @collector.during { @real.perform(operation) }
+      settle_position(operation, expected)
+      compare(operation, expected, actual)
+      @generator.learn(operation, expected)
+      after(operation)
+    end
+
+    # Performs the operation in the model's world. What is too much is undone there.
+    def skip?(operation)
+      @model.forget
+      @real.forget
+      save(operation)
+      @model_outcome = @model.perform(operation)
+      return false unless @model_outcome[1].equal?(SystemStackError)
+      undo
+    rescue Model::TooLarge
+      undo
+    end
+
+    # Where reading stopped when a key's own code did not let it end is not said.
+    def settle_position(operation, expected)
+      return unless operation.steps && expected[0] != :value
+      [@model, @real].each { |world| world.pool[operation.slot].seek(0) }
+    end
+
+    def after(operation)
+      call_kept if @model.kept.any? && @random.rand(4) == 0
+      replace(operation.slot) if @generator.outgrown(operation.slot)
+    end
+
+    def replace(slot)
+      @generator.forget_plans
+      key, how = @generator.fresh(slot)
+      compare_outcomes("#{key}.#{how}", @model.create(slot, key, how), @real.create(slot, key, how))
+    end
+
+    # The blocks of all iterations have ended by now.
+    def call_kept
+      args = [[1, 2]] * @random.rand(3)
+      @model.kept.each_index do |index|
+        compare_outcomes("a kept block", @model.call_kept(index, args), @real.call_kept(index, args))
+        @performed += 1
+      end
+      [@model, @real].each { |world| world.kept.clear }
+    end
+
+    # --- undoing --------------------------------------------------------------------------------------------
+
+    def save(operation)
+      @saved = slots_at_risk(operation).map { |slot| [slot, @model.pool[slot].saved] }
+      @saved_kept = @model.kept.size
+    end
+
+    def slots_at_risk(operation)
+      return @model.pool.each_index if far_reaching?(operation)
+      WRITING.include?(operation.name) ? [operation.slot] : []
+    end
+
+    def far_reaching?(operation)
+      operation.made || operation.steps || @model.pool[operation.slot].maxdepth.is_a?(Callers::OwnInteger)
+    end
+
+    def undo
+      @saved.each { |slot, saved| @model.pool[slot].restore(saved) }
+      @model.kept.slice!(@saved_kept..-1)
+      @skipped += 1
+      true
+    end
+
+    # --- comparing ------------------------------------------------------------------------------------------
+
+    def compare(operation, expected, actual)
+      compare_outcomes(operation, expected, actual)
+      compare_outcomes("what callbacks did in #{operation}", @model.log, @real.log) unless @model.log.empty? && @real.log.empty?
+      far_reaching?(operation) ? compare_all(operation) : compare_state(operation, operation.slot)
+    end
+
+    def compare_outcomes(what, expected, actual)
+      differ(what, expected, actual) unless Model.same?(expected, actual)
+    end
+
+    def compare_all(what)
+      @model.pool.each_index { |slot| compare_state(what, slot) }
+    end
+
+    def compare_state(what, slot)
+      expected = @model.pool[slot]
+      actual = @real.pool[slot]
+      states = [state(expected), state(actual)]
+      differ("state of pool[#{slot}] after #{what}", *states) unless states[0] == states[1]
+      bytes = [bytes(expected, expected), bytes(actual, expected)]
+      differ("bytes of pool[#{slot}] after #{what}", *bytes) unless bytes[0] == bytes[1]
+    end
+
+    def state(buf)
+      case buf
+      when Model::PacketFrameIn, VORN::PROTO::PacketFrameIn then [buf.pos, buf.payload_size, buf.have_complete_frame?, buf.seq]
+      when Model::PacketFrameOut, VORN::PROTO::PacketFrameOut then [buf.pos, buf.payload_size, buf.next_seq, buf.using_12byte_header?]
+      else [buf.pos, buf.payload_size]
+      end
+    end
+
+    # All stored bytes; of an inbound frame those up to the payload's end.
+    def bytes(buf, model)
+      pos = buf.pos
+      last = [model.payload_end, model.data.bytesize].min
+      return if last == 0 || !model.readable?(last - 1)
+      stored = buf.seek(last).to_str
+      buf.seek(pos)
+      stored
+    end
+
+    def differ(what, expected, actual)
+      raise Difference, "seed #{@seed}, operation #{@performed}: #{what}\n  model:     #{Attack.text(expected)}\n" \
+                        "  extension: #{Attack.text(actual)}\nreplay: bin/attack --seed #{@seed} --ops #{@performed}#{@collector.option}"
+    end
+  end
+end

@@ -1,0 +1,303 @@
+# frozen_string_literal: true
+
+module Attack
+  # Chooses operations, with an eye on the model's objects so that most of them get somewhere.
+  class Generator
+    POOL = [:buf, :buf, :out, :out, :in, :in, :in, :own_buf, :own_out].freeze
+    NESTED = [:write_wire, :write_value, :extract, :copy, :move, :look, :to_payload, :to_bytes, :reset, :limit, :start_over].freeze
+    # Where values may be copied to.
+    DESTINATIONS = POOL.each_index.select { |slot| [:buf, :out].include?(POOL[slot]) }.freeze
+    # Objects larger than this are soon replaced.
+    LARGE = 2000
+
+    ANY = {
+      write_wire: 8, write_value: 10, write_bad: 1, read_back: 12, extract: 9, copy: 5, move: 9, move_wildly: 2, look: 5, to_payload: 6,
+      to_bytes: 6, reset: 4, limit: 2, symbols: 2, start_over: 1, arity: 1, duplicate: 1, hostile_write: 5, hostile_number: 2,
+      hostile_key: 2, hostile_limit: 1
+    }.freeze
+    OWN_OF = {
+      buf: {}, own_buf: {}, own_out: {},
+      out: { sequence: 8, layout: 5, header: 8, send_frame: 6 },
+      in: { feed: 45, feed_badly: 2, ask: 5, hostile_feed: 3 }
+    }.freeze
+
+    # Each kind as often as its weight says.
+    KINDS = Hash[OWN_OF.map do |key, own|
+      [key, (key == :own_out ? ANY.merge(OWN_OF[:out]) : ANY.merge(own)).flat_map { |kind, weight| [kind] * weight }.freeze]
+    end].freeze
+
+    def initialize(random, model)
+      @m = Material.new(random)
+      @callers = HostileValues.new(@m, self)
+      @model = model
+      @streams = {}
+      @plan = []
+    end
+
+    # Those that are planned first.
+    def next_operation
+      return @plan.shift unless @plan.empty?
+      slot = self.slot
+      __send__(@m.pick(KINDS[POOL[slot]]), slot)
+    end
+
+    # What became of an operation in the model's world.
+    def learn(operation, outcome)
+      case operation.purpose
+      when :feed then fed(operation.slot, outcome)
+      when :send then sent(outcome)
+      end
+    end
+
+    # Plans are for the object that was there.
+    def forget_plans
+      @plan.clear
+    end
+
+    # The key of a slot, and how its new object is made.
+    def fresh(slot)
+      @streams.delete(slot)
+      [POOL[slot], @m.chance(20) ? :allocate : :new]
+    end
+
+    # A slot whose object is to be replaced, or nil.
+    def outgrown(slot)
+      size = @model.pool[slot].data.bytesize
+      size > LARGE && @m.chance(6) || @m.chance(600)
+    end
+
+    def slot
+      @m.below(POOL.size)
+    end
+
+    # One that a callback may perform. Callbacks of its own it has none.
+    def nested(slot = self.slot)
+      kind = @m.pick(NESTED)
+      kind = @m.pick([:feed_whole, :ask]) if POOL[slot] == :in && @m.chance(3)
+      kind = @m.pick([:layout, :header, :sequence]) if POOL[slot] == :out && @m.chance(3)
+      __send__(kind, slot)
+    end
+
+    # Likewise, while a value of another slot is read whose bytes must stay as they are.
+    def nested_elsewhere(reading)
+      slot = self.slot
+      return move(slot) if slot == reading
+      __send__(@m.pick(NESTED - [:copy]), slot)
+    end
+
+    private
+
+    def op(slot, name, *args)
+      Operation.new(slot, name, args)
+    end
+
+    def made(slot, name, *args)
+      Operation.new(slot, name, args, made: true)
+    end
+
+    # --- any buffer -----------------------------------------------------------------------------------------
+
+    def write_wire(slot)
+      op(slot, :write_raw, @m.wire)
+    end
+
+    def write_value(slot)
+      value = @m.chance(40) ? @m.deep_value : @m.any_value
+      value = [value, { 1 => @m.pick(Material::UNSUPPORTED) }] if @m.chance(25)
+      value = @m.pick(Material::UNSUPPORTED) if @m.chance(60)
+      op(slot, @m.chance(2) ? :<< : :write_object, value)
+    end
+
+    def write_bad(slot)
+      value = @m.pick(Material::OTHERS)
+      op(slot, :write_raw, value)
+    end
+
+    def extract(slot)
+      op(slot, :extract_object)
+    end
+
+    # What is written is read from where it starts, or copied.
+    def read_back(slot)
+      buf = @model.pool[slot]
+      return extract(slot) if buf.pos > LARGE
+      @plan = [op(slot, :seek, buf.pos), @m.chance(5) ? copy(slot) : extract(slot)]
+      @m.chance(3) ? write_value(slot) : write_wire(slot)
+    end
+
+    def copy(slot)
+      return op(slot, :copy_object, @m.pick(Material::OTHERS)) if @m.chance(20)
+      made(slot, :copy_object, Callers::Slot.new(@m.chance(4) ? self.slot : @m.pick(DESTINATIONS)))
+    end
+
+    # To where something is: the start, the end, a byte of the payload.
+    def move(slot)
+      buf = @model.pool[slot]
+      size = buf.data.bytesize
+      to = case @m.below(6)
+           when 0 then 0
+           when 1 then size
+           when 2 then buf.payload_end
+           when 3 then [buf.pos - 1 - @m.below(4), 0].max
+           else @m.below(size + 1)
+           end
+      op(slot, @m.chance(2) ? :pos= : :seek, to)
+    end
+
+    def move_wildly(slot)
+      op(slot, @m.chance(2) ? :pos= : :seek, @m.pick(Material::NUMBERS))
+    end
+
+    def look(slot)
+      size = @model.pool[slot].data.bytesize
+      case @m.below(4)
+      when 0 then op(slot, :pos)
+      when 1 then op(slot, :payload_size)
+      when 2 then op(slot, :index_within_payload?, @m.pick(Material::NUMBERS))
+      else op(slot, :index_within_payload?, @m.below(size + 3))
+      end
+    end
+
+    def to_payload(slot)
+      op(slot, :seek_payload_start)
+    end
+
+    def to_bytes(slot)
+      op(slot, :to_str)
+    end
+
+    def reset(slot)
+      op(slot, :reset)
+    end
+
+    def limit(slot)
+      case @m.below(16)
+      when 0, 1 then op(slot, :maxdepth)
+      when 2 then op(slot, :maxdepth=, @m.pick(Material::NUMBERS))
+      when 3, 4 then op(slot, :maxdepth=, @m.below(5))
+      when 5 then op(slot, :maxdepth=, 70 + @m.below(100))
+      else op(slot, :maxdepth=, 64)
+      end
+    end
+
+    def symbols(slot)
+      return op(slot, :preserve_symbols_on_extract) if @m.chance(4)
+      op(slot, :preserve_symbols_on_extract=, @m.pick([false, true, nil, 0, "x"]))
+    end
+
+    def start_over(slot)
+      op(slot, @m.chance(8) ? :freeze : :initialize)
+    end
+
+    def arity(slot)
+      name = @m.pick([:pos, :reset, :write_raw, :extract_object, :copy_object, :<<, :to_str, :seek, :initialize])
+      op(slot, name, *[1] * (2 + @m.below(2)))
+    end
+
+    def duplicate(slot)
+      POOL[slot].to_s.start_with?("own") ? look(slot) : op(slot, @m.pick([:dup, :clone]))
+    end
+
+    # --- outbound frames ------------------------------------------------------------------------------------
+
+    def sequence(slot)
+      return op(slot, @m.pick([:next_seq, :inc_seq])) unless @m.chance(3)
+      op(slot, :next_seq=, @m.pick(Material::NUMBERS))
+    end
+
+    def layout(slot)
+      return op(slot, @m.pick([:using_12byte_header?, :configured_header_len, :configured_max_data_len])) if @m.chance(2)
+      op(slot, :use_12byte_header=, @m.pick([true, false, nil, 0, "x"]))
+    end
+
+    def header(slot)
+      op(slot, :compute_frame_header)
+    end
+
+    # What arrives on the other side is a stream with this frame.
+    def send_frame(slot)
+      @plan = [write_value(slot), header(slot), Operation.new(slot, :to_str, [], purpose: :send), op(slot, :inc_seq)]
+      op(slot, :reset)
+    end
+
+    def sent(outcome)
+      @streams[in_slot] = [outcome[1], 0] if outcome[0] == :value
+    end
+
+    def in_slot
+      @m.pick(POOL.each_index.select { |slot| POOL[slot] == :in })
+    end
+
+    # --- inbound frames -------------------------------------------------------------------------------------
+
+    # The stream goes on, mostly in chunks that end anywhere.
+    def feed(slot)
+      bytes, offset = @streams[slot] ||= [@m.stream, 0]
+      return feed_whole(slot) if bytes.empty?
+      args = @m.chance(4) ? [bytes, offset] : [bytes[offset, 1 + @m.below(24)], 0]
+      Operation.new(slot, :assemble, args, purpose: :feed)
+    end
+
+    def feed_whole(slot)
+      bytes = @m.stream
+      op(slot, :assemble, bytes, @m.chance(3) ? @m.below(bytes.bytesize + 1) : 0)
+    end
+
+    def fed(slot, outcome)
+      stream = @streams[slot]
+      return if outcome[0] != :value || stream.nil?
+      stream[1] += outcome[1]
+      @streams.delete(slot) if stream[1] >= stream[0].bytesize
+      complete = @model.pool[slot].have_complete_frame?
+      read(slot) if complete
+      @plan << reset(slot) if complete || outcome[1] == 0
+    end
+
+    def read(slot)
+      @plan << to_payload(slot)
+      (1 + @m.below(2)).times { @plan << (@m.chance(6) ? copy(slot) : extract(slot)) }
+    end
+
+    def feed_badly(slot)
+      return op(slot, :assemble, @m.pick(Material::OTHERS), @m.pick(Material::NUMBERS)) if @m.chance(3)
+      op(slot, :assemble, @m.pick(["", "abc", "\xA5\x01"]), @m.pick(Material::NUMBERS))
+    end
+
+    def ask(slot)
+      op(slot, @m.pick([:have_complete_frame?, :seq, :payload_size]))
+    end
+
+    # --- callbacks ------------------------------------------------------------------------------------------
+
+    def hostile_write(slot)
+      made(slot, :write_object, @callers.value)
+    end
+
+    def hostile_number(slot)
+      names = [:pos=, :seek, :index_within_payload?]
+      names << :next_seq= if @model.pool[slot].respond_to?(:next_seq)
+      made(slot, @m.pick(names), @callers.number(@m.pick(Material::NUMBERS)))
+    end
+
+    def hostile_limit(slot)
+      made(slot, :maxdepth=, @callers.number(@m.pick([64, 3, 2**40 + 64, -1])))
+    end
+
+    def hostile_feed(slot)
+      bytes = @m.stream
+      made(slot, :assemble, Callers::Named.new(:chunk, bytes), @callers.number(@m.below(bytes.bytesize + 1), :chunk))
+    end
+
+    # Writes a value with containers for keys and reads it back, while the keys' hash does something. When exactly it is
+    # asked for is not said, so nothing else may end the reading.
+    def hostile_key(slot)
+      buf = @model.pool[slot]
+      return op(slot, :preserve_symbols_on_extract=, false) if buf.preserve_symbols_on_extract
+      return op(slot, :maxdepth=, 64) if buf.maxdepth.is_a?(Callers::OwnInteger)
+      return extract(slot) if POOL[slot] == :in || buf.pos > LARGE
+      @plan = [op(slot, :seek, buf.pos),
+               Operation.new(slot, :extract_object, [], steps: @callers.steps_elsewhere(slot))]
+      op(slot, :write_raw, @m.keyed_wire)
+    end
+  end
+end

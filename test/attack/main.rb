@@ -1,0 +1,35 @@
+# frozen_string_literal: true
+
+# See bin/attack --help.
+
+require "optparse"
+require_relative "attack"
+
+seed = Random.new_seed % 2**32
+ops = 200_000
+seconds = nil
+level = "normal"
+OptionParser.new do |options|
+  options.on("--seed N", Integer) { |n| seed = n }
+  options.on("--ops N", Integer) { |n| ops = n }
+  options.on("--seconds N", Integer) { |n| seconds = n }
+  options.on("--gc LEVEL", Attack::Collector::LEVELS) { |name| level = name }
+end.parse!
+
+collector = Attack::Collector.new(level)
+started = Time.now
+performed = skipped = runs = 0
+loop do
+  begin
+    duel = Attack::Duel.new(seed + runs, collector).run(ops)
+  rescue Attack::Difference => difference
+    abort difference.message
+  end
+  performed += duel.performed
+  skipped += duel.skipped
+  runs += 1
+  break if seconds.nil? || Time.now - started >= seconds
+end
+elapsed = Time.now - started
+printf("Ruby %s, gc %s, seeds %d to %d: %d operations without a difference (%d not tried: too large) in %.1f s, %.1f us each\n",
+       RUBY_VERSION, level, seed, seed + runs - 1, performed, skipped, elapsed, elapsed * 1e6 / performed)

@@ -1,0 +1,115 @@
+# frozen_string_literal: true
+
+module Attack
+  # One call of one method: which object of the pool, which method, which arguments. Arguments that are `made` are
+  # descriptions (see Callers), from which each world makes its own objects. `steps` are performed when a key that is
+  # read is asked for its hash; the generator knows what the `purpose` is for.
+  class Operation
+    attr_reader :slot, :name, :args, :made, :steps, :purpose
+
+    def initialize(slot, name, args, made: false, steps: nil, purpose: nil)
+      @slot = slot
+      @name = name
+      @args = args
+      @made = made
+      @steps = steps
+      @purpose = purpose
+    end
+
+    def to_s
+      "pool[#{slot}].#{name}(#{args.map { |arg| Attack.text(arg) }.join(', ')})#{" with #{Attack.text(steps)}" if steps}"
+    end
+    alias inspect to_s
+  end
+
+  # For reports. BasicObjects have no inspect, and some of ours misbehave in it.
+  def self.text(value)
+    value.inspect[0, 2000]
+  rescue StandardError
+    "(cannot be shown)"
+  end
+
+  # A pool of buffers and frames, all of the extension's or all of the model's, and what happened to them. The same
+  # operations are performed in both worlds.
+  class World
+    # A Ruby exception that is an outcome. Everything else that is raised is an error of this program.
+    OUTCOMES = [StandardError, ScriptError, SystemStackError].freeze
+    NESTING = 3
+
+    attr_reader :pool, :log, :kept, :named, :classes
+
+    # What follows is the text alone: not its encoding, nor the inspected object that the interpreter puts behind some.
+    def self.raised(error)
+      [:raised, error.class, error.message.b.sub(/: #<.*\z/mn, "")]
+    end
+
+    # By key: :buf, :out, :in, :own_buf, :own_out and :frame.
+    def initialize(classes)
+      @classes = classes
+      @pool = []
+      @kept = []
+      forget
+    end
+
+    # What callbacks left behind.
+    def forget
+      @log = []
+      @named = {}
+      @nesting = 0
+    end
+
+    # [:value, what], [:self], [:thrown, what] or [:raised, class, message].
+    def perform(operation)
+      return perform_made(operation) if operation.made || operation.steps
+      receiver = @pool[operation.slot]
+      outcome(receiver, receiver.__send__(operation.name, *operation.args))
+    rescue *OUTCOMES => error
+      World.raised(error)
+    end
+
+    # As an operation of a callback. Its outcome goes to the log.
+    def perform_nested(operation)
+      return if @nesting >= NESTING
+      @nesting += 1
+      begin
+        @log << perform(operation)
+      ensure
+        @nesting -= 1
+      end
+    end
+
+    def create(slot, key, how)
+      @pool[slot] = @classes.fetch(key).__send__(how)
+      [:value, nil]
+    rescue *OUTCOMES => error
+      World.raised(error)
+    end
+
+    # Calls a block that an own `each` was given and kept.
+    def call_kept(index, args)
+      @kept[index].call(*args)
+      [:value, nil]
+    rescue *OUTCOMES => error
+      World.raised(error)
+    end
+
+    private
+
+    def perform_made(operation)
+      receiver = @pool[operation.slot]
+      thrown = catch(:attack) do
+        begin
+          args = operation.args.map { |arg| Callers.make(arg, self) }
+          return outcome(receiver, KeyHook.during(operation.steps, self) { receiver.__send__(operation.name, *args) })
+        rescue *OUTCOMES => error
+          return World.raised(error)
+        end
+      end
+      [:thrown, thrown]
+    end
+
+    def outcome(receiver, result)
+      result.equal?(receiver) ? [:self] : [:value, result]
+    end
+  end
+end
