@@ -38,6 +38,8 @@ Gem::Specification.new do |gem|
     ext/packet_frame_class.cc
     ext/packet_frame_in_class.cc
     ext/packet_frame_out_class.cc
+    ext/recent_keys.cc
+    ext/recent_keys.h
     ext/ruby_compat.h
     ext/vorn_rpc_ext.cc
     ext/vorn_rpc_ext.h

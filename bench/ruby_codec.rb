@@ -46,7 +46,7 @@ decode = lambda do |bytes|
   buf.extract_object
 end
 
-# The value through a frame that arrives in chunks.
+# The value through a frame that arrives in chunks. A short stream is its own only chunk.
 through_frames = lambda do |value|
   frame_out.reset
   frame_out << value
@@ -54,7 +54,8 @@ through_frames = lambda do |value|
   frame_in.reset
   offset = 0
   while offset < stream.bytesize
-    offset += frame_in.assemble(stream.byteslice(offset, CHUNK), 0)
+    chunk = stream.bytesize > CHUNK ? stream.byteslice(offset, CHUNK) : stream
+    offset += frame_in.assemble(chunk, 0)
   end
   frame_in.seek_payload_start
   frame_in.extract_object

@@ -2,6 +2,7 @@
 
 #include "ext/hash_entries.h"
 #include "ext/native_guard.h"
+#include "ext/recent_keys.h"
 #include "proto/value_wire.h"
 
 namespace VORN {
@@ -22,7 +23,14 @@ struct DecodeContext {
   WireReader& in;
   ArrayCounts& counts;
   const DecodeOptions options;
-  HashKeys& keys;
+#ifdef VORN_RUBY_INTERNS_KEYS
+  RecentKeys* recent_keys = nullptr;
+
+  RecentKeys& keys() {
+    if (recent_keys == nullptr) recent_keys = &RecentKeys::of_this_ractor();
+    return *recent_keys;
+  }
+#endif
 };
 
 const char* fault_text(ValueFault fault) {
@@ -168,7 +176,8 @@ VALUE decode_packetbuf_rbarray(DecodeContext& ctx, int32_t depth) {
 
 /// A Hash's key: String keys as the Hash would keep them, anything else as it is.
 inline VALUE decode_key(DecodeContext& ctx, int32_t depth) {
-  if (HashKeys::INTERNED && depth <= ctx.options.maxdepth && ctx.in.readable()) {
+#ifdef VORN_RUBY_INTERNS_KEYS
+  if (depth <= ctx.options.maxdepth && ctx.in.readable()) {
     const uint8_t type = ctx.in.peek();
     const bool string = type == PROTO::PTT_UTF8STR || type == PROTO::PTT_BINSTR ||
                         (type == PROTO::PTT_SYMBOL && !ctx.options.preserve_symbols);
@@ -176,9 +185,10 @@ inline VALUE decode_key(DecodeContext& ctx, int32_t depth) {
       ctx.in.skip(1);
       uint32_t length;
       const char* const bytes = read_string_bytes(ctx, length);
-      return ctx.keys.interned(bytes, length, type == PROTO::PTT_BINSTR ? binary_index : utf8_index);
+      return ctx.keys().interned(bytes, length, type == PROTO::PTT_BINSTR ? binary_index : utf8_index);
     }
   }
+#endif
   return decode_next_packetbuf_rbobj(ctx, depth);
 }
 
@@ -229,8 +239,7 @@ Outcome decode(PacketBuf& buf, DecodeOptions options, bool scan_only) {
   outcome.fault = PROTO::scan_value(in, rules, counts);
   if (outcome.fault == ValueFault::none && !scan_only) {
     in = start;
-    HashKeys keys;
-    DecodeContext ctx{buf, in, counts, options, keys};
+    DecodeContext ctx{buf, in, counts, options};
     outcome.result = rb_protect(build, reinterpret_cast<VALUE>(&ctx), &outcome.jump_state);
   }
   in.commit(buf);

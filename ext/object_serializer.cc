@@ -1,5 +1,6 @@
 #include "ext/object_serializer.h"
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 #include <type_traits>
@@ -32,6 +33,12 @@ struct SerializeContext {
 [[gnu::noinline]] void serialize_rbarray(VALUE array, SerializeContext& ctx, int32_t depth);
 [[gnu::noinline]] void serialize_rbhash(VALUE hash, SerializeContext& ctx, int32_t depth);
 
+// Peers on 32-bit machines hold no more in an immediate Integer: larger ones wrap around. Those on the heap are
+// written in full.
+inline int32_t fixnum_value(VALUE fixnum) {
+  return static_cast<int32_t>(FIX2LONG(fixnum));
+}
+
 // A length is a 32-bit quantity of the encoding.
 inline void write_rbstr_bytes(SerializeContext& ctx, PROTO::TransportType type, VALUE str, long length) {
   PROTO::write_string(ctx.buf, type, RSTRING_PTR(str), static_cast<uint32_t>(length));
@@ -61,9 +68,7 @@ void serialize_rbsym(VALUE sym, SerializeContext& ctx) {
     case T_NIL: PROTO::write_type(ctx.buf, PROTO::PTT_NIL); break;
     case T_FALSE: PROTO::write_type(ctx.buf, PROTO::PTT_FALSE); break;
     case T_TRUE: PROTO::write_type(ctx.buf, PROTO::PTT_TRUE); break;
-    // Peers on 32-bit machines hold no more in an immediate Integer: larger ones wrap around. Those on the heap
-    // are written in full.
-    case T_FIXNUM: PROTO::write_int(ctx.buf, static_cast<int32_t>(FIX2LONG(obj))); break;
+    case T_FIXNUM: PROTO::write_int(ctx.buf, fixnum_value(obj)); break;
     case T_BIGNUM: PROTO::write_int(ctx.buf, rb_num2ll(obj)); break;
     case T_FLOAT: PROTO::write_double(ctx.buf, RFLOAT_VALUE(obj)); break;
     case T_STRING: serialize_rbstr(obj, ctx); break;
@@ -74,11 +79,23 @@ void serialize_rbsym(VALUE sym, SerializeContext& ctx) {
   }
 }
 
+/// Writes the Integers that an array begins with, and returns how many they are.
+[[gnu::noinline]] long serialize_leading_fixnums(VALUE array, SerializeContext& ctx) {
+  const VALUE* const first = array_members(array);
+  const VALUE* const behind = std::find_if_not(first, first + RARRAY_LEN(array), [](VALUE v) { return FIXNUM_P(v); });
+  const long count = behind - first;
+  PROTO::write_ints(ctx.buf, static_cast<size_t>(count), [=](size_t i) { return fixnum_value(first[i]); });
+  RB_GC_GUARD(array);
+  return count;
+}
+
 // An element's serialization may shorten the array; what is missing then is nil.
 void serialize_rbarray(VALUE array, SerializeContext& ctx, int32_t depth) {
   PROTO::write_type(ctx.buf, PROTO::PTT_ARRAY_START);
   const long length = RARRAY_LEN(array);
-  for (long i = 0; i < length; ++i) {
+  long i = 0;
+  if (length > 1 && FIXNUM_P(RARRAY_AREF(array, 0)) && depth < ctx.maxdepth) i = serialize_leading_fixnums(array, ctx);
+  for (; i < length; ++i) {
     const VALUE element = i < RARRAY_LEN(array) ? RARRAY_AREF(array, i) : Qnil;
     serialize_rbobj_to_packetbuf(element, ctx, depth + 1);
   }

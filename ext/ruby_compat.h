@@ -13,6 +13,11 @@
 #define VORN_CALLBACK(function) (reinterpret_cast<VALUE (*)(ANYARGS)>(function))
 #endif
 
+// Since 3.0, like Ractors: the frozen String that a Hash keeps for a key can be had from its bytes.
+#if defined(HAVE_RB_ENC_INTERNED_STR) && defined(HAVE_RB_HASH_BULK_INSERT)
+#define VORN_RUBY_INTERNS_KEYS
+#endif
+
 namespace VORN {
 namespace EXT {
 
@@ -23,6 +28,16 @@ inline void each_hash_entry(VALUE hash, HashEntryFunction function, VALUE arg) {
   rb_hash_foreach(hash, function, arg);
 #else
   rb_hash_foreach(hash, reinterpret_cast<int (*)(ANYARGS)>(function), arg);
+#endif
+}
+
+/// The members of an Array, valid until Ruby runs next. From 2.6 to 3.2 the plain accessor moves them to another
+/// heap first, for callers that keep the pointer.
+inline const VALUE* array_members(VALUE array) {
+#ifdef RARRAY_CONST_PTR_TRANSIENT
+  return RARRAY_CONST_PTR_TRANSIENT(array);
+#else
+  return RARRAY_CONST_PTR(array);
 #endif
 }
 

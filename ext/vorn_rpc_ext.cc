@@ -2,6 +2,7 @@
 
 #include "ext/object_decoder.h"
 #include "ext/object_serializer.h"
+#include "ext/recent_keys.h"
 
 namespace VORN {
 namespace EXT {
@@ -30,6 +31,9 @@ extern "C" __attribute__((visibility("default"))) void Init_vorn_rpc_ext() {
 #endif
   mVorn = rb_define_module("VORN");
   mProto = rb_define_module_under(mVorn, "PROTO");
+#ifdef VORN_RUBY_INTERNS_KEYS
+  init_recent_keys();
+#endif
   init_object_serializer();
   init_object_decoder();
   init_packet_buf();

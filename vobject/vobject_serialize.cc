@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "proto/value_wire.h"
 #include "proto/vorn_runtime_error.h"
 #include "vobject/symbol_table.h"
@@ -51,7 +53,14 @@ void VObject::serialize_hash(const SerializeContext& ctx, int32_t depth) const {
 
 void VObject::serialize_vector(const SerializeContext& ctx, int32_t depth) const {
   write_type(ctx.buf, PTT_ARRAY_START);
-  for (const VObject& element : as_vec()) element.serialize(ctx, depth + 1);
+  const VObject* const first = as_vec().data();
+  const VObject* const end = first + as_vec().size();
+  const VObject* rest = first;
+  if (depth < ctx.maxdepth) {
+    rest = std::find_if_not(first, end, [](const VObject& element) { return element.tag_ == DT_INT; });
+    write_ints(ctx.buf, static_cast<size_t>(rest - first), [=](size_t i) { return first[i].as_int(); });
+  }
+  for (; rest != end; ++rest) rest->serialize(ctx, depth + 1);
   write_type(ctx.buf, PTT_ARRAY_END);
 }
 

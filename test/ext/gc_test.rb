@@ -55,6 +55,23 @@ class GcTest < ExtTest
     assert_equal (0...10).map { |n| :"dynamic #{n}" }, read
   end
 
+  # The keys of recent messages outlive them, whatever the collector does in between.
+  def test_keys_from_message_to_message
+    between = [-> {}, -> { GC.start }, -> { GC.start(full_mark: false) }]
+    between << -> { GC.compact } if can_compact?
+    messages = (0...400).map { |i| { "key" => 1, "key #{i}" => 2, "long key " * (i % 20) => i } }
+    encoded = messages.map { |message| PacketBuf.new.write_object(message).to_str }
+    2.times do
+      encoded.each_with_index do |bytes, i|
+        buf = PacketBuf.new.write_raw(bytes).seek(0)
+        between[i % between.size].call if i % 10 < between.size
+        assert_equal messages[i], buf.extract_object
+      end
+    end
+    hashes = stressed { encoded[0, 20].map { |bytes| PacketBuf.new.write_raw(bytes).seek(0).extract_object } }
+    assert_equal messages[0, 20], hashes
+  end
+
   def test_copying_under_stress
     from = PacketBuf.new << VALUE
     copies = stressed do

@@ -143,6 +143,25 @@ class ObjectDecoderTest < ExtTest
     end
   end
 
+  # Keys of recent messages are found again by their bytes: by all of them, and by their encoding.
+  def test_keys_that_look_alike_from_message_to_message
+    lengths = [0, 1, 2, 3, 23, 24, 63, 64, 65, 127, 128, 129, 1000]
+    alike = lengths.flat_map do |length|
+      ["a" * length, "b" * length, "\xFF" * length, ("a" * length).tap { |text| text[length / 3] = "-" if length > 2 }]
+    end
+    keys = alike.flat_map { |text| [text, text.b, text.b.force_encoding("UTF-8")] }.uniq { |k| [k, k.encoding] }
+    3.times do
+      keys.each do |key|
+        name = "#{key.bytesize} bytes, #{key.encoding}"
+        read = decode(encode(key => key)).first
+        assert_equal [key, key.encoding], [read[0], read[0].encoding], name
+        assert_equal [key, key.encoding], [read[1], read[1].encoding], name
+        assert_predicate read[0], :frozen?, name
+        refute_predicate read[1], :frozen?, name
+      end
+    end
+  end
+
   def test_hashes_are_plain
     hash = decode("08 81 82 09")
     assert_equal [Hash, nil, nil, 2], [hash.class, hash.default, hash.default_proc, hash[1]]

@@ -175,6 +175,18 @@ class ObjectSerializerTest < ExtTest
     alias to_hash to_h
   end
 
+  # Integers at the start of an array are written together, the others one by one.
+  def test_arrays_of_integers
+    random = Random.new(1)
+    integers = Array.new(200) { random.rand(2**(1 + random.rand(62))) * [1, -1].sample(random: random) }
+    mixed = [integers[0, 3] + ["text"] + integers[3, 3], integers[0, 2] + [2**62, 1.5] + integers[2, 2], [nil] + integers]
+    [1, 2, 3, 63, 64, 65, 128, 200].map { |n| integers[0, n] }.concat(mixed).each do |array|
+      assert_equal "0a #{array.map { |element| encode(element) }.join(' ')} 0b", encode(array)
+    end
+    assert_raises_with(RuntimeError, MAX_DEPTH) { encode(63.times.inject([1, 2]) { |inner, _| [inner] }) }
+    assert_equal "0a " * 63 + "81 82" + " 0b" * 63, encode(62.times.inject([1, 2]) { |inner, _| [inner] })
+  end
+
   def test_arrays
     assert_equal "0a 0b", encode([])
     assert_equal "0a 81 0a 82 0b 83 0b", encode([1, [2], 3])

@@ -100,6 +100,36 @@ TEST(WireWriter, IntegersOfEverySize) {
   for (const int64_t value : values) ASSERT_EQ(to_hex(plain_int(value)), int_bytes(value)) << value;
 }
 
+// Runs of every length about those of a batch, of small and of mixed integers.
+TEST(WireWriter, IntegersThatFollowOneAnother) {
+  std::mt19937_64 random(2);
+  for (const size_t count : {0, 1, 2, 3, 63, 64, 65, 127, 128, 129, 300}) {
+    for (const unsigned smallest : {0U, 30U, 57U}) {
+      std::vector<int64_t> values;
+      std::string expected;
+      for (size_t i = 0; i < count; ++i) {
+        values.push_back(static_cast<int64_t>(random()) >> (smallest + random() % (64 - smallest)));
+        expected += plain_int(values.back());
+      }
+      const auto write = [&](PacketBuf& buf) { write_ints(buf, count, [&](size_t i) { return values[i]; }); };
+      ASSERT_EQ(to_hex(expected), written(write)) << count << " integers, shifted by " << smallest << " or more";
+    }
+  }
+}
+
+// Between the sizes and at the ends of what fits a word.
+TEST(WireWriter, IntegersThatFollowOneAnotherOfEverySize) {
+  for (unsigned shift = 0; shift < 64; ++shift) {
+    const uint64_t power = uint64_t{1} << shift;
+    const int64_t values[] = {static_cast<int64_t>(power - 1), static_cast<int64_t>(power),
+                              static_cast<int64_t>(1 - power), static_cast<int64_t>(0 - power)};
+    std::string expected;
+    for (const int64_t value : values) expected += plain_int(value);
+    ASSERT_EQ(to_hex(expected),
+              written([&](PacketBuf& buf) { write_ints(buf, 4, [&](size_t i) { return values[i]; }); })) << shift;
+  }
+}
+
 TEST(WireWriter, SizesOfIntegers) {
   for (unsigned bits = 0; bits <= 64; ++bits) {
     const uint64_t magnitude = bits == 0 ? 0 : ~uint64_t{0} >> (64 - bits);
