@@ -4,15 +4,28 @@
 # How cost grows with the work: the same kind of records at 1 KB, 100 KB, 10 MB and 200 MB of encoded bytes. Each
 # size runs in a process of its own, so that one size's heap does not burden the next.
 #
-#   bench/growth.rb [--json FILE] [BYTES ...]
+#   bench/growth.rb [--floor DIR] [--json FILE] [BYTES ...]
 #
-# Prints nanoseconds of CPU time per byte, the best of three samples, with the collector as it is, and without it.
+# Prints nanoseconds of CPU time per byte, the best of three samples, with the collector as it is, and without it. With
+# the folder of the built bench/floor extension, also those of building the same tree without a codec: how the cost of
+# the interpreter's own heap grows.
 
 root = File.expand_path("..", __dir__)
 $LOAD_PATH.unshift(File.join(root, "lib"))
 require "json"
+require "optparse"
 require "vorn_rpc"
 require_relative "documents"
+
+options = { floor: ENV["VORN_FLOOR"] }
+OptionParser.new do |o|
+  o.banner = "usage: bench/growth.rb [options] [BYTES ...]"
+  o.on("--floor DIR", "folder of the built bench/floor extension") { |dir| options[:floor] = File.expand_path(dir) }
+  o.on("--json FILE", "write the figures to FILE") { |file| options[:json] = file }
+  o.on("--measure BYTES", Integer, "measure one size, in this process") { |bytes| options[:measure] = bytes }
+end.parse!
+FLOOR = options[:floor]
+require File.join(FLOOR, "floor") if FLOOR
 
 def cpu
   Process.clock_gettime(Process::CLOCK_PROCESS_CPUTIME_ID)
@@ -38,6 +51,7 @@ def measure(bytes)
   encode = -> { buf.reset; buf << records }
   decode = -> { buf.pos = 0; buf.extract_object }
   figures = { "bytes" => size, "encode" => best(calls, &encode) * 1e9 / size, "decode" => best(calls, &decode) * 1e9 / size }
+  figures["floor"] = best(calls) { Floor.build(records) } * 1e9 / size if FLOOR
   GC.disable
   start = cpu
   [calls, 20].min.times { decode.call }
@@ -46,22 +60,24 @@ def measure(bytes)
   figures
 end
 
-if ARGV[0] == "--measure"
-  puts JSON.generate(measure(Integer(ARGV[1])))
+if options[:measure]
+  puts JSON.generate(measure(options[:measure]))
   exit
 end
 
-json_file = ARGV.shift(2)[1] if ARGV[0] == "--json"
 sizes = ARGV.empty? ? [1_000, 100_000, 10_000_000, 200_000_000] : ARGV.map { |a| Integer(a) }
 rows = sizes.map do |bytes|
   $stderr.print "\r#{bytes} bytes\e[K" if $stderr.tty?
-  JSON.parse(IO.popen([RbConfig.ruby, __FILE__, "--measure", bytes.to_s], &:read))
+  command = [RbConfig.ruby, __FILE__, "--measure", bytes.to_s]
+  command.push("--floor", FLOOR) if FLOOR
+  JSON.parse(IO.popen(command, &:read))
 end
 $stderr.print "\r\e[K" if $stderr.tty?
-puts "ns per byte          encode    decode    decode without collector"
-rows.each { |r| puts format("%12d bytes %8.2f  %8.2f  %8.2f", r["bytes"], r["encode"], r["decode"], r["decode without collector"]) }
-["encode", "decode", "decode without collector"].each do |work|
-  values = rows.map { |r| r[work] }
+works = rows[0].keys - ["bytes"]
+puts "ns per byte".ljust(18) + works.map { |work| "  #{work}" }.join
+rows.each { |row| puts format("%12d bytes", row["bytes"]) + works.map { |work| format("  %*.2f", work.size, row[work]) }.join }
+works.each do |work|
+  values = rows.map { |row| row[work] }
   puts format("%s: largest / smallest %.2f", work, values.max / values.min)
 end
-File.write(json_file, JSON.pretty_generate(rows) << "\n") if json_file
+File.write(options[:json], JSON.pretty_generate(rows) << "\n") if options[:json]
