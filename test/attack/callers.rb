@@ -11,7 +11,8 @@ module Attack
   #   [:fiber, args]              calls the block in a Fiber
   #   [:thread, args]             calls the block in a Thread
   #   [:change, name, how]        changes the named container or String
-  #   [:raise, text], [:throw, value], [:return], [:collect]
+  #   [:collect]                  wants a collection; there is one where objects are moved
+  #   [:raise, text], [:throw, value], [:return]
   module Callers
     class Misbehaved < StandardError
     end
@@ -147,7 +148,7 @@ module Attack
       when :change then CHANGES.fetch(how).call(world.named[what]) if world.named[what]
       when :raise then raise Misbehaved, what
       when :throw then throw :attack, what
-      when :collect then GC.start
+      when :collect then Collector.meanwhile.call
       when :return then return :return
       end
       nil

@@ -10,7 +10,13 @@ module Attack
   class Collector
     LEVELS = %w[normal stress compact].freeze
     # Operations between two times that everything is moved.
-    PERIOD = 500
+    PERIOD = 100
+
+    class << self
+      # What a callback does that wants a collection.
+      attr_accessor :meanwhile
+    end
+    self.meanwhile = -> {}
 
     def self.can_compact?
       GC.respond_to?(:compact) && GC.compact && true
@@ -22,13 +28,9 @@ module Attack
       raise ArgumentError, "no level #{level}" unless LEVELS.include?(level)
       @level = level
       @compacts = level == "compact" && Collector.can_compact?
-      GC.auto_compact = true if @compacts && GC.respond_to?(:auto_compact=)
-    end
-
-    attr_reader :level
-
-    def compacts?
-      @compacts
+      return unless @compacts
+      GC.auto_compact = true if GC.respond_to?(:auto_compact=)
+      Collector.meanwhile = -> { GC.compact }
     end
 
     # For the line that repeats a run.

@@ -41,10 +41,11 @@ module Attack
       @model = World.new(MODEL)
       @real = World.new(EXTENSION)
       @random = Random.new(seed)
-      @generator = Generator.new(@random, @model)
+      material = Material.new(@random)
+      @generator = Generator.new(material, @model)
+      @overwriting_keys = OverwritingKeys.new(material)
       @performed = 0
       @skipped = 0
-      @before = []
       Generator::POOL.each_index { |slot| replace(slot) }
     end
 
@@ -92,12 +93,19 @@ module Attack
     def after(operation)
       call_kept if @model.kept.any? && @random.rand(4) == 0
       replace(operation.slot) if @generator.outgrown(operation.slot)
+      overwrite if @random.rand(100) == 0
     end
 
     def replace(slot)
       @generator.forget_plans
       key, how = @generator.fresh(slot)
       compare_outcomes("#{key}.#{how}", @model.create(slot, key, how), @real.create(slot, key, how))
+    end
+
+    # Not counted: nothing is compared with the model.
+    def overwrite
+      unsound = @overwriting_keys.attempt
+      differ("a key that overwrites", "a value, or bytes that are none", unsound) if unsound
     end
 
     # The blocks of all iterations have ended by now.

@@ -26,8 +26,8 @@ module Attack
       [key, (key == :own_out ? ANY.merge(OWN_OF[:out]) : ANY.merge(own)).flat_map { |kind, weight| [kind] * weight }.freeze]
     end].freeze
 
-    def initialize(random, model)
-      @m = Material.new(random)
+    def initialize(material, model)
+      @m = material
       @callers = HostileValues.new(@m, self)
       @model = model
       @streams = {}

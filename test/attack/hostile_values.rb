@@ -83,7 +83,7 @@ module Attack
       when 7 then [:keep]
       when 8 then [:fiber, yielded(0)]
       when 9 then @m.chance(200) ? [:thread, yielded(0)] : [:yield, yielded(levels)]
-      when 10 then @m.chance(200) ? [:collect] : [:operate, @generator.nested]
+      when 10 then [:collect]
       when 11 then named ? [:change, named, @m.pick(Callers::CHANGES.keys)] : [:keep]
       else [:yield, yielded(levels)]
       end
