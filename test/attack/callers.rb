@@ -8,6 +8,7 @@ module Attack
   #   [:attempt, args]            likewise, and goes on when that raises; the outcome is logged
   #   [:operate, operation]       uses the pool; the outcome is logged
   #   [:keep]                     keeps the block, to be called later
+  #   [:again, args]              calls the block that was kept last, whose iteration may have ended, and goes on
   #   [:fiber, args]              calls the block in a Fiber
   #   [:thread, args]             calls the block in a Thread
   #   [:change, name, how]        changes the named container or String
@@ -143,6 +144,7 @@ module Attack
       when :attempt then attempt(make(what, world), world, block)
       when :operate then world.perform_nested(what)
       when :keep then world.kept << block if block && world.kept.size < 8
+      when :again then attempt(make(what, world), world, world.kept.last)
       when :fiber then within(world) { Fiber.new { block.call(*make(what, world)) }.resume } if block
       when :thread then within(world) { quietly(make(what, world), block) } if block
       when :change then CHANGES.fetch(how).call(world.named[what]) if world.named[what]

@@ -11,6 +11,9 @@ module Attack
       ->(m) { [m.value(0), m.pick(Material::UNSUPPORTED)] }, ->(m) { [m.deep_value, 1] }
     ].freeze
 
+    # Steps that need a block.
+    YIELDING = [:yield, :attempt, :fiber, :thread, :keep].freeze
+
     def initialize(material, generator)
       @m = material
       @generator = generator
@@ -31,7 +34,8 @@ module Attack
 
     # A number that does something when it is asked for its value.
     def number(number, named = nil)
-      Callers::Number.new(@m.chance(15) ? @m.pick(["no number", nil, 2.5, :a]) : integer(number), steps(1, named).reject { |kind, _| [:yield, :attempt, :fiber, :thread].include?(kind) })
+      number = @m.pick(["no number", nil, 2.5, :a]) if @m.chance(15)
+      Callers::Number.new(number, steps(1, named).reject { |kind, _| YIELDING.include?(kind) })
     end
 
     # Steps that leave the slot's bytes alone.
@@ -43,10 +47,6 @@ module Attack
     end
 
     private
-
-    def integer(number)
-      number.is_a?(Integer) ? number : 1
-    end
 
     def each(levels, named = nil)
       Callers::Each.new(steps(levels, named))
@@ -80,7 +80,7 @@ module Attack
       case @m.below(16)
       when 0, 1, 2 then [:attempt, yielded(levels)]
       when 3, 4, 5, 6 then [:operate, @generator.nested]
-      when 7 then [:keep]
+      when 7 then @m.chance(2) ? [:keep] : [:again, yielded(0)]
       when 8 then [:fiber, yielded(0)]
       when 9 then @m.chance(200) ? [:thread, yielded(0)] : [:yield, yielded(levels)]
       when 10 then [:collect]

@@ -19,7 +19,10 @@ end.parse!
 collector = Attack::Collector.new(level)
 started = Time.now
 performed = skipped = runs = 0
+$stdout.sync = true
 loop do
+  # Should the process die, this says with what.
+  puts "seed #{seed + runs}, #{ops} operations" if seconds
   begin
     duel = Attack::Duel.new(seed + runs, collector).run(ops)
   rescue Attack::Difference => difference

@@ -55,15 +55,34 @@ module Attack
       when 4, 5 then string
       when 6 then pick(SYMBOLS)
       when 7 then pick([[], {}, 1, "é", nil])
-      when 8, 9 then Array.new(below(6)) { value(levels - 1) }
+      when 8 then Array.new(size) { value(levels - 1) }
+      when 9 then numbers
       else entries(levels)
       end
     end
 
+    # Of containers: mostly few members, now and then many.
+    def size
+      chance(15) ? below(90) : below(6)
+    end
+
+    # Integers of one kind, or nearly.
+    def numbers
+      up_to = pick([32, 4096, 2**19, 2**26, 2**33, 2**40, 2**62])
+      Array.new(size) { chance(30) ? value(0) : below(up_to) - (chance(3) ? up_to / 2 : 0) }
+    end
+
     def entries(levels)
       hash = {}
-      below(5).times { hash[chance(6) ? value(levels - 1) : value(0)] = value(levels - 1) }
+      size.times { hash[key(levels)] = value(levels - 1) }
       hash
+    end
+
+    # Mostly one that other hashes have too, or nearly that.
+    def key(levels)
+      return value(chance(3) ? levels - 1 : 0) if chance(3)
+      key = pick(%w[k key name identifier]) + ("x" * (chance(8) ? below(70) : 0)) + below(40).to_s
+      chance(3) ? key.to_sym : key.force_encoding(pick(ENCODINGS))
     end
 
     def string
@@ -111,7 +130,7 @@ module Attack
     # A hash with arrays and hashes for keys.
     def keyed_wire
       hash = {}
-      (1 + below(12)).times { |n| hash[chance(2) ? [n, any_value] : { n => value(1) }] = value(2) }
+      (1 + size).times { |n| hash[chance(2) ? [n, any_value] : { n => value(1) }] = value(2) }
       Model::PacketBuf.new.write_object([1, hash]).to_str
     end
 
