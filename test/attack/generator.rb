@@ -81,7 +81,7 @@ module Attack
     # Likewise, while a value of another slot is read whose bytes must stay as they are.
     def nested_elsewhere(reading)
       slot = self.slot
-      return move(slot) if slot == reading
+      return move(slot) if slot == reading || @model.pool[slot].maxdepth.is_a?(Callers::OwnInteger)
       __send__(@m.pick(NESTED - [:copy]), slot)
     end
 
