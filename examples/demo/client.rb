@@ -1,12 +1,13 @@
-# usage: client.rb PORT COUNT
+# usage: client.rb PORT FILE (ruby|native)
 #
-# Sends COUNT records of this machine to the server at PORT and compares what comes back. Exits 0 only when every
-# record came back unchanged.
+# Sends the records in FILE (of collect.rb) to the Ruby or C++ server at PORT and compares what comes back. Exits 0
+# only when every record came back as such a server has to send it.
 require "pp"
 require "socket"
 require_relative "records"
 require_relative "stream"
 require_relative "tally"
+require_relative "variant_form"
 
 PER_FRAME = [8, 1, 21, 3, 13] # messages
 
@@ -25,6 +26,17 @@ def show(bytes, value)
   puts "One frame of #{bytes.bytesize} bytes, header first, and the value in it:", ""
   [hex.size, text.size].max.times { |n| puts format("  %-47s  %s", hex[n], text[n]).rstrip }
   puts
+end
+
+# Equal, encodings and the order of hashes included.
+def same?(a, b)
+  return false unless a.class == b.class && a == b
+  case a
+  when String then a.encoding == b.encoding
+  when Array then a.zip(b).all? { |members| same?(*members) }
+  when Hash then same?(a.to_a, b.to_a)
+  else true
+  end
 end
 
 # Frame sizes change, and so do layouts.
@@ -56,28 +68,20 @@ class Progress
   end
 end
 
-def compare(expected, answers, received)
+# Compares the answers with those that are to come next.
+def compare(expected, answers)
   answers.each do |answer|
-    wanted = expected[received]
-    raise Stream::Failure, "more answers than records" unless wanted
-    unless answer == wanted
-      raise Stream::Failure, "record #{wanted['id']} came back changed:\n  sent  #{wanted}\n  got   #{answer}"
-    end
-    received += 1
+    wanted = expected.shift or raise Stream::Failure, "more answers than records"
+    next if same?(answer, wanted)
+    raise Stream::Failure, "record #{wanted['id']} came back changed:\n  wanted  #{wanted}\n  got     #{answer}"
   end
-  received
 end
 
 begin
-  port, count = ARGV.map { |argument| Integer(argument) }
-  records = Records.find(count)
-  abort "client: no records on this machine" if records.empty?
-  # A record that fits the screen comes first, alone in its frame.
-  first = records.min_by { |record| (record.inspect.bytesize - 300).abs }
-  records.unshift(records.delete_at(records.index(first)))
+  port, file, server = Integer(ARGV.fetch(0)), ARGV.fetch(1), ARGV.fetch(2)
+  records = Records.load(file)
   messages = records.each_with_index.map { |record, id| message(id, record) }
-  packages = records.count { |record| record.key?("version") }
-  puts "#{records.size} records: #{packages} installed packages, #{records.size - packages} files"
+  expected = server == "native" ? VariantForm.of(messages) : messages.dup
 
   socket = TCPSocket.new("127.0.0.1", port)
   stream = Stream.new(socket, [16_384])
@@ -93,21 +97,28 @@ begin
   sender.report_on_exception = false if sender.respond_to?(:report_on_exception=)
 
   progress = Progress.new(messages.size)
-  received = 0
+  tally = Tally.new
   stream.each_frame do |answers|
-    received = compare(messages, answers, received)
-    progress.at(received)
+    compare(expected, answers)
+    answers.each { |answer| tally.add(answer["record"]) }
+    progress.at(messages.size - expected.size)
   end
-  raise Stream::Failure, "#{received} of #{messages.size} records came back" unless received == messages.size
+  raise Stream::Failure, "#{expected.size} of #{messages.size} records did not come back" unless expected.empty?
   sender.join
   seconds = now - started
 
-  sent = messages.size + received
+  all = Tally.new
+  records.each { |record| all.add(record) }
+  raise Stream::Failure, "counted #{all.to_h} and got #{tally.to_h} back" unless tally.to_h == all.to_h
+
+  sent = 2 * messages.size
   bytes = stream.bytes_out + stream.bytes_in
   puts format("Totals: %d messages in %d frames (8-byte and 12-byte headers in turn), %d bytes, in %.2f s",
               sent, stream.frames_out + stream.frames_in, bytes, seconds)
   puts format("        %.0f messages and %.1f MB per second, both directions, with all checking",
               sent / seconds, bytes / seconds / 1e6)
+  puts format("        %d values with %d bytes of text, sum %d: the same before and after",
+              *tally.to_h.values_at("values", "bytes", "sum"))
 rescue Stream::Failure, SystemCallError => e
   abort "client: #{e.message}"
 end

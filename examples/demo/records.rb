@@ -1,4 +1,6 @@
 # Real records of this machine, as the values that a message can carry: the installed packages, and files.
+require "vorn_rpc"
+
 module Records
   STATUS = "/var/lib/dpkg/status"
   LISTS = "/var/lib/dpkg/info/*.md5sums"
@@ -14,6 +16,17 @@ module Records
       end
     end
     found
+  end
+
+  # A value needs no frame where a file's length says where it ends.
+  def self.save(records, file)
+    File.binwrite(file, (VORN::PROTO::PacketBuf.new << records).to_str)
+  end
+
+  def self.load(file)
+    buf = VORN::PROTO::PacketBuf.new.write_raw(File.binread(file))
+    buf.preserve_symbols_on_extract = true
+    buf.seek_payload_start.extract_object
   end
 
   def self.packages

@@ -1,5 +1,6 @@
 # What both sides compute over a value and compare: the count of values, the count of bytes in strings and symbols,
-# and a sum over those bytes that depends on their order. All stay below 2**31, so that they can be sent.
+# and a sum over those bytes that depends on the order of the values. All stay below 2**31, so that they can be sent.
+# Hashes count in the order of their keys' bytes: a C++ peer keeps them in no other. Keys are strings.
 class Tally
   def self.of(value)
     new.add(value).to_h
@@ -15,7 +16,7 @@ class Tally
     when String then text(value)
     when Symbol then text(value.to_s)
     when Array then value.each { |member| add(member) }
-    when Hash then value.each { |key, member| add(key).add(member) }
+    when Hash then value.sort_by { |key, _| key }.each { |key, member| add(key).add(member) }
     end
     self
   end

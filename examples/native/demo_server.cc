@@ -1,0 +1,147 @@
+// The C++ server of bin/demo: listens on a loopback port that the system chooses, prints its number, and serves one
+// client. It checks each record that arrives and sends back what it decoded and what it counted, as
+// examples/demo/server.rb does.
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <iostream>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "examples/native/framing.h"
+#include "examples/native/sockets.h"
+#include "vobject/render.h"
+#include "vobject/vobject.h"
+
+namespace {
+
+using VORN::VObject;
+
+constexpr uint32_t MAX_PAYLOAD = 1 << 24;
+constexpr std::chrono::seconds PATIENCE{30};  // how long a client may leave its answers unread
+
+// From byte by byte to a network packet and more; none divides anything.
+constexpr std::array<size_t, 8> CHUNK_SIZES{1, 7, 1460, 3, 4093, 61, 65521, 251};
+
+/// What both sides compute over a value and compare: see examples/demo/tally.rb.
+class Tally {
+ public:
+  explicit Tally(const VObject& value) { add(value); }
+
+  VObject to_hash() const {
+    VObject hash = VObject::new_hash();
+    hash.store("values", values_).store("bytes", bytes_).store("sum", sum_);
+    return hash;
+  }
+
+ private:
+  void add(const VObject& value) {
+    ++values_;
+    switch (value.type()) {
+      case VORN::DT_STR: return text(value.getstr());
+      case VORN::DT_VECTOR:
+        for (const VObject& element : value.getvec()) add(element);
+        return;
+      case VORN::DT_HASH:
+        for (const auto& [key, member] : value.gethash()) {
+          ++values_;
+          text(key.view());
+          add(member);
+        }
+        return;
+      default: return;
+    }
+  }
+
+  void text(std::string_view bytes) {
+    uint64_t sum = 0;
+    for (const char c : bytes) sum += static_cast<uint8_t>(c);
+    bytes_ += bytes.size();
+    sum_ = (sum_ + values_ * sum) % (uint64_t{1} << 31);
+  }
+
+  uint64_t values_ = 0;
+  uint64_t bytes_ = 0;
+  uint64_t sum_ = 0;
+};
+
+std::string rendered(const VObject& value) {
+  std::string text;
+  VORN::render(value, text);
+  return text;
+}
+
+VObject answer_to(const VObject& message) {
+  if (!message.has_key("id") || !message.has_key("record")) throw rpc::BadFrame("a message without a record");
+  const VObject& record = message.fetch("record");
+  const VObject tally = Tally(record).to_hash();
+  const VObject& announced = message.fetch("tally");
+  if (tally != announced) {
+    throw std::runtime_error("record " + rendered(message.fetch("id")) + ": counted " + rendered(tally) +
+                             ", announced " + rendered(announced));
+  }
+  VObject answer = VObject::new_hash();
+  answer.store("id", message.fetch("id")).store("record", record).store("tally", tally);
+  return answer;
+}
+
+/// Until the client has sent all. Returns how many records came.
+size_t serve(rpc::Socket& client) {
+  rpc::FrameReader reader(MAX_PAYLOAD);
+  rpc::FrameWriter writer(MAX_PAYLOAD);
+  size_t frames = 0;
+  size_t records = 0;
+  const auto answer = [&](rpc::InboundFrame& frame) {
+    if (frame.seq != frames % 65536) throw rpc::BadFrame("frame " + std::to_string(frame.seq) + " out of sequence");
+    ++frames;
+    std::vector<VObject> answers;
+    for (const VObject& message : frame.messages) answers.push_back(answer_to(message));
+    records += answers.size();
+    // Of two frames that come in, one layout each goes out.
+    client.send_all(writer.frame(answers, frames % 2 == 0), rpc::Clock::now() + PATIENCE);
+  };
+
+  size_t chunks = 0;
+  std::string received;
+  while (client.receive(received)) {
+    for (std::string_view rest = received; !rest.empty(); ++chunks) {
+      const std::string_view chunk = rest.substr(0, CHUNK_SIZES[chunks % CHUNK_SIZES.size()]);
+      reader.feed(chunk, answer);
+      rest.remove_prefix(chunk.size());
+    }
+    received.clear();
+  }
+  if (!reader.between_frames()) throw rpc::BadFrame("the client closed the connection within a frame");
+  return records;
+}
+
+std::string chunk_sizes() {
+  auto sizes = CHUNK_SIZES;
+  std::sort(sizes.begin(), sizes.end());
+  std::string text;
+  for (const size_t size : sizes) text += (text.empty() ? "" : ", ") + std::to_string(size);
+  return text;
+}
+
+}  // namespace
+
+int main() try {
+  rpc::Socket listener = rpc::listen_at("tcp:127.0.0.1:0");
+  const std::string address = rpc::address_of(listener);
+  std::cout << address.substr(address.rfind(':') + 1) << std::endl;
+  rpc::Socket client = rpc::accept_from(listener);
+  if (client.fd() < 0) throw std::runtime_error("the client went away again");
+  const size_t records = serve(client);
+  std::cerr << "server: " << records << " records checked, read in chunks of " << chunk_sizes()
+            << " bytes at most\n";
+  return 0;
+} catch (const std::exception& e) {
+  std::cerr << "server: " << e.what() << "\n";
+  return 1;
+}
