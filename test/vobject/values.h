@@ -1,5 +1,4 @@
-/// What the tests of variants share: bytes in hexadecimal, failures by their text, user-defined objects,
-/// random trees.
+/// What the tests of variants share: failures by their text, user-defined objects, random trees.
 #pragma once
 
 #include <boost/make_shared.hpp>
@@ -14,6 +13,7 @@
 
 #include "proto/packet_buf.h"
 #include "proto/vorn_runtime_error.h"
+#include "test/support/hex.h"
 #include "vobject/render.h"
 #include "vobject/vobject.h"
 
@@ -87,31 +87,6 @@ class Number : public VObjectUDT {
 
 inline boost::shared_ptr<VObjectUDT> number(int n, int* destroyed = nullptr) {
   return boost::make_shared<Number>(n, destroyed);
-}
-
-inline std::string to_hex(const std::string& bytes) {
-  static const char digits[] = "0123456789ABCDEF";
-  std::string text;
-  for (const char c : bytes) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (!text.empty()) text += ' ';
-    text += digits[byte >> 4];
-    text += digits[byte & 0xF];
-  }
-  return text;
-}
-
-inline std::string from_hex(const std::string& text) {
-  std::string bytes;
-  for (size_t i = 0; i < text.size();) {
-    if (text[i] == ' ') {
-      ++i;
-    } else {
-      bytes += static_cast<char>(std::stoi(text.substr(i, 2), nullptr, 16));
-      i += 2;
-    }
-  }
-  return bytes;
 }
 
 /// The encoding of a value, at most 64 levels.
