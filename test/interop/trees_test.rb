@@ -1,12 +1,10 @@
 # frozen_string_literal: true
 
-# Ruby and C++ read each other's bytes: random trees. Called by bin/test-wire
-# with the path of wire_peer and the number of trees in each direction.
+# Random trees, from Ruby through C++ and from C++ through Ruby.
 
-require "open3"
-require "vorn_rpc"
+require_relative "peer"
 
-PEER, COUNT = ARGV[0], Integer(ARGV[1] || 50_000)
+COUNT = Integer(ARGV[1] || 50_000) # in each direction
 SEED = Integer(ARGV[2] || 20_261_121)
 
 # Random Ruby values that a variant can hold.
@@ -60,29 +58,6 @@ def as_variant(value)
   end
 end
 
-def frame_of(frame, value)
-  frame.use_12byte_header = !frame.using_12byte_header?
-  frame << value
-  bytes = frame.compute_frame_header.to_str
-  frame.inc_seq
-  bytes
-end
-
-def values_of(stream)
-  frame = VORN::PROTO::PacketFrameIn.new
-  frame.reset
-  offset = 0
-  values = []
-  while offset < stream.bytesize
-    offset += frame.assemble(stream, offset)
-    break unless frame.have_complete_frame?
-    frame.seek_payload_start
-    values << frame.extract_object
-    frame.reset
-  end
-  values
-end
-
 # Equal, encodings, order and the bits of floats included.
 def same?(a, b)
   return false unless a.class == b.class
@@ -95,17 +70,6 @@ def same?(a, b)
   end
 end
 
-def peer(*arguments, input)
-  out, status = Open3.capture2(PEER, *arguments.map(&:to_s), stdin_data: input, binmode: true)
-  [out.force_encoding(Encoding::BINARY), status.success?]
-end
-
-passed = failed = 0
-report = lambda do |good, text|
-  good ? passed += 1 : failed += 1
-  puts "#{good ? 'ok' : 'FAILED'}: #{text}"
-end
-
 # Ruby writes, C++ reads and writes, Ruby reads.
 trees = Trees.new(SEED)
 originals = Array.new(COUNT) { trees.next_tree }
@@ -116,12 +80,12 @@ echoed, finished = peer("echo", stream)
 came_back = values_of(echoed)
 different = originals.zip(came_back).reject { |value, back| same?(as_variant(value), back) }
 different.first(3).each { |value, back| puts "  #{value.inspect}\n  became #{back.inspect}" }
-report.call(finished && came_back.size == COUNT && different.empty?, "#{COUNT} trees of Ruby through C++, #{different.size} changed")
+report(finished && came_back.size == COUNT && different.empty?, "#{COUNT} trees of Ruby through C++, #{different.size} changed")
 
 # C++ writes, Ruby reads and writes, C++ compares. Integers that an immediate Integer cannot carry in 32 bits are the one
 # thing that Ruby does not write back, so its encoder is fed the bytes instead: copy_object.
 generated, finished = peer("generate", SEED, COUNT, "")
-report.call(finished, "C++ generated #{COUNT} trees")
+report(finished, "C++ generated #{COUNT} trees")
 in_frame = VORN::PROTO::PacketFrameIn.new
 in_frame.reset
 again = "".b
@@ -152,7 +116,4 @@ while offset < generated.bytesize
   in_frame.reset
 end
 _, finished = peer("check", SEED, COUNT, again)
-report.call(finished, "#{COUNT} trees of C++ through Ruby, #{wide} of them copied for their integers beyond 32 bits")
-
-puts "#{passed} passed, #{failed} failed"
-exit failed.zero?
+report(finished, "#{COUNT} trees of C++ through Ruby, #{wide} of them copied for their integers beyond 32 bits")

@@ -2,6 +2,8 @@
 /// output.
 ///
 ///   wire_peer echo               reads frames, decodes and encodes each value, writes frames
+///   wire_peer describe           reads frames and tells of each what it is: its value in the notation of
+///                                test/vectors/, the same with symbols as strings, the bytes written for the first
 ///   wire_peer generate SEED N    writes N random values
 ///   wire_peer check SEED N       reads frames and compares them with those same values
 #include <cstdint>
@@ -13,6 +15,8 @@
 
 #include "proto/packet_frame_in.h"
 #include "proto/packet_frame_out.h"
+#include "proto/vorn_runtime_error.h"
+#include "test/support/variant_notation.h"
 #include "vobject/extract_messages.h"
 #include "vobject/render.h"
 #include "vobject/vobject.h"
@@ -78,12 +82,11 @@ void write_frame(PacketFrameOut& frame, const VObject& value) {
   frame.inc_seq();
 }
 
-/// Calls `use` with the value of each frame of standard input. False: the stream is damaged.
+/// Calls `use` with each frame of standard input. False: the stream is damaged.
 template <typename Use>
-bool each_value(Use use) {
+bool each_frame(Use use) {
   PacketFrameIn frame;
   frame.reset();
-  std::vector<VObject> messages;
   char chunk[4093];
   while (std::cin.read(chunk, sizeof chunk), std::cin.gcount() > 0) {
     const uint64_t length = static_cast<uint64_t>(std::cin.gcount());
@@ -91,13 +94,38 @@ bool each_value(Use use) {
       offset += frame.assemble(chunk, length, offset);
       if (frame.is_error()) return false;
       if (!frame.have_complete_frame()) continue;
-      messages.clear();
-      proto_extract_messages(frame, messages);
-      for (const VObject& message : messages) use(message);
+      use(frame);
       frame.reset();
     }
   }
   return true;
+}
+
+/// Likewise with the values of all frames.
+template <typename Use>
+bool each_value(Use use) {
+  std::vector<VObject> messages;
+  return each_frame([&](PacketFrameIn& frame) {
+    messages.clear();
+    proto_extract_messages(frame, messages);
+    for (const VObject& message : messages) use(message);
+  });
+}
+
+/// The frame's only value in notation, or "!" and the fault; in `written` the bytes written for it, or nil.
+std::string description_of(PacketFrameIn& frame, bool symbols_as_strings, VObject& written) {
+  try {
+    VObject value;
+    frame.set_pos(frame.payload_start());
+    VObject::deserialize(frame, frame.payload_end(), value, symbols_as_strings, 64);
+    if (frame.pos() != frame.payload_end()) return "!more than one value";
+    PacketBuf out;
+    value.serialize(out, 64);
+    written = out.data();
+    return vorn_test::notation_of(value);
+  } catch (const VORN::VornRuntimeError& e) {
+    return std::string("!") + e.what();
+  }
 }
 
 int check(uint32_t seed, int count) {
@@ -126,6 +154,16 @@ int main(int argc, char** argv) {
   if (mode == "echo" && argc == 2) {
     return each_value([&](const VObject& value) { write_frame(out, value); }) ? 0 : 1;
   }
+  if (mode == "describe" && argc == 2) {
+    const bool whole = each_frame([&](PacketFrameIn& frame) {
+      VObject written;
+      VObject unused;
+      const std::string value = description_of(frame, false, written);
+      const std::string as_strings = description_of(frame, true, unused);
+      write_frame(out, VObject(VORN::VObjectVector{value, as_strings, written}));
+    });
+    return whole ? 0 : 1;
+  }
   if (argc == 4) {
     const uint32_t seed = static_cast<uint32_t>(std::strtoul(argv[2], nullptr, 10));
     const int count = std::atoi(argv[3]);
@@ -136,6 +174,6 @@ int main(int argc, char** argv) {
       return 0;
     }
   }
-  std::cerr << "usage: wire_peer echo | generate SEED N | check SEED N\n";
+  std::cerr << "usage: wire_peer echo | describe | generate SEED N | check SEED N\n";
   return 2;
 }

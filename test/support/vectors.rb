@@ -3,7 +3,7 @@
 module Vectors
   DIR = File.expand_path('../../vectors', __FILE__)
 
-  Value = Struct.new(:name, :bytes, :ruby, :ruby_as_strings, :ruby_bytes)
+  Value = Struct.new(:name, :bytes, :ruby, :ruby_as_strings, :ruby_bytes, :variant, :variant_as_strings, :variant_bytes)
   Fault = Struct.new(:name, :bytes, :payload, :maxdepth, :fault, :pos)
   Frame = Struct.new(:name, :stream, :consumed, :state, :layout, :seq, :data_len, :payload, :written) do
     def complete?
@@ -13,15 +13,15 @@ module Vectors
 
   module_function
 
-  # What Ruby decodes and writes. `ruby` and `ruby_as_strings` are notation or "!fault"; `ruby_bytes` is nil
-  # when there is nothing to write.
+  # What each codec decodes and writes: notation or "!fault", and bytes, nil when there is nothing to write.
   def values
-    table('values.txt', 8).map do |name, bytes, ruby, as_strings, _, _, ruby_bytes, _|
+    table('values.txt', 8).map do |name, bytes, ruby, ruby_as_strings, variant, variant_as_strings, *written|
       raw = bytes(bytes)
-      preserved = expand(ruby)
-      strings = as_strings == '=' ? preserved.gsub('s:', 'u:') : expand(as_strings)
-      written = ruby_bytes == '=' ? raw : bytes(ruby_bytes)
-      Value.new(name, raw, preserved, strings, ruby_bytes == '-' ? nil : written)
+      ruby = expand(ruby)
+      variant = variant == '=' ? ruby.gsub(/[bu]:/, 't:') : expand(variant)
+      ruby_bytes, variant_bytes = written.map { |cell| cell == '=' ? raw : (bytes(cell) unless cell == '-') }
+      Value.new(name, raw, ruby, ruby_as_strings == '=' ? ruby.gsub('s:', 'u:') : expand(ruby_as_strings), ruby_bytes,
+                variant, variant_as_strings == '=' ? variant.gsub('s:', 't:') : expand(variant_as_strings), variant_bytes)
     end
   end
 
