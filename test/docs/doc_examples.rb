@@ -8,13 +8,26 @@
 #
 # A marker on the line before a block:
 #
-#   <!-- file: path -->  the block is this file, word for word
-#   <!-- tested -->      a ```console block: each `$ ` line runs in the shell, from the project's root, and prints
-#                        the lines below it
-#   <!-- not run -->     a ```ruby block that is not for running
+#   <!-- file: path -->   the block is this file, word for word
+#   <!-- tested -->       a ```console block: each `$ ` line runs in the shell, from the project's root, and prints
+#                         the lines below it
+#   <!-- not run -->      a ```ruby block that is not for running
+#   <!-- write: name -->  the block goes into a file of this name in a folder of the document's own
+#   <!-- tested in its folder -->
+#                         a ```console block that runs there
+#   <!-- goes on in its folder -->
+#                         a ```console block of one command, which runs there until the document ends. It has to
+#                         print the lines below it, and may print more
+#   <!-- has printed since -->
+#                         the lines that the last such command has printed in addition
+#   <!-- needs python3: MARKER -->, <!-- needs msgpack -->, <!-- needs vorn_rpc by pkg-config: MARKER -->
+#                         the block counts where that is installed. What is left out is said.
+#
+# Arguments name documents; without any, all are run.
 require "open3"
 require "rbconfig"
 require "stringio"
+require "tmpdir"
 
 class Document
   Block = Struct.new(:language, :marker, :first_line, :lines) do
@@ -23,22 +36,36 @@ class Document
     end
   end
 
-  attr_reader :counts, :failures
+  Running = Struct.new(:pid, :log, :shown)
+
+  NEEDS = {
+    "python3" => -> { Open3.capture2e("python3", "--version")[1].success? },
+    "msgpack" => -> { !require("msgpack").nil? },
+    "vorn_rpc by pkg-config" => -> { Open3.capture2e("pkg-config", "--exists", "vorn_rpc")[1].success? }
+  }.freeze
+
+  SECONDS_TO_WAIT = 20
+  SECONDS_TO_RUN = 120
+
+  attr_reader :counts, :failures, :left_out
 
   def initialize(path)
     @path = path
     @blocks = blocks_of(File.readlines(path, encoding: "UTF-8"))
     @counts = Hash.new(0)
+    @left_out = Hash.new(0)
     @failures = []
+    @running = []
   end
 
   def run
     scope = TOPLEVEL_BINDING.eval("binding")
-    @blocks.each do |block|
-      compare_with_file(block) if block.marker =~ /\Afile: (.+)/
-      case block.language
-      when "ruby" then run_ruby(block, scope) unless block.marker == "not run"
-      when "console" then run_console(block) if block.marker == "tested"
+    Dir.mktmpdir do |folder|
+      @folder = folder
+      begin
+        @blocks.each { |block| run_block(block, scope) }
+      ensure
+        @running.each { |running| stop(running) }
       end
     end
   end
@@ -62,6 +89,34 @@ class Document
 
   private
 
+  def run_block(block, scope)
+    marker = block.marker.to_s
+    if marker =~ /\Aneeds ([^:]+)(?:: (.+))?\z/
+      need, marker = $1, $2.to_s
+      return @left_out[need] += 1 unless there?(need)
+    end
+    case marker
+    when /\Afile: (.+)/ then compare_with_file(block, $1)
+    when /\Awrite: (.+)/ then return File.write(File.join(@folder, $1), block.text)
+    when "has printed since" then return check_log(block)
+    when "not run" then return
+    end
+    case block.language
+    when "ruby" then run_ruby(block, scope)
+    when "console" then run_console(block, marker)
+    end
+  end
+
+  def there?(need)
+    @there ||= {}
+    return @there[need] if @there.key?(need)
+    @there[need] = begin
+      NEEDS.fetch(need).call
+    rescue LoadError, Errno::ENOENT
+      false
+    end
+  end
+
   def fail_at(line, text)
     @failures << "#{@path}:#{line}: #{text}"
   end
@@ -82,9 +137,8 @@ class Document
     blocks
   end
 
-  def compare_with_file(block)
+  def compare_with_file(block, file)
     @counts["files"] += 1
-    file = block.marker[/\Afile: (.+)/, 1]
     fail_at(block.first_line, "is not the text of #{file}") unless block.text == File.read(file, encoding: "UTF-8")
   end
 
@@ -122,45 +176,99 @@ class Document
     $stdout = saved
   end
 
-  def run_console(block)
+  def run_console(block, marker)
+    case marker
+    when "tested" then run_commands(block, ".")
+    when "tested in its folder" then run_commands(block, @folder)
+    when "goes on in its folder" then start_command(block)
+    end
+  end
+
+  def run_commands(block, folder)
     command = nil
     expected = nil
     block.lines.each_with_index do |line, index|
       if line.start_with?("$ ")
-        check_command(block.first_line + index - 1, command, expected)
+        check_command(block.first_line + index - 1, command, expected, folder)
         command = line[2..-1].chomp
         expected = ""
       else
         expected << line
       end
     end
-    check_command(block.first_line + block.lines.size, command, expected)
+    check_command(block.first_line + block.lines.size, command, expected, folder)
   end
 
-  def check_command(line, command, expected)
+  def check_command(line, command, expected, folder)
     return unless command
     @counts["commands"] += 1
-    output, status = Open3.capture2e("bash", "-euo", "pipefail", "-c", command)
+    output, status = Open3.capture2e("timeout", SECONDS_TO_RUN.to_s, "bash", "-euo", "pipefail", "-c", command, chdir: folder)
     fail_at(line, "`#{command}` ends with #{status.exitstatus}\n#{output}") unless status.success?
     fail_at(line, "`#{command}` prints\n#{output}instead of\n#{expected}") unless output == expected
   end
+
+  def start_command(block)
+    @counts["commands"] += 1
+    command = block.lines[0][/\A\$ (.+)/, 1]
+    expected = block.lines.drop(1).join
+    log = File.join(@folder, "log#{@running.size}")
+    pid = Process.spawn("bash", "-euc", "exec #{command}", chdir: @folder, in: File::NULL, [:out, :err] => log)
+    @running << Running.new(pid, log, expected)
+    printed = wait_for(expected, @running.last)
+    return if printed == expected && !ended?(pid)
+    fail_at(block.first_line, "`#{command}` prints\n#{printed}instead of\n#{expected}and going on")
+  end
+
+  def check_log(block)
+    running = @running.last
+    @counts["printed lines"] += block.lines.size
+    running.shown += block.text
+    printed = wait_for(running.shown, running)
+    return if printed == running.shown
+    fail_at(block.first_line, "the command that goes on has printed\n#{printed}instead of\n#{running.shown}")
+  end
+
+  # What it has printed, as soon as that is as much as is expected.
+  def wait_for(expected, running)
+    deadline = Time.now + SECONDS_TO_WAIT
+    until Time.now > deadline || ended?(running.pid)
+      printed = File.read(running.log)
+      return printed if printed.bytesize >= expected.bytesize
+      sleep(0.02)
+    end
+    File.read(running.log)
+  end
+
+  def ended?(pid)
+    Process.waitpid(pid, Process::WNOHANG) ? true : false
+  rescue Errno::ECHILD
+    true
+  end
+
+  def stop(running)
+    return if ended?(running.pid)
+    Process.kill(:TERM, running.pid)
+    Process.wait(running.pid)
+  end
 end
 
-if ARGV.size == 1
-  # A child: one document.
-  $document = Document.new(ARGV[0])
+if ARGV[0] == "--child"
+  $document = Document.new(ARGV[1])
   $document.run
   puts $document.failures
+  puts $document.left_out.map { |need, count| "left out: #{ARGV[1]}: #{count} blocks that need #{need}" }
   puts "counts #{$document.counts.map { |name, count| "#{name}=#{count}" }.join(',')}"
   exit $document.failures.empty?
 end
 
 totals = Hash.new(0)
 failed = 0
-documents = ["README.md"] + Dir["docs/**/*.md"].sort
+documents = ARGV.empty? ? ["README.md", "CONTRIBUTING.md", "SECURITY.md"] + Dir["docs/**/*.md"].sort : ARGV
 documents.each do |path|
-  output, status = Open3.capture2e(RbConfig.ruby, "-W", __FILE__, path)
-  counts, others = output.lines.partition { |line| line.start_with?("counts ") }
+  output, status = Open3.capture2e(RbConfig.ruby, "-W", __FILE__, "--child", path)
+  left_out, output = output.lines.partition { |line| line.start_with?("left out: ") }
+  puts left_out
+  counts, others = output.partition { |line| line.start_with?("counts ") }
   counts.join.sub("counts ", "").chomp.split(",").each do |pair|
     name, count = pair.split("=")
     totals[name] += count.to_i
@@ -171,10 +279,11 @@ documents.each do |path|
 end
 
 # A checker that found nothing to check has checked nothing.
-["files", "ruby examples", "results", "printed lines", "commands"].each do |name|
-  next if totals[name] > 0
+names = ["files", "ruby examples", "results", "printed lines", "commands"]
+(ARGV.empty? ? names : [names.find { |name| totals[name] > 0 }]).each do |name|
+  next if name && totals[name] > 0
   failed += 1
-  puts "no #{name} in any document"
+  puts "no #{name || 'example'} in any document"
 end
 summary = totals.map { |name, count| "#{count} #{name}" }.join(", ")
 puts "#{documents.size} documents: #{summary}; #{failed} failures"

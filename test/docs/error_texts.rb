@@ -1,0 +1,48 @@
+# Compares the error texts in the sources with the table in docs/operating.md: each text has its row, and each row of
+# the library's own texts has its source. bin/test-docs calls it.
+
+TABLE = "docs/operating.md"
+SOURCES = Dir["{ext,proto,vobject}/*.{cc,h}"] + %w[ext/extconf.rb tools/inspect/stream_scanner.cc tools/inspect/value_scanner.cc]
+
+# Names of data types, which no error shows.
+NO_ERROR = /\AVORN /
+
+# The string literals of a source, neighbours put together, that read like a message.
+def texts_of(file)
+  code = File.read(file, encoding: "UTF-8")
+  code = code.gsub(%r{/\*.*?\*/}m, "").gsub(file.end_with?(".rb") ? /^\s*#.*/ : %r{^\s*//.*|\s//[/ ].*}, "")
+  return code.scan(/abort "([^"#]*)/).flatten + code.scan(/require_that\("([^"]*)/).flatten if file.end_with?(".rb")
+  code = code.gsub(/^\s*#.*/, "").gsub(/static_assert\(.*?\);/m, "")
+  literals = code.gsub(/"\s*\n?\s*"(?=[^"\n]*")/) { |gap| gap.include?("\n") ? "" : gap }.scan(/"((?:[^"\\\n]|\\.)*)"/).flatten
+  literals.select { |text| text =~ /[a-z]{2,} ?[:%]? ?[a-z%]/i && text.strip =~ / / && text !~ /\\x|\{:/ }
+end
+
+# What of a text is fixed: "a %s b" and "a N b" are "a" and "b".
+def fixed_parts(text)
+  text.split(/%[a-z]|\b[NMX]\b|\.\.\./).map { |part| part.strip.sub(/:\z/, "") }.reject { |part| part.size < 4 }
+end
+
+rows = File.readlines(TABLE, encoding: "UTF-8").map { |line| line[/\A\| `([^`]+)` \|/, 1] }.compact
+own = File.read(TABLE, encoding: "UTF-8")[/<!-- texts of the library -->(.*)<!-- end of texts -->/m, 1].to_s
+          .lines.map { |line| line[/\A\| `([^`]+)` \|/, 1] }.compact
+texts = SOURCES.flat_map { |file| texts_of(file).map { |text| [text, file] } }
+failures = []
+
+# A text that is put together at run time shows in parts.
+def row_for?(text, row)
+  return row == text unless text =~ /%[a-z]/ || text != text.strip || text =~ /\A(a |Ruby's|Boost's)/
+  fixed_parts(text).all? { |part| row.include?(part) }
+end
+
+texts.each do |text, file|
+  next if text =~ NO_ERROR || rows.any? { |row| row_for?(text, row) }
+  failures << "#{file}: no row in #{TABLE} for #{text.inspect}"
+end
+own.each do |row|
+  next if fixed_parts(row).all? { |part| texts.any? { |text, _| text.include?(part) } }
+  failures << "#{TABLE}: in no source: #{row.inspect}"
+end
+
+puts failures
+puts "#{texts.size} error texts, #{rows.size} rows, #{failures.size} failures"
+exit failures.empty? && texts.size > 50 && own.size > 50
