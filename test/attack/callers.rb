@@ -18,8 +18,17 @@ module Attack
     class Misbehaved < StandardError
     end
 
+    # The interpreter inspects an object for some texts, and what it holds: not the whole world.
+    module Terse
+      def inspect
+        "(misbehaves)"
+      end
+    end
+
     # A Hash whose `each` performs steps.
     class OwnEach < Hash
+      include Terse
+
       def prepare(steps, world)
         @steps = steps
         @world = world
@@ -34,6 +43,8 @@ module Attack
 
     # What is asked for a number performs steps first.
     class OwnInteger
+      include Terse
+
       def initialize(number, steps, world)
         @number = number
         @steps = steps

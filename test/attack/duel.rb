@@ -127,11 +127,17 @@ module Attack
 
     def slots_at_risk(operation)
       return @model.pool.each_index if far_reaching?(operation)
-      WRITING.include?(operation.name) ? [operation.slot] : []
+      WRITING.include?(operation.name) ? touched(operation) : []
     end
 
+    # Whether callbacks may have used any of the pool.
     def far_reaching?(operation)
-      operation.made || operation.steps || @model.pool[operation.slot].maxdepth.is_a?(Callers::OwnInteger)
+      operation.made && operation.name != :copy_object || operation.steps || @model.pool[operation.slot].maxdepth.is_a?(Callers::OwnInteger)
+    end
+
+    def touched(operation)
+      destination = operation.args[0] if operation.made
+      [operation.slot, *(destination.slot if destination.is_a?(Callers::Slot))].uniq
     end
 
     def undo
@@ -146,7 +152,8 @@ module Attack
     def compare(operation, expected, actual)
       compare_outcomes(operation, expected, actual)
       compare_outcomes("what callbacks did in #{operation}", @model.log, @real.log) unless @model.log.empty? && @real.log.empty?
-      far_reaching?(operation) ? compare_all(operation) : compare_state(operation, operation.slot)
+      return compare_all(operation) if far_reaching?(operation)
+      touched(operation).each { |slot| compare_state(operation, slot) }
     end
 
     def compare_outcomes(what, expected, actual)
@@ -162,8 +169,7 @@ module Attack
       actual = @real.pool[slot]
       states = [state(expected), state(actual)]
       differ("state of pool[#{slot}] after #{what}", *states) unless states[0] == states[1]
-      bytes = [bytes(expected, expected), bytes(actual, expected)]
-      differ("bytes of pool[#{slot}] after #{what}", *bytes) unless bytes[0] == bytes[1]
+      compare_bytes(what, slot, expected, actual)
     end
 
     def state(buf)
@@ -175,13 +181,12 @@ module Attack
     end
 
     # All stored bytes; of an inbound frame those up to the payload's end.
-    def bytes(buf, model)
-      pos = buf.pos
-      last = [model.payload_end, model.data.bytesize].min
-      return if last == 0 || !model.readable?(last - 1)
-      stored = buf.seek(last).to_str
-      buf.seek(pos)
-      stored
+    def compare_bytes(what, slot, expected, actual)
+      size = [expected.payload_end, expected.data.bytesize].min
+      return if size == 0 || !expected.readable?(size - 1)
+      stored = actual.seek(size).to_str
+      actual.seek(expected.pos)
+      differ("bytes of pool[#{slot}] after #{what}", expected.data[0, size], stored) unless stored == expected.data[0, size]
     end
 
     def differ(what, expected, actual)

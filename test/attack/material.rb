@@ -25,6 +25,8 @@ module Attack
       @random = random
       @values = Array.new(400) { value(3) }
       @encodings = @values.map { |value| Model::PacketBuf.new.write_object(value).to_str }
+    rescue Model::TooLarge
+      retry
     end
 
     def pick(list)
@@ -132,6 +134,8 @@ module Attack
       hash = {}
       (1 + size).times { |n| hash[chance(2) ? [n, any_value] : { n => value(1) }] = value(2) }
       Model::PacketBuf.new.write_object([1, hash]).to_str
+    rescue Model::TooLarge
+      keyed_wire
     end
 
     def mutated(bytes)

@@ -38,9 +38,11 @@ module Attack
 
     attr_reader :pool, :log, :kept, :named, :classes
 
-    # What follows is the text alone: not its encoding, nor the inspected object that the interpreter puts behind some.
+    # The text alone: not its encoding, nor the inspected object that the interpreter puts behind some. It has two texts
+    # for a nil that is no number, in 3.3 one for each kind of number.
     def self.raised(error)
-      [:raised, error.class, error.message.b.sub(/: #<.*\z/mn, "")]
+      text = error.message.b.sub(/: #<.*\z/mn, "")
+      [:raised, error.class, text.sub("no implicit conversion of nil into Integer", "no implicit conversion from nil to integer")]
     end
 
     # By key: :buf, :out, :in, :own_buf, :own_out and :frame.

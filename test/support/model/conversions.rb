@@ -5,6 +5,8 @@ module Model
   # own methods; Array#at stands for them.
   module Conversions
     CUT = 2**32 - 1
+    LONG = (-2**63...2**63).freeze
+    UNSIGNED_LONG = (-2**63...2**64).freeze
 
     module_function
 
@@ -20,24 +22,24 @@ module Model
     end
 
     def unsigned_long(value)
-      number = integer(value, 2**64)
-      raise RangeError, too_big.sub("long'", "unsigned long'") if number >= 2**64 || number <= -2**64
-      raise RangeError, "bignum out of range of unsigned long" if number < -2**63
-      number
+      number = integer(value, UNSIGNED_LONG)
+      return number if UNSIGNED_LONG.cover?(number)
+      raise RangeError, too_big.sub("long'", "unsigned long'") if number.abs >= 2**64
+      raise RangeError, "bignum out of range of unsigned long"
     end
 
     def signed_long(value)
-      number = integer(value, 2**63)
-      raise RangeError, too_big if number >= 2**63 || number < -2**63
+      number = integer(value, LONG)
+      raise RangeError, too_big unless LONG.cover?(number)
       number
     end
 
-    # A Float is cut towards 0 and must be below the limit; an object is asked for its to_int.
-    def integer(value, limit)
+    # A Float is cut towards 0 and must be in the range; an object is asked for its to_int.
+    def integer(value, range)
       case value
       when Integer then value
       when Float
-        [].at(value) unless value < limit && value >= -2**63
+        [].at(value) unless range.cover?(value)
         value.to_i
       when nil, true, false, String, Symbol, Array, Hash then [].at(value)
       else

@@ -5,6 +5,7 @@ module Model
   class Encoder
     NAME = "serialize_rbobj_to_packetbuf: "
     MAXDEPTH = 64
+    IMMEDIATE = (-2**62...2**62).freeze
 
     # The interpreter's own methods: a subclass may have others under these names.
     EACH = Hash.instance_method(:each)
@@ -41,8 +42,8 @@ module Model
 
     # Immediate Integers, of 63 bits, are cut to 32 bits. The others must fit into 64.
     def carried(value)
-      return Conversions.signed_32(value) if value >= -2**62 && value < 2**62
-      return value if value >= -2**63 && value < 2**63
+      return Conversions.signed_32(value) if IMMEDIATE.cover?(value)
+      return value if Conversions::LONG.cover?(value)
       raise RangeError, Conversions.too_big.sub("long'", "long long'")
     end
 
