@@ -20,7 +20,8 @@
 #                         print the lines below it, and may print more
 #   <!-- has printed since -->
 #                         the lines that the last such command has printed in addition
-#   <!-- needs python3: MARKER -->, <!-- needs msgpack -->, <!-- needs vorn_rpc by pkg-config: MARKER -->
+#   <!-- needs python3: MARKER -->, <!-- needs msgpack -->, <!-- needs vorn_rpc by pkg-config: MARKER -->,
+#   <!-- needs vorn-inspect: MARKER -->
 #                         the block counts where that is installed. What is left out is said.
 #
 # Arguments name documents; without any, all are run.
@@ -41,6 +42,7 @@ class Document
   NEEDS = {
     "python3" => -> { Open3.capture2e("python3", "--version")[1].success? },
     "msgpack" => -> { !require("msgpack").nil? },
+    "vorn-inspect" => -> { Open3.capture2e("vorn-inspect", "--version")[1].success? },
     "vorn_rpc by pkg-config" => -> { Open3.capture2e("pkg-config", "--exists", "vorn_rpc")[1].success? }
   }.freeze
 
