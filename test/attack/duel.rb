@@ -27,9 +27,9 @@ module Attack
     end
 
     EXTENSION = { buf: VORN::PROTO::PacketBuf, out: VORN::PROTO::PacketFrameOut, in: VORN::PROTO::PacketFrameIn,
-                  own_buf: OwnBuf, own_out: OwnOut }.freeze
+                  frame: VORN::PROTO::PacketFrame, own_buf: OwnBuf, own_out: OwnOut }.freeze
     MODEL = { buf: Model::PacketBuf, out: Model::PacketFrameOut, in: Model::PacketFrameIn,
-              own_buf: OwnBufModel, own_out: OwnOutModel }.freeze
+              frame: Model::PacketFrame, own_buf: OwnBufModel, own_out: OwnOutModel }.freeze
     WRITING = [:write_raw, :write_object, :<<, :copy_object, :assemble, :compute_frame_header].freeze
 
     # Operations whose outcomes were compared, and those that were not tried, since they take too much memory.
@@ -98,7 +98,11 @@ module Attack
 
     def replace(slot)
       @generator.forget_plans
-      key, how = @generator.fresh(slot)
+      create(slot, :frame, @random.rand(2) == 0 ? :new : :allocate)
+      create(slot, *@generator.fresh(slot))
+    end
+
+    def create(slot, key, how)
       compare_outcomes("#{key}.#{how}", @model.create(slot, key, how), @real.create(slot, key, how))
     end
 
@@ -132,7 +136,8 @@ module Attack
 
     # Whether callbacks may have used any of the pool.
     def far_reaching?(operation)
-      operation.made && operation.name != :copy_object || operation.steps || @model.pool[operation.slot].maxdepth.is_a?(Callers::OwnInteger)
+      operation.made && operation.name != :copy_object || operation.steps ||
+        @model.pool[operation.slot].maxdepth.is_a?(Callers::OwnInteger)
     end
 
     def touched(operation)
@@ -151,7 +156,7 @@ module Attack
 
     def compare(operation, expected, actual)
       compare_outcomes(operation, expected, actual)
-      compare_outcomes("what callbacks did in #{operation}", @model.log, @real.log) unless @model.log.empty? && @real.log.empty?
+      compare_outcomes("what callbacks did in #{operation}", @model.log, @real.log)
       return compare_all(operation) if far_reaching?(operation)
       touched(operation).each { |slot| compare_state(operation, slot) }
     end
@@ -173,10 +178,11 @@ module Attack
     end
 
     def state(buf)
+      state = [buf.pos, buf.payload_size]
       case buf
-      when Model::PacketFrameIn, VORN::PROTO::PacketFrameIn then [buf.pos, buf.payload_size, buf.have_complete_frame?, buf.seq]
-      when Model::PacketFrameOut, VORN::PROTO::PacketFrameOut then [buf.pos, buf.payload_size, buf.next_seq, buf.using_12byte_header?]
-      else [buf.pos, buf.payload_size]
+      when Model::PacketFrameIn, VORN::PROTO::PacketFrameIn then state << buf.have_complete_frame? << buf.seq
+      when Model::PacketFrameOut, VORN::PROTO::PacketFrameOut then state << buf.next_seq << buf.using_12byte_header?
+      else state
       end
     end
 
@@ -190,8 +196,9 @@ module Attack
     end
 
     def differ(what, expected, actual)
-      raise Difference, "seed #{@seed}, operation #{@performed}: #{what}\n  model:     #{Attack.text(expected)}\n" \
-                        "  extension: #{Attack.text(actual)}\nreplay: bin/attack --seed #{@seed} --ops #{@performed}#{@collector.option}"
+      raise Difference, "seed #{@seed}, operation #{@performed}: #{what}\n" \
+                        "  model:     #{Attack.text(expected)}\n  extension: #{Attack.text(actual)}\n" \
+                        "replay: bin/attack --seed #{@seed} --ops #{@performed}#{@collector.option}"
     end
   end
 end

@@ -4,15 +4,16 @@ module Attack
   # Chooses operations, with an eye on the model's objects so that most of them get somewhere.
   class Generator
     POOL = [:buf, :buf, :out, :out, :in, :in, :in, :own_buf, :own_out].freeze
-    NESTED = [:write_wire, :write_value, :extract, :copy, :move, :look, :to_payload, :to_bytes, :reset, :limit, :start_over].freeze
+    NESTED = [:write_wire, :write_value, :extract, :copy, :move, :look, :to_payload, :to_bytes, :reset, :limit,
+              :start_over].freeze
     # Where values may be copied to.
     DESTINATIONS = POOL.each_index.select { |slot| [:buf, :out].include?(POOL[slot]) }.freeze
     # Objects larger than this are soon replaced.
     LARGE = 2000
 
     ANY = {
-      write_wire: 8, write_value: 10, write_bad: 1, read_back: 12, extract: 9, copy: 5, move: 9, move_wildly: 2, look: 5, to_payload: 6,
-      to_bytes: 6, reset: 4, limit: 2, symbols: 2, start_over: 1, arity: 1, duplicate: 1, hostile_write: 5, hostile_number: 2,
+      write_wire: 8, write_value: 10, write_bad: 1, read_back: 12, extract: 9, copy: 5, move: 9, move_wildly: 2, look: 5,
+      to_payload: 6, to_bytes: 6, reset: 4, limit: 2, symbols: 2, start_over: 1, arity: 1, duplicate: 1, hostile_write: 5, hostile_number: 2,
       hostile_key: 2, hostile_limit: 1
     }.freeze
     OWN_OF = {

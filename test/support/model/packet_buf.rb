@@ -186,4 +186,16 @@ module Model
       raise error, "can't modify frozen #{self.class.modelled}"
     end
   end
+
+  # What has no instances.
+  class PacketFrame
+    def self.new(*)
+      allocate
+    end
+
+    def self.allocate
+      raise NotImplementedError,
+            "naked PacketFrame instancing not supported; use PacketFrameIn or PacketFrameOut"
+    end
+  end
 end

@@ -48,13 +48,17 @@ module Model
       if size > configured_max_data_len
         raise COMPUTE + "oversize: data_len #{size} > max #{configured_max_data_len}"
       end
-      header = @twelve ? [0xA5, 0, @next_seq, size >> 16, size, 0xDEADBEEF, 0x5A].pack("CCnCnNC") : [0xA5, 1, @next_seq, size].pack("CCnN")
-      grow_to(header.bytesize)
-      @data[0, header.bytesize] = header
+      grow_to(configured_header_len)
+      @data[0, configured_header_len] = header(size)
       self
     end
 
     private
+
+    def header(size)
+      return [0xA5, 1, @next_seq, size].pack("CCnN") unless @twelve
+      [0xA5, 0, @next_seq, size >> 16, size, 0xDEADBEEF, 0x5A].pack("CCnCnNC")
+    end
 
     def construct
       super
