@@ -17,9 +17,13 @@ VALUE packetframe_allocate(VALUE) {
 
 void init_packet_frame() {
   cPacketFrame = define_proto_class("PacketFrame", cPacketBuf, packetframe_allocate);
+  /* Bytes of the 8-byte header. */
   rb_define_const(cPacketFrame, "PF8_HEADER_LEN", ULONG2NUM(PacketFrame::PF8_HEADER_LEN));
+  /* The most payload bytes behind an 8-byte header. */
   rb_define_const(cPacketFrame, "PF8_MAX_DATA_LEN", ULONG2NUM(PacketFrame::PF8_MAX_DATA_LEN));
+  /* Bytes of the 12-byte header. */
   rb_define_const(cPacketFrame, "PF12_HEADER_LEN", ULONG2NUM(PacketFrame::PF12_HEADER_LEN));
+  /* The most payload bytes behind a 12-byte header. */
   rb_define_const(cPacketFrame, "PF12_MAX_DATA_LEN", ULONG2NUM(PacketFrame::PF12_MAX_DATA_LEN));
 }
 

@@ -7,11 +7,64 @@
 namespace VORN {
 namespace EXT {
 
+/*
+ * Document-module: VORN
+ *
+ * Everything of this gem. VORN::PROTO has the classes.
+ */
 VALUE mVorn;
+
+/*
+ * Document-module: VORN::PROTO
+ *
+ * Values in a compact binary form, in frames that survive any way a byte stream is chunked. PacketFrameOut makes
+ * frames to send, PacketFrameIn finds them in what arrives, PacketBuf holds values without a frame. They do no input
+ * or output.
+ *
+ *   out = VORN::PROTO::PacketFrameOut.new.reset
+ *   out << { "name" => "Ada" }
+ *   bytes = out.compute_frame_header.to_str
+ *
+ *   frame = VORN::PROTO::PacketFrameIn.new.reset
+ *   frame.assemble(bytes, 0)
+ *   frame.have_complete_frame?                # => true
+ *   frame.seek_payload_start.extract_object   # => {"name"=>"Ada"}
+ */
 VALUE mProto;
+
+/*
+ * Document-class: VORN::PROTO::PacketBuf
+ *
+ * Bytes that grow, and a position in them where values are written and read. Writing overwrites and never inserts.
+ * One buffer is used by one thread at a time.
+ *
+ *   buf = VORN::PROTO::PacketBuf.new
+ *   buf << [1, "two", 3.0]
+ *   buf.seek_payload_start.extract_object     # => [1, "two", 3.0]
+ */
 VALUE cPacketBuf;
+
+/*
+ * Document-class: VORN::PROTO::PacketFrame
+ *
+ * What the two frames have in common. It cannot be instantiated.
+ */
 VALUE cPacketFrame;
+
+/*
+ * Document-class: VORN::PROTO::PacketFrameIn
+ *
+ * Finds one frame in a byte stream that arrives in chunks of any size, and holds it. Needs a reset before each frame,
+ * the first one included.
+ */
 VALUE cPacketFrameIn;
+
+/*
+ * Document-class: VORN::PROTO::PacketFrameOut
+ *
+ * One frame to send, built in place: reset leaves room for the header, values follow, compute_frame_header writes the
+ * header in front of them.
+ */
 VALUE cPacketFrameOut;
 
 VALUE define_proto_class(const char* name, VALUE superclass, VALUE (*allocate)(VALUE)) {

@@ -13,6 +13,7 @@
 namespace VORN {
 namespace PROTO {
 
+/// A list that is filled by the checking pass and read by the building pass.
 class ArrayCounts {
  public:
   /// Checking pass: an array starts. Returns its slot for set(). Throws std::bad_alloc.
@@ -21,6 +22,7 @@ class ArrayCounts {
     return size_++;
   }
 
+  /// Checking pass: the array of that slot has so many members.
   void set(size_t slot, uint32_t count) {
     (slot < INLINE_SLOTS ? inline_[slot] : more_[slot - INLINE_SLOTS]) = count;
   }

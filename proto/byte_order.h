@@ -8,6 +8,8 @@
 namespace VORN {
 namespace PROTO {
 
+/// The bytes of a word in reverse.
+/// @{
 inline uint16_t swap_bytes(uint16_t word) {
   return __builtin_bswap16(word);
 }
@@ -17,7 +19,10 @@ inline uint32_t swap_bytes(uint32_t word) {
 inline uint64_t swap_bytes(uint64_t word) {
   return __builtin_bswap64(word);
 }
+/// @}
 
+/// From the machine's order to the one that is named, or back.
+/// @{
 template <typename Word>
 inline Word big_endian(Word word) {
 #if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
@@ -35,7 +40,11 @@ inline Word little_endian(Word word) {
   return swap_bytes(word);
 #endif
 }
+/// @}
 
+/// Store a word at an address of any alignment, and load one from there.
+/// REQUIRES: `sizeof(Word)` bytes there.
+/// @{
 template <typename Word>
 inline void store_little_endian(void* at, Word word) {
   word = little_endian(word);
@@ -54,6 +63,7 @@ inline Word load_big_endian(const void* at) {
   std::memcpy(&word, at, sizeof word);
   return big_endian(word);
 }
+/// @}
 
 }  // namespace PROTO
 }  // namespace VORN

@@ -3,4 +3,5 @@
 /// not recognise them.
 #pragma once
 
+/// In front of the name of what linking code may use.
 #define VORN_API __attribute__((visibility("default")))

@@ -13,25 +13,35 @@
 namespace VORN {
 namespace PROTO {
 
+/// How many bits of the first byte the number may use, and whether one of them is a sign.
 struct GroupShape {
   unsigned first_byte_bits;  ///< bits that the number may use of its first byte: 2 to 8, signed 3 to 8
-  bool is_signed;
+  bool is_signed;            ///< one of these bits is a sign flag
 
+  /// The parts of the first byte: how many data bits it has, and the masks of its flags and data.
+  /// @{
   constexpr unsigned first_data_bits() const { return first_byte_bits - (is_signed ? 2 : 1); }
   constexpr unsigned continuation_flag() const { return 1U << first_data_bits(); }
   constexpr unsigned first_data_mask() const { return continuation_flag() - 1; }
   constexpr unsigned sign_flag() const { return is_signed ? continuation_flag() << 1 : 0; }
+  /// @}
 };
 
 /// No number takes more bytes than this: a 64-bit magnitude in the integers' shape.
 constexpr unsigned MAX_GROUP_NUMBER_SIZE = 10;
 
+/// The two shapes in use.
+/// @{
 constexpr GroupShape INT_SHAPE{7, true};
 constexpr GroupShape LENGTH_SHAPE{8, false};
+/// @}
 
+/// The parts of every later byte.
+/// @{
 constexpr unsigned LATER_DATA_BITS = 7;
 constexpr unsigned LATER_DATA_MASK = 0x7F;
 constexpr unsigned LATER_CONTINUATION_FLAG = 0x80;
+/// @}
 
 }  // namespace PROTO
 }  // namespace VORN

@@ -13,6 +13,7 @@
 namespace VORN {
 namespace PROTO {
 
+/// Bytes, a position, and the payload range, which the frame classes narrow.
 class VORN_API PacketBuf {
  public:
   /// A buffer does not reallocate while it stays within this many bytes.
@@ -29,9 +30,11 @@ class VORN_API PacketBuf {
 
   /// The payload range: first index, one past the last index, length. It may reach beyond the stored bytes;
   /// what may be read is decided by index_within_payload().
+  /// @{
   virtual uint64_t payload_start() const;
   virtual uint64_t payload_end() const;
   virtual uint64_t payload_size() const;
+  /// @}
 
   /// Whether the byte at index i may be read: it lies inside the payload range and is stored.
   bool index_within_payload(uint64_t i) const;
@@ -50,12 +53,16 @@ class VORN_API PacketBuf {
 
   /// The bytes at the position if n of them exist already, else null. The way around claim() for writers that
   /// know a bound before they know their length: they store, then advance() past what they stored.
+  /// @{
   char* room(uint64_t n);
   void advance(uint64_t n) { pos_ += n; }
+  /// @}
 
   /// The position may be set anywhere; a write beyond the stored bytes fills the gap with zeros.
+  /// @{
   uint64_t pos() const { return pos_; }
   void set_pos(uint64_t p) { pos_ = p; }
+  /// @}
 
   /// All stored bytes, from index 0. The reference is bound to this buffer, pointers into it to the next write.
   const std::string& data() const { return data_; }

@@ -10,10 +10,13 @@ namespace PROTO {
 /// Fixes the class tree and carries the layout constants under the names that Ruby code knows them by.
 class VORN_API PacketFrame : public PacketBuf {
  public:
+  /// The constants of proto/frame_header.h.
+  /// @{
   static constexpr uint64_t PF8_HEADER_LEN = PROTO::PF8_HEADER_LEN;
   static constexpr uint64_t PF8_MAX_DATA_LEN = PROTO::PF8_MAX_DATA_LEN;
   static constexpr uint64_t PF12_HEADER_LEN = PROTO::PF12_HEADER_LEN;
   static constexpr uint64_t PF12_MAX_DATA_LEN = PROTO::PF12_MAX_DATA_LEN;
+  /// @}
 
   ~PacketFrame() override;
 

@@ -31,6 +31,7 @@
 namespace VORN {
 namespace PROTO {
 
+/// Finds one frame in a stream and holds it.
 class VORN_API PacketFrameIn : public PacketFrame {
  public:
   PacketFrameIn() = default;
@@ -41,9 +42,11 @@ class VORN_API PacketFrameIn : public PacketFrame {
 
   /// The frame's payload, as far as its header is known. Before the layout byte is held the header counts as
   /// one of 8 bytes, and before the whole header is held the payload counts as empty.
+  /// @{
   uint64_t payload_start() const override;
   uint64_t payload_end() const override;
   uint64_t payload_size() const override;
+  /// @}
 
   /// Consumes bytes of data[offset, len) up to the end of the current frame, never beyond, and returns how
   /// many. While a frame is in progress at least one byte is consumed. A call without bytes (offset >= len)
@@ -57,16 +60,21 @@ class VORN_API PacketFrameIn : public PacketFrame {
   /// - "PacketFrameIn::st_accept_payload: excess payload received (internal error)"
   uint64_t assemble(const char* data, uint64_t len, uint64_t offset);
 
+  /// How it stands with the frame: complete, failed, or neither while it is in progress.
+  /// @{
   bool have_complete_frame() const { return status_ == STATUS_COMPLETE; }
   bool is_error() const { return status_ == STATUS_ERROR; }
+  /// @}
 
   /// Why the frame failed, a text that lives as long as the process: "Bad Header CRC", "Bad Payload Data CRC"
   /// or "Payload size exceeds soft limit". Null: it has not failed.
   const char* error_message() const { return error_message_; }
 
   /// What the header said; 0 before it is held.
+  /// @{
   uint16_t seq() const { return seq_; }
   uint32_t data_len() const { return data_len_; }
+  /// @}
 
   /// The largest payload that is accepted.
   uint32_t soft_limit() const { return soft_limit_; }

@@ -17,6 +17,7 @@
 namespace VORN {
 namespace PROTO {
 
+/// Holds one frame, and numbers those that follow one another.
 class VORN_API PacketFrameOut : public PacketFrame {
  public:
   /// At position 0 (call reset() before writing), sequence number 0, 8-byte header.
@@ -27,16 +28,23 @@ class VORN_API PacketFrameOut : public PacketFrame {
   uint64_t reset() override;
 
   /// The sequence number that the next header carries. inc_seq() wraps from 65535 to 0.
+  /// @{
   uint16_t next_seq() const { return next_seq_; }
   void set_next_seq(uint16_t s) { next_seq_ = s; }
   void inc_seq() { ++next_seq_; }
+  /// @}
 
   /// Chooses the header layout. The position stays where it is: call reset() and build the frame anew.
+  /// @{
   bool using_12byte_header() const { return use_12byte_header_; }
   void set_use_12byte_header(bool on) { use_12byte_header_ = on; }
+  /// @}
 
+  /// The chosen header's length, and the most payload bytes that it can announce.
+  /// @{
   uint64_t configured_header_len() const;
   uint64_t configured_max_data_len() const;
+  /// @}
 
   /// Writes the header in front of the payload; the position and the sequence number stay.
   /// Throws, the frame being unchanged:

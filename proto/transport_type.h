@@ -19,6 +19,7 @@
 namespace VORN {
 namespace PROTO {
 
+/// The values of the first byte.
 enum TransportType : uint8_t {
   PTT_NIL = 0x00,
   PTT_FALSE = 0x01,

@@ -18,8 +18,11 @@ class VORN_API VornException : public std::exception {
  public:
   /// Keeps a copy of `message`. Throws std::bad_alloc when there is no memory for it.
   explicit VornException(const std::string& message);
+  /// Copy the message. Throw std::bad_alloc.
+  /// @{
   VornException(const VornException&) = default;
   VornException& operator=(const VornException&) = default;
+  /// @}
   ~VornException() override;
 
   /// The message, valid as long as this exception.

@@ -9,8 +9,11 @@ namespace PROTO {
 class VORN_API VornProtoException : public VornException {
  public:
   using VornException::VornException;
+  /// Copy the message. Throw std::bad_alloc.
+  /// @{
   VornProtoException(const VornProtoException&) = default;
   VornProtoException& operator=(const VornProtoException&) = default;
+  /// @}
   ~VornProtoException() override;
 };
 

@@ -9,8 +9,11 @@ namespace VORN {
 class VORN_API VornRuntimeError : public VornException {
  public:
   using VornException::VornException;
+  /// Copy the message. Throw std::bad_alloc.
+  /// @{
   VornRuntimeError(const VornRuntimeError&) = default;
   VornRuntimeError& operator=(const VornRuntimeError&) = default;
+  /// @}
   ~VornRuntimeError() override;
 };
 

@@ -22,6 +22,7 @@
 namespace VORN {
 namespace PROTO {
 
+/// A position, and how far it may go.
 class WireReader {
  public:
   /// Starts at the buffer's position.
@@ -36,12 +37,14 @@ class WireReader {
     if (base_ != bytes_of(buf) || data_len_ != buf.data().size()) take_range(buf);
   }
 
+  /// Where reading stands, as an index into the buffer.
   uint64_t pos() const { return pos_; }
   /// Bytes from here on cannot be read. 0 when the position lies before the payload.
   uint64_t limit() const { return limit_; }
   /// All bytes that the buffer stores, payload or not.
   uint64_t data_len() const { return data_len_; }
 
+  /// Whether there is a byte at the position.
   bool readable() const { return pos_ < limit_; }
 
   /// The byte at the position, which stays. REQUIRES: readable().
@@ -64,8 +67,10 @@ class WireReader {
   bool read_length(uint32_t& length);
 
   /// Reads the body behind the type byte. False: it does not fit; the position stays.
+  /// @{
   bool read_float(float& value);
   bool read_double(double& value);
+  /// @}
 
  private:
   static const uint8_t* bytes_of(const PacketBuf& buf) {

@@ -97,6 +97,7 @@ inline uint64_t magnitude_of(int64_t value) {
   return (static_cast<uint64_t>(value) ^ sign) - sign;
 }
 
+/// Any integer, in as few bytes as it takes.
 inline void write_int(PacketBuf& buf, int64_t value) {
   const bool negative = value < 0;
   const uint64_t magnitude = magnitude_of(value);
@@ -146,6 +147,8 @@ inline void write_float_bits(PacketBuf& buf, TransportType type, Bits bits) {
   store_big_endian(at + 1, bits);
 }
 
+/// A type byte and the number.
+/// @{
 inline void write_float(PacketBuf& buf, float value) {
   uint32_t bits;
   std::memcpy(&bits, &value, sizeof bits);
@@ -157,6 +160,7 @@ inline void write_double(PacketBuf& buf, double value) {
   std::memcpy(&bits, &value, sizeof bits);
   write_float_bits(buf, PTT_DOUBLE, bits);
 }
+/// @}
 
 /// memcpy, with the short strings that messages are made of copied in place of a call: two moves of a fixed size
 /// that overlap.
@@ -182,7 +186,7 @@ inline void copy_string_bytes(char* to, const char* from, size_t n) {
   }
 }
 
-/// `type` is PTT_BINSTR, PTT_SYMBOL or PTT_UTF8STR.
+/// A type byte, the length and the bytes. `type` is PTT_BINSTR, PTT_SYMBOL or PTT_UTF8STR.
 inline void write_string(PacketBuf& buf, TransportType type, const char* bytes, uint32_t length) {
   char* at = buf.claim(1 + group_number_size(length, LENGTH_SHAPE) + uint64_t{length});
   *at++ = static_cast<char>(type);
@@ -190,6 +194,8 @@ inline void write_string(PacketBuf& buf, TransportType type, const char* bytes, 
   copy_string_bytes(at, bytes, length);
 }
 
+/// write_string() with the type that is named.
+/// @{
 inline void write_binstr(PacketBuf& buf, const char* bytes, uint32_t length) {
   write_string(buf, PTT_BINSTR, bytes, length);
 }
@@ -201,6 +207,7 @@ inline void write_symbol(PacketBuf& buf, const char* name, uint32_t length) {
 inline void write_utf8str(PacketBuf& buf, const char* bytes, uint32_t length) {
   write_string(buf, PTT_UTF8STR, bytes, length);
 }
+/// @}
 
 }  // namespace PROTO
 }  // namespace VORN

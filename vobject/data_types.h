@@ -6,6 +6,7 @@
 
 namespace VORN {
 
+/// A variant's tag.
 enum DataType : uint8_t {
   DT_NIL = 0,
   DT_INT = 1,  ///< signed, 64 bits

@@ -19,7 +19,7 @@ namespace VORN {
 /// the text.
 VORN_API void render(const VObject& v, std::string& out);
 
-/// Appends bytes, between two `quote`s unless that is zero. Control bytes and bytes from 0x80 on become \x
+/// Appends bytes, between two `quote`s unless that is zero. Control bytes and bytes from 0x80 on become `\x`
 /// and two hexadecimal digits; double quotes and backslashes get a backslash, whatever `quote` is. Throws
 /// std::bad_alloc.
 VORN_API void escape_str(const std::string& bytes, std::string& out, char quote);

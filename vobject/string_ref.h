@@ -17,12 +17,15 @@
 
 namespace VORN {
 
+/// Bytes that it borrows, owns or shares with the whole process.
 class VORN_API string_ref {
  public:
   /// Borrow bytes, which must stay where they are as long as the key is used.
+  /// @{
   string_ref(const char* text) : string_ref(text, std::strlen(text)) {}
   string_ref(const std::string& bytes) : string_ref(bytes.data(), bytes.size()) {}
   string_ref(const char* bytes, uint64_t length) : string_ref(BORROWED, bytes, length) {}
+  /// @}
 
   /// A key over bytes that live as long as the process and never change.
   static string_ref make_static(const char* bytes, uint64_t length) { return {STATIC, bytes, length}; }
@@ -38,10 +41,12 @@ class VORN_API string_ref {
     if (owner_flag_ > 0) delete[] data_;
   }
 
-  /// Not terminated.
+  /// The bytes, which no zero byte ends.
+  /// @{
   const char* data() const { return data_; }
   uint64_t length() const { return length_; }
   std::string_view view() const { return {data_, length_}; }
+  /// @}
 
   /// 0: borrowed; 1: owned; negative: static.
   int8_t owner_flag() const { return owner_flag_; }
@@ -73,6 +78,8 @@ class VORN_API string_ref {
   uint64_t length_;
 };
 
+/// Whether the bytes are the same, whoever owns them.
+/// @{
 inline bool operator==(const string_ref& a, const string_ref& b) {
   return a.view() == b.view();
 }
@@ -80,13 +87,16 @@ inline bool operator==(const string_ref& a, const string_ref& b) {
 inline bool operator!=(const string_ref& a, const string_ref& b) {
   return !(a == b);
 }
+/// @}
 
 }  // namespace VORN
 
 namespace std {
 
+/// The order of string_ref::compare().
 template <>
 struct less<VORN::string_ref> {
+  /// Whether `a` comes before `b`.
   bool operator()(const VORN::string_ref& a, const VORN::string_ref& b) const { return a.compare(b) < 0; }
 };
 

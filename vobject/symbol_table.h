@@ -21,10 +21,13 @@
 
 namespace VORN {
 
+/// The names, the ids, and their lock.
 class VORN_API SymbolTable {
  public:
+  /// What holds the lock: `SymbolTable::Lock hold(table.symbol_table_lock());`.
   using Lock = boost::unique_lock<boost::recursive_mutex>;
 
+  /// The table of the process. Thread-safe.
   static SymbolTable& instance();
 
   /// Every function below except name_slot() takes the lock. A thread may take it again.

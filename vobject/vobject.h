@@ -56,9 +56,13 @@ class PacketBuf;
 
 class VObject;
 
+/// What variants of the kinds DT_HASH and DT_VECTOR hold.
+/// @{
 using VObjectHash = std::map<string_ref, VObject>;
 using VObjectVector = std::vector<VObject>;
+/// @}
 
+/// A tag, and a scalar or a share of what the tag names.
 class VORN_API VObject {
   /// Integers of any width and unscoped enumerations become DT_INT. bool, and pointers by way of bool, do
   /// not.
@@ -76,19 +80,24 @@ class VORN_API VObject {
   /// Nil.
   constexpr VObject() noexcept : inline_{0, nullptr}, tag_(DT_NIL) {}
 
+  /// Integer, boolean, double.
+  /// @{
   template <typename T, IfInteger<T> = 0>
   VObject(T value) noexcept : inline_{word_of(static_cast<int64_t>(value)), nullptr}, tag_(DT_INT) {}
   template <typename T, IfBool<T> = 0>
   VObject(T value) noexcept : inline_{value ? 1U : 0U, nullptr}, tag_(DT_BOOL) {}
   template <typename T, IfFloating<T> = 0>
   VObject(T value) noexcept : inline_{word_of(static_cast<double>(value)), nullptr}, tag_(DT_DOUBLE) {}
+  /// @}
 
   /// A string with a copy of the bytes. A null pointer gives an empty string. From a VObjectString, the text
   /// up to its first zero byte is taken. Throw std::bad_alloc.
+  /// @{
   VObject(const char* text);
   VObject(const char* bytes, size_t length);
   VObject(const std::string& bytes);
   VObject(const VObjectString& text);
+  /// @}
 
   /// A vector with copies of the elements. Explicit, so that copying a std::vector<VObject> with braces does
   /// not wrap it in a variant. Throws std::bad_alloc.
@@ -98,8 +107,10 @@ class VORN_API VObject {
   VObject(const boost::shared_ptr<VObjectUDT>& object) noexcept;
 
   /// An empty hash; an empty vector with room for n elements. Throw std::bad_alloc.
+  /// @{
   static VObject new_hash();
   static VObject new_vector(size_t n = 0);
+  /// @}
 
   /// Shares what the source shares. The copy of a reference is a second reference to the same referent.
   VObject(const VObject& src) noexcept : VObject() {
@@ -142,7 +153,9 @@ class VORN_API VObject {
     return *this;
   }
 
-  /// Setters, on the target. The argument may be part of what is overwritten. Return this value.
+  /// Setters, on the target. The argument may be part of what is overwritten; a null pointer gives an empty string,
+  /// or a user-defined value that holds no object. Return this value. Throw std::bad_alloc unless they are noexcept.
+  /// @{
   template <typename T, IfInteger<T> = 0>
   VObject& operator=(T value) noexcept {
     target().put_inline(DT_INT, word_of(static_cast<int64_t>(value)));
@@ -158,12 +171,13 @@ class VORN_API VObject {
     target().put_inline(DT_DOUBLE, word_of(static_cast<double>(value)));
     return *this;
   }
-  /// A null pointer gives an empty string.
   VObject& operator=(const char* text);
   VObject& operator=(const std::string& bytes);
   VObject& operator=(const VObjectVector& elements);
   VObject& operator=(const boost::shared_ptr<VObjectUDT>& object) noexcept;
+  /// @}
 
+  /// The target becomes nil.
   void set_nil() noexcept;
   /// An empty hash. A target that is a hash already is emptied in place: everything that shares it sees that.
   void reset_hash();
@@ -187,8 +201,10 @@ class VORN_API VObject {
 
   /// On a reference: the pointer to its referent, bound to this value. It must not be made null.
   /// Throws "VObject::getref called on non-reference".
+  /// @{
   boost::shared_ptr<VObject>& getref();
   const boost::shared_ptr<VObject>& getref() const;
+  /// @}
 
   /// On a reference: drops it and becomes nil. The referent is as before.
   /// Throws "VObject::unref called on non-reference".
@@ -197,12 +213,14 @@ class VORN_API VObject {
   /// The target's contents, valid until the storage's last sharer is gone.
   /// Throw "VObject::getstr: data type not DT_STR", "VObject::gethash: data type not DT_HASH" and
   /// "VObject::getvec: data type not DT_VECTOR".
+  /// @{
   VObjectString& getstr();
   const VObjectString& getstr() const;
   VObjectHash& gethash();
   const VObjectHash& gethash() const;
   VObjectVector& getvec();
   const VObjectVector& getvec() const;
+  /// @}
 
   /// The target's user-defined object; null when it holds none or is of another kind.
   VObjectUDT* udt() const noexcept;
@@ -251,8 +269,10 @@ class VORN_API VObject {
 
   /// Appends a copy of the value, or of all values in order; they may be elements of this vector, or all of
   /// them. Returns the target. Throw "VObject::append called on non-vector object" and std::bad_alloc.
+  /// @{
   VObject& append(const VObject& value);
   VObject& append(const VObjectVector& values);
+  /// @}
 
   /// Merges the target of `src` into the target of this value. Hashes merge by key and vectors by index, and
   /// members that are missing here are shared with `src`; nothing is ever removed. Otherwise `src` is
@@ -274,15 +294,19 @@ class VORN_API VObject {
   /// `out` becomes nil first (its target, if it is a reference). The patch shares with `b`, not with `a`.
   /// Throws std::bad_alloc; `out` is then partly built.
   /// REQUIRES: user-defined values that are compared hold objects.
+  /// @{
   static bool diff(const VObject& a, VObject& out, const VObject& b, bool& structural, int parent_tag,
                    double epsilon);
   static bool diff(const VObject& a, VObject& out, const VObject& b, int parent_tag, double epsilon);
+  /// @}
 
   /// The id of the symbol of that name, which is made if it is new. Ids start at 1. Thread-safe.
   /// Throw std::bad_alloc; the table is then as before.
+  /// @{
   static uint32_t intern_string(const string_ref& name);
   static uint32_t intern(const char* name);
   static uint32_t intern(const std::string& name);
+  /// @}
 
   /// The symbol's name, which never changes and lives as long as the process. Null for an id that was never
   /// given to a name but has been rendered or written. Thread-safe.
@@ -422,6 +446,7 @@ static_assert(sizeof(void*) != 8 || sizeof(VObject) == 24, "payload word, shared
 /// other, NaN equals nothing, hashes and vectors compare by element. A value always equals itself. REQUIRES:
 /// user-defined values that are compared hold objects.
 VORN_API bool operator==(const VObject& a, const VObject& b);
+/// The opposite.
 inline bool operator!=(const VObject& a, const VObject& b) {
   return !(a == b);
 }

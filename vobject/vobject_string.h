@@ -12,7 +12,9 @@ class CStdStr : public std::basic_string<Char> {
  public:
   using std::basic_string<Char>::basic_string;
   using std::basic_string<Char>::operator=;
+  /// Empty.
   CStdStr() = default;
+  /// A copy of a standard string.
   CStdStr(const std::basic_string<Char>& bytes) : std::basic_string<Char>(bytes) {}
 };
 
@@ -20,6 +22,7 @@ class CStdStr : public std::basic_string<Char> {
 
 namespace VORN {
 
+/// What a variant of the kind DT_STR holds.
 using VObjectString = STDSTRING::CStdStr<char>;
 
 }  // namespace VORN

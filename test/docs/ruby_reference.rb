@@ -1,0 +1,75 @@
+# frozen_string_literal: true
+
+# usage: ruby_reference.rb FOLDER
+#
+# Makes the pages of the Ruby classes from the comments in ext/ and lib/. Fails on any warning, and where a class,
+# constant or public method that the built extension has does not appear with a text of its own.
+
+require "fileutils"
+require "rdoc/rdoc"
+require "stringio"
+require "tmpdir"
+require "vorn_rpc"
+
+ROOT = File.expand_path("../..", __dir__)
+TITLE = "Vorn RPC #{VORN::VERSION}"
+
+# What RDoc can read: it looks for the classes of a file in that file, and knows neither our helper nor our macro.
+# `initialize_copy` is private and only refuses.
+def readable_source
+  files = [File.join(ROOT, "ext/vorn_rpc_ext.cc")] + %w[buf frame frame_in frame_out].map do |name|
+    File.join(ROOT, "ext/packet_#{name}_class.cc")
+  end
+  files.map { |file| File.read(file, encoding: "UTF-8") }.join("\n")
+    .gsub(/VORN_CALLBACK\((\w+)\)/, '\1')
+    .gsub(/define_proto_class\(("\w+", \w+), \w+\)/, 'rb_define_class_under(mProto, \1)')
+    .gsub(/^.*"initialize_copy".*\n/, "")
+end
+
+# Returns the store of what was read, and what RDoc had to say.
+def document(folder)
+  Dir.mktmpdir do |sources|
+    FileUtils.cp_r(File.join(ROOT, "lib/vorn_rpc"), sources)
+    File.write(File.join(sources, "vorn_rpc_ext.cc"), readable_source)
+    Dir.chdir(sources) do
+      heard, $stderr = $stderr, StringIO.new
+      rdoc = RDoc::RDoc.new
+      rdoc.document(["--quiet", "--force-output", "--title", TITLE, "--main", "VORN::PROTO", "--output", folder, "."])
+      [rdoc.store, $stderr.string]
+    ensure
+      $stderr = heard
+    end
+  end
+end
+
+def text?(object)
+  object && !object.comment.to_s.strip.empty?
+end
+
+# The names of what has no text.
+def missing_in(store)
+  classes = VORN::PROTO.constants.map { |name| VORN::PROTO.const_get(name) }
+  missing = [VORN, VORN::PROTO, *classes].flat_map do |owner|
+    page = store.find_class_or_module(owner.name)
+    next [owner.name] unless page
+    own = text?(page) ? [] : [owner.name]
+    constants = owner.constants(false).reject { |name| owner.const_get(name).is_a?(Module) }
+    constants = constants.reject { |name| text?(page.constants.find { |constant| constant.name == name.to_s }) }
+    methods = owner.is_a?(Class) ? owner.public_instance_methods(false) : []
+    methods = methods.reject { |name| text?(page.find_instance_method_named(name.to_s)) }
+    own + constants.map { |name| "#{owner}::#{name}" } + methods.map { |name| "#{owner}##{name}" }
+  end
+  # What is read and not there is a slip in the sources, or in the reading of them.
+  read = store.all_classes_and_modules.flat_map { |page| page.method_list.reject { |method| method.visibility == :private } }
+  known = classes.flat_map { |owner| owner.public_instance_methods(false) }.map(&:to_s)
+  unknown = read.map(&:name).uniq - known - %w[new]
+  [missing, unknown]
+end
+
+folder = File.expand_path(ARGV.fetch(0))
+store, said = document(folder)
+missing, unknown = missing_in(store)
+abort "ruby_reference: #{said}" unless said.empty?
+abort "ruby_reference: without a text: #{missing.join(', ')}" unless missing.empty?
+abort "ruby_reference: not in the extension: #{unknown.join(', ')}" unless unknown.empty?
+puts "Ruby: #{store.all_classes_and_modules.map { |page| page.method_list.size }.inject(:+)} methods, each with its text"
