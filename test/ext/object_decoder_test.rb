@@ -1,9 +1,12 @@
 # frozen_string_literal: true
 
 require_relative "helper"
+require_relative "ruby_process"
 require_relative "../support/model"
 
 class ObjectDecoderTest < ExtTest
+  include RubyProcess
+
   OBJ = "decode_next_packetbuf_rbobj: "
   MAX_DEPTH = OBJ + "maxdepth exceeded"
   UNKNOWN = OBJ + "unrecognized protocol transport type"
@@ -160,6 +163,32 @@ class ObjectDecoderTest < ExtTest
         refute_predicate read[1], :frozen?, name
       end
     end
+  end
+
+  # A Hash that is indexed anew for every few pairs costs the square of its pairs, or, with keys that all look the same to
+  # it, their cube. Stored one by one, each key is compared with those before it, once.
+  def test_the_cost_of_large_hashes
+    comparisons = run_ruby(<<-'RUBY').to_i
+      $compared = 0
+      class Array
+        alias plain_eql? eql?
+        remove_method :hash, :eql?
+        def hash
+          1
+        end
+        def eql?(other)
+          $compared += 1
+          plain_eql?(other)
+        end
+      end
+      buf = PacketBuf.new.write_raw("\x08")
+      300.times { |i| buf << [i] << nil }
+      buf.write_raw("\x09").seek(0)
+      hash = buf.extract_object
+      print $compared
+      abort "keys lost" unless hash.size == 300
+    RUBY
+    assert_operator comparisons, :<=, 300 * 300 / 2 + 300
   end
 
   def test_hashes_are_plain
