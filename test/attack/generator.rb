@@ -8,12 +8,14 @@ module Attack
               :start_over].freeze
     # Where values may be copied to.
     DESTINATIONS = POOL.each_index.select { |slot| [:buf, :out].include?(POOL[slot]) }.freeze
+    # From this size on storage has to move.
+    CAPACITY = 65_536
     # Objects larger than this are soon replaced.
     LARGE = 2000
 
     ANY = {
       write_wire: 8, write_value: 10, write_bad: 1, read_back: 12, extract: 9, copy: 5, move: 9, move_wildly: 2, look: 5,
-      to_payload: 6, to_bytes: 6, reset: 4, limit: 2, symbols: 2, start_over: 1, arity: 1, duplicate: 1, hostile_write: 5, hostile_number: 2,
+      to_payload: 6, to_bytes: 6, reset: 4, limit: 2, symbols: 2, start_over: 1, at_capacity: 1, arity: 1, duplicate: 1, hostile_write: 5, hostile_number: 2,
       hostile_key: 2, hostile_limit: 1
     }.freeze
     OWN_OF = {
@@ -157,6 +159,18 @@ module Attack
       when 2 then op(slot, :index_within_payload?, @m.pick(Material::NUMBERS))
       else op(slot, :index_within_payload?, @m.below(size + 3))
       end
+    end
+
+    # Where writing moves the storage, from which a copy to the buffer itself is just being made.
+    def at_capacity(slot)
+      start = CAPACITY - @m.below(30)
+      last = case @m.below(4)
+             when 0 then hostile_write(slot)
+             when 1 then copy(slot)
+             else made(slot, :copy_object, Callers::Slot.new(slot))
+             end
+      @plan = [write_wire(slot), op(slot, :seek, start), last]
+      op(slot, :seek, start)
     end
 
     def to_payload(slot)
