@@ -40,7 +40,16 @@ class AttackTest < Minitest::Test
     "position after a fault" => "class Model::Decoder; def run; value(1).tap { @buffer.seek(@pos) }; end; end",
     "encoding of strings" => "class Model::Decoder; def symbol; string('BINARY'); end; end",
     "bits of long integers" => "class Model::Decoder; alias plain integer; def integer; n = plain; n >= 2**62 ? n - 1 : n; end; end",
-    "gaps before writes" => "class Model::PacketBuf; def grow_to(size) @data << 'x'.b * [size - @data.bytesize, 0].max; end; end",
+    "gaps before writes" => <<-RUBY,
+      class Model::PacketBuf
+        alias plain grow_to
+        def grow_to(size)
+          end_before = @data.bytesize
+          plain(size)
+          @data.setbyte(end_before, 1) if @pos > end_before
+        end
+      end
+    RUBY
     "classes for copies" => "class Model::PacketFrameIn; def class; Model::PacketBuf; end; end",
     "wrap of the sequence number" => "class Model::PacketFrameOut; def inc_seq; @next_seq += @next_seq < 65535 ? 1 : 0; self; end; end",
     "layout of a header" => "class Model::PacketFrameIn; def header_len; @data.getbyte(1) == 1 ? 8 : 12; end; end",
