@@ -21,7 +21,7 @@ size_t size_of_native(const void* data) {
   return sizeof *native + sizeof *native->buf + native->buf->data().capacity();
 }
 
-rb_data_type_t data_type(const char* name, const rb_data_type_t* parent) {
+rb_data_type_t data_type(const char* name, const rb_data_type_t* parent) noexcept {
   rb_data_type_t type = rb_data_type_t();
   type.wrap_struct_name = name;
   type.function.dfree = free_native;

@@ -37,7 +37,7 @@ class Input {
 
   std::string bytes(size_t n) {
     n = std::min(n, static_cast<size_t>(end_ - at_));
-    const std::string taken(reinterpret_cast<const char*>(at_), n);
+    std::string taken(reinterpret_cast<const char*>(at_), n);
     at_ += n;
     return taken;
   }

@@ -84,7 +84,7 @@ void add_tree_seeds(Folder& folder) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   if (argc != 2) {
     std::cerr << "usage: make_seeds FOLDER\n";
     return 2;
@@ -101,4 +101,7 @@ int main(int argc, char** argv) {
   Folder frames(root / "frame_in");
   add_frame_seeds(frames);
   return 0;
+} catch (const std::exception& e) {
+  std::cerr << "make_seeds: " << e.what() << "\n";
+  return 1;
 }

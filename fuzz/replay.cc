@@ -5,6 +5,7 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <stdexcept>
 #include <string>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
@@ -21,7 +22,7 @@ void replay(const std::filesystem::path& file) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   size_t files = 0;
   for (int i = 1; i < argc; ++i) {
     if (!std::filesystem::is_directory(argv[i])) {
@@ -37,4 +38,7 @@ int main(int argc, char** argv) {
   }
   std::cout << files << " files" << std::endl;
   return files > 0 ? 0 : 1;
+} catch (const std::exception& e) {
+  std::cerr << "replay: " << e.what() << "\n";
+  return 1;
 }

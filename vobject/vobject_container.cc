@@ -1,4 +1,6 @@
 /// Keyed and indexed access.
+#include <iterator>
+
 #include "proto/vorn_runtime_error.h"
 #include "vobject/vobject.h"
 
@@ -53,8 +55,8 @@ VObject& VObject::append(const VObjectVector& values) {
   if (t.tag_ != DT_VECTOR) throw VornRuntimeError("VObject::append called on non-vector object");
   VObjectVector& elements = t.as_vec();
   if (&values == &elements) {
-    const VObjectVector copy(values);
-    elements.insert(elements.end(), copy.begin(), copy.end());
+    VObjectVector copy(values);
+    elements.insert(elements.end(), std::make_move_iterator(copy.begin()), std::make_move_iterator(copy.end()));
   } else {
     elements.insert(elements.end(), values.begin(), values.end());
   }

@@ -8,6 +8,7 @@
 ///   wire_peer check SEED N       reads frames and compares them with those same values
 #include <cstdint>
 #include <cstdlib>
+#include <exception>
 #include <iostream>
 #include <random>
 #include <string>
@@ -147,7 +148,7 @@ int check(uint32_t seed, int count) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   std::ios::sync_with_stdio(false);
   const std::string mode = argc > 1 ? argv[1] : "";
   PacketFrameOut out;
@@ -166,7 +167,7 @@ int main(int argc, char** argv) {
   }
   if (argc == 4) {
     const uint32_t seed = static_cast<uint32_t>(std::strtoul(argv[2], nullptr, 10));
-    const int count = std::atoi(argv[3]);
+    const int count = static_cast<int>(std::strtol(argv[3], nullptr, 10));
     if (mode == "check") return check(seed, count);
     if (mode == "generate") {
       Trees trees(seed);
@@ -176,4 +177,7 @@ int main(int argc, char** argv) {
   }
   std::cerr << "usage: wire_peer echo | describe | generate SEED N | check SEED N\n";
   return 2;
+} catch (const std::exception& e) {
+  std::cerr << "wire_peer: " << e.what() << "\n";
+  return 1;
 }

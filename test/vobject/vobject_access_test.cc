@@ -100,7 +100,7 @@ TEST(ToI64, ReadsStringsAsAtoiDoes) {
   EXPECT_EQ(0, VObject("abc").to_i64());
   EXPECT_EQ(0, VObject("").to_i64());
   EXPECT_EQ(1, VObject("1\0002", 3).to_i64());
-  EXPECT_EQ(std::atoi("4294967296"), VObject("4294967296").to_i64());
+  EXPECT_EQ(std::atoi("4294967296"), VObject("4294967296").to_i64());  // NOLINT(cert-err34-c)
   EXPECT_NE(4294967296, VObject("4294967296").to_i64());
 }
 

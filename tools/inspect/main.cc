@@ -26,7 +26,7 @@ constexpr int ALL_WELL = 0;
 constexpr int DAMAGE = 1;
 constexpr int TROUBLE = 2;
 
-constexpr size_t CHUNK = 256 * 1024;
+constexpr size_t CHUNK = 256 << 10;
 constexpr uint64_t LARGE = 16 << 20;  // inputs that take long enough for a progress bar
 
 std::unique_ptr<Report> make_report(const Options& options, Output& out) {
