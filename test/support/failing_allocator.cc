@@ -1,0 +1,38 @@
+// The replaced operator new of allocations.h for a Ruby process: preloaded, so that the extension finds it, and required,
+// so that a test can call it. It knows no data of the interpreter, which is not there yet when it is preloaded.
+#include <ruby.h>
+
+#include <optional>
+
+#include "test/support/allocations.h"
+
+namespace {
+
+std::optional<vorn_test::FailAllocation> pending;
+
+// FailingAllocator.arm(n): the n-th native allocation from here on fails.
+VALUE arm(VALUE, VALUE nth) {
+  pending.emplace(NUM2ULONG(nth));
+  return Qnil;
+}
+
+// FailingAllocator.disarm -> whether it failed
+VALUE disarm(VALUE) {
+  const bool failed = pending->failed();
+  pending.reset();
+  return failed ? Qtrue : Qfalse;
+}
+
+// FailingAllocator.live -> blocks that are in use
+VALUE live(VALUE) {
+  return LL2NUM(vorn_test::live_allocations());
+}
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) void Init_failing_allocator() {
+  const VALUE module = rb_define_module("FailingAllocator");
+  rb_define_module_function(module, "arm", reinterpret_cast<VALUE (*)(ANYARGS)>(arm), 1);
+  rb_define_module_function(module, "disarm", reinterpret_cast<VALUE (*)(ANYARGS)>(disarm), 0);
+  rb_define_module_function(module, "live", reinterpret_cast<VALUE (*)(ANYARGS)>(live), 0);
+}
