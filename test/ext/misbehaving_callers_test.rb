@@ -465,6 +465,21 @@ class MisbehavingCallersTest < ExtTest
     end
   end
 
+  # Storage that moves under a reader, and changes where it is now: behind the Hash of the key, in its outer containers.
+  def test_keys_that_move_the_buffer_and_change_it
+    { "0a 08 0a 81 0b 82 09 87 0b" => [[{ [1] => 2 }, 9], 7], "0a 08 0a 81 0b 82 09 07 01 61 0b" => [[{ [1] => 2 }, "!"], 9],
+      "08 88 08 0a 81 0b 82 09 87 81 09" => [{ 8 => { [1] => 2 }, 9 => 1 }, 8] }.each do |text, (expected, index)|
+      buf = buf_of(hex(text))
+      HashHook.body = lambda do
+        buf.seek(100).write_raw(MEGABYTES)
+        buf.seek(index).write_raw(expected.to_s.include?("!") ? "!" : hex("89"))
+      end
+      assert_equal expected, buf.extract_object, text
+    end
+  ensure
+    HashHook.body = nil
+  end
+
   def test_keys_that_leave
     error = Class.new(StandardError)
     assert_raises(error) { read_while { raise error } }
