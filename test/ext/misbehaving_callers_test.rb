@@ -594,6 +594,25 @@ class MisbehavingCallersTest < ExtTest
     end
   end
 
+  # A main thread's stack of 8 MB has room for them.
+  def test_depth_is_bounded_whatever_the_limit_says
+    skip_under_sanitizers # their stack frames are larger
+    assert_equal "10000\nstack level too deep\n", run_ruby(<<-'RUBY')
+      [10_000, 10_001].each do |n|
+        buf = PacketBuf.new.write_raw("\x0a" * n + "\x0b" * n).seek(0)
+        buf.maxdepth = 2**31 - 1
+        begin
+          value = buf.extract_object
+          levels = 1
+          levels += 1 while (value = value[0])
+          puts levels
+        rescue SystemStackError => error
+          puts error.message
+        end
+      end
+    RUBY
+  end
+
   def test_default_depth_fits_into_a_small_stack
     code = <<-RUBY
       deep = 63.times.inject(1) { |inner, n| n.odd? ? [inner] : { n => inner } }
