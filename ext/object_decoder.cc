@@ -219,8 +219,17 @@ VALUE decode_packetbuf_rbhash(DecodeContext& ctx, int32_t depth) {
   raise_fault(ValueFault::underrun_hash);
 }
 
+// A fiber that is suspended in a key's `hash`, and never resumed, takes the frames of this pass with it. What they own
+// has to be the collector's: here a String that nobody sees.
 VALUE build(VALUE arg) {
-  return decode_next_packetbuf_rbobj(*reinterpret_cast<DecodeContext*>(arg), 1);
+  DecodeContext& ctx = *reinterpret_cast<DecodeContext*>(arg);
+  const size_t bytes = ctx.counts.own_bytes();
+  if (bytes == 0) return decode_next_packetbuf_rbobj(ctx, 1);
+  const VALUE owner = rb_str_tmp_new(static_cast<long>(bytes));
+  ctx.counts.move_to(reinterpret_cast<uint32_t*>(RSTRING_PTR(owner)));
+  const VALUE obj = decode_next_packetbuf_rbobj(ctx, 1);
+  rb_str_resize(owner, 0);  // not left to the next collection
+  return obj;
 }
 
 struct Outcome {

@@ -6,6 +6,7 @@
 /// and nothing else is.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -27,11 +28,22 @@ class ArrayCounts {
     (slot < INLINE_SLOTS ? inline_[slot] : more_[slot - INLINE_SLOTS]) = count;
   }
 
+  /// Between the passes: the memory that these counts have of their own, in bytes, and the way to put it into somebody
+  /// else's care, for a building pass that may be abandoned without a destructor. REQUIRES: `owned_elsewhere` has room
+  /// for so many bytes and outlives the last next().
+  size_t own_bytes() const { return more_.size() * sizeof(uint32_t); }
+  void move_to(uint32_t* owned_elsewhere) {
+    std::copy(more_.begin(), more_.end(), owned_elsewhere);
+    std::vector<uint32_t>().swap(more_);
+    moved_ = owned_elsewhere;
+  }
+
   /// Building pass: the count of the next array, in the order of their starts; 0 when there is none.
   uint32_t next() {
     if (next_ >= size_) return 0;
     const size_t slot = next_++;
-    return slot < INLINE_SLOTS ? inline_[slot] : more_[slot - INLINE_SLOTS];
+    if (slot < INLINE_SLOTS) return inline_[slot];
+    return (moved_ != nullptr ? moved_ : more_.data())[slot - INLINE_SLOTS];
   }
 
  private:
@@ -39,6 +51,7 @@ class ArrayCounts {
 
   uint32_t inline_[INLINE_SLOTS];
   std::vector<uint32_t> more_;
+  const uint32_t* moved_ = nullptr;
   size_t size_ = 0;
   size_t next_ = 0;
 };

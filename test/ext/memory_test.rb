@@ -47,6 +47,20 @@ class MemoryTest < ExtTest
     assert_operator growth, :<=, 5.0, "MB"
   end
 
+  # Keys of recent messages are kept, long ones are not: a stranger chooses them.
+  def test_long_keys_are_given_back
+    kept = run_ruby(<<-'RUBY').to_i
+      def read(n)
+        n.times { |i| (PacketBuf.new << { "#{i} " * 100_000 => i }).seek(0).extract_object }
+        nil
+      end
+      read(200)
+      4.times { GC.start }
+      print ObjectSpace.each_object(String).count { |string| string.bytesize > 100_000 }
+    RUBY
+    assert_operator kept, :<=, 5
+  end
+
   # --- nothing is lost -----------------------------------------------------------------------------------
 
   def test_failing_encodes

@@ -21,6 +21,21 @@ TEST(ArrayCounts, GivesTheCountsInTheOrderOfTheSlots) {
   }
 }
 
+TEST(ArrayCounts, LeavesItsMemoryToAnother) {
+  for (const uint32_t arrays : {0U, 32U, 33U, 1000U}) {
+    const int64_t before = vorn_test::live_allocations();
+    ArrayCounts counts;
+    for (uint32_t i = 0; i < arrays; ++i) counts.set(counts.add(), i + 1);
+    ASSERT_EQ(arrays <= 32 ? 0 : 4 * (arrays - 32), counts.own_bytes());
+    uint32_t elsewhere[1000];
+    counts.move_to(elsewhere);
+    EXPECT_EQ(before, vorn_test::live_allocations());
+    EXPECT_EQ(0U, counts.own_bytes());
+    for (uint32_t i = 0; i < arrays; ++i) ASSERT_EQ(i + 1, counts.next()) << i << " of " << arrays;
+    EXPECT_EQ(0U, counts.next());
+  }
+}
+
 TEST(ArrayCounts, HoldsTheLargestCount) {
   ArrayCounts counts;
   counts.set(counts.add(), UINT32_MAX);
