@@ -22,6 +22,7 @@ Gem::Specification.new do |gem|
     README.md
     lib/vorn_rpc.rb
     lib/vorn_rpc/version.rb
+    sig/vorn_rpc.rbs
     ext/arguments.h
     ext/extconf.rb
     ext/gc_memory_usage.cc

@@ -1,0 +1,119 @@
+# frozen_string_literal: true
+
+require_relative "helper"
+require "vorn_rpc"
+begin
+  require "rbs"
+rescue LoadError
+  nil # skipped below
+end
+
+# The signatures in sig/ and the methods that there are say the same, both ways.
+class SignaturesTest < Minitest::Test
+  FOLDER = File.expand_path("../../sig", __dir__)
+  CLASSES = [VORN::PROTO::PacketBuf, VORN::PROTO::PacketFrame, VORN::PROTO::PacketFrameOut, VORN::PROTO::PacketFrameIn].freeze
+
+  def setup
+    skip "Ruby #{RUBY_VERSION} has no rbs gem" unless defined?(RBS::EnvironmentLoader)
+  end
+
+  def self.environment
+    @environment ||= begin
+      loader = RBS::EnvironmentLoader.new
+      loader.add(path: Pathname(FOLDER))
+      RBS::Environment.from_loader(loader).resolve_type_names
+    end
+  end
+
+  def builder
+    @builder ||= RBS::DefinitionBuilder.new(env: self.class.environment)
+  end
+
+  def type_name(mod)
+    parts = mod.name.split("::").map(&:to_sym)
+    namespace = RBS::Namespace.new(path: parts[0..-2], absolute: true)
+    RBS::TypeName.new(name: parts.last, namespace: namespace)
+  end
+
+  # What the class itself declares.
+  def signatures(mod)
+    builder.build_instance(type_name(mod)).methods.select { |_, method| method.defined_in == type_name(mod) }
+  end
+
+  def test_every_type_is_known
+    builder = self.builder
+    CLASSES.each { |mod| builder.build_instance(type_name(mod)).each_type { |type| builder.validate_type_presence(type) } }
+  end
+
+  def test_methods
+    CLASSES.each do |mod|
+      defined = mod.public_instance_methods(false) + mod.private_instance_methods(false)
+      assert_equal defined.sort, signatures(mod).keys.sort, mod.name
+      assert_empty mod.singleton_methods(false), mod.name
+    end
+  end
+
+  def test_visibility_and_parameters
+    CLASSES.each do |mod|
+      signatures(mod).each do |name, method|
+        label = "#{mod}##{name}"
+        # A constructor is private whatever is said of it.
+        assert_equal mod.private_method_defined?(name), method.private?, label unless name == :initialize
+        method.method_types.each do |type|
+          function = type.type
+          assert_equal mod.instance_method(name).arity, function.required_positionals.size, label
+          assert_equal [[], nil, {}, {}], [function.optional_positionals, function.rest_positionals,
+                                           function.required_keywords, function.optional_keywords], label
+        end
+      end
+    end
+  end
+
+  def test_superclasses_and_constants
+    CLASSES.each do |mod|
+      assert_equal mod.superclass.name, builder.ancestor_builder.one_instance_ancestors(type_name(mod)).super_class.name.to_s.sub(/\A::/, ""), mod.name
+    end
+    declared = self.class.environment.constant_decls.keys.map(&:to_s).grep(/\A::VORN::/).sort
+    own = [VORN, VORN::PROTO, *CLASSES].flat_map { |mod| mod.constants(false).map { |name| "::#{mod}::#{name}" } }
+    modules = own.select { |name| Object.const_get(name.sub(/\A::/, "")).is_a?(Module) }
+    assert_equal (own - modules).sort, declared
+    assert_equal modules.sort, self.class.environment.class_decls.keys.map(&:to_s).grep(/\A::VORN::/).sort
+  end
+
+  # What the methods give back is of the declared types.
+  def test_results
+    buf = VORN::PROTO::PacketBuf.new
+    out = VORN::PROTO::PacketFrameOut.new
+    frame = VORN::PROTO::PacketFrameIn.new
+    out.reset
+    stream = (out << [1]).compute_frame_header.to_str
+    frame.reset
+    calls = [
+      [buf, :reset], [buf, :write_object, { "key" => :value }], [buf, :<<, 1], [buf, :write_raw, "bytes"], [buf, :pos],
+      [buf, :pos=, 0], [buf, :extract_object], [buf, :seek, 0], [buf, :copy_object, VORN::PROTO::PacketBuf.new],
+      [buf, :to_str], [buf, :seek_payload_start], [buf, :index_within_payload?, 0], [buf, :payload_size],
+      [buf, :maxdepth], [buf, :maxdepth=, 3], [buf, :preserve_symbols_on_extract],
+      [buf, :preserve_symbols_on_extract=, true], [out, :next_seq], [out, :next_seq=, 7], [out, :inc_seq],
+      [out, :use_12byte_header=, nil], [out, :compute_frame_header], [out, :using_12byte_header?], [out, :configured_header_len],
+      [out, :configured_max_data_len], [frame, :assemble, stream, 0], [frame, :have_complete_frame?], [frame, :seq]
+    ]
+    checked = calls.map do |receiver, name, *arguments|
+      result = receiver.__send__(name, *arguments)
+      type = builder.build_instance(type_name(receiver.class)).methods[name].method_types.first.type.return_type
+      assert fits?(result, type, receiver), "#{receiver.class}##{name} gives #{result.inspect}, declared #{type}"
+      name
+    end
+    assert_empty CLASSES.flat_map { |mod| mod.public_instance_methods(false) } - checked
+  end
+
+  def fits?(result, type, receiver)
+    case type.to_s
+    when "self" then result.equal?(receiver)
+    when "bool" then [true, false].include?(result)
+    when "Integer", "::Integer" then result.is_a?(Integer)
+    when "String", "::String" then result.is_a?(String)
+    when "::VORN::value" then [NilClass, TrueClass, FalseClass, Integer, Float, String, Symbol, Array, Hash].any? { |c| c === result }
+    when "untyped" then true
+    end
+  end
+end
