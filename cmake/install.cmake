@@ -1,6 +1,19 @@
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
+# A text as Debian wants it on disk: compressed, the same bytes each time.
+find_program(VORN_GZIP gzip)
+function(install_text file directory name)
+  if(VORN_GZIP)
+    set(compressed ${CMAKE_CURRENT_BINARY_DIR}/${name}.gz)
+    execute_process(COMMAND ${VORN_GZIP} -9nc ${file} OUTPUT_FILE ${compressed})
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${file})
+    install(FILES ${compressed} DESTINATION ${directory})
+  else()
+    install(FILES ${file} DESTINATION ${directory} RENAME ${name})
+  endif()
+endfunction()
+
 # Headers lie one folder deeper, so that `#include "proto/packet_buf.h"` cannot meet another library's.
 install(TARGETS ${vorn_rpc_targets} EXPORT vorn_rpc
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}

@@ -1,5 +1,5 @@
-# `cpack` makes one Debian package that a developer installs: headers, both kinds of the library, and what
-# CMake and pkg-config read.
+# `cpack` makes one Debian package that a developer installs: headers, both kinds of the library, what CMake and
+# pkg-config read, and, with VORN_BUILD_TOOLS, vorn-inspect and its manual. bin/package is the way to make it.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME libvorn-rpc-dev)
 set(CPACK_PACKAGE_VENDOR "Vorn RPC")
@@ -13,4 +13,7 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 if(vorn_rpc_has_vobject)
   set(CPACK_DEBIAN_PACKAGE_DEPENDS libboost-dev)
 endif()
+set(vorn_rpc_doc_dir ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_PACKAGE_NAME})
+install_text(${PROJECT_SOURCE_DIR}/CHANGELOG.md ${vorn_rpc_doc_dir} changelog)
+install(FILES LICENSE DESTINATION ${vorn_rpc_doc_dir} RENAME copyright)
 include(CPack)
