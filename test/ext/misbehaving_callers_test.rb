@@ -258,6 +258,23 @@ class MisbehavingCallersTest < ExtTest
     assert_usable
   end
 
+  # Whether a class iterates with the built-in `each` is asked again after Ruby code has run.
+  def test_each_that_is_redefined_on_the_way
+    assert_equal "0a08818209080908848409" + "0b\n", run_ruby(<<-'RUBY')
+      class Redefining < Hash
+        def each
+          Hash.class_eval do
+            remove_method :each
+            def each
+              yield 4, 4
+            end
+          end
+        end
+      end
+      puts PacketBuf.new.write_object([{ 1 => 2 }, Redefining.new, { 3 => 3 }]).to_str.unpack("H*")
+    RUBY
+  end
+
   # The machine stack of a fiber that nobody resumes is gone; the block is not.
   def test_block_that_outlives_its_fiber
     code = <<-RUBY
@@ -271,6 +288,7 @@ class MisbehavingCallersTest < ExtTest
       100.times { Fiber.new { PacketBuf.new << [Suspended.new] }.resume }
       3.times { GC.start }
       50.times { Fiber.new { Array.new(100) { |i| [i] } }.resume }
+      abort "buffers are gone" if ObjectSpace.each_object(PacketBuf).count < 100
       outcomes = $blocks.map do |block|
         begin
           block.call(1, "y" * 1000)
@@ -475,6 +493,20 @@ class MisbehavingCallersTest < ExtTest
         buf.seek(index).write_raw(expected.to_s.include?("!") ? "!" : hex("89"))
       end
       assert_equal expected, buf.extract_object, text
+    end
+  ensure
+    HashHook.body = nil
+  end
+
+  # Lengths and depths are checked again where bytes have become others since the first check.
+  def test_keys_that_overwrite_up_to_the_bounds
+    { "0a 08 0a 81 0b 82 09 07 01 61 0b" => [8, "03", "decode_next_packetbuf_rbstr: buffer underrun extracting data bytes"],
+      "08 81 08 0a 81 0b 82 09 83 07 06 61 61 61 61 61 61 09" =>
+        [9, "0a 0a 0a 0a 0b 0b 0b 0b", "decode_next_packetbuf_rbobj: maxdepth exceeded"] }.each do |text, (index, bytes, error)|
+      buf = buf_of(hex(text))
+      buf.maxdepth = 4
+      HashHook.body = -> { buf.seek(index).write_raw(hex(bytes)) }
+      assert_raises_with(RuntimeError, error) { buf.extract_object }
     end
   ensure
     HashHook.body = nil
