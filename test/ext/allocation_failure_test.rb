@@ -28,8 +28,11 @@ class AllocationFailureTest < ExtTest
     end
   end
 
-  def with_allocator(code)
+  def setup
     skip_under_sanitizers
+  end
+
+  def with_allocator(code)
     library = self.class.allocator
     preloaded = ENV["LD_PRELOAD"]
     ENV["LD_PRELOAD"] = library
