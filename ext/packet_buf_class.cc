@@ -355,11 +355,6 @@ void init_packet_buf() {
   id_preserve_symbols = rb_intern("@preserve_symbols_on_extract");
   id_maxdepth = rb_intern("@maxdepth");
 
-#if 0  // rdoc does not follow the helper below
-  mVorn = rb_define_module("VORN");
-  mProto = rb_define_module_under(mVorn, "PROTO");
-  cPacketBuf = rb_define_class_under(mProto, "PacketBuf", rb_cObject);
-#endif
   cPacketBuf = define_proto_class("PacketBuf", rb_cObject, packetbuf_allocate);
   rb_define_method(cPacketBuf, "initialize", VORN_CALLBACK(packetbuf_initialize), 0);
   rb_define_method(cPacketBuf, "initialize_copy", VORN_CALLBACK(packetbuf_initialize_copy), 1);

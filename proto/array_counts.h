@@ -28,10 +28,11 @@ class ArrayCounts {
     (slot < INLINE_SLOTS ? inline_[slot] : more_[slot - INLINE_SLOTS]) = count;
   }
 
-  /// Between the passes: the memory that these counts have of their own, in bytes, and the way to put it into somebody
-  /// else's care, for a building pass that may be abandoned without a destructor. REQUIRES: `owned_elsewhere` has room
-  /// for so many bytes and outlives the last next().
+  /// Between the passes: the memory that these counts have of their own, in bytes; 0 for few arrays.
   size_t own_bytes() const { return more_.size() * sizeof(uint32_t); }
+
+  /// Between the passes: puts that memory into somebody else's care, for a building pass that may be abandoned without
+  /// a destructor. REQUIRES: `owned_elsewhere` has room for own_bytes() and outlives the last next().
   void move_to(uint32_t* owned_elsewhere) {
     std::copy(more_.begin(), more_.end(), owned_elsewhere);
     std::vector<uint32_t>().swap(more_);
