@@ -30,9 +30,9 @@ module RubyProcess
     [out, err.gsub(FIBER_WARNING, "")]
   end
 
-  # The sanitizers keep freed memory and reserve address space: what is measured there says nothing.
+  # The sanitizers and valgrind keep freed memory and reserve address space: what is measured there says nothing.
   def skip_under_sanitizers
-    skip "memory is not measured under a sanitizer" if ENV["LD_PRELOAD"].to_s =~ /[ltu]b?san|asan/
+    skip "memory is not measured under a sanitizer or valgrind" if ENV["LD_PRELOAD"].to_s =~ /[ltu]b?san|asan|vgpreload/
   end
 
   def skip_without_proc
