@@ -94,7 +94,7 @@ class ExtTest < Minitest::Test
   end
 
   def assert_raises_with(error, text, note = nil)
-    raised = assert_raises(error, note) { yield }
+    raised = assert_raises(error, note.to_s) { yield }
     assert_equal [error, text], [raised.class, raised.message], note
     raised
   end

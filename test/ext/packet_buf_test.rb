@@ -37,12 +37,10 @@ class PacketBufTest < ExtTest
     [nil, false, 0, -1, 2**70, 1.5, "12", :sym, Object.new].each do |value|
       @buf.maxdepth = value
       @buf.preserve_symbols_on_extract = value
-      assert_same value, @buf.maxdepth
-      assert_same value, @buf.preserve_symbols_on_extract
-      assert_same value, @buf.instance_variable_get(:@maxdepth)
-      assert_same value, @buf.instance_variable_get(:@preserve_symbols_on_extract)
-      assert_same value, @buf.send(:maxdepth=, value)
-      assert_same value, @buf.send(:preserve_symbols_on_extract=, value)
+      kept = [@buf.maxdepth, @buf.preserve_symbols_on_extract,
+              @buf.instance_variable_get(:@maxdepth), @buf.instance_variable_get(:@preserve_symbols_on_extract),
+              @buf.send(:maxdepth=, value), @buf.send(:preserve_symbols_on_extract=, value)]
+      assert kept.all? { |object| object.equal?(value) }, kept.inspect
     end
   end
 

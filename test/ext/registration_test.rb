@@ -56,8 +56,8 @@ class RegistrationTest < ExtTest
     instances.each do |instance|
       methods = instance.class.ancestors.map { |klass| PUBLIC_METHODS.fetch(klass, {}) }.inject(:merge)
       methods.each do |name, arity|
-        assert_raises(ArgumentError, name) { instance.send(name, *[0] * (arity + 1)) }
-        assert_raises(ArgumentError, name) { instance.send(name, *[0] * (arity - 1)) } if arity > 0
+        assert_raises(ArgumentError, name.to_s) { instance.send(name, *[0] * (arity + 1)) }
+        assert_raises(ArgumentError, name.to_s) { instance.send(name, *[0] * (arity - 1)) } if arity > 0
       end
     end
   end
