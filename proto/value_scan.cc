@@ -17,27 +17,25 @@ struct OpenContainer {
   uint64_t members;  ///< values met so far; in a hash a key is due when this is even
 
   bool is_hash() const { return slot == HASH; }
-  bool may_end() const { return !is_hash() || members % 2 == 0; }
   uint8_t end_mark() const { return is_hash() ? PTT_HASH_END : PTT_ARRAY_END; }
+  bool may_end() const { return !is_hash() || members % 2 == 0; }
 };
 
-/// The open containers, innermost last. Those of ordinary messages need no allocation.
-class OpenContainers {
+/// The open containers but the innermost, outermost first. Those of ordinary messages need no allocation.
+class OuterContainers {
  public:
-  bool empty() const { return depth_ == 0; }
-  uint64_t depth() const { return depth_; }
-  OpenContainer& top() { return depth_ <= INLINE ? inline_[depth_ - 1] : more_.back(); }
   void push(OpenContainer c) {
-    if (depth_ < INLINE) {
-      inline_[depth_] = c;
-    } else {
-      more_.push_back(c);
-    }
-    ++depth_;
+    if (size_ >= INLINE) more_.emplace_back();
+    // Not by push_back(), which takes a reference: c would have to be put together in memory.
+    (size_ < INLINE ? inline_[size_] : more_.back()) = c;
+    ++size_;
   }
-  void pop() {
-    if (depth_ > INLINE) more_.pop_back();
-    --depth_;
+  OpenContainer pop() {
+    --size_;
+    if (size_ < INLINE) return inline_[size_];
+    const OpenContainer c = more_.back();
+    more_.pop_back();
+    return c;
   }
 
  private:
@@ -45,42 +43,50 @@ class OpenContainers {
 
   OpenContainer inline_[INLINE];
   std::vector<OpenContainer> more_;
-  uint64_t depth_ = 0;
+  uint64_t size_ = 0;
 };
 
-ValueFault scan(WireReader& in, const ScanRules& rules, ArrayCounts& counts) {
+// Drawn into scan_value(), whose cursor then stays in registers, as `inner` does (event catalogue: 1,400 us with both
+// in memory, 1,030 so). Integers and strings, which are most of a message, are tested for ahead of the jump.
+[[gnu::always_inline]] inline ValueFault scan(WireReader& in, const ScanRules& rules, ArrayCounts& counts) {
   const uint64_t value_end = std::min(in.limit(), rules.value_end);
   const uint64_t max_open = rules.maxdepth > 0 ? static_cast<uint64_t>(rules.maxdepth) : 0;
-  OpenContainers open;
+  OuterContainers outer;
+  OpenContainer inner{HASH, 1};  // stands around the value: no end mark is due
+  uint64_t depth = 0;
   do {
-    if (!open.empty()) {
-      OpenContainer& container = open.top();
-      if (container.may_end()) {
-        if (in.pos() >= value_end) {
-          return container.is_hash() ? ValueFault::underrun_hash : ValueFault::underrun_array;
-        }
-        if (in.peek() == container.end_mark()) {
-          in.skip(1);
-          if (!container.is_hash()) {
-            counts.set(container.slot, static_cast<uint32_t>(std::min<uint64_t>(container.members, UINT32_MAX)));
-          }
-          open.pop();
-          continue;
-        }
+    const bool may_end = inner.may_end();
+    if (in.pos() >= value_end) {
+      if (may_end) return inner.is_hash() ? ValueFault::underrun_hash : ValueFault::underrun_array;
+      return depth >= max_open ? ValueFault::max_depth : ValueFault::underrun;
+    }
+    const uint8_t type = in.peek();
+    if (type == inner.end_mark() && may_end) {
+      in.skip(1);
+      if (!inner.is_hash()) {
+        counts.set(inner.slot, static_cast<uint32_t>(std::min<uint64_t>(inner.members, UINT32_MAX)));
       }
-      ++container.members;
+      inner = outer.pop();
+      --depth;
+      continue;
     }
 
     // The value itself counts one level on top of the containers around it.
-    if (open.depth() >= max_open) return ValueFault::max_depth;
-    if (in.pos() >= value_end) return ValueFault::underrun;
-    const uint8_t type = in.peek();
+    if (depth >= max_open) return ValueFault::max_depth;
+    ++inner.members;
     if (type >= PTT_INT) {
       int64_t value;
       if (!in.read_int(value)) return ValueFault::underrun_int;
       continue;
     }
     in.skip(1);
+    if (type >= PTT_BINSTR && type <= PTT_UTF8STR) {
+      uint32_t length;
+      if (!in.read_length(length)) return ValueFault::underrun_length;
+      if (length > 0 && in.pos() + (length - 1) >= rules.string_end) return ValueFault::underrun_string;
+      in.skip(length);
+      continue;
+    }
     switch (type) {
       case PTT_NIL:
       case PTT_FALSE:
@@ -95,27 +101,26 @@ ValueFault scan(WireReader& in, const ScanRules& rules, ArrayCounts& counts) {
         if (!in.read_double(value)) return ValueFault::underrun_double;
         break;
       }
-      case PTT_BINSTR:
-      case PTT_SYMBOL:
-      case PTT_UTF8STR: {
-        uint32_t length;
-        if (!in.read_length(length)) return ValueFault::underrun_length;
-        if (length > 0 && in.pos() + (length - 1) >= rules.string_end) return ValueFault::underrun_string;
-        in.skip(length);
+      case PTT_HASH_START:
+        outer.push(inner);
+        inner = {HASH, 0};
+        ++depth;
         break;
-      }
-      case PTT_HASH_START: open.push({HASH, 0}); break;
-      case PTT_ARRAY_START: open.push({counts.add(), 0}); break;
+      case PTT_ARRAY_START:
+        outer.push(inner);
+        inner = {counts.add(), 0};
+        ++depth;
+        break;
       default: return ValueFault::unknown_type;
     }
-  } while (!open.empty());
+  } while (depth > 0);
   return ValueFault::none;
 }
 
 }  // namespace
 
 ValueFault scan_value(WireReader& in, const ScanRules& rules, ArrayCounts& counts) {
-  // A cursor of its own keeps the position in a register; the caller's is given back in one place.
+  // A cursor of its own, whose address nobody has; the caller's is given back in one place.
   WireReader cursor = in;
   const ValueFault fault = scan(cursor, rules, counts);
   in = cursor;
