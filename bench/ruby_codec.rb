@@ -25,7 +25,7 @@ OptionParser.new do |o|
   o.on("--json FILE", "write the figures to FILE") { |file| options[:json] = file }
 end.parse!
 
-Codec = Struct.new(:name, :encode, :decode)
+Codec = Struct.new(:name, :encode, :decode, :version)
 
 # Ours as a service uses it: one buffer, one frame out and one in, used again and again.
 CHUNK = 64 * 1024
@@ -61,7 +61,7 @@ through_frames = lambda do |value|
   frame_in.extract_object
 end
 
-codecs = [Codec.new("vorn", encode, decode)]
+codecs = [Codec.new("vorn", encode, decode, VORN::VERSION)]
 
 def optional(library)
   require library
@@ -72,13 +72,14 @@ rescue LoadError
 end
 
 peers = []
-peers.concat(optional("msgpack") { [Codec.new("msgpack", MessagePack.method(:pack), MessagePack.method(:unpack))] })
+peers.concat(optional("msgpack") { [Codec.new("msgpack", MessagePack.method(:pack), MessagePack.method(:unpack), MessagePack::VERSION)] })
 peers.concat(optional("oj") do
-  [Codec.new("oj", ->(v) { Oj.dump(v, mode: :compat) }, ->(s) { Oj.load(s, mode: :strict) })]
+  [Codec.new("oj", ->(v) { Oj.dump(v, mode: :compat) }, ->(s) { Oj.load(s, mode: :strict) }, Oj::VERSION)]
 end)
-peers.concat(optional("cbor") { [Codec.new("cbor", CBOR.method(:encode), CBOR.method(:decode))] })
-peers << Codec.new("json", JSON.method(:generate), JSON.method(:parse))
-peers << Codec.new("marshal", Marshal.method(:dump), Marshal.method(:load))
+peers.concat(optional("cbor") { [Codec.new("cbor", CBOR.method(:encode), CBOR.method(:decode), CBOR::VERSION)] })
+peers << Codec.new("json", JSON.method(:generate), JSON.method(:parse), JSON::VERSION)
+peers << Codec.new("marshal", Marshal.method(:dump), Marshal.method(:load),
+                   "#{Marshal::MAJOR_VERSION}.#{Marshal::MINOR_VERSION}")
 codecs.concat(peers.select { |c| c.name =~ options[:codecs] })
 if options[:floor]
   require File.join(File.expand_path(options[:floor]), "floor")
@@ -146,7 +147,8 @@ end
 
 # --- the table --------------------------------------------------------------------------------------------
 
-puts "#{RUBY_DESCRIPTION}"
+puts RUBY_DESCRIPTION
+puts codecs.map { |codec| "#{codec.name} #{codec.version}" }.join(", ")
 puts "best CPU time of #{options[:rounds]} rounds, microseconds; ratio: fastest peer / ours"
 means = {}
 %w[encode decode].push("round trip").each do |operation|
@@ -173,7 +175,8 @@ means = {}
 end
 
 if options[:json]
-  report = { "ruby" => RUBY_DESCRIPTION, "date" => Time.now.strftime("%Y-%m-%d"), "rounds" => options[:rounds],
+  versions = codecs.map { |codec| [codec.name, codec.version] }.to_h
+  report = { "ruby" => RUBY_DESCRIPTION, "codecs" => versions, "date" => Time.now.strftime("%Y-%m-%d"), "rounds" => options[:rounds],
              "geometric means" => means, "documents" => figures }
   File.write(options[:json], JSON.pretty_generate(report) << "\n")
 end
