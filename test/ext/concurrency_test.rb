@@ -86,19 +86,23 @@ class ConcurrencyTest < ExtTest
     assert_equal 4 * 200 * 200, buf.to_str.count("x")
   end
 
+  # Arrays whose `hash` lets others run, in the middle of a message that has them as keys.
+  SWITCHING_KEYS = <<-'RUBY'
+    require "fiber"
+    $switch = false
+    module Switch
+      def hash
+        Fiber.yield if $switch
+        super
+      end
+    end
+    Array.prepend(Switch)
+  RUBY
+
   # A key's `hash` that lets others run; they read the same buffer, and write to it. Older interpreters allow no change
   # of fibers there, and say so.
   def test_fibers_that_read_one_buffer
-    assert_equal "true\n" * 2, run_ruby(<<-'RUBY')
-      require "fiber"
-      $switch = false
-      module Switch
-        def hash
-          Fiber.yield if $switch
-          super
-        end
-      end
-      Array.prepend(Switch)
+    assert_equal "true\n" * 2, run_ruby(SWITCHING_KEYS + <<-'RUBY')
       value = { [1] => 2, [3] => 4 }
       buf = PacketBuf.new << value
       bytes = buf.to_str
@@ -128,16 +132,7 @@ class ConcurrencyTest < ExtTest
   def test_fibers_abandoned_in_a_key
     skip_without_proc
     skip_under_sanitizers
-    assert_operator run_ruby(<<-'RUBY').to_f, :<=, 8.0, "MB"
-      require "fiber"
-      $switch = false
-      module Switch
-        def hash
-          Fiber.yield if $switch
-          super
-        end
-      end
-      Array.prepend(Switch)
+    assert_operator run_ruby(SWITCHING_KEYS + <<-'RUBY').to_f, :<=, 8.0, "MB"
       arrays = PacketBuf.new.write_object([[[]] * 20_000, { [1] => 2 }]).to_str
       run = lambda do |n|
         $switch = true

@@ -6,12 +6,13 @@
 require 'socket'
 require 'timeout'
 require_relative '../support/vectors'
+require_relative 'check_suite'
 require_relative 'make_pcap'
 require_relative 'message_text'
 require_relative 'stream_model'
 require_relative 'tshark'
 
-class DissectorTest
+class DissectorTest < CheckSuite
   FAULTS = {
     'max_depth' => 'maxdepth exceeded',
     'underrun' => 'buffer underrun', 'underrun_hash' => 'buffer underrun', 'underrun_array' => 'buffer underrun',
@@ -30,18 +31,8 @@ class DissectorTest
   end
 
   def initialize(dir)
-    @dir = dir
-    @passed = @failed = @captures = 0
-  end
-
-  def run(names)
-    tests = self.class.instance_methods(false).grep(/\Atest_/)
-    tests = tests.sort_by { |name| method(name).source_location.last }.map(&:to_s)
-    unknown = names - tests
-    abort "no test #{unknown.join(', ')} (there are #{tests.join(', ')})" unless unknown.empty?
-    (names.empty? ? tests : names).each { |name| run_one(name) }
-    puts "#{@passed} passed, #{@failed} failed"
-    @failed == 0 && @passed > 0
+    super
+    @captures = 0
   end
 
   def test_values
@@ -288,27 +279,6 @@ class DissectorTest
   end
 
   private
-
-  def run_one(name)
-    before = [@passed, @failed]
-    started = Process.clock_gettime(Process::CLOCK_MONOTONIC)
-    send(name)
-    puts format('%-28s %5d passed, %d failed (%.1f s)', name, @passed - before[0], @failed - before[1],
-                Process.clock_gettime(Process::CLOCK_MONOTONIC) - started)
-  rescue StandardError => error
-    @failed += 1
-    puts "#{name}: #{error.class}: #{error.message}", error.backtrace.first(5)
-  end
-
-  def check(what, expected, actual)
-    return @passed += 1 if expected == actual
-    @failed += 1
-    puts "FAILED #{what[0, 300]}", "  expected #{expected.inspect[0, 600]}", "  got      #{actual.inspect[0, 600]}"
-  end
-
-  def path(name)
-    File.join(@dir, name)
-  end
 
   # Writes the connections, each a list of segments, and returns the file's name.
   def capture(*connections)

@@ -7,11 +7,12 @@ require 'pty'
 require 'tmpdir'
 require 'timeout'
 require_relative '../support/vectors'
+require_relative 'check_suite'
 require_relative 'json_text'
 require_relative 'make_pcap'
 require_relative 'tshark'
 
-class InspectTest
+class InspectTest < CheckSuite
   FRAME_ERRORS = ['Bad Header CRC', 'Bad Payload Data CRC', 'Payload size exceeds soft limit'].freeze
   Result = Struct.new(:out, :err, :status)
 
@@ -20,20 +21,14 @@ class InspectTest
   end
 
   def initialize(build, dir)
-    @build, @dir = build, dir
+    super(dir)
+    @build = build
     @program = File.join(build, 'tools/inspect/vorn-inspect')
-    @passed = @failed = 0
   end
 
   def run(arguments)
     with_tshark = arguments.delete('--with-tshark')
-    tests = public_methods(false).map(&:to_s).select { |name| name.start_with?('test_') }
-    unknown = arguments - tests
-    abort "no test #{unknown.join(', ')} (there are #{tests.join(', ')})" unless unknown.empty?
-    tests -= tests.grep(/tshark/) unless with_tshark
-    (arguments.empty? ? tests : arguments).each { |name| run_one(name) }
-    puts "#{@passed} passed, #{@failed} failed"
-    @failed == 0 && @passed > 0
+    super(arguments, with_tshark ? groups : groups.grep_v(/tshark/))
   end
 
   # The scanner, on 10,000 damaged captures of its own, and the other parts.
@@ -248,27 +243,6 @@ class InspectTest
   end
 
   private
-
-  def run_one(name)
-    before = [@passed, @failed]
-    started = Process.clock_gettime(Process::CLOCK_MONOTONIC)
-    send(name)
-    puts format('%-28s %5d passed, %d failed (%.1f s)', name, @passed - before[0], @failed - before[1],
-                Process.clock_gettime(Process::CLOCK_MONOTONIC) - started)
-  rescue StandardError => error
-    @failed += 1
-    puts "#{name}: #{error.class}: #{error.message}", error.backtrace.first(5)
-  end
-
-  def check(what, expected, actual)
-    return @passed += 1 if expected == actual
-    @failed += 1
-    puts "FAILED #{what[0, 500]}", "  expected #{expected.inspect[0, 1000]}", "  got      #{actual.inspect[0, 1000]}"
-  end
-
-  def path(name)
-    File.join(@dir, name)
-  end
 
   def inspector(*arguments, stdin: '')
     out, err, status = Open3.capture3(@program, *arguments.reject(&:empty?), stdin_data: stdin, binmode: true)
