@@ -3,6 +3,7 @@
 require_relative "helper"
 require_relative "ruby_process"
 require_relative "../support/model"
+require "objspace"
 
 class ObjectDecoderTest < ExtTest
   include RubyProcess
@@ -412,6 +413,14 @@ class ObjectDecoderTest < ExtTest
       assert_equal value, (PacketBuf.new << value).seek(0).extract_object
       lists = [value.first(3)] * size
       assert_equal lists, (PacketBuf.new << lists).seek(0).extract_object
+    end
+  end
+
+  # The counts of the checking pass are what an Array is made for. More arrays than the counts have room for in place.
+  def test_arrays_take_no_more_than_their_members
+    [17, 100, 1000, 5000].each do |length|
+      arrays = (PacketBuf.new << [[nil] * length] * 40).seek(0).extract_object
+      arrays.each { |array| assert_operator ObjectSpace.memsize_of(array), :<=, 8 * length + 60, length }
     end
   end
 end
