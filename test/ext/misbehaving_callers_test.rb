@@ -498,6 +498,20 @@ class MisbehavingCallersTest < ExtTest
     HashHook.body = nil
   end
 
+  # An Array that was counted with one member, a String, and has 99 when it is built: the String's bytes are nils by
+  # then. And one that was counted with 99 and has one.
+  def test_keys_that_change_how_many_members_follow
+    few = hex("0a 08 0a 81 0b 82 09 0a 07 61") + "x" * 97 + hex("0b 0b")
+    many = hex("0a 08 0a 81 0b 82 09 0a") + "\0" * 99 + hex("0b 0b")
+    [[few, many, [{ [1] => 2 }, [nil] * 99]], [many, few, [{ [1] => 2 }, ["x" * 97]]]].each do |before, after, expected|
+      buf = buf_of(before)
+      HashHook.body = -> { buf.seek(8).write_raw(after.byteslice(8..-1)) }
+      assert_equal expected, buf.extract_object
+    end
+  ensure
+    HashHook.body = nil
+  end
+
   # Lengths and depths are checked again where bytes have become others since the first check.
   def test_keys_that_overwrite_up_to_the_bounds
     { "0a 08 0a 81 0b 82 09 07 01 61 0b" => [8, "03", "decode_next_packetbuf_rbstr: buffer underrun extracting data bytes"],
