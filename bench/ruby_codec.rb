@@ -110,7 +110,7 @@ def calls_for
 end
 
 documents = Documents.all.select { |name, _| name =~ options[:filter] }
-ARGV.each { |file| documents[File.basename(file)] = JSON.parse(File.read(file)) }
+ARGV.each { |file| documents[File.basename(file)] = JSON.parse(File.read(file, encoding: "UTF-8")) }
 
 figures = {}
 documents.each_with_index do |(name, document), index|

@@ -8,7 +8,7 @@ require "open3"
 root, compiler, *files = ARGV
 passed = failed = 0
 files.each do |file|
-  blocks = File.read(file).scan(/^(<!-- .*-->\n)?```cpp\n(.*?)^```$/m)
+  blocks = File.read(file, encoding: "UTF-8").scan(/^(<!-- .*-->\n)?```cpp\n(.*?)^```$/m)
   blocks.each_with_index do |(marker, block), index|
     next if marker
     name = "#{file}, block #{index + 1}"
