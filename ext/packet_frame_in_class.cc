@@ -59,6 +59,8 @@ VALUE packetframein_assemble(VALUE self, VALUE data, VALUE offset) {
  * call-seq:
  *   frame.have_complete_frame? -> true or false
  *
+ * Whether a frame has arrived whole and passed its checks, and its values can be read. reset makes it false again.
+ *
  *   frame = VORN::PROTO::PacketFrameIn.new
  *   frame.have_complete_frame?  # => false
  */

@@ -65,6 +65,7 @@ class DissectorTest < CheckSuite
       shown = streams[number].reject { |_, values| values.empty? }
       check(row.first, [field_of(row)], shown.keys)
       expected, value = expected_value(row), shown.values.flatten.first
+      value = { '1' => 'True', '0' => 'False' }.fetch(value, value) if field_of(row) =~ /bool/
       value = [value.to_f].pack('G') if expected.is_a?(String) && field_of(row) =~ /float|double/
       check("#{row.first}: value", expected, value) if expected
     end
@@ -306,13 +307,14 @@ class DissectorTest < CheckSuite
     'vorn.value.' + (type >= 0x80 ? 'int' : %w[nil bool bool float double binary symbol string][type])
   end
 
-  # The value of a field: doubles by their bits, floats as double. Nil: texts that tshark has to mend.
+  # The value of a field: booleans as tshark 4.4 shows them, doubles by their bits, floats as double. Nil: texts that
+  # tshark has to mend.
   def expected_value(row)
     meaning = Vectors.expand(row[2])
     case meaning
     when 'nil' then nil
-    when 'true' then '1'
-    when 'false' then '0'
+    when 'true' then 'True'
+    when 'false' then 'False'
     when /\A-?\d+\z/ then meaning
     when /\Ab:(.*)/ then $1.downcase
     when /\A[us]:((?:[2-7]\h)*)\z/ then [$1].pack('H*')
@@ -398,7 +400,7 @@ class DissectorTest < CheckSuite
     err_in.close
     said = ['']
     Timeout.timeout(60) { said << err.readline.chomp until said.last.start_with?('File:') || err.eof? }
-    return said[2] || 'dumpcap ended' unless said.last.start_with?('File:')
+    return said.grep(/\Adumpcap: /).last || 'dumpcap ended' unless said.last.start_with?('File:')
     streams.each { |stream| send_in_pieces(server, stream, random) }
     # What the system holds back arrives while dumpcap runs.
     Timeout.timeout(60) { sleep 0.1 until closed?(name, streams) }

@@ -8,18 +8,36 @@ module Tshark
   DECODE_AS = ['-d', 'tcp.port==40700,vorn'].freeze
   SEPARATOR = "\x1f" # in no field: texts show their control characters escaped
 
+  # Since 4.4 tshark loads no script for root, and does not say so.
+  UNPRIVILEGED = Process.uid.zero? ? %w[setpriv --reuid=65534 --regid=65534 --clear-groups].freeze : [].freeze
+
   module_function
 
-  def configuration
-    @configuration ||= Dir.mktmpdir('vorn-tshark').tap { |dir| at_exit { FileUtils.remove_entry(dir) } }
+  # A folder for the configuration, and for what whoever runs tshark has to read.
+  def folder
+    @folder ||= Dir.mktmpdir('vorn-tshark').tap do |dir|
+      at_exit { FileUtils.remove_entry(dir) }
+      File.chmod(0o755, dir)
+      FileUtils.cp(SCRIPT, dir)
+    end
   end
 
   def run(capture, *options)
-    command = ['tshark', '-n', '-X', "lua_script:#{SCRIPT}", '-r', capture, *options]
-    out, err, status = Open3.capture3({ 'WIRESHARK_CONFIG_DIR' => configuration }, *command)
-    err = err.lines.reject { |line| line.start_with?('Running as user "root"') }.join
+    readable = File.join(folder, 'capture.pcap')
+    FileUtils.cp(capture, readable)
+    File.chmod(0o644, readable)
+    script = File.join(folder, File.basename(SCRIPT))
+    command = [*UNPRIVILEGED, 'tshark', '-n', '-X', "lua_script:#{script}", '-r', readable, *options]
+    out, err, status = Open3.capture3({ 'WIRESHARK_CONFIG_DIR' => folder, 'HOME' => folder }, *command)
     raise "#{command.join(' ')}: #{status}\n#{err}" unless status.success? && err.empty?
     out.force_encoding(Encoding::BINARY)
+  end
+
+  # Since 4.2 tshark doubles the backslashes of a field, which the option turns off. Then lines may end inside a string.
+  def doubles_backslashes?
+    return @doubles_backslashes unless @doubles_backslashes.nil?
+    said, = Open3.capture2e(*%w[tshark -T fields -e frame.number -E escape=y -r], File::NULL)
+    @doubles_backslashes = !said.include?('is not a valid field output')
   end
 
   # One hash for each packet: field to the list of its values. A fault of the script itself is raised.
@@ -28,6 +46,7 @@ module Tshark
     names = fields.map { |field| ['-e', field] }.flatten
     format = ['-T', 'fields', '-E', 'separator=/t', '-E', "aggregator=#{SEPARATOR}"]
     run(capture, *options, *format, *names).lines.map { |line|
+      line = line.gsub('\\\\') { '\\' } if doubles_backslashes?
       cells = line.chomp("\n").split("\t", -1)
       packet = fields.zip(cells.map { |cell| cell.split(SEPARATOR, -1) }).to_h
       raise "the dissector failed: #{line}" unless packet.delete('_ws.lua.error').empty?
