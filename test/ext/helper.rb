@@ -66,6 +66,9 @@ class ExtTest < Minitest::Test
   include CollectorLevel
   include VORN::PROTO
 
+  # More than a buffer has room for: writing it moves the storage.
+  MEGABYTES = ("m" * 3_000_000).freeze
+
   # A buffer that holds these bytes, at position 0.
   def buf_of(bytes)
     PacketBuf.new.write_raw(bytes).seek(0)
@@ -97,6 +100,15 @@ class ExtTest < Minitest::Test
     raised = assert_raises(error, note.to_s) { yield }
     assert_equal [error, text], [raised.class, raised.message], note
     raised
+  end
+
+  # The buffer serves as if nothing had happened.
+  def assert_usable(buf)
+    buf.maxdepth = 64
+    start = buf.reset.pos
+    deep = 62.times.inject(1) { |inner, _| [inner] }
+    buf << { 1 => deep }
+    assert_equal({ 1 => deep }, buf.seek(start).extract_object) unless buf.is_a?(PacketFrameIn)
   end
 
   def assert_binary(expected, string)
