@@ -67,7 +67,7 @@ constexpr int HASH_BATCH = 32;
 
 // For more than 16 at once the interpreter marks the whole Array for another visit of the collector, which during an
 // incremental collection comes soon: an Array of 1,800,000 Hashes was visited so often that its decode took 12 to
-// 163 ns a byte, by chance, and takes 11.
+// 163 ns a byte, by chance, and takes 11 to 19.
 constexpr int ARRAY_BATCH = 16;
 
 // Scalars are read in the loops over their containers, without a call for each.

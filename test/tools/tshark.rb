@@ -8,7 +8,7 @@ module Tshark
   DECODE_AS = ['-d', 'tcp.port==40700,vorn'].freeze
   SEPARATOR = "\x1f" # in no field: texts show their control characters escaped
 
-  # Since 4.4 tshark loads no script for root, and does not say so.
+  # tshark 4.4 loads no script for root, and does not say so.
   UNPRIVILEGED = Process.uid.zero? ? %w[setpriv --reuid=65534 --regid=65534 --clear-groups].freeze : [].freeze
 
   module_function
@@ -33,7 +33,8 @@ module Tshark
     out.force_encoding(Encoding::BINARY)
   end
 
-  # Since 4.2 tshark doubles the backslashes of a field, which the option turns off. Then lines may end inside a string.
+  # tshark 4.4 doubles the backslashes of a field. The option against it, which 4.0 does not know, would also let a line
+  # feed in a string through, and end the line.
   def doubles_backslashes?
     return @doubles_backslashes unless @doubles_backslashes.nil?
     said, = Open3.capture2e(*%w[tshark -T fields -e frame.number -E escape=y -r], File::NULL)
