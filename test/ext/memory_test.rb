@@ -277,6 +277,8 @@ class MemoryTest < ExtTest
     RUBY
   end
 
+  # Mostly it is the 64 KiB of storage that find no room; now and then (1 process of 60) the little in front of it.
+  # Which text belongs to which is the business of allocation_failure_test.rb.
   def test_creating_without_memory
     without_memory <<-RUBY
       Array.new(200_000) { Object.new }.clear
@@ -286,7 +288,7 @@ class MemoryTest < ExtTest
         10_000.times { kept << PacketBuf.new }
         abort "found memory"
       rescue RuntimeError => error
-        abort error.inspect unless error.message == "exception newing PacketBuf"
+        abort error.inspect unless ["exception newing PacketBuf", "failed newing PacketBuf"].include?(error.message)
       rescue NoMemoryError
         # Ruby's own objects were the first to find none.
       end
