@@ -105,6 +105,12 @@ class ExampleTest < Minitest::Test
     @programs.last
   end
 
+  # A server that tells where it listens, and that address.
+  def serve(server, address = "tcp:127.0.0.1:0", *arguments)
+    program = start(server, address, *arguments)
+    [program, eventually("#{server} listens", 10, program) { program.output[/^listening on (.+)\n/, 1] }]
+  end
+
   # Waits for what the block returns to be true. When it never is, the program's log tells more.
   def eventually(what, seconds = 10, program = nil)
     limit = now + seconds

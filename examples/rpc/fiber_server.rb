@@ -3,13 +3,14 @@
 # The RPC server of thread_server.rb with fibers: one for each connection and one for each request, all on one
 # thread. Work that computes for long, or waits by other means than the reactor's, stops them all.
 #
-#   ruby -Ilib examples/rpc/fiber_server.rb [ADDRESS]
+#   ruby -Ilib examples/rpc/fiber_server.rb [ADDRESS [IDLE_SECONDS]]
 #
 # TERM and INT end it at once.
 
 require "logger"
 require_relative "fiber_socket"
 require_relative "framing"
+require_relative "patience"
 require_relative "reactor"
 require_relative "service"
 require_relative "sockets"
@@ -17,15 +18,18 @@ require_relative "sockets"
 class FiberServer
   MAX_PAYLOAD = 1 << 20
   MAX_CONNECTIONS = 200
-  MAX_IN_FLIGHT = 64    # requests of one connection; with more, nothing more is read and the client feels it
-  MAX_UNSENT = 4 << 20  # bytes of answers, likewise
-  WRITE_SECONDS = 2     # how long a client may leave its answers unread
+  MAX_IN_PROGRESS = 16    # requests of one client; with more, nothing more is read and the client feels it
+  MAX_UNSENT = 256 << 10  # bytes of answers that a client has not taken; with more, none of its requests is begun
+  WRITE_SECONDS = 2       # how long a client may leave its answers unread
+  IDLE_SECONDS = 60       # how long a client may be silent that waits for no answer
 
-  Connection = Struct.new(:socket, :name, :writer, :in_flight, :waiting)
+  # gone: nothing can be sent any more.
+  Client = Struct.new(:socket, :name, :writer, :in_progress, :waiting, :gone)
 
-  def initialize(address, log, reactor = Reactor.new)
+  def initialize(address, log, idle_seconds = IDLE_SECONDS, reactor = Reactor.new)
     @listener = Sockets.listen(address)
     @log = log
+    @idle_seconds = idle_seconds
     @reactor = reactor
     @service = Service.new(log) { |seconds| reactor.sleep(seconds) }
     @connections = 0
@@ -56,58 +60,74 @@ class FiberServer
     @reactor.wait_readable(@listener)
   rescue Errno::ECONNABORTED
     nil # gone before it was accepted
-  rescue Errno::EMFILE, Errno::ENFILE => e
+  rescue SystemCallError => e
     @log.error(e.message)
-    @reactor.sleep(0.1) # until a connection is closed
+    @reactor.sleep(0.1) # until a connection is closed, when it is for want of descriptors
   end
 
-  # A connection is closed by the fiber that reads it, and by no other.
+  # A connection is closed by the fiber that reads it, and by no other. Nothing that a client does gets past this
+  # method and #work: it would end the reactor, and with it the service of all.
   def serve(socket)
     name = Sockets.name_of(socket)
     Sockets.prepare(socket)
-    connection = Connection.new(FiberSocket.new(socket, @reactor), name, FrameWriter.new(MAX_PAYLOAD), 0, nil)
-    reader = FrameReader.new(MAX_PAYLOAD)
-    while (chunk = connection.socket.read)
-      reader.feed(chunk) do |request|
-        @service.check(request)
-        wait_for_room(connection)
-        connection.in_flight += 1
-        @reactor.spawn { work(connection, request) }
-      end
-    end
-  rescue BadFrame => e
+    receive(Client.new(FiberSocket.new(socket, @reactor), name, FrameWriter.new(MAX_PAYLOAD), 0))
+  rescue BadFrame, Silent => e
     @log.warn("#{name}: #{e.message}; closing")
   rescue SystemCallError => e
     @log.info("#{name}: #{e.message}")
+  rescue *Service::FAILURES => e
+    @log.error("#{name}: #{e.message} (#{e.class}); closing")
   ensure
     @connections -= 1
     @reactor.close(socket)
   end
 
-  def wait_for_room(connection)
-    while connection.in_flight >= MAX_IN_FLIGHT || connection.socket.unsent > MAX_UNSENT
-      connection.waiting = Fiber.current
-      @reactor.park
-      connection.waiting = nil
+  def receive(client)
+    reader = FrameReader.new(MAX_PAYLOAD)
+    patience = Patience.new(@idle_seconds)
+    loop do
+      patience.over(client.in_progress) until client.socket.wait_readable(patience.left)
+      return unless (chunk = client.socket.read)
+
+      reader.feed(chunk) do |request|
+        @service.check(request)
+        wait_for_room(client)
+        return if client.gone
+
+        patience.whole_frame
+        client.in_progress += 1
+        # At once, so that its answer counts before the next request, perhaps of the same chunk, is begun.
+        @reactor.start { work(client, request) }
+      end
+      patience.heard(reader.between_frames?)
     end
   end
 
-  def work(connection, request)
-    bytes = @service.frame(connection.writer, @service.answer(request))
-    connection.socket.write(bytes, WRITE_SECONDS)
-  rescue SystemCallError, IOError => e
+  def wait_for_room(client)
+    until client.gone || client.in_progress < MAX_IN_PROGRESS && client.socket.unsent <= MAX_UNSENT
+      client.waiting = Fiber.current
+      @reactor.park
+      client.waiting = nil
+    end
+  end
+
+  def work(client, request)
+    bytes = @service.frame(client.writer, @service.answer(request))
+    client.socket.write(bytes, WRITE_SECONDS) unless client.gone
+  rescue *Service::FAILURES => e
     # The client is gone or reads no answers. The end of input tells the reader to close.
-    @log.info("#{connection.name}: #{e.message}; answer dropped")
-    connection.socket.shutdown
+    @log.info("#{client.name}: #{e.message}; answer dropped")
+    client.gone = true
+    client.socket.shutdown
   ensure
-    connection.in_flight -= 1
-    @reactor.wake(connection.waiting) if connection.waiting
+    client.in_progress -= 1
+    @reactor.wake(client.waiting) if client.waiting
   end
 end
 
 if $PROGRAM_NAME == __FILE__
   log = Logger.new($stderr)
-  server = FiberServer.new(ARGV[0] || "tcp:127.0.0.1:0", log)
+  server = FiberServer.new(ARGV[0] || "tcp:127.0.0.1:0", log, Float(ARGV[1] || FiberServer::IDLE_SECONDS))
   puts "listening on #{server.address}"
   $stdout.flush
   begin

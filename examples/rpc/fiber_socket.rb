@@ -7,8 +7,15 @@ class FiberSocket
   def initialize(socket, reactor)
     @socket = socket
     @reactor = reactor
-    @outgoing = "".b
+    @outgoing = "".b # what the fiber that flushes has not begun
+    @batch = "".b    # what it is sending
     @flushing = false
+  end
+
+  # False: nothing came in that many seconds. Waiting before each read lets the others have their turn, however much
+  # this peer sends.
+  def wait_readable(seconds)
+    @reactor.wait_readable(@socket, seconds)
   end
 
   # What has arrived; nil at the end of input.
@@ -21,7 +28,7 @@ class FiberSocket
   end
 
   # Two fibers that wrote at once would mix their frames, so the first one also writes what others bring meanwhile;
-  # theirs return at once. Raises Errno::ETIMEDOUT when the peer takes nothing for that many seconds.
+  # theirs return at once. Raises Errno::ETIMEDOUT when the peer does not take what there is in that many seconds.
   def write(bytes, seconds)
     @outgoing << bytes
     return if @flushing
@@ -35,7 +42,7 @@ class FiberSocket
   end
 
   def unsent
-    @outgoing.bytesize
+    @outgoing.bytesize + @batch.bytesize
   end
 
   # Tells the peer, and the fiber that reads, that this is the end.
@@ -53,10 +60,20 @@ class FiberSocket
 
   def flush(seconds)
     until @outgoing.empty?
+      @batch = @outgoing
+      @outgoing = "".b
+      send_batch(Sockets.now + seconds)
+    end
+  end
+
+  # A limit for the whole, since a peer that takes a byte now and then never takes nothing.
+  def send_batch(deadline)
+    until @batch.empty?
       begin
-        @outgoing = @outgoing.byteslice(@socket.write_nonblock(@outgoing)..-1)
+        @batch = @batch.byteslice(@socket.write_nonblock(@batch)..-1)
       rescue IO::WaitWritable
-        raise Errno::ETIMEDOUT, "the peer takes nothing" unless @reactor.wait_writable(@socket, seconds)
+        left = deadline - Sockets.now
+        raise Errno::ETIMEDOUT, "the peer takes nothing" unless left > 0 && @reactor.wait_writable(@socket, left)
       end
     end
   end

@@ -60,6 +60,11 @@ class FrameReader
     end
   end
 
+  # Whether the stream may end here.
+  def between_frames?
+    @header.nil? && @held.empty?
+  end
+
   private
 
   # Looks at the header before the assembler does. The assembler takes the announced length at its word and makes

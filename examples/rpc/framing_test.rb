@@ -42,6 +42,20 @@ class FramingTest < ExampleTest
     assert_equal MESSAGES, read(MESSAGES.map { |message| writer.frame(message) }.join)
   end
 
+  def test_where_a_stream_may_end
+    [true, false].each do |twelve|
+      frame = VORN::PROTO::PacketFrameOut.new
+      frame.use_12byte_header = twelve
+      bytes = (frame << "text").compute_frame_header.to_str
+      reader = FrameReader.new(LIMIT)
+      assert reader.between_frames?
+      bytes.each_char.with_index(1) do |byte, count|
+        reader.feed(byte) { |message| assert_equal "text", message }
+        assert_equal count == bytes.bytesize, reader.between_frames?, "after #{count} bytes"
+      end
+    end
+  end
+
   def test_frames_are_numbered
     writer = FrameWriter.new(LIMIT)
     assert_equal [0, 1], Array.new(2) { writer.frame(nil).unpack("@2n")[0] }

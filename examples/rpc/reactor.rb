@@ -7,6 +7,8 @@ require "fiber"
 require_relative "sockets"
 
 class Reactor
+  MAX_SECONDS = 1_000_000_000 # IO.select takes no infinite time
+
   Wait = Struct.new(:fiber, :io, :write, :deadline)
 
   def initialize
@@ -14,8 +16,14 @@ class Reactor
     @waits = {} # by fiber
   end
 
+  # Runs the block in a fiber of its own, soon. What it raises, #run raises: a server's fibers raise nothing.
   def spawn(&block)
     @ready << [Fiber.new(&block), nil]
+  end
+
+  # The same, but runs it at once; returns when it ends or waits for the first time.
+  def start(&block)
+    Fiber.new(&block).resume
   end
 
   # Each of these waits returns true when what was waited for came, false when the seconds went by first.
@@ -33,7 +41,7 @@ class Reactor
   end
 
   def sleep(seconds)
-    raise ArgumentError, "negative seconds" if seconds < 0
+    raise ArgumentError, "no time to sleep: #{seconds}" unless seconds >= 0 # nor is NaN
 
     suspend(nil, false, seconds)
   end
@@ -61,6 +69,8 @@ class Reactor
   private
 
   def suspend(io, write, seconds)
+    raise ArgumentError, "no time to wait: #{seconds}" unless seconds.nil? || seconds < MAX_SECONDS
+
     fiber = Fiber.current
     @waits[fiber] = Wait.new(fiber, io, write, seconds && Sockets.now + seconds)
     Fiber.yield

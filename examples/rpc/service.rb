@@ -7,8 +7,15 @@ require_relative "framing"
 #   request  [id, method, arguments]
 #   answer   [id, nil, result] or [id, [code, text], nil]
 #
-# The id is the client's: an Integer of 32 bits or a String. The answer bears it, so answers may come in any order.
+# The id is the client's: an Integer of 32 bits or a short String. The answer bears it, so answers may come in any
+# order.
 class Service
+  IDS = (-2**31..2**31 - 1).freeze # a larger one would come back as its low 32 bits
+  MAX_ID_BYTES = 64                # also an error must have room for it
+
+  # All that a request can fail with. What is left are signals and the end of the process.
+  FAILURES = [StandardError, ScriptError, NoMemoryError, SystemStackError].freeze
+
   # What can go wrong with a request, as the client is told. Other failures become "failed".
   class Refused < StandardError
     attr_reader :code
@@ -25,9 +32,10 @@ class Service
     @methods = {
       "echo" => ->(value) { value },
       "add" => method(:add),
-      "pause" => ->(seconds) { pause.call(at_most(10, seconds)); seconds },
-      "fill" => ->(size) { "x" * at_most(1 << 21, size) },
-      "now" => -> { Time.now }
+      "pause" => ->(seconds) { pause.call(number(seconds, 0..10)); seconds },
+      "fill" => ->(size) { "x" * number(size, 0..1 << 21, Integer) },
+      "now" => -> { Time.now },
+      "fail" => -> { raise "as told" }
     }
   end
 
@@ -36,7 +44,7 @@ class Service
     [id, nil, call(name, arguments)]
   rescue Refused => e
     failure(id, e.code, e.message)
-  rescue StandardError => e
+  rescue *FAILURES => e
     # The log has the details; the peer gets no look inside.
     @log.error { "#{name}: #{e.message} (#{e.class}) at #{e.backtrace.first}" }
     failure(id, "failed", "the service failed")
@@ -51,7 +59,7 @@ class Service
     writer.frame(answer)
   rescue MessageTooLarge => e
     writer.frame(failure(answer[0], "too large", e.message))
-  rescue RuntimeError => e # the encoder's
+  rescue StandardError => e # the encoder's
     @log.error("the result cannot be sent: #{e.message}")
     writer.frame(failure(answer[0], "failed", "the result cannot be sent"))
   end
@@ -59,12 +67,15 @@ class Service
   # Whoever sends anything else than requests does not speak this protocol.
   def check(request)
     ok = request.is_a?(Array) && request.size == 3 &&
-         (request[0].is_a?(Integer) || request[0].is_a?(String)) &&
-         request[1].is_a?(String) && request[2].is_a?(Array)
+         id?(request[0]) && request[1].is_a?(String) && request[2].is_a?(Array)
     raise BadFrame, "not a request" unless ok
   end
 
   private
+
+  def id?(value)
+    value.is_a?(String) ? value.bytesize <= MAX_ID_BYTES : value.is_a?(Integer) && IDS.cover?(value)
+  end
 
   # A name from outside finds what is in the table and nothing else: never send(name).
   def call(name, arguments)
@@ -76,11 +87,12 @@ class Service
     body.call(*arguments)
   end
 
-  # What one request may cost is the service's decision, not the client's.
-  def at_most(limit, number)
-    raise Refused.new("bad arguments", "#{number} is more than #{limit}") if number > limit
+  # What one request may cost is the service's decision, not the client's, so every number of a client's comes through
+  # here. No range covers NaN, a String or nil.
+  def number(value, range, kind = Numeric)
+    return value if value.is_a?(kind) && range.cover?(value)
 
-    number
+    raise Refused.new("bad arguments", "#{kind} from #{range.first} to #{range.last} wanted")
   end
 
   def add(one, other)

@@ -1,14 +1,16 @@
 # frozen_string_literal: true
 
-# An RPC server with a thread for each connection and a pool of threads that do the work.
+# An RPC server with two threads for each connection, one that reads and one that writes, and a pool of threads that do
+# the work. These wait for no client.
 #
-#   ruby -Ilib examples/rpc/thread_server.rb [ADDRESS]
+#   ruby -Ilib examples/rpc/thread_server.rb [ADDRESS [IDLE_SECONDS]]
 #
 # ADDRESS is tcp:127.0.0.1:0 (the kernel chooses the port) unless given, or unix:PATH. The first line of output
-# tells where it listens. TERM and INT end it once the requests in progress are answered, within 2 s.
+# tells where it listens. TERM and INT end it once the requests that were begun are answered, within 2 s.
 
 require "logger"
 require_relative "framing"
+require_relative "patience"
 require_relative "service"
 require_relative "sockets"
 
@@ -16,17 +18,22 @@ class ThreadServer
   MAX_PAYLOAD = 1 << 20 # of a request as of an answer; see README.md for what its values take in memory
   MAX_CONNECTIONS = 200
   WORKERS = 8
-  WAITING = 64       # requests read and not yet begun; with more, nothing more is read and the senders feel it
-  WRITE_SECONDS = 2  # how long a client may leave its answers unread
+  SHARE = WORKERS / 2 # requests of one client that are read and not answered; with more, it is not read
+  WRITE_SECONDS = 2   # how long a client may leave an answer unread
+  IDLE_SECONDS = 60   # how long a client may be silent that waits for no answer
+  STOP_SECONDS = 2    # for what was begun, at the end
 
-  Connection = Struct.new(:socket, :name, :writer, :lock)
+  # in_progress has an element for each such request. answers are taken by the thread that writes. gone: nothing can be
+  # sent any more.
+  Client = Struct.new(:socket, :in_progress, :answers, :gone, :reader)
 
-  def initialize(address, log)
+  def initialize(address, log, idle_seconds = IDLE_SECONDS)
     @listener = Sockets.listen(address)
     @log = log
+    @idle_seconds = idle_seconds
     @service = Service.new(log) { |seconds| sleep(seconds) }
-    @requests = SizedQueue.new(WAITING)
-    @readers = [] # touched by the accepting thread alone
+    @requests = Queue.new # [client, request]; each client's share bounds it
+    @clients = []         # touched by the accepting thread alone
   end
 
   def address
@@ -38,72 +45,103 @@ class ThreadServer
     loop { accept }
   ensure
     @listener.close
-    if workers
-      WORKERS.times { @requests.push(nil) }
-      workers.each { |worker| worker.join(WRITE_SECONDS) }
-    end
+    finish(workers.to_a)
   end
 
   private
 
   def accept
     socket, = @listener.accept
-    @readers.select!(&:alive?)
-    if @readers.size >= MAX_CONNECTIONS
+    @clients.select! { |client| client.reader.alive? }
+    if @clients.size >= MAX_CONNECTIONS
       @log.warn("too many connections; closing the newest")
       return socket.close
     end
-    @readers << Thread.new { serve(socket) }
+    client = Client.new(socket, SizedQueue.new(SHARE), Queue.new)
+    client.reader = Thread.new { serve(client) }
+    @clients << client
   rescue Errno::ECONNABORTED
     nil # gone before it was accepted
-  rescue Errno::EMFILE, Errno::ENFILE => e
+  rescue SystemCallError, ThreadError => e
     @log.error(e.message)
-    sleep(0.1) # until a connection is closed
+    socket.close if socket
+    sleep(0.1) # until a connection is closed, when it is for want of descriptors or threads
   end
 
   # A connection is closed by its reader alone, so that no other thread holds a socket that was closed under it.
-  def serve(socket)
-    name = Sockets.name_of(socket)
-    Sockets.prepare(socket)
-    connection = Connection.new(socket, name, FrameWriter.new(MAX_PAYLOAD), Mutex.new)
-    reader = FrameReader.new(MAX_PAYLOAD)
-    loop do
-      reader.feed(socket.readpartial(65_536)) do |request|
-        @service.check(request)
-        @requests.push([connection, request])
-      end
-    end
+  def serve(client)
+    name = Sockets.name_of(client.socket)
+    Sockets.prepare(client.socket)
+    writer = Thread.new { write(client, name) }
+    receive(client)
   rescue EOFError
     nil
-  rescue BadFrame => e
+  rescue BadFrame, Silent => e
     @log.warn("#{name}: #{e.message}; closing")
   rescue SystemCallError => e
     @log.info("#{name}: #{e.message}")
+  rescue *Service::FAILURES => e
+    @log.error("#{name}: #{e.message} (#{e.class}); closing")
   ensure
-    socket.close
+    client.answers.push(nil)
+    writer.join if writer
+    client.gone = true
+    client.socket.close
+  end
+
+  def receive(client)
+    reader = FrameReader.new(MAX_PAYLOAD)
+    patience = Patience.new(@idle_seconds)
+    loop do
+      patience.over(client.in_progress.size) until IO.select([client.socket], nil, nil, patience.left)
+      reader.feed(client.socket.readpartial(65_536)) do |request|
+        @service.check(request)
+        client.in_progress.push(true)
+        return if client.gone
+
+        patience.whole_frame
+        @requests.push([client, request])
+      end
+      patience.heard(reader.between_frames?)
+    end
   end
 
   def work
     while (job = @requests.pop)
-      connection, request = job
+      client, request = job
+      # Of a client that is gone, what was not begun is left undone.
+      client.answers.push(client.gone || @service.answer(request))
+    end
+  end
+
+  # A request counts as the client's until its answer is sent, so that answers nobody reads are bounded too.
+  def write(client, name)
+    writer = FrameWriter.new(MAX_PAYLOAD)
+    while (answer = client.answers.pop)
       begin
-        deliver(connection, @service.answer(request))
-      rescue SystemCallError, IOError => e
+        Sockets.write_within(client.socket, @service.frame(writer, answer), WRITE_SECONDS) unless client.gone
+      rescue *Service::FAILURES => e
         # The client is gone or reads no answers. The end of input tells the reader to close.
-        @log.info("#{connection.name}: #{e.message}; answer dropped")
-        shutdown(connection.socket)
+        @log.info("#{name}: #{e.message}; answer dropped")
+        client.gone = true
+        shutdown(client.socket, :RDWR)
       end
+      client.in_progress.pop
     end
   end
 
-  def deliver(connection, answer)
-    connection.lock.synchronize do # frames of several workers must not mix
-      Sockets.write_within(connection.socket, @service.frame(connection.writer, answer), WRITE_SECONDS)
-    end
+  # Workers end with what they have begun, readers with the end of input, writers with what they have.
+  def finish(workers)
+    deadline = Sockets.now + STOP_SECONDS
+    @requests.clear
+    workers.each { @requests.push(nil) }
+    workers.each { |worker| worker.join([deadline - Sockets.now, 0].max) }
+    @clients.each { |client| shutdown(client.socket, :RD) }
+    @clients.each { |client| client.reader.join([deadline - Sockets.now, 0].max) }
   end
 
-  def shutdown(socket)
-    socket.shutdown
+  def shutdown(socket, directions)
+    socket.shutdown(directions)
   rescue SystemCallError, IOError
     nil
   end
@@ -111,7 +149,7 @@ end
 
 if $PROGRAM_NAME == __FILE__
   log = Logger.new($stderr)
-  server = ThreadServer.new(ARGV[0] || "tcp:127.0.0.1:0", log)
+  server = ThreadServer.new(ARGV[0] || "tcp:127.0.0.1:0", log, Float(ARGV[1] || ThreadServer::IDLE_SECONDS))
   puts "listening on #{server.address}"
   $stdout.flush
   begin

@@ -20,7 +20,7 @@ def tour(client, together)
   show("unknown method") { client.call("format_disk") }
   show("wrong arguments") { client.call("add", [1]) }
   show("result beyond 32 bits") { client.call("add", [2**31 - 1, 1]) }
-  show("failure inside the service") { client.call("pause", ["long"]) }
+  show("failure inside the service") { client.call("fail") }
   show("result that has no encoding") { client.call("now") }
   show("too large to send") { client.call("echo", ["x" * (1 << 20)]) }
   show("too large to answer") { client.call("fill", [1 << 20]) }

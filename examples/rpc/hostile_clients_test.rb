@@ -1,0 +1,253 @@
+# frozen_string_literal: true
+
+require_relative "../test_support"
+require_relative "fiber_server"
+require_relative "hostile_clients"
+require_relative "thread_client"
+
+# What clients can do to a server: nothing that others would feel for long. ATTACK multiplies how much is tried.
+class HostileClientsTest < ExampleTest
+  SERVERS = %w[rpc/thread_server.rb rpc/fiber_server.rb].freeze
+  TIMES = Integer(ENV.fetch("ATTACK", 1))
+  SECONDS_FOR_OTHERS = 5 # on a machine that does much else
+
+  # All at once, since much of what they do is to wait.
+  def each_server(*arguments, unix: false)
+    threads = SERVERS.map do |server|
+      address = unix ? "unix:#{@folder}/#{File.basename(server, ".rb")}" : "tcp:127.0.0.1:0"
+      program, address = serve(server, address, *arguments)
+      thread = Thread.new do
+        yield program, address, server
+        assert_operator HostileClients.seconds_for_others(address), :<, SECONDS_FOR_OTHERS, server
+        refute_match(/terminated with exception|FATAL/, program.log)
+        program.signal("TERM")
+        assert_equal 0, program.wait(5), server
+      end
+      thread.report_on_exception = false if thread.respond_to?(:report_on_exception=)
+      thread
+    end
+    threads.each(&:join)
+  end
+
+  # After the block there are no more threads and descriptors than before.
+  def leaves_nothing(program, server)
+    HostileClients.seconds_for_others(program.output[/^listening on (.+)\n/, 1])
+    before = nil
+    eventually("#{server} is at rest") do
+      last = before
+      sleep(0.1)
+      (before = HostileClients.holdings(program.pid)) == last
+    end
+    yield
+    eventually("#{server} has no more than #{before} threads and descriptors") do
+      HostileClients.holdings(program.pid).zip(before).all? { |now, then_| now <= then_ }
+    end
+  end
+
+  NO_NUMBERS = [Float::NAN, Float::INFINITY, -Float::INFINITY, -1, -0.5, -1e300, 1e300, "1", nil, true, [1], {}].freeze
+
+  def test_numbers
+    each_server do |_, address, server|
+      client = ThreadClient.new(address)
+      { "pause" => [10.001, 11], "fill" => [(1 << 21) + 1, 1.5, 1.0] }.each do |method, outside|
+        (NO_NUMBERS + outside).each do |number|
+          error = assert_raises(RemoteError, "#{server}: #{method} #{number}") { client.call(method, [number]) }
+          assert_equal "bad arguments", error.code, "#{server}: #{method} #{number}"
+        end
+      end
+      (NO_NUMBERS - [-1]).each do |number|
+        assert_equal "bad arguments", assert_raises(RemoteError) { client.call("add", [number, 1]) }.code
+      end
+      [0, 0.0, -0.0, 0.01].each { |seconds| assert_equal seconds, client.call("pause", [seconds]) }
+      assert_equal ["", "x"], [client.call("fill", [0]), client.call("fill", [1])]
+      # So large a result is made, and is too large to send.
+      assert_equal "too large", assert_raises(RemoteError) { client.call("fill", [1 << 21]) }.code
+      client.close
+    end
+  end
+
+  # Of 32 bits, or a String of 64 bytes at most. Beyond, not even an error could be answered.
+  def test_ids
+    each_server do |program, address, server|
+      ["\xBF\xFF\xFF\xFF\x1F", "\xE0\x80\x80\x80\x20", "\x07\x40#{"i" * 64}"].each do |id|
+        socket = HostileClients.connect(address)
+        socket.write(HostileClients.request_with_id(id.b))
+        answer = socket.readpartial(1000)
+        assert_includes answer, id.b, server
+        socket.close
+      end
+      ["\xA0\x80\x80\x80\x20", "\xE1\x80\x80\x80\x20", "\x07\x41#{"i" * 65}"].each_with_index do |id, number|
+        HostileClients.exchange(address, HostileClients.request_with_id(id.b))
+        eventually("#{server} refuses") { program.log.scan(": not a request; closing").size == number + 1 }
+      end
+      # As long as a request can be: there is no room for a text behind its id.
+      9.times { HostileClients.exchange(address, HostileClients.request("i" * ((1 << 20) - 20), "no")) }
+    end
+  end
+
+  # Whatever a request makes the server raise ends that connection, and no other.
+  def test_a_failure_of_any_kind_ends_one_connection
+    [NotImplementedError, NoMemoryError, SystemStackError, ArgumentError, IOError].each do |failure|
+      log = StringIO.new
+      reactor = Reactor.new
+      server = FiberServer.new("tcp:127.0.0.1:0", Logger.new(log), 60, reactor)
+      service = server.instance_variable_get(:@service)
+      service.define_singleton_method(:frame) do |writer, answer|
+        answer[2] == "now" ? raise(failure, "out of order") : super(writer, answer)
+      end
+      service.define_singleton_method(:check) do |request|
+        request[0] == 7 ? raise(failure, "out of order") : super(request)
+      end
+      thread = Thread.new { server.run }
+      thread.report_on_exception = false if thread.respond_to?(:report_on_exception=)
+      other = ThreadClient.new(server.address)
+      assert_equal 1, other.call("echo", [1])
+      [HostileClients.request(1, "echo", "now"), HostileClients.request(7, "echo")].each do |bytes|
+        HostileClients.exchange(server.address, bytes)
+        assert thread.alive?, "#{failure} ended the server"
+      end
+      assert_equal 2, log.string.scan("out of order").size, log.string
+      assert_equal 2, other.call("echo", [2])
+      other.close
+      # Only the fiber that accepts waits.
+      eventually("the fibers end") { reactor.instance_variable_get(:@waits).size == 1 }
+      assert_equal 0, server.instance_variable_get(:@connections)
+      thread.kill.join
+    end
+  end
+
+  # A client that asks for much and reads nothing gets no more memory than its share, and none of others' time.
+  def test_flooding_clients
+    each_server do |program, address, server|
+      leaves_nothing(program, server) do
+        clients = 12
+        before = HostileClients.peak_memory(program.pid)
+        slowest = TIMES.times.map { HostileClients.flood(address, clients) }.max
+        peak = HostileClients.peak_memory(program.pid)
+        puts format("%s: %d flooding clients, peak memory %d MB (%d at rest), others waited %.2f s at most",
+                    server, clients, peak, before, slowest)
+        assert_operator peak - before, :<, 13 * clients, "MB, #{server}"
+        assert_operator slowest, :<, SECONDS_FOR_OTHERS, server
+        eventually("#{server} gives up") { program.log.include?("the peer takes nothing; answer dropped") }
+      end
+    end
+  end
+
+  # Small answers too: what is not taken stops the reading, and then ends the connection.
+  def test_a_flood_of_small_requests
+    each_server do |program, address, server|
+      leaves_nothing(program, server) do
+        socket = HostileClients.connect(address)
+        requests = HostileClients.request(1, "echo", "y" * 100) * 1000
+        assert_raises(Errno::ECONNRESET, Errno::EPIPE) do
+          within(20) { loop { socket.write(requests) } }
+        end
+        assert_match(/the peer takes nothing; answer dropped/, program.log)
+        assert_equal 1, program.log.scan("answer dropped").size, "lines for one client"
+        socket.close
+      end
+    end
+  end
+
+  # One client's requests take half of the workers at most.
+  def test_one_client_does_not_hold_all_workers
+    each_server do |_, address, server|
+      greedy = HostileClients.connect(address)
+      greedy.write(Array.new(16) { |id| HostileClients.request(id, "pause", 1.5) }.join)
+      sleep(0.2)
+      assert_operator HostileClients.seconds_for_others(address), :<, 1, server
+      greedy.close
+    end
+  end
+
+  def test_silent_clients
+    each_server("0.5") do |program, address, server|
+      leaves_nothing(program, server) do
+        silent = Array.new(20) { HostileClients.connect(address) }
+        waiting = HostileClients.connect(address)
+        waiting.write(HostileClients.request(1, "pause", 1.5))
+        seconds = HostileClients.seconds_until_closed(silent.first, 5)
+        assert_includes 0.3..2.5, seconds, server
+        silent.drop(1).each { |socket| assert HostileClients.seconds_until_closed(socket, 2), server }
+        # Waiting for an answer is no silence; afterwards it is.
+        assert IO.select([waiting], nil, nil, 5)
+        assert_operator waiting.readpartial(1000).bytesize, :>, 8
+        assert HostileClients.seconds_until_closed(waiting, 5), server
+        assert_match(/: silent for 0.5 s; closing/, program.log)
+        [*silent, waiting].each(&:close)
+      end
+    end
+  end
+
+  # A frame that has begun must end in time, whether its bytes stop or trickle; whole frames may come slowly.
+  def test_slow_clients
+    each_server("1") do |program, address, server|
+      leaves_nothing(program, server) do
+        stopped = HostileClients.connect(address)
+        stopped.write(HostileClients.half_a_frame)
+        trickling = HostileClients.connect(address)
+        began = now
+        slow = Thread.new do
+          [HostileClients.trickle(trickling, HostileClients.request(1, "echo", "x" * 150), 0.1), now - began]
+        end
+        # Each frame takes long, and all together longer than the limit for one.
+        patient = HostileClients.connect(address)
+        frame = HostileClients.request(1, "echo", 1)
+        assert HostileClients.trickle(patient, frame * (6 / (frame.bytesize * 0.05)).ceil, 0.05), server
+        assert HostileClients.seconds_until_closed(stopped, 3), server
+        whole, seconds = within(20) { slow.value }
+        refute whole, server
+        assert_includes 4..9, seconds, server
+        assert_equal 2, program.log.scan("the rest of a frame did not come in 5 s; closing").size
+        [stopped, trickling, patient].each(&:close)
+      end
+    end
+  end
+
+  # Who takes some of an answer every now and then never takes nothing, and yet does not take it in time. The buffers of
+  # a UNIX socket are small enough for that.
+  def test_clients_that_read_slowly
+    each_server(unix: true) do |program, address, server|
+      leaves_nothing(program, server) do
+        socket = HostileClients.connect(address)
+        socket.write(HostileClients.request(1, "fill", 1_000_000) * 16)
+        limit = now + 8
+        until program.log.include?("the peer takes nothing; answer dropped")
+          flunk("#{server} waits for ever") if now > limit
+          socket.read_nonblock(10_000, exception: false)
+          sleep(0.1)
+        end
+        socket.close
+      end
+    end
+  end
+
+  def test_resetting_clients
+    each_server do |program, address, server|
+      leaves_nothing(program, server) { HostileClients.resets(address, 60 * TIMES) }
+      assert_operator HostileClients.peak_memory(program.pid), :<, 150, "MB, #{server}"
+    end
+  end
+
+  def test_garbage
+    random = Random.new(Integer(ENV.fetch("SEED", 1)))
+    each_server do |program, address, server|
+      leaves_nothing(program, server) { HostileClients.garbage(address, 200 * TIMES, random) }
+    end
+  end
+
+  # With clients of every kind there, it still ends in its time.
+  def test_the_end_does_not_wait_for_clients
+    SERVERS.each do |server|
+      program, address = serve(server)
+      sockets = Array.new(4) { HostileClients.connect(address) }
+      sockets[1].write(HostileClients.half_a_frame)
+      sockets[2].write(HostileClients.request(1, "fill", 1_000_000) * 64)
+      sockets[3].write(HostileClients.request(1, "pause", 10) * 64)
+      sleep(0.3)
+      program.signal("TERM")
+      assert_equal 0, program.wait(4), server
+      sockets.each(&:close)
+    end
+  end
+end
