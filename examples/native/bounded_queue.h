@@ -36,6 +36,18 @@ class BoundedQueue {
     return true;
   }
 
+  bool empty() const {
+    const std::lock_guard<std::mutex> hold(lock_);
+    return items_.empty();
+  }
+
+  /// Drops what nobody has taken.
+  void clear() {
+    const std::lock_guard<std::mutex> hold(lock_);
+    items_.clear();
+    room_.notify_all();
+  }
+
   void close() {
     const std::lock_guard<std::mutex> hold(lock_);
     closed_ = true;
@@ -47,7 +59,7 @@ class BoundedQueue {
   const size_t limit_;
   bool closed_ = false;
   std::deque<T> items_;
-  std::mutex lock_;
+  mutable std::mutex lock_;
   std::condition_variable filled_, room_;
 };
 

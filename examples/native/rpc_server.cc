@@ -1,18 +1,23 @@
-// An RPC server with a thread for each connection and a pool of threads that do the work.
+// An RPC server with two threads for each connection, one that reads and one that writes, and a pool of threads that
+// do the work. These wait for no client.
 //
-//   rpc_server [ADDRESS]
+//   rpc_server [ADDRESS [IDLE_SECONDS]]
 //
 // ADDRESS is tcp:127.0.0.1:0 (the kernel chooses the port) unless given. The first line of output tells where it
-// listens. TERM and INT end it once the requests in progress are answered.
+// listens. TERM and INT end it once the requests that were begun are answered.
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
+#include <cstddef>
+#include <cstdint>
 #include <iostream>
 #include <list>
 #include <memory>
 #include <mutex>
 #include <poll.h>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -21,6 +26,7 @@
 
 #include "examples/native/bounded_queue.h"
 #include "examples/native/framing.h"
+#include "examples/native/patience.h"
 #include "examples/native/service.h"
 #include "examples/native/sockets.h"
 #include "proto/vorn_exception.h"
@@ -33,17 +39,23 @@ using VORN::VObject;
 constexpr uint32_t MAX_PAYLOAD = 1 << 20;  // of a request as of an answer; an empty array of two bytes takes 80 here
 constexpr size_t MAX_CONNECTIONS = 200;
 constexpr size_t WORKERS = 8;
-constexpr size_t WAITING = 64;  // requests read and not begun; with more, no more are read and the senders feel it
-constexpr std::chrono::seconds WRITE_TIME{2};  // how long a client may leave its answers unread
+constexpr size_t SHARE = WORKERS / 2;  // requests of one client read and not answered; with more, it is not read
+constexpr std::chrono::seconds WRITE_TIME{2};  // how long a client may leave an answer unread
+constexpr std::chrono::seconds IDLE_TIME{60};  // how long a client may be silent that waits for no answer
+
+struct Answer {
+  VObject value;
+  bool twelve_byte_header = false;
+};
 
 struct Connection {
-  explicit Connection(rpc::Socket&& client)
-      : socket(std::move(client)), name(rpc::peer_of(socket)), writer(MAX_PAYLOAD) {}
+  explicit Connection(rpc::Socket&& client) : socket(std::move(client)), name(rpc::peer_of(socket)) {}
 
   rpc::Socket socket;
   const std::string name;
-  std::mutex lock;  // of the writer: frames of several workers must not mix
-  rpc::FrameWriter writer;
+  rpc::BoundedQueue<bool> in_progress{SHARE};  // an element for each such request
+  rpc::BoundedQueue<Answer> answers{SHARE};    // for the thread that writes; the client's share bounds it
+  std::atomic<bool> gone{false};               // nothing can be sent any more
 };
 
 struct Job {
@@ -68,7 +80,8 @@ std::string_view frame_of(rpc::FrameWriter& writer, const VObject& answer, bool 
 
 class Server {
  public:
-  explicit Server(const std::string& address) : listener_(rpc::listen_at(address)), requests_(WAITING) {}
+  Server(const std::string& address, std::chrono::milliseconds idle_time)
+      : listener_(rpc::listen_at(address)), idle_time_(idle_time) {}
 
   std::string address() const { return rpc::address_of(listener_); }
 
@@ -99,70 +112,120 @@ class Server {
       rpc::Socket client = rpc::accept_from(listener_);
       if (client.fd() < 0) return;
       if (readers_.size() >= MAX_CONNECTIONS) return log_line("too many connections; closing the newest");
-      Reader& reader = readers_.emplace_back();
-      auto connection = std::make_shared<Connection>(std::move(client));
-      reader.connection = connection;
-      reader.thread = std::thread([this, &reader, connection = std::move(connection)]() mutable {
-        serve(connection);
-        connection.reset();
-        reader.done = true;
-      });
+      start_reader(std::make_shared<Connection>(std::move(client)));
     } catch (const std::system_error& e) {
       log_line(e.what());
       std::this_thread::sleep_for(std::chrono::milliseconds(100));  // until descriptors or threads are free
     }
   }
 
-  void serve(const std::shared_ptr<Connection>& connection) {
+  void start_reader(std::shared_ptr<Connection> connection) {
+    Reader& reader = readers_.emplace_back();
+    reader.connection = connection;
     try {
-      rpc::FrameReader reader(MAX_PAYLOAD);
-      std::string bytes;
-      while (connection->socket.receive(bytes)) {
-        reader.feed(bytes, [&](rpc::InboundFrame& frame) {
-          if (frame.messages.size() != 1) throw rpc::BadFrame("a frame holds something else than one message");
-          rpc::check_request(frame.messages[0]);
-          requests_.push({connection, std::move(frame.messages[0]), frame.twelve_byte_header});
-        });
-        bytes.clear();
-      }
+      reader.thread = std::thread([this, &reader, connection = std::move(connection)]() mutable {
+        serve(connection);
+        connection.reset();
+        reader.done = true;
+      });
+    } catch (...) {
+      readers_.pop_back();
+      throw;
+    }
+  }
+
+  void serve(const std::shared_ptr<Connection>& connection) {
+    std::thread writer;
+    try {
+      writer = std::thread([&connection] { write(*connection); });
+      receive(connection);
     } catch (const rpc::BadFrame& e) {
       log_line(connection->name + ": " + e.what() + "; closing");
-      connection->socket.shutdown();
+    } catch (const rpc::Silent& e) {
+      log_line(connection->name + ": " + e.what() + "; closing");
     } catch (const std::exception& e) {
       log_line(connection->name + ": " + e.what());
-      connection->socket.shutdown();
+    }
+    connection->answers.close();
+    if (writer.joinable()) writer.join();
+    connection->gone = true;
+    connection->socket.shutdown();
+  }
+
+  void receive(const std::shared_ptr<Connection>& connection) {
+    rpc::FrameReader reader(MAX_PAYLOAD);
+    rpc::Patience patience(idle_time_);
+    std::string bytes;
+    for (;;) {
+      while (!connection->socket.wait_readable(patience.deadline())) patience.over(!connection->in_progress.empty());
+      if (!connection->socket.receive(bytes)) return;
+      reader.feed(bytes, [&](rpc::InboundFrame& frame) {
+        if (frame.messages.size() != 1) throw rpc::BadFrame("a frame holds something else than one message");
+        rpc::check_request(frame.messages[0]);
+        if (!connection->in_progress.push(true) || connection->gone) throw rpc::BadFrame("nothing can be answered");
+        patience.whole_frame();
+        requests_.push({connection, std::move(frame.messages[0]), frame.twelve_byte_header});
+      });
+      bytes.clear();
+      patience.heard(reader.between_frames());
     }
   }
 
   void work() {
     Job job;
     while (requests_.pop(job)) {
-      Connection& connection = *job.connection;
       try {
-        const VObject answer = rpc::answer_to(job.request);
-        const std::lock_guard<std::mutex> hold(connection.lock);
-        connection.socket.send_all(frame_of(connection.writer, answer, job.twelve_byte_header),
-                                   rpc::Clock::now() + WRITE_TIME);
+        // Of a client that is gone, what was not begun is left undone.
+        if (!job.connection->gone) job.request = rpc::answer_to(job.request);
+        job.connection->answers.push({std::move(job.request), job.twelve_byte_header});
       } catch (const std::exception& e) {
-        // The client is gone or reads no answers. The end of input tells the reader to stop.
-        log_line(connection.name + ": " + e.what() + "; answer dropped");
-        connection.socket.shutdown();
+        log_line(job.connection->name + ": " + e.what() + "; closing");
+        job.connection->gone = true;
+        job.connection->socket.shutdown();
       }
       job = Job();
     }
   }
 
+  /// A request counts as the client's until its answer is sent, so that answers nobody reads are bounded too.
+  static void write(Connection& connection) {
+    rpc::FrameWriter writer(MAX_PAYLOAD);
+    Answer answer;
+    bool token = false;
+    while (connection.answers.pop(answer)) {
+      try {
+        if (!connection.gone) {
+          connection.socket.send_all(frame_of(writer, answer.value, answer.twelve_byte_header),
+                                     rpc::Clock::now() + WRITE_TIME);
+        }
+      } catch (const std::exception& e) {
+        // The client is gone or reads no answers. The end of input tells the reader to stop.
+        log_line(connection.name + ": " + e.what() + "; answer dropped");
+        connection.gone = true;
+        connection.socket.shutdown();
+      }
+      answer = Answer();
+      connection.in_progress.pop(token);
+    }
+  }
+
+  /// Workers end with what they have begun, readers with the end of input, writers with what they have.
   void finish() {
+    requests_.clear();
     requests_.close();
     for (std::thread& worker : workers_) worker.join();
     for (Reader& reader : readers_) {
-      if (const auto connection = reader.connection.lock()) connection->socket.shutdown();
+      if (const auto connection = reader.connection.lock()) {
+        connection->socket.shutdown_receive();
+        connection->in_progress.close();  // its reader may wait for room
+      }
       reader.thread.join();
     }
   }
 
   rpc::Socket listener_;
-  rpc::BoundedQueue<Job> requests_;
+  const std::chrono::milliseconds idle_time_;
+  rpc::BoundedQueue<Job> requests_{SHARE * MAX_CONNECTIONS};  // never full
   std::vector<std::thread> workers_;
   std::list<Reader> readers_;  // touched by the accepting thread alone
 };
@@ -183,7 +246,10 @@ int main(int argc, char** argv) try {
   sigaction(SIGTERM, &action, nullptr);
   sigaction(SIGINT, &action, nullptr);
 
-  Server server(argc > 1 ? argv[1] : "tcp:127.0.0.1:0");
+  const double idle_seconds = argc > 2 ? std::stod(argv[2]) : IDLE_TIME.count();
+  if (!(idle_seconds > 0 && idle_seconds < 1e6)) throw std::invalid_argument("IDLE_SECONDS: from 0 to 1e6");
+  Server server(argc > 1 ? argv[1] : "tcp:127.0.0.1:0",
+                std::chrono::milliseconds(static_cast<int64_t>(idle_seconds * 1000)));
   std::cout << "listening on " << server.address() << std::endl;
   server.run(ended, others);
   return 0;

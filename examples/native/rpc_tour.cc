@@ -76,7 +76,7 @@ void tour(rpc::RpcClient& client) {
   show("unknown method", [&] { return client.call("format_disk", {}); });
   show("wrong arguments", [&] { return client.call("add", {1}); });
   show("result beyond 32 bits", [&] { return client.call("add", {2147483647, 1}); });
-  show("failure inside the service", [&] { return client.call("pause", {"long"}); });
+  show("failure inside the service", [&] { return client.call("fail", {}); });
   show("result that has no encoding", [&] { return client.call("now", {}); });
   show("too large to send", [&] { return client.call("echo", {std::string(1 << 20, 'x')}); });
   show("too large to answer", [&] { return client.call("fill", {1 << 20}); });

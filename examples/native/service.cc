@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <iostream>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -20,14 +21,24 @@ using VORN::VObjectVector;
 
 namespace {
 
-constexpr int64_t MAX_PAUSE_SECONDS = 10;
+constexpr double MAX_PAUSE_SECONDS = 10;
 constexpr int64_t MAX_FILL = 1 << 21;
+constexpr size_t MAX_ID_BYTES = 64;  // also an error must have room for it
 
-/// What one request may cost is the service's decision, not the client's.  A NaN is more than any limit.
-template <typename Number>
-Number at_most(Number limit, Number number) {
-  if (!(number <= limit)) throw Refused("bad arguments", std::to_string(number) + " is more than " + std::to_string(limit));
-  return number;
+// What one request may cost is the service's decision, not the client's, so every number of a client's comes through
+// one of these two.
+
+double number(const VObject& value, double least, double most) {
+  if (value.type() == VORN::DT_INT || value.type() == VORN::DT_DOUBLE) {
+    const double number = number_of(value);
+    if (number >= least && number <= most) return number;  // NaN is neither
+  }
+  throw Refused("bad arguments", "number from " + std::to_string(least) + " to " + std::to_string(most) + " wanted");
+}
+
+int64_t integer(const VObject& value, int64_t least, int64_t most) {
+  if (value.type() == VORN::DT_INT && value.to_i64() >= least && value.to_i64() <= most) return value.to_i64();
+  throw Refused("bad arguments", "integer from " + std::to_string(least) + " to " + std::to_string(most) + " wanted");
 }
 
 VObject add(const VObjectVector& arguments) {
@@ -43,15 +54,12 @@ VObject add(const VObjectVector& arguments) {
 }
 
 VObject pause(const VObjectVector& arguments) {
-  const double seconds = at_most(static_cast<double>(MAX_PAUSE_SECONDS), number_of(arguments[0]));
-  std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+  std::this_thread::sleep_for(std::chrono::duration<double>(number(arguments[0], 0, MAX_PAUSE_SECONDS)));
   return arguments[0];
 }
 
 VObject fill(const VObjectVector& arguments) {
-  const int64_t size = at_most(MAX_FILL, arguments[0].to_i64());
-  if (size < 0) throw Refused("bad arguments", "fill takes a size");
-  return std::string(static_cast<size_t>(size), 'x');
+  return std::string(static_cast<size_t>(integer(arguments[0], 0, MAX_FILL)), 'x');
 }
 
 /// A value of the service's own, which has no form on the wire.
@@ -73,7 +81,8 @@ const std::map<std::string, Method>& methods() {
       {"pause", {1, pause}},
       {"fill", {1, fill}},
       {"now",
-       {0, [](const VObjectVector&) { return boost::shared_ptr<VORN::VObjectUDT>(boost::make_shared<Instant>()); }}}};
+       {0, [](const VObjectVector&) { return boost::shared_ptr<VORN::VObjectUDT>(boost::make_shared<Instant>()); }}},
+      {"fail", {0, [](const VObjectVector&) -> VObject { throw std::runtime_error("as told"); }}}};
   return table;
 }
 
@@ -92,12 +101,18 @@ VObject call(const std::string& name, const VObjectVector& arguments) {
   return method.body(arguments);
 }
 
+/// An id of a client's: one beyond 32 bits would come back from a Ruby server as its low 32 bits.
+bool is_id(const VObject& id) {
+  if (id.type() == VORN::DT_STR) return id.getstr().size() <= MAX_ID_BYTES;
+  return id.type() == VORN::DT_INT && id.to_i64() >= std::numeric_limits<int32_t>::min() &&
+         id.to_i64() <= std::numeric_limits<int32_t>::max();
+}
+
 }  // namespace
 
 void check_request(const VObject& request) {
   const bool ok = request.type() == VORN::DT_VECTOR && request.getvec().size() == 3 &&
-                  (request.getvec()[0].type() == VORN::DT_INT || request.getvec()[0].type() == VORN::DT_STR) &&
-                  request.getvec()[1].type() == VORN::DT_STR && request.getvec()[2].type() == VORN::DT_VECTOR;
+                  is_id(request.getvec()[0]) && request.getvec()[1].type() == VORN::DT_STR && request.getvec()[2].type() == VORN::DT_VECTOR;
   if (!ok) throw BadFrame("not a request");
 }
 

@@ -3,8 +3,8 @@
 ///   request  [id, method, arguments]
 ///   answer   [id, nil, result] or [id, [code, text], nil]
 ///
-/// The id is the client's: an integer of 32 bits or a string. The answer bears it, so answers may come in any
-/// order.
+/// The id is the client's: an integer of 32 bits or a short string. The answer bears it, so answers may come in
+/// any order.
 #pragma once
 
 #include <stdexcept>

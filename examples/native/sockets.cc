@@ -89,6 +89,8 @@ Socket::~Socket() {
   if (fd_ >= 0) close(fd_);
 }
 
+bool Socket::wait_readable(Clock::time_point deadline) const { return wait_for(fd_, POLLIN, deadline); }
+
 bool Socket::receive(std::string& bytes) {
   char chunk[65536];
   for (;;) {
@@ -118,6 +120,8 @@ void Socket::send_all(std::string_view bytes, Clock::time_point deadline) {
 void Socket::shutdown() noexcept {
   ::shutdown(fd_, SHUT_RDWR);  // fails only where the connection has ended already
 }
+
+void Socket::shutdown_receive() noexcept { ::shutdown(fd_, SHUT_RD); }
 
 Socket listen_at(const std::string& address) {
   const AddressList where = resolve(address);

@@ -21,6 +21,9 @@ class Socket {
 
   int fd() const { return fd_; }
 
+  /// Until there are bytes, or the end. False: neither came by the deadline.
+  bool wait_readable(Clock::time_point deadline) const;
+
   /// Waits for bytes and appends up to 64 KiB of them to `bytes`. False: the peer has sent all.
   bool receive(std::string& bytes);
 
@@ -30,6 +33,9 @@ class Socket {
 
   /// Ends both directions: a thread that waits in receive() finds the end.
   void shutdown() noexcept;
+
+  /// Ends the direction from the peer alone: receive() finds the end, what is to be sent is sent.
+  void shutdown_receive() noexcept;
 
  private:
   int fd_;
