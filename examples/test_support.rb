@@ -33,8 +33,11 @@ class Program
 
   attr_reader :pid, :output_file, :log_file
 
-  # A program of this folder, warnings on. through is a command to run it with.
-  def self.ruby(folder, program, *arguments, env: {}, through: [])
+  # A program of this folder, warnings on, or one of another language by its whole path. through is a command to run it
+  # with.
+  def self.example(folder, program, *arguments, env: {}, through: [])
+    return new(folder, *through, program, *arguments, env: env) if program.start_with?("/")
+
     new(folder, *through, RbConfig.ruby, "-W", File.join(__dir__, program), *arguments, env: env)
   end
 
@@ -101,7 +104,7 @@ class ExampleTest < Minitest::Test
   end
 
   def start(program, *arguments, **options)
-    @programs << Program.ruby(@folder, program, *arguments, **options)
+    @programs << Program.example(@folder, program, *arguments, **options)
     @programs.last
   end
 

@@ -69,5 +69,10 @@ serve("Ruby server with threads", *RUBY, File.join(RPC, "thread_server.rb")) do 
   tour("C++ client, Ruby server, 12-byte headers", File.join(NATIVE, "rpc_tour"), address, "12")
 end
 
+# What hostile clients can do to the Ruby servers, on the C++ one.
+server = File.expand_path("rpc_server", NATIVE)
+attack = IO.popen([{ "SERVER" => server }, *RUBY, File.join(RPC, "hostile_clients_test.rb"), err: [:child, :out]], &:read)
+report("C++ server under hostile clients", $?.success?, attack)
+
 puts "#{@passed} passed, #{@failed} failed"
 exit @failed.zero?

@@ -21,6 +21,7 @@ class FiberServer
   MAX_IN_PROGRESS = 16    # requests of one client; with more, nothing more is read and the client feels it
   MAX_UNSENT = 256 << 10  # bytes of answers that a client has not taken; with more, none of its requests is begun
   WRITE_SECONDS = 2       # how long a client may leave its answers unread
+  TURN_SECONDS = 0.01     # how long requests of one client are begun before it is others' turn
   IDLE_SECONDS = 60       # how long a client may be silent that waits for no answer
 
   # gone: nothing can be sent any more.
@@ -89,8 +90,13 @@ class FiberServer
       patience.over(client.in_progress) until client.socket.wait_readable(patience.left)
       return unless (chunk = client.socket.read)
 
+      turn = Sockets.now + TURN_SECONDS
       reader.feed(chunk) do |request|
         @service.check(request)
+        if Sockets.now > turn
+          @reactor.pass
+          turn = Sockets.now + TURN_SECONDS
+        end
         wait_for_room(client)
         return if client.gone
 

@@ -46,6 +46,12 @@ class Reactor
     suspend(nil, false, seconds)
   end
 
+  # Lets the others have their turn.
+  def pass
+    @ready << [Fiber.current, nil]
+    Fiber.yield
+  end
+
   def wake(fiber)
     @ready << [fiber, true] if @waits.delete(fiber)
   end
