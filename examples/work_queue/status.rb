@@ -9,4 +9,5 @@ require_relative "work_queue"
 queue = WorkQueue.new(ENV.fetch("REDIS_URL", "redis://127.0.0.1:6379"), ENV.fetch("QUEUE", "jobs"), 0)
 queue.prepare
 puts queue.counts.map { |what, number| "#{what} #{number}" }.join(", ")
-queue.dead.each { |id, reason| puts "dead #{id}: #{reason}" }
+# Shown as it would stand in a program: whoever reaches Redis may have written it.
+queue.dead.each { |id, reason| puts "dead #{id.inspect[1..-2]}: #{reason.inspect[1..-2]}" }

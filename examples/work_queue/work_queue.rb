@@ -16,6 +16,20 @@ require_relative "payload"
 class WorkQueue
   GROUP = "workers"
 
+  # What becomes of a message is decided by who takes it off the list of pending ones, so it is completed or put aside,
+  # once, whatever a slower worker does later. The group is the only reader, so the stream need not remember it.
+  COMPLETE = <<-LUA
+    if redis.call("XACK", KEYS[1], ARGV[1], ARGV[2]) == 0 then return 0 end
+    redis.call("XDEL", KEYS[1], ARGV[2])
+    return redis.call("HSETNX", KEYS[2], ARGV[2], ARGV[3])
+  LUA
+  BURY = <<-LUA
+    if redis.call("XACK", KEYS[1], ARGV[1], ARGV[2]) == 0 then return 0 end
+    redis.call("XDEL", KEYS[1], ARGV[2])
+    redis.call("XADD", KEYS[2], "*", "id", ARGV[2], "p", ARGV[3], "reason", ARGV[4])
+    return 1
+  LUA
+
   Message = Struct.new(:id, :payload, :deliveries)
 
   # lease is in milliseconds. It must be longer than a batch of messages takes, or work is done twice.
@@ -58,22 +72,15 @@ class WorkQueue
     messages(@redis.xclaim(@name, GROUP, worker, @lease, id), deliveries + 1).first
   end
 
-  # Keeps the result and takes the message off the queue, both or neither. False: another worker was faster, and
-  # its result stands.
+  # Keeps the result and takes the message off the queue, both or neither. False: another worker was faster, and what
+  # it did stands.
   def complete(message, result)
-    kept, = @redis.multi do |transaction|
-      transaction.hsetnx(results_key, message.id, Payload.encode(result))
-      finish(transaction, message)
-    end
-    kept
+    decide(COMPLETE, results_key, message.id, Payload.encode(result))
   end
 
-  # Puts a message aside that nobody can process.
+  # Puts a message aside that nobody can process. False as above.
   def bury(message, reason)
-    @redis.multi do |transaction|
-      transaction.xadd(dead_key, { "id" => message.id, "p" => message.payload, "reason" => reason })
-      finish(transaction, message)
-    end
+    decide(BURY, dead_key, message.id, message.payload, reason)
   end
 
   # Forgets a worker that takes nothing any more. One that still has messages stays on the list, since they would go
@@ -104,9 +111,8 @@ class WorkQueue
 
   private
 
-  def finish(transaction, message)
-    transaction.xack(@name, GROUP, message.id)
-    transaction.xdel(@name, message.id) # the group is the only reader, so the stream need not remember
+  def decide(script, key, *arguments)
+    @redis.eval(script, [@name, key], [GROUP, *arguments]) == 1
   end
 
   def messages(entries, deliveries)

@@ -7,6 +7,7 @@
 # REDIS_URL   where Redis is (default redis://127.0.0.1:6379); unix:///PATH for a socket
 # QUEUE       the queue's name (default jobs)
 # LEASE_MS    after how long a message that another worker holds is taken over (default 30000)
+# JOB_MS      how long a job may take (default: the lease, after which it is another worker's)
 # BATCH       messages taken at once (default 10)
 # DELIVERIES  how often a message is tried (default 5)
 #
@@ -15,16 +16,21 @@
 require "logger"
 require "securerandom"
 require "socket"
+require "timeout"
 require_relative "work_queue"
+
+# A job that nobody can do, however often it is tried.
+class BadJob < StandardError; end
 
 class Worker
   WAIT_MS = 1000           # for new messages
   MAX_RETRY_SECONDS = 5    # between attempts to reach Redis
 
-  def initialize(queue, name, lease, batch, deliveries, log)
+  def initialize(queue, name, lease, job_time, batch, deliveries, log)
     @queue = queue
     @name = name
     @lease = lease
+    @job_time = job_time # milliseconds too
     @batch = batch
     @deliveries = deliveries
     @log = log
@@ -81,30 +87,46 @@ class Worker
       @queue.bury(message, "tried #{@deliveries} times")
       return @log.error("#{message.id}: given up")
     end
-    value =
-      begin
-        Payload.decode(message.payload)
-      rescue RuntimeError => e
-        # Trying again does not help.
-        @queue.bury(message, e.message)
-        return @log.error("#{message.id}: #{e.message}; put aside")
-      end
-    kept = @queue.complete(message, yield(value))
+    kept = @queue.complete(message, result_of(message) { |value| yield(value) })
     puts "#{message.id} #{kept ? "done" : "done before"}"
+  rescue BadJob => e
+    @queue.bury(message, e.message)
+    @log.error("#{message.id}: #{e.message}; put aside")
   rescue Redis::BaseError
     raise
   rescue StandardError => e
     # It stays pending, so it is tried again when the lease is over.
     @log.error("#{message.id}: #{e.message} (#{e.class})")
   end
+
+  # One job that never ends would take every worker in turn. Work that is in native code all the time is not
+  # interrupted: such work needs a process of its own, and an end to that.
+  def result_of(message)
+    value =
+      begin
+        Payload.decode(message.payload)
+      rescue RuntimeError => e
+        raise BadJob, e.message
+      end
+    Timeout.timeout(@job_time / 1000.0) { yield(value) }
+  end
+end
+
+# Every number of a job comes through here. No range covers NaN, a String or nil.
+def number(value, range, kind = Numeric)
+  return value if value.is_a?(kind) && range.cover?(value)
+
+  raise BadJob, "#{kind} from #{range.first} to #{range.last} wanted"
 end
 
 # The work of this example.
 WORK = lambda do |job|
+  raise BadJob, "no Hash" unless job.is_a?(Hash)
+
   case job["do"]
   when "square"
-    sleep(job["seconds"] || 0)
-    square = job["number"]**2
+    sleep(number(job.fetch("seconds", 0), 0..1_000_000_000))
+    square = number(job["number"], -2**63..2**63 - 1, Integer)**2
     # Sent as it is, it would arrive as its low 32 bits.
     square < 2**31 ? square : square.to_s
   when "fail" then raise "as told"
@@ -119,8 +141,8 @@ if $PROGRAM_NAME == __FILE__
   queue = WorkQueue.new(ENV.fetch("REDIS_URL", "redis://127.0.0.1:6379"), ENV.fetch("QUEUE", "jobs"), lease)
   # A name of its own for each process that ever runs: two of one name would be one worker to Redis.
   name = "#{Socket.gethostname}:#{Process.pid}:#{SecureRandom.hex(4)}"
-  worker = Worker.new(queue, name, lease, Integer(ENV.fetch("BATCH", 10)), Integer(ENV.fetch("DELIVERIES", 5)),
-                      Logger.new($stderr))
+  worker = Worker.new(queue, name, lease, Integer(ENV.fetch("JOB_MS", lease)), Integer(ENV.fetch("BATCH", 10)),
+                      Integer(ENV.fetch("DELIVERIES", 5)), Logger.new($stderr))
   %w[TERM INT].each { |signal| trap(signal) { worker.stop } }
   worker.run(&WORK)
 end
