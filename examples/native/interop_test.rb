@@ -71,7 +71,8 @@ end
 
 # What hostile clients can do to the Ruby servers, on the C++ one.
 server = File.expand_path("rpc_server", NATIVE)
-attack = IO.popen([{ "SERVER" => server }, *RUBY, File.join(RPC, "hostile_clients_test.rb"), err: [:child, :out]], &:read)
+attack = IO.popen([{ "SERVER" => server }, *RUBY, File.join(RPC, "hostile_clients_test.rb"), err: [:child, :out]],
+                  &:read)
 report("C++ server under hostile clients", $?.success?, attack)
 
 puts "#{@passed} passed, #{@failed} failed"

@@ -111,9 +111,11 @@ bool is_id(const VObject& id) {
 }  // namespace
 
 void check_request(const VObject& request) {
-  const bool ok = request.type() == VORN::DT_VECTOR && request.getvec().size() == 3 &&
-                  is_id(request.getvec()[0]) && request.getvec()[1].type() == VORN::DT_STR && request.getvec()[2].type() == VORN::DT_VECTOR;
-  if (!ok) throw BadFrame("not a request");
+  const auto has_form = [](const VObjectVector& parts) {
+    return parts.size() == 3 && is_id(parts[0]) && parts[1].type() == VORN::DT_STR &&
+           parts[2].type() == VORN::DT_VECTOR;
+  };
+  if (request.type() != VORN::DT_VECTOR || !has_form(request.getvec())) throw BadFrame("not a request");
 }
 
 VObject answer_to(const VObject& request) {
