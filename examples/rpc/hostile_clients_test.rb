@@ -87,35 +87,54 @@ class HostileClientsTest < ExampleTest
     end
   end
 
+  # A server with fibers in this process. Yields its address, its thread, its log, and how many of its fibers wait.
+  def fiber_server
+    skip("another server") if ENV.key?("SERVER")
+    log = StringIO.new
+    reactor = Reactor.new
+    server = FiberServer.new("tcp:127.0.0.1:0", Logger.new(log), 60, reactor)
+    thread = Thread.new { server.run }
+    thread.report_on_exception = false if thread.respond_to?(:report_on_exception=)
+    yield server, thread, log, -> { reactor.instance_variable_get(:@waits).size }
+  ensure
+    thread.kill.join if thread
+  end
+
   # Whatever a request makes a server with fibers raise ends that connection, and no other.
   def test_a_failure_of_any_kind_ends_one_connection
-    skip("another server") if ENV.key?("SERVER")
     [NotImplementedError, NoMemoryError, SystemStackError, ArgumentError, IOError].each do |failure|
-      log = StringIO.new
-      reactor = Reactor.new
-      server = FiberServer.new("tcp:127.0.0.1:0", Logger.new(log), 60, reactor)
-      service = server.instance_variable_get(:@service)
-      service.define_singleton_method(:frame) do |writer, answer|
-        answer[2] == "now" ? raise(failure, "out of order") : super(writer, answer)
+      fiber_server do |server, thread, log, waiting|
+        service = server.instance_variable_get(:@service)
+        service.define_singleton_method(:frame) do |writer, answer|
+          answer[2] == "now" ? raise(failure, "out of order") : super(writer, answer)
+        end
+        service.define_singleton_method(:check) do |request|
+          request[0] == 7 ? raise(failure, "out of order") : super(request)
+        end
+        other = ThreadClient.new(server.address)
+        assert_equal 1, other.call("echo", [1])
+        [HostileClients.request(1, "echo", "now"), HostileClients.request(7, "echo")].each do |bytes|
+          HostileClients.exchange(server.address, bytes)
+          assert thread.alive?, "#{failure} ended the server"
+        end
+        assert_equal 2, log.string.scan("out of order").size, log.string
+        assert_equal 2, other.call("echo", [2])
+        other.close
+        eventually("only the fiber that accepts is left") { waiting.call == 1 }
+        assert_equal 0, server.instance_variable_get(:@connections)
       end
-      service.define_singleton_method(:check) do |request|
-        request[0] == 7 ? raise(failure, "out of order") : super(request)
-      end
-      thread = Thread.new { server.run }
-      thread.report_on_exception = false if thread.respond_to?(:report_on_exception=)
-      other = ThreadClient.new(server.address)
-      assert_equal 1, other.call("echo", [1])
-      [HostileClients.request(1, "echo", "now"), HostileClients.request(7, "echo")].each do |bytes|
-        HostileClients.exchange(server.address, bytes)
-        assert thread.alive?, "#{failure} ended the server"
-      end
-      assert_equal 2, log.string.scan("out of order").size, log.string
-      assert_equal 2, other.call("echo", [2])
-      other.close
-      # Only the fiber that accepts waits.
-      eventually("the fibers end") { reactor.instance_variable_get(:@waits).size == 1 }
-      assert_equal 0, server.instance_variable_get(:@connections)
-      thread.kill.join
+    end
+  end
+
+  def test_requests_of_one_client_that_wait
+    fiber_server do |server, _, _, waiting|
+      greedy = HostileClients.connect(server.address)
+      greedy.write(HostileClients.request(1, "pause", 5) * (FiberServer::MAX_IN_PROGRESS * 2))
+      # One more accepts, one reads.
+      eventually("the share is in use") { waiting.call == FiberServer::MAX_IN_PROGRESS + 2 }
+      assert_operator HostileClients.seconds_for_others(server.address), :<, SECONDS_FOR_OTHERS
+      eventually("no more than the share is in use") { waiting.call == FiberServer::MAX_IN_PROGRESS + 2 }
+      HostileClients.reset(greedy)
     end
   end
 
@@ -204,16 +223,27 @@ class HostileClientsTest < ExampleTest
         slow = Thread.new do
           [HostileClients.trickle(trickling, HostileClients.request(1, "echo", "x" * 150), 0.1), now - began]
         end
+        frame = HostileClients.request(1, "echo", 1)
         # Each frame takes long, and all together longer than the limit for one.
         patient = HostileClients.connect(address)
-        frame = HostileClients.request(1, "echo", 1)
-        assert HostileClients.trickle(patient, frame * (6 / (frame.bytesize * 0.05)).ceil, 0.05), server
+        many = frame * (6 / (frame.bytesize * 0.05)).ceil
+        slow_frames = Thread.new { HostileClients.trickle(patient, many, 0.05) }
+        # No chunk of it ends where a frame does.
+        straddling = HostileClients.connect(address)
+        straddling.write(frame.byteslice(0, 3))
+        7.times do
+          sleep(0.9)
+          straddling.write(frame.byteslice(3..-1) + frame.byteslice(0, 3))
+        end
+        answers = 7 * FrameWriter.new(100).frame([1, nil, 1]).bytesize
+        assert_equal answers, within(5) { straddling.read(answers) }.bytesize, server
+        assert within(20) { slow_frames.value }, server
         assert HostileClients.seconds_until_closed(stopped, 3), server
         whole, seconds = within(20) { slow.value }
         refute whole, server
         assert_includes 4..9, seconds, server
         assert_equal 2, program.log.scan("the rest of a frame did not come in 5 s; closing").size
-        [stopped, trickling, patient].each(&:close)
+        [stopped, trickling, patient, straddling].each(&:close)
       end
     end
   end
@@ -248,6 +278,21 @@ class HostileClientsTest < ExampleTest
     random = Random.new(Integer(ENV.fetch("SEED", 1)))
     each_server do |program, address, server|
       leaves_nothing(program, server) { HostileClients.garbage(address, 200 * TIMES, random) }
+    end
+  end
+
+  # What no worker has begun is left undone.
+  def test_the_end_answers_what_was_begun
+    (SERVERS - ["rpc/fiber_server.rb"]).each do |server|
+      program, address = serve(server)
+      sockets = Array.new(5) { HostileClients.connect(address) }
+      sockets.each { |socket| socket.write(HostileClients.request(1, "pause", 0.7) * 4) }
+      sleep(0.3)
+      program.signal("TERM")
+      assert_equal 0, program.wait(5), server
+      answers = sockets.map { |socket| socket.read.bytesize }.reduce(:+)
+      assert_equal 8 * FrameWriter.new(100).frame([1, nil, 0.7]).bytesize, answers, server # there are 8 workers
+      sockets.each(&:close)
     end
   end
 
