@@ -138,18 +138,22 @@ class HostileClientsTest < ExampleTest
     end
   end
 
-  # A client that asks for much and reads nothing gets no more memory than its share, and none of others' time.
+  # A client that asks for much and reads nothing gets no more memory than its share, and none of others' time. What
+  # many such clients leave to the collector, one after the other, comes to no more than some times that.
   def test_flooding_clients
     each_server do |program, address, server|
       leaves_nothing(program, server) do
         clients = 12
+        grown = ->(start) { HostileClients.peak_memory(program.pid) - start }
         before = HostileClients.peak_memory(program.pid)
-        slowest = TIMES.times.map { HostileClients.flood(address, clients) }.max
-        peak = HostileClients.peak_memory(program.pid)
-        puts format("%s: %d flooding clients, peak memory %d MB (%d at rest), others waited %.2f s at most",
-                    server, clients, peak, before, slowest)
-        assert_operator peak - before, :<, 13 * clients, "MB, #{server}"
-        assert_operator slowest, :<, SECONDS_FOR_OTHERS, server
+        slowest = [HostileClients.flood(address, clients)]
+        first = grown.call(before)
+        (TIMES - 1).times { slowest << HostileClients.flood(address, clients) }
+        puts format("%s: %d flooding clients take %d MB, %d MB after %d times; others waited %.2f s at most",
+                    server, clients, first, grown.call(before), TIMES, slowest.max)
+        assert_operator first, :<, 13 * clients, "MB, #{server}"
+        assert_operator grown.call(before), :<, (TIMES > 1 ? 40 : 13) * clients, "MB, #{server}"
+        assert_operator slowest.max, :<, SECONDS_FOR_OTHERS, server
         eventually("#{server} gives up") { program.log =~ UNREAD }
       end
     end
@@ -270,7 +274,7 @@ class HostileClientsTest < ExampleTest
   def test_resetting_clients
     each_server do |program, address, server|
       leaves_nothing(program, server) { HostileClients.resets(address, 60 * TIMES) }
-      assert_operator HostileClients.peak_memory(program.pid), :<, 150, "MB, #{server}"
+      assert_operator HostileClients.peak_memory(program.pid), :<, 300, "MB, #{server}"
     end
   end
 
