@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cmath>
 
 #include "vobject/vobject.h"
 
@@ -6,10 +7,19 @@ namespace VORN {
 
 namespace {
 
-/// Whether the distance is greater than epsilon; never with NaN. As a sum, because the distance itself
-/// carries the rounding of both numbers: 1.05 - 1.0 is greater than 0.05, and 1.0 + 0.05 is 1.05.
+/// As a double, where the machine's registers may hold more: the same answer on every machine.
+double rounded(double value) {
+  const volatile double stored = value;
+  return stored;
+}
+
+/// Whether the distance is greater than epsilon by more than rounding; never with NaN. The distance alone carries
+/// the rounding of both numbers: 1.05 - 1.0 is greater than 0.05, and 1.0 + 0.05 is 1.05. The sum alone says
+/// nothing where it is infinite, and may round to less than the greater where the distance is epsilon.
 bool farther_apart(double a, double b, double epsilon) {
-  return std::max(a, b) > std::min(a, b) + epsilon;
+  const double distance = rounded(std::fabs(a - b));
+  if (!(distance > epsilon)) return false;
+  return std::isinf(distance) || std::max(a, b) > rounded(std::min(a, b) + epsilon);
 }
 
 }  // namespace

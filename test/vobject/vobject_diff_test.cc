@@ -1,3 +1,4 @@
+#include <cfloat>
 #include <cmath>
 
 #include "test/vobject/values.h"
@@ -53,11 +54,172 @@ TEST(DiffPatch, LeavesOutDoublesWithinEpsilonInclusive) {
   EXPECT_TRUE(Diff(1e308, -1e308, 1.0).differ);
 }
 
+/// Whether two doubles differ, which does not depend on their order.
+bool far_apart(double a, double b, double epsilon) {
+  const bool differ = Diff(a, b, epsilon).differ;
+  EXPECT_EQ(differ, Diff(b, a, epsilon).differ) << "in the other order";
+  return differ;
+}
+
+TEST(DiffEpsilon, CasesInBothOrders) {
+  constexpr double INF = HUGE_VAL;
+  const double nan = std::nan("");
+  const double next = std::nextafter(1.0, 2.0);
+  const double ulp = next - 1.0;
+  const struct {
+    double a;
+    double b;
+    double epsilon;
+    bool differ;
+  } cases[] = {
+      {1.0, 1.05, 0.05, false},  // 1.05 - 1.0 is a hair more than 0.05, 1.0 + 0.05 is 1.05
+      {1.0, 1.05, 0.01, true},
+      {-1.0, -1.05, 0.05, false},
+      {1.0, 1.5, 0.5, false},
+      {1.0, 1.5, 0.5 - ulp, true},
+      {1.0, 1.5, 0.5 + ulp, false},
+      // The sum of the lesser and epsilon is a hair less than the greater: the distance is epsilon all the same.
+      {-62.340920642926115, -0.83200409151240673, 61.508916551413705, false},
+      {-62.340920642926115, -0.83200409151240673, std::nextafter(61.508916551413705, 0.0), true},
+      // Further apart than epsilon by less than a double of the greater's size can say.
+      {1.0, 1.5, std::nextafter(0.5, 0.0), false},
+      {-1.0, DBL_TRUE_MIN, 1.0, false},
+      {-DBL_TRUE_MIN, 1.0, 1.0, false},
+      {1.0, -1.0, std::nextafter(2.0, 0.0), true},
+      // Nothing is too near for an epsilon of 0, or for a negative one.
+      {1.0, next, 0.0, true},
+      {1.0, next, ulp, false},
+      {1.0, next, ulp / 4, true},
+      {1.0, std::nextafter(1.0, 0.0), 0.0, true},
+      {1.0, next, -0.0, true},
+      {1.0, next, -1.0, true},
+      {1.0, next, -INF, true},
+      {1.0, 1.0, -1.0, false},
+      {0.0, -0.0, 0.0, false},
+      {0.0, -0.0, -1.0, false},
+      // Denormal numbers.
+      {0.0, DBL_TRUE_MIN, 0.0, true},
+      {0.0, DBL_TRUE_MIN, DBL_TRUE_MIN, false},
+      {-DBL_TRUE_MIN, DBL_TRUE_MIN, DBL_TRUE_MIN, true},
+      {-DBL_TRUE_MIN, DBL_TRUE_MIN, 2 * DBL_TRUE_MIN, false},
+      {DBL_MIN, std::nextafter(DBL_MIN, 0.0), 0.0, true},
+      {DBL_MIN, std::nextafter(DBL_MIN, 0.0), DBL_TRUE_MIN, false},
+      // Large numbers, and distances that are no double.
+      {DBL_MAX, std::nextafter(DBL_MAX, 0.0), 0.0, true},
+      {DBL_MAX, std::nextafter(DBL_MAX, 0.0), DBL_MAX, false},
+      {1e308, DBL_MAX, 1e308, false},
+      {DBL_MAX, 0.0, DBL_MAX, false},
+      {DBL_MAX, -DBL_MAX, DBL_MAX, true},
+      {DBL_MAX, -DBL_MAX, 1.0, true},
+      {DBL_MAX, -DBL_MAX, INF, false},
+      {1e308, -1e308, 1.0, true},
+      // Infinities: an infinite distance is more than any that is finite.
+      {INF, 1e308, 1e308, true},
+      {-INF, -1e308, 1e308, true},
+      {INF, DBL_MAX, DBL_MAX, true},
+      {INF, 0.0, 0.0, true},
+      {-INF, 0.0, DBL_MAX, true},
+      {INF, -INF, 1e300, true},
+      {INF, -INF, DBL_MAX, true},
+      {INF, -INF, -INF, true},
+      {INF, 0.0, INF, false},
+      {-INF, 0.0, INF, false},
+      {INF, -INF, INF, false},
+      {INF, INF, 0.0, false},
+      {INF, INF, -1.0, false},
+      {0.0, 1.0, INF, false},
+      // NaN.
+      {nan, nan, 0.0, false},
+      {nan, nan, -1.0, false},
+      {nan, 1.0, 0.0, false},
+      {nan, 1.0, -1.0, false},
+      {nan, INF, 1.0, false},
+      {nan, -INF, 1.0, false},
+      {nan, -INF, -INF, false},
+      {nan, 1.0, INF, false},
+      {1.0, 2.0, nan, false},
+      {INF, -INF, nan, false},
+      {nan, nan, nan, false},
+  };
+  for (const auto& c : cases) {
+    char text[120];
+    std::snprintf(text, sizeof text, "%.17g, %.17g, epsilon %.17g", c.a, c.b, c.epsilon);
+    EXPECT_EQ(c.differ, far_apart(c.a, c.b, c.epsilon)) << text;
+  }
+}
+
+/// Integers in which the distance and the sum of three doubles are exact.
+#ifdef __SIZEOF_INT128__
+__extension__ using Exact = __int128;
+constexpr unsigned MAX_SHIFT = 60;
+#else
+// Narrow enough to be exact in the registers of an x87 as well, whose double rounding then shows nothing.
+using Exact = int64_t;
+constexpr unsigned MAX_SHIFT = 8;
+#endif
+
+double nearest(Exact n) {
+  const volatile double rounded = static_cast<double>(n);
+  return rounded;
+}
+
+/// What one step of a double of this size is worth, 0 if less than an integer.
+Exact ulp_of(double d) {
+  const double size = std::fabs(d);
+  return static_cast<Exact>(std::nextafter(size, HUGE_VAL) - size);
+}
+
+TEST(DiffEpsilon, AgreesWithExactArithmetic) {
+  std::mt19937_64 random(20261121);
+  const auto number = [&random] {
+    const Exact mantissa = static_cast<int64_t>(random() >> (11 + random() % 53));
+    const Exact n = mantissa << (random() % (MAX_SHIFT + 1));
+    return random() % 2 == 0 ? n : -n;
+  };
+  unsigned changes = 0;
+  unsigned near = 0;
+  unsigned near_by_distance = 0;
+  unsigned near_by_sum = 0;
+  for (int i = 0; i < 200000; ++i) {
+    const Exact a = number();
+    const Exact b = random() % 2 == 0 ? number() : a + number() / 1024;
+    const double x = nearest(a);
+    const double y = nearest(b);
+    const Exact distance = std::max<Exact>(x, y) - std::min<Exact>(x, y);
+    if (distance == 0) continue;
+    // Mostly the distance itself, or a step or two beside it.
+    const Exact step = std::max<Exact>(1, ulp_of(nearest(distance)));
+    const double epsilon =
+        random() % 8 == 0 ? std::fabs(nearest(number()))
+                          : std::fabs(nearest(distance + step * (static_cast<int>(random() % 5) - 2)));
+
+    const double lesser = std::min(x, y);
+    const double greater = std::max(x, y);
+    const bool beyond_distance = nearest(distance) > epsilon;
+    const bool beyond_sum = greater > nearest(static_cast<Exact>(lesser) + static_cast<Exact>(epsilon));
+    const bool differ = far_apart(x, y, epsilon);
+    ASSERT_EQ(beyond_distance && beyond_sum, differ) << x << ", " << y << ", " << epsilon;
+    // The bounds that hold without any rounding: never a change within epsilon, always one beyond it and the
+    // rounding of the two numbers.
+    const Exact excess = distance - static_cast<Exact>(epsilon);
+    if (excess <= 0) {
+      ASSERT_FALSE(differ);
+    }
+    if (excess > std::max(ulp_of(x), ulp_of(y))) {
+      ASSERT_TRUE(differ);
+    }
+    ++(differ ? changes : excess <= 0 ? near : beyond_distance ? near_by_sum : near_by_distance);
+  }
+  EXPECT_GT(changes, 1000U);
+  EXPECT_GT(near, 1000U);
+  EXPECT_GT(near_by_distance, 1000U);
+  EXPECT_GT(near_by_sum, 1000U);
+}
+
 TEST(DiffPatch, OfNaNIsNone) {
   const double nan = std::nan("");
   EXPECT_FALSE(Diff(nan, nan).differ);
-  EXPECT_FALSE(Diff(1.0, nan).differ);
-  EXPECT_FALSE(Diff(nan, 1.0).differ);
+  EXPECT_EQ(hash({}), Diff(hash({{"x", 1.0}}), hash({{"x", nan}})).patch);
 }
 
 TEST(DiffPatch, OfHashesHoldsAdditionsAndChanges) {
@@ -109,6 +271,17 @@ TEST(DiffPatch, WithinEpsilonInsideContainers) {
   EXPECT_EQ(VObject::new_hash(), Diff(hash({{"x", 1.0}}), hash({{"x", 1.25}}), 0.5).patch);
   EXPECT_EQ(vec({1.25}), Diff(vec({1.0}), vec({1.25}), 0.5).patch)
       << "a no-op element is the new value itself";
+}
+
+TEST(DiffPatch, AHashInAVectorThatStaysWithinEpsilonIsNotStructural) {
+  const auto point = [](double x) { return vec({hash({{"x", x}})}); };
+  const Diff near(point(1.0), point(1.25), 0.5);
+  EXPECT_FALSE(near.structural);
+  EXPECT_EQ(vec({hash({})}), near.patch);
+  EXPECT_TRUE(Diff(point(1.0), point(1.25), 0.125).structural);
+  const Diff top(hash({{"x", 1.0}}), hash({{"x", 1.25}}), 0.5, DT_VECTOR);
+  EXPECT_FALSE(top.structural);
+  EXPECT_EQ(hash({}), top.patch);
 }
 
 TEST(DiffPatch, TheShortFormDiffersInNothingElse) {
