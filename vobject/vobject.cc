@@ -131,8 +131,13 @@ void VObject::reset_vector(size_t reserve) {
   if (t.tag_ == DT_VECTOR) {
     const VObject held(t);  // likewise, and the storage is to be used again
     VObjectVector& elements = held.as_vec();
-    elements.clear();
-    elements.reserve(reserve);
+    if (reserve > elements.capacity()) {
+      VObjectVector room;
+      room.reserve(reserve);  // without the memory for it, nothing has changed
+      elements.swap(room);
+    } else {
+      elements.clear();
+    }
   } else {
     t.replace(new_vector(reserve));
   }

@@ -1,5 +1,7 @@
 /// Every public operation with its n-th allocation failing, for every n until it succeeds: it does its work
 /// or throws std::bad_alloc, and what it leaves behind can be used and ended without a leak.
+#include <stdexcept>
+
 #include "proto/packet_frame_out.h"
 #include "test/support/allocations.h"
 #include "test/vobject/values.h"
@@ -87,8 +89,7 @@ TEST(AllocationFailure, Setters) {
   check("own elements", [](Subject& s) { s.v = s.v.getvec(); });
   check("reset_hash", [](Subject& s) { s.v.reset_hash(); });
   check("reset_vector", [](Subject& s) { s.ref.reset_vector(10); });
-  check(
-      "reset_vector of a vector", [](Subject& s) { s.v.reset_vector(100); }, false);
+  check("reset_vector of a vector", [](Subject& s) { s.v.reset_vector(100); });
 }
 
 TEST(AllocationFailure, Containers) {
@@ -107,6 +108,50 @@ TEST(AllocationFailure, MergeAndDiff) {
     VObject out;
     VObject::diff(s.v, out, s.other, DT_NIL, 0);
   });
+}
+
+/// What a failure leaves of a merge is merged as far as it went: merging again completes it.
+TEST(AllocationFailure, AMergeCanBeTakenUpAgain) {
+  Subject whole;
+  const std::string expected = rendered(whole.v.merge(whole.other));
+  for (uint64_t nth = 1;; ++nth) {
+    ASSERT_LT(nth, 100U);
+    Subject s;
+    const std::string source = rendered(s.other);
+    bool failed = false;
+    {
+      const FailAllocation failure(nth);
+      try {
+        s.v.merge(s.other);
+      } catch (const std::bad_alloc&) {
+        failed = true;
+      }
+    }
+    EXPECT_EQ(source, rendered(s.other));
+    EXPECT_EQ(expected, rendered(s.v.merge(s.other))) << "allocation " << nth;
+    if (!failed) break;
+  }
+}
+
+TEST(AllocationFailure, DiffIntoAValueLeavesBothSourcesAndAValue) {
+  for (uint64_t nth = 1;; ++nth) {
+    ASSERT_LT(nth, 100U);
+    Subject s;
+    const std::string before = rendered(s.v) + rendered(s.other);
+    bool failed = false;
+    {
+      const FailAllocation failure(nth);
+      try {
+        VObject::diff(s.v, s.ref, s.other, DT_NIL, 0);
+      } catch (const std::bad_alloc&) {
+        failed = true;
+      }
+    }
+    EXPECT_EQ(before, rendered(s.v) + rendered(s.other));
+    ASSERT_EQ(DT_REF, s.ref.type());
+    EXPECT_TRUE(s.referent->type() == DT_NIL || s.referent->type() == DT_VECTOR) << rendered(s.ref);
+    if (!failed) break;
+  }
 }
 
 TEST(AllocationFailure, Codec) {
@@ -184,6 +229,18 @@ TEST(AllocationFailure, Rendering) {
     render(s.ref, out);
     render(1e300, out);
   });
+  Subject whole;
+  const std::string expected = "before " + rendered(whole.v);
+  check("render behind other text", [&expected](Subject& s) {
+    std::string out("before ");
+    try {
+      render(s.v, out);
+    } catch (const std::bad_alloc&) {
+      EXPECT_EQ(expected.substr(0, out.size()), out);
+      EXPECT_LE(7U, out.size());
+      throw;
+    }
+  });
   check("escape_str", [](Subject& s) {
     std::string out;
     escape_str(s.text, out, '"');
@@ -205,6 +262,78 @@ TEST(AllocationFailure, ExtractMessages) {
     VObjectVector messages;
     PROTO::proto_extract_messages(frame, messages);
   });
+}
+
+/// More than any container holds is std::length_error, and nothing has changed. The sizes are volatile, or the
+/// compiler would warn of them.
+TEST(LengthError, LeavesValuesAsTheyWere) {
+  const volatile size_t largest = SIZE_MAX;
+  const volatile size_t too_many = VObjectVector().max_size() + 1;
+  const VObject other_kind(LONG_TEXT);
+  for (const size_t n : {size_t{too_many}, size_t{largest}}) {
+    const int64_t before = live_allocations();
+    EXPECT_THROW(VObject::new_vector(n), std::length_error);
+    EXPECT_EQ(before, live_allocations());
+    Subject s;
+    const std::string values = rendered(s.v) + rendered(s.ref);
+    const void* const storage = storage_of(s.v);
+    EXPECT_THROW(s.v.reset_vector(n), std::length_error);
+    EXPECT_THROW(s.ref.reset_vector(n), std::length_error);
+    EXPECT_EQ(values, rendered(s.v) + rendered(s.ref));
+    EXPECT_EQ(storage, storage_of(s.v));
+  }
+  EXPECT_THROW(VObject("text", largest), std::length_error);
+}
+
+/// The most that a container says it could hold is more than the machine has.
+TEST(LengthError, IsBadAllocWithinTheMaximum) {
+  const LimitAllocations limit(1 << 20);
+  const size_t most = VObjectVector().max_size();
+  EXPECT_THROW(VObject::new_vector(most), std::bad_alloc);
+  Subject s;
+  const std::string values = rendered(s.v) + rendered(s.ref);
+  EXPECT_THROW(s.v.reset_vector(most), std::bad_alloc);
+  EXPECT_THROW(s.ref.reset_vector(most), std::bad_alloc);
+  EXPECT_EQ(values, rendered(s.v) + rendered(s.ref));
+}
+
+TEST(AllocationFailure, ExtractMessagesBehindEarlierOnes) {
+  PROTO::PacketFrameOut out;
+  out.reset();
+  Subject().v.serialize(out, 64);
+  VObject(LONG_TEXT).serialize(out, 64);
+  out.compute_frame_header();
+  PROTO::PacketFrameIn frame;
+  frame.reset();
+  frame.assemble(out.data().data(), out.pos(), 0);
+  ASSERT_TRUE(frame.have_complete_frame());
+  for (uint64_t nth = 1;; ++nth) {
+    ASSERT_LT(nth, 100U);
+    VObjectVector messages{VObject(LONG_TEXT)};
+    frame.set_pos(0);
+    bool failed = false;
+    {
+      const FailAllocation failure(nth);
+      try {
+        PROTO::proto_extract_messages(frame, messages);
+      } catch (const std::bad_alloc&) {
+        failed = true;
+      }
+    }
+    ASSERT_FALSE(messages.empty());
+    EXPECT_EQ(VObject(LONG_TEXT), messages[0]);
+    if (nth == 1) {
+      EXPECT_EQ(1U, messages.size()) << "no room could be had";
+      EXPECT_EQ(0U, frame.pos());
+    }
+    if (messages.size() > 2) {
+      EXPECT_EQ(Subject().v, messages[1]);
+    }
+    if (!failed) {
+      EXPECT_EQ(3U, messages.size());
+      break;
+    }
+  }
 }
 
 TEST(AllocationFailure, InterningLeavesTheTableAsItWas) {
@@ -264,6 +393,7 @@ TEST(AllocationFree, CopyingMovingAndAssigning) {
   moved = VObject();
   s.v = s.v.at(0);
   s.ref.unref();
+  s.other.reset_vector(4);
   s.other.set_nil();
   EXPECT_EQ(0U, allocations.count());
 }
