@@ -46,6 +46,25 @@ TEST(ExtractMessages, ReservesRoomForSmallBatches) {
   EXPECT_GE(messages.capacity(), 256U);
 }
 
+TEST(ExtractMessages, ReservesWhateverTheVectorHolds) {
+  Arrived frame("00 00 00");
+  for (const size_t room : {size_t{1}, size_t{2}, size_t{255}, size_t{256}, size_t{257}, size_t{1000}}) {
+    VObjectVector messages;
+    messages.reserve(room);
+    messages.emplace_back("earlier");
+    const VObject* const before = messages.data();
+    proto_extract_messages(frame, messages);
+    EXPECT_EQ(4U, messages.size());
+    EXPECT_EQ(VObject("earlier"), messages[0]);
+    if (room < 256) {
+      EXPECT_GE(messages.capacity(), 256U) << room;
+    } else {
+      EXPECT_EQ(room, messages.capacity());
+      EXPECT_EQ(before, messages.data()) << "no new storage";
+    }
+  }
+}
+
 TEST(ExtractMessages, OfAnEmptyPayloadDoesNothing) {
   Arrived frame("");
   frame.set_pos(3);
@@ -54,6 +73,11 @@ TEST(ExtractMessages, OfAnEmptyPayloadDoesNothing) {
   EXPECT_TRUE(messages.empty());
   EXPECT_EQ(0U, messages.capacity());
   EXPECT_EQ(3U, frame.pos());
+  messages.reserve(5);
+  messages.emplace_back(1);
+  proto_extract_messages(frame, messages);
+  EXPECT_EQ(5U, messages.capacity());
+  EXPECT_EQ(1U, messages.size());
 }
 
 TEST(ExtractMessages, TakesSymbolsAsStrings) {

@@ -1,9 +1,11 @@
 /// The symbol table under many threads. Run it under ThreadSanitizer.
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <thread>
 
 #include "test/vobject/values.h"
+#include "vobject/symbol_table.h"
 
 using namespace VORN;
 using namespace vorn_test;
@@ -60,18 +62,24 @@ TEST(SymbolThreads, OneIdForEachNameInTheEnd) {
   EXPECT_EQ(static_cast<size_t>(NAMES), distinct.size());
 }
 
+/// Every use of the table that takes its lock, each by itself; whether it found what it should.
+std::vector<std::function<bool()>> single_uses() {
+  const uint32_t id = VObject::intern("known from before");
+  VObject symbol("known from before");
+  symbol.intern();
+  const std::string bytes("\x06\x11known from before");
+  return {
+      [=] { return VObject::intern("known from before") == id; },
+      [=] { return *VObject::sym_lookup(id) == "known from before"; },
+      [=] { return rendered(symbol) == ":\"known from before\""; },
+      [=] { return encoded(symbol) == bytes; },
+  };
+}
+
 /// Half of the threads make names; each of the others does one thing only, so that no other step of its own
 /// puts its use of the table in order with theirs.
 TEST(SymbolThreads, EachUseIsSafeByItself) {
-  VObject symbol("known from before");
-  symbol.intern();
-  const uint32_t id = VObject::intern("known from before");
-  const std::function<bool()> uses[] = {
-      [&] { return VObject::intern("known from before") == id; },
-      [&] { return *VObject::sym_lookup(id) == "known from before"; },
-      [&] { return rendered(symbol) == ":\"known from before\""; },
-      [&] { return encoded(symbol) == std::string("\x06\x11known from before"); },
-  };
+  const std::vector<std::function<bool()>> uses = single_uses();
   constexpr int MAKERS = 8;
   std::atomic<int> making{MAKERS};
   std::atomic<int> faults{0};
@@ -81,7 +89,7 @@ TEST(SymbolThreads, EachUseIsSafeByItself) {
       for (int i = 0; i < 300; ++i) VObject::intern("maker " + std::to_string(t * 1000 + i));
       --making;
     });
-    const std::function<bool()>& use = uses[t % 4];
+    const std::function<bool()>& use = uses[static_cast<size_t>(t) % uses.size()];
     threads.emplace_back([&] {
       do {
         if (!use()) ++faults;
@@ -90,6 +98,27 @@ TEST(SymbolThreads, EachUseIsSafeByItself) {
   }
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(0, faults);
+}
+
+/// Needs no sanitizer to see a lock that is not taken: the use would come to its end while another holds it.
+TEST(SymbolThreads, EachUseWaitsForTheLock) {
+  const std::vector<std::function<bool()>> uses = single_uses();
+  for (size_t i = 0; i < uses.size(); ++i) {
+    std::atomic<bool> begun{false};
+    std::atomic<bool> ended{false};
+    SymbolTable::Lock hold(SymbolTable::instance().symbol_table_lock());
+    std::thread user([&] {
+      begun = true;
+      EXPECT_TRUE(uses[i]());
+      ended = true;
+    });
+    while (!begun) std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(ended) << "use " << i;
+    hold.unlock();
+    user.join();
+    EXPECT_TRUE(ended) << "use " << i;
+  }
 }
 
 TEST(SymbolThreads, SharersMayBeCopiedAndEndedAnywhere) {

@@ -183,6 +183,22 @@ TEST(Append, OfTheVectorToItself) {
   EXPECT_TRUE(empty.getvec().empty());
 }
 
+TEST(Append, OfTheVectorToItselfWithAnyRoom) {
+  for (size_t n = 0; n <= 9; ++n) {
+    for (size_t room = 0; room <= n + 1; ++room) {
+      VObject v = VObject::new_vector(n + room);
+      for (size_t i = 0; i < n; ++i) v.append("text " + std::to_string(i));
+      ASSERT_EQ(n + room, v.getvec().capacity());
+      v.append(v.getvec());
+      ASSERT_EQ(2 * n, v.getvec().size());
+      for (size_t i = 0; i < n; ++i) {
+        ASSERT_EQ(VObject("text " + std::to_string(i)), v.getvec()[i]) << n << " elements, room for " << room;
+        ASSERT_EQ(storage_of(v.getvec()[i]), storage_of(v.getvec()[n + i]));
+      }
+    }
+  }
+}
+
 TEST(Append, RejectsOtherKinds) {
   for (VObject v : {VObject(), VObject("a"), VObject::new_hash(), make_ref(1)}) {
     EXPECT_FAILS("VObject::append called on non-vector object", v.append(1));

@@ -100,6 +100,40 @@ TEST(Reference, ASharedSourceMetAlongTheChainChangesNothing) {
   EXPECT_EQ(DT_REF, chain.x.type());
 }
 
+TEST(Reference, TheMiddleOfAChainAssignedToItself) {
+  const auto unchanged = [](const Chain& chain) {
+    EXPECT_EQ(chain.middle, chain.x.getref());
+    EXPECT_EQ(chain.end, chain.middle->getref());
+    EXPECT_EQ("end", chain.x.getstr());
+  };
+  Chain chain;
+  VObject& middle = *chain.middle;
+  *chain.middle = middle;
+  unchanged(chain);
+  *chain.middle = std::move(middle);
+  unchanged(chain);
+  EXPECT_FAILS("VObject::operator=: won't assign reference to self", *chain.middle = chain.middle);
+  unchanged(chain);
+  // A chain that only leads through the value, and on.
+  const auto head = boost::make_shared<VObject>(chain.x);
+  ASSERT_EQ(chain.middle, head->getref());
+  EXPECT_FAILS("VObject::operator=: won't assign reference to self", *chain.middle = head);
+  unchanged(chain);
+  *chain.middle = chain.middle->getref();
+  unchanged(chain);
+  *chain.middle = *chain.end;
+  unchanged(chain);
+}
+
+TEST(Reference, ToAReferenceIsReplacedByItsCopy) {
+  Chain chain;
+  chain.x = *chain.middle;
+  EXPECT_EQ(chain.end, chain.x.getref());
+  Chain other;
+  other.x = std::move(*other.middle);
+  EXPECT_EQ(other.end, other.x.getref());
+}
+
 TEST(Reference, TheSetterWritesThroughAndTheCopyOfAScalarReplaces) {
   const auto p = boost::make_shared<VObject>("old");
   VObject x;
