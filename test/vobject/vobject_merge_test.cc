@@ -1,3 +1,5 @@
+#include <functional>
+
 #include "test/vobject/values.h"
 
 using namespace VORN;
@@ -145,6 +147,99 @@ TEST(MergeAliasing, AVectorThatGrowsWhileItIsTheSource) {
   dst.merge(src);
   EXPECT_GE(src.getvec().size(), 10U);
   EXPECT_EQ(storage_of(src), storage_of(dst.at(0)));
+}
+
+/// Copies of all hashes and vectors in a tree; they are emptied at the end, so that cycles are freed.
+class Containers {
+ public:
+  explicit Containers(const VObject& tree) { collect(tree); }
+  ~Containers() {
+    for (VObject& v : all_) v.type() == DT_HASH ? v.reset_hash() : v.reset_vector(0);
+  }
+  Containers(const Containers&) = delete;
+  Containers& operator=(const Containers&) = delete;
+
+  size_t count() const { return all_.size(); }
+  VObject& operator[](size_t i) { return all_[i]; }
+
+ private:
+  void collect(const VObject& v) {
+    if (v.type() != DT_HASH && v.type() != DT_VECTOR) return;
+    all_.push_back(v);
+    if (v.type() == DT_HASH) {
+      for (const auto& member : v.gethash()) collect(member.second);
+    } else {
+      for (const VObject& element : v.getvec()) collect(element);
+    }
+  }
+
+  VObjectVector all_;
+};
+
+TEST(MergeAliasing, TheSourcesElementBecomesPartOfItself) {
+  VObject outer = hash({{"a", 1}, {"inner", hash({{"b", 2}})}, {"z", "text"}});
+  Containers all(outer);
+  VObject inner = outer.fetch("inner");
+  inner.merge(outer);
+  EXPECT_EQ(4U, inner.gethash().size());
+  EXPECT_EQ(storage_of(inner), storage_of(inner.fetch("inner"))) << "what was missing is shared, and it is itself";
+  EXPECT_EQ(VObject("text"), inner.fetch("z"));
+  EXPECT_EQ(3U, outer.gethash().size());
+
+  VObject list = vec({vec({vec({}), 6}), 7, 8});
+  Containers lists(list);
+  VObject first = list.at(0);
+  VObject first_of_first = first.at(0);
+  first.merge(list);
+  // The first elements merge first: [] with [[], 6], which gives it both.
+  ASSERT_EQ(2U, first_of_first.getvec().size());
+  EXPECT_EQ(storage_of(first_of_first), storage_of(first_of_first.at(0)));
+  EXPECT_EQ(VObject(6), first_of_first.at(1));
+  ASSERT_EQ(3U, first.getvec().size());
+  EXPECT_EQ(storage_of(first_of_first), storage_of(first.at(0)));
+  EXPECT_EQ(VObject(7), first.at(1));
+  EXPECT_EQ(VObject(8), first.at(2));
+}
+
+TEST(MergeAliasing, OfAnyPartOfATreeWithItsWholeEndsEitherWay) {
+  RandomValues random(11);
+  unsigned merges = 0;
+  unsigned cycles = 0;
+  for (int i = 0; i < 20000; ++i) {
+    VObject whole = random.below(2) == 0 ? hash({{"a", random.value(4)}, {"b", random.value(3)}})
+                                         : vec({random.value(4), random.value(3)});
+    Containers parts(whole);
+    VObject& part = parts[random.below(static_cast<unsigned>(parts.count()))];
+    const bool into_part = random.below(2) == 0;
+    try {
+      into_part ? part.merge(whole) : whole.merge(part);
+      ++merges;
+    } catch (const VornRuntimeError& failure) {
+      ASSERT_STREQ(DISPARATE, failure.what());
+    }
+    std::function<bool(const VObject&, std::set<const void*>)> is_cyclic = [&](const VObject& v,
+                                                                              std::set<const void*> above) {
+      if (v.type() != DT_HASH && v.type() != DT_VECTOR) return false;
+      if (!above.insert(storage_of(v)).second) return true;
+      if (v.type() == DT_HASH) {
+        for (const auto& member : v.gethash()) {
+          if (is_cyclic(member.second, above)) return true;
+        }
+      } else {
+        for (const VObject& element : v.getvec()) {
+          if (is_cyclic(element, above)) return true;
+        }
+      }
+      return false;
+    };
+    const bool cyclic = is_cyclic(whole, {});
+    if (!into_part) {
+      ASSERT_FALSE(cyclic) << "merging a part into its whole makes no cycle";
+    }
+    cycles += cyclic ? 1 : 0;
+  }
+  EXPECT_GT(merges, 1000U);
+  EXPECT_GT(cycles, 1000U);
 }
 
 }  // namespace
