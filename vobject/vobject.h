@@ -18,23 +18,30 @@
 ///   r = 5;             // r is a reference: its referent becomes 5
 ///   r = VObject(5);    // r itself becomes 5 and is no reference any more
 ///   r = VObject("s");  // the referent becomes "s"
+///   r = {};            // as r = VObject(): r itself becomes nil
+///
+/// The same holds of references that are elements, whoever assigns to them: std::vector::erase and std::remove,
+/// which assign each element to the one before, write through them.
 ///
 /// Threads. There is no lock. The counts of shared storage are atomic: values that share may be copied and
 /// released on different threads, but what they share must not be changed while another thread uses it.
 ///
-/// What the caller must not do: build a cycle. Storage is counted, so a hash that is stored into itself, or a
-/// referent that is copy-assigned a reference to itself, is never freed; and the operations that walk a value
+/// What the caller must not do: build a cycle. Storage is counted, so a hash that is stored into itself, a
+/// referent that is copy-assigned a reference to itself, or a value into which one is merged that it is part of,
+/// is never freed; and the operations that walk a value
 /// (equality, merge, diff, render, serialize, following a reference) do not end on it or exhaust the stack.
 /// The same operations use machine stack for every level of nesting.
 ///
-/// All failures of the library are VornRuntimeError with the text that is given; std::bad_alloc leaves values
-/// as they were, except where an operation says that it works step by step.
+/// All failures of the library are VornRuntimeError with the text that is given. Running out of memory is
+/// std::bad_alloc, and asking a string or vector for more than its max_size() is std::length_error; both leave
+/// values as they were, except where an operation says that it works step by step.
 #pragma once
 
 #include <boost/smart_ptr/shared_ptr.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <map>
 #include <new>
 #include <string>
@@ -71,10 +78,16 @@ class VORN_API VObject {
       std::enable_if_t<(std::is_integral<T>::value || std::is_enum<T>::value) &&
                            !std::is_same<T, bool>::value && std::is_convertible<T, int64_t>::value,
                        int>;
+  /// bool, and what a std::vector<bool> has in its place.
   template <typename T>
-  using IfBool = std::enable_if_t<std::is_same<T, bool>::value, int>;
+  using IfBool =
+      std::enable_if_t<std::is_same<T, bool>::value || std::is_same<T, std::vector<bool>::reference>::value, int>;
   template <typename T>
   using IfFloating = std::enable_if_t<std::is_floating_point<T>::value, int>;
+  /// What no value can be made from, braces included.
+  class Nothing {
+    Nothing(const Nothing&) {}
+  };
 
  public:
   /// Nil.
@@ -91,7 +104,8 @@ class VORN_API VObject {
   /// @}
 
   /// A string with a copy of the bytes. A null pointer gives an empty string. From a VObjectString, the text
-  /// up to its first zero byte is taken. Throw std::bad_alloc.
+  /// up to its first zero byte is taken. Throw std::bad_alloc; std::length_error for more bytes than a string
+  /// can hold.
   /// @{
   VObject(const char* text);
   VObject(const char* bytes, size_t length);
@@ -106,7 +120,8 @@ class VORN_API VObject {
   /// A user-defined value, which shares the object; an empty pointer gives one that holds none.
   VObject(const boost::shared_ptr<VObjectUDT>& object) noexcept;
 
-  /// An empty hash; an empty vector with room for n elements. Throw std::bad_alloc.
+  /// An empty hash; an empty vector with room for n elements. Throw std::bad_alloc, and std::length_error for
+  /// more elements than a vector can hold.
   /// @{
   static VObject new_hash();
   static VObject new_vector(size_t n = 0);
@@ -153,6 +168,12 @@ class VORN_API VObject {
     return *this;
   }
 
+  /// `v = {}` is `v = VObject()`.
+  VObject& operator=(std::initializer_list<Nothing>) noexcept {
+    put_inline(DT_NIL, 0);
+    return *this;
+  }
+
   /// Setters, on the target. The argument may be part of what is overwritten; a null pointer gives an empty string,
   /// or a user-defined value that holds no object. Return this value. Throw std::bad_alloc unless they are noexcept.
   /// @{
@@ -181,7 +202,8 @@ class VORN_API VObject {
   void set_nil() noexcept;
   /// An empty hash. A target that is a hash already is emptied in place: everything that shares it sees that.
   void reset_hash();
-  /// An empty vector with room for `reserve` elements; a target that is a vector is emptied in place.
+  /// An empty vector with room for `reserve` elements; a target that is a vector is emptied in place. Throws
+  /// std::bad_alloc, and std::length_error for more elements than a vector can hold.
   void reset_vector(size_t reserve);
   /// A user-defined value that holds no object.
   void reset_udt() noexcept;
@@ -268,7 +290,8 @@ class VORN_API VObject {
   VObject& at(int64_t index);
 
   /// Appends a copy of the value, or of all values in order; they may be elements of this vector, or all of
-  /// them. Returns the target. Throw "VObject::append called on non-vector object" and std::bad_alloc.
+  /// them. Returns the target. Throw "VObject::append called on non-vector object", std::bad_alloc, and
+  /// std::length_error when there would be more elements than a vector can hold.
   /// @{
   VObject& append(const VObject& value);
   VObject& append(const VObjectVector& values);
@@ -277,13 +300,20 @@ class VORN_API VObject {
   /// Merges the target of `src` into the target of this value. Hashes merge by key and vectors by index, and
   /// members that are missing here are shared with `src`; nothing is ever removed. Otherwise `src` is
   /// assigned, if either side is nil, or both have one kind, or neither is a hash, vector or user-defined
-  /// value. `src` may be part of this value, or the reverse. Returns the target. Works step by step: what was
-  /// merged before a failure stays merged. Throws "VObject::merge: Won't merge disparate container and/or
-  /// user-defined types." and std::bad_alloc.
+  /// value. `src` may be part of this value. The reverse ends as well if `src` shares nothing within itself, but
+  /// may make this value, or a part of it, contain itself: a cycle, which is the caller's to break (reset_hash,
+  /// reset_vector). Returns the target. Works step by step: what was merged before a failure stays
+  /// merged. Throws "VObject::merge: Won't merge disparate container and/or user-defined types.", std::bad_alloc
+  /// and std::length_error as append() does.
   VObject& merge(const VObject& src);
 
   /// Makes `out` a patch: merge() of it into a deep copy of `a` gives `b`. Returns whether they differ; if
-  /// not, `out` is nil and no patch. Two doubles that lie no more than `epsilon` apart do not differ.
+  /// not, `out` is nil and no patch.
+  ///
+  /// Two doubles differ where they lie more than `epsilon` apart, and by more than rounding: both their distance
+  /// is greater than `epsilon` and the greater one is greater than the sum of the lesser and `epsilon`, each in
+  /// double arithmetic. An infinite distance is greater than every finite `epsilon`. A NaN differs from no
+  /// double, and a NaN for `epsilon` lets none differ. The order of `a` and `b` makes no difference.
   ///
   /// `structural` is set when a patch cannot say it: a key went away, or a hash that is an element of a
   /// vector changed. `parent_tag` is the kind of what holds `a`: with DT_VECTOR a change of a hash is
@@ -328,8 +358,8 @@ class VORN_API VObject {
   /// behind it. No value may start at or behind the index `end`. Symbols are interned, or come as strings.
   ///
   /// The value is checked before anything is built, and `out` stays as it was if the check fails; only a hash
-  /// key that is no string and a string that leaves the payload are found later, and leave `out` partly
-  /// built. Either way the position is where reading stopped.
+  /// key that is no string, a string that leaves the payload and the end of memory are found later, and leave
+  /// `out` partly built. Either way the position is where reading stopped.
   ///
   /// Machine stack is used for each level of nesting, up to 260 bytes; `maxdepth` must not allow more than
   /// the thread's stack holds. A limit of 2^31 or more counts as negative, and nothing passes it.

@@ -147,6 +147,100 @@ TEST(VObjectSetters, AVectorGetsCopiesThatShare) {
   EXPECT_EQ(VObject(2), v.at(1));
 }
 
+TEST(VObjectSetters, TakeTheElementsOfAVectorOfBooleans) {
+  std::vector<bool> bools{true, false};
+  const std::vector<bool>& same = bools;
+  VObject v;
+  v = bools[0];
+  EXPECT_EQ(DT_BOOL, v.type());
+  EXPECT_TRUE(v.to_bool());
+  v = bools[1];
+  EXPECT_EQ(DT_BOOL, v.type());
+  EXPECT_FALSE(v.to_bool());
+  v = same[0];
+  EXPECT_EQ(VObject(true), v);
+  EXPECT_EQ(VObject(true), VObject(bools[0]));
+  EXPECT_EQ(VObject(false), VObject(same[1]));
+  VObject r = make_ref(1);
+  r = bools[0];
+  EXPECT_EQ(VObject(true), *r.getref()) << "a setter as the others";
+  v = VObject::new_vector();
+  for (auto bit : bools) v.append(bit);
+  EXPECT_EQ(vec({true, false}), v);
+}
+
+/// Name<T>::value: whether `t = ...` compiles. Name<T>::result(): what it makes of 5.
+#define ASSIGNMENT(Name, ...)                                                                            \
+  template <typename T, typename = void>                                                                 \
+  struct Name : std::false_type {};                                                                      \
+  template <typename T>                                                                                  \
+  struct Name<T, std::void_t<decltype(std::declval<T&>() = __VA_ARGS__)>> : std::true_type {             \
+    static T result() {                                                                                  \
+      T t(5);                                                                                            \
+      EXPECT_EQ(&t, &(t = __VA_ARGS__));                                                                 \
+      return t;                                                                                          \
+    }                                                                                                    \
+  };
+
+ASSIGNMENT(NoBraces, 0)
+ASSIGNMENT(Nullptr, nullptr)
+ASSIGNMENT(Null, NULL)
+ASSIGNMENT(Empty, {})
+ASSIGNMENT(Made, VObject{})
+ASSIGNMENT(NoString, std::string{})
+ASSIGNMENT(NoElements, VObjectVector{})
+ASSIGNMENT(NoObject, boost::shared_ptr<VObjectUDT>{})
+ASSIGNMENT(BracedNullptr, {nullptr})
+ASSIGNMENT(BracedText, {"a"})
+ASSIGNMENT(BracedString, {std::string("a")})
+ASSIGNMENT(BracedValue, {VObject(1)})
+ASSIGNMENT(BracedValues, {VObject(1), VObject(2)})
+ASSIGNMENT(BracedOne, {1})
+ASSIGNMENT(BracedTwo, {1, 2})
+ASSIGNMENT(BracedTrue, {true})
+ASSIGNMENT(BracedDouble, {1.5})
+ASSIGNMENT(BracedBraces, {{}})
+ASSIGNMENT(BracedOneInBraces, {{1}})
+ASSIGNMENT(TwoBraces, {{}, {}})
+
+TEST(VObjectSetters, EmptyBracesAreNilAsInAnInitialisation) {
+  VObject v("text");
+  v = {};
+  EXPECT_EQ(DT_NIL, v.type());
+  const VObject made = {};
+  EXPECT_EQ(made, v);
+  VObject r = make_ref("kept");
+  const auto referent = r.getref();
+  r = {};
+  EXPECT_EQ(DT_NIL, r.type()) << "a nil value that is assigned: r itself, not what it refers to";
+  EXPECT_EQ(VObject("kept"), *referent);
+}
+
+TEST(VObjectSetters, WhatEveryOtherFormMeans) {
+  EXPECT_EQ(VObject(0), NoBraces<VObject>::result());
+  EXPECT_EQ(VObject(""), Nullptr<VObject>::result());
+  EXPECT_EQ(VObject(0), Null<VObject>::result());
+  EXPECT_EQ(VObject(), Empty<VObject>::result());
+  EXPECT_EQ(VObject(), Made<VObject>::result());
+  EXPECT_EQ(VObject(""), NoString<VObject>::result());
+  EXPECT_EQ(vec({}), NoElements<VObject>::result());
+  EXPECT_EQ(DT_UDT, NoObject<VObject>::result().type());
+  EXPECT_EQ(VObject(""), BracedNullptr<VObject>::result());
+  EXPECT_EQ(VObject("a"), BracedText<VObject>::result());
+  EXPECT_EQ(VObject("a"), BracedString<VObject>::result());
+  EXPECT_EQ(VObject(1), BracedValue<VObject>::result());
+  EXPECT_EQ(vec({1, 2}), BracedValues<VObject>::result());
+}
+
+// Braces around one number could mean a number, a character of a string or an element of a vector.
+static_assert(!BracedOne<VObject>::value, "no meaning is chosen");
+static_assert(!BracedTwo<VObject>::value, "no meaning is chosen");
+static_assert(!BracedTrue<VObject>::value, "no meaning is chosen");
+static_assert(!BracedDouble<VObject>::value, "no meaning is chosen");
+static_assert(!BracedBraces<VObject>::value, "no meaning is chosen");
+static_assert(!BracedOneInBraces<VObject>::value, "no meaning is chosen");
+static_assert(!TwoBraces<VObject>::value, "no meaning is chosen");
+
 VObject made(uint8_t tag, int salt) {
   VObject v;
   switch (tag) {
@@ -299,6 +393,33 @@ TEST(VObjectSharing, ResetVectorEmptiesAllSharersAndReserves) {
   c.reset_vector(5);
   EXPECT_EQ(5U, c.getvec().capacity());
   EXPECT_TRUE(c.getvec().empty());
+}
+
+TEST(VObjectSharing, ResetVectorKeepsRoomThatSuffices) {
+  VObject v = VObject::new_vector(8);
+  v.append("text").append(2);
+  const VObject sharer = v;
+  const VObject* const before = v.getvec().data();
+  for (const size_t room : {size_t{0}, size_t{7}, size_t{8}}) {
+    v.append(1);
+    v.reset_vector(room);
+    EXPECT_TRUE(sharer.getvec().empty());
+    EXPECT_EQ(8U, sharer.getvec().capacity());
+    EXPECT_EQ(before, sharer.getvec().data());
+  }
+  v.append(1);
+  v.reset_vector(9);
+  EXPECT_TRUE(sharer.getvec().empty());
+  EXPECT_EQ(9U, sharer.getvec().capacity());
+}
+
+TEST(VObjectSharing, ResetVectorEndsItsElementsOnce) {
+  for (const size_t room : {size_t{0}, size_t{100}}) {
+    int destroyed = 0;
+    VObject v = vec({VObject(number(1, &destroyed)), VObject(number(2, &destroyed))});
+    v.reset_vector(room);
+    EXPECT_EQ(2, destroyed);
+  }
 }
 
 TEST(VObjectSharing, ResetOfAnotherKindLeavesTheSharersAlone) {
