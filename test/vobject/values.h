@@ -3,6 +3,7 @@
 
 #include <boost/make_shared.hpp>
 #include <cmath>
+#include <cstddef>
 #include <ostream>
 #include <random>
 #include <set>
@@ -110,7 +111,15 @@ inline const void* storage_of(const VObject& v) {
 
 /// Writes the tag behind the library's back.
 inline void force_tag(VObject& v, unsigned char tag) {
-  reinterpret_cast<unsigned char*>(&v)[16] = tag;
+  struct Layout {
+    struct {
+      uint64_t word;
+      void* count;
+    } payload;
+    unsigned char tag;
+  };
+  static_assert(sizeof(Layout) == sizeof(VObject), "payload word, shared count, tag");
+  reinterpret_cast<unsigned char*>(&v)[offsetof(Layout, tag)] = tag;
 }
 
 /// Random trees from small alphabets, so that equal members and equal keys are common. Never NaN.

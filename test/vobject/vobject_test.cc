@@ -10,7 +10,7 @@ using namespace vorn_test;
 
 namespace {
 
-static_assert(sizeof(VObject) == 24, "payload word, shared count, tag");
+static_assert(sizeof(void*) != 8 || sizeof(VObject) == 24, "payload word, shared count, tag");
 static_assert(!std::is_polymorphic<VObject>::value, "no virtual operations");
 static_assert(std::is_nothrow_copy_constructible<VObject>::value, "sharing cannot fail");
 static_assert(std::is_nothrow_copy_assignable<VObject>::value, "sharing cannot fail");
