@@ -60,6 +60,8 @@ TEST(Render, Strings) {
 TEST(Render, Symbols) {
   EXPECT_EQ(":abc", rendered(symbol("abc")));
   EXPECT_EQ(":\"a b\"", rendered(symbol("a b")));
+  EXPECT_EQ(":\" a\"", rendered(symbol(" a")));
+  EXPECT_EQ(":\"a \"", rendered(symbol("a ")));
   EXPECT_EQ(":a\\\"b\\x09", rendered(symbol("a\"b\t")));
   EXPECT_EQ(":\"a \\xe9\"", rendered(symbol("a \xE9")));
   EXPECT_EQ(":", rendered(symbol("")));

@@ -108,6 +108,20 @@ TEST(MergeAliasing, IntoItselfChangesNothing) {
   }
 }
 
+TEST(MergeAliasing, WhatBothSidesShareIsNotWalked) {
+  // 2^64 ways to the innermost, and one that never ends.
+  VObject wide = vec({1});
+  for (int i = 0; i < 64; ++i) wide = vec({wide, VObject(wide)});
+  VObject same(wide);
+  same.merge(wide);
+  EXPECT_EQ(storage_of(wide), storage_of(same));
+  VObject endless = VObject::new_hash();
+  endless.store("self", endless);
+  endless.merge(VObject(endless));
+  EXPECT_EQ(1U, endless.gethash().size());
+  endless.reset_hash();
+}
+
 TEST(MergeAliasing, OfAMemberThatTheMergeOverwrites) {
   // Merging "c" into its owner makes the owner's "c" nil: the end of the source.
   VObject h = hash({{"c", hash({{"c", VObject()}, {"d", "text"}})}});
