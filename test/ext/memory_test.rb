@@ -67,6 +67,35 @@ class MemoryTest < ExtTest
     assert_operator told[1], :<=, 200_000
   end
 
+  # What buffers that are gone had stored counts no longer: full collections would come ever again for it. (Where the
+  # extension counts by itself, before 2.4, they would come ever more rarely: it lets grow what it believes to be in use.)
+  def test_freed_storage_is_taken_off_the_account
+    skip_under_sanitizers
+    full, all = run_ruby(<<-'RUBY').split.map { |number| Integer(number) }
+      bytes = "x" * 100_000
+      counts = -> { [GC.stat(:major_gc_count), GC.count] }
+      3.times { GC.start }
+      before = counts.call
+      20_000.times { PacketBuf.new.write_raw(bytes) }
+      print counts.call.zip(before).map { |now, then_| now - then_ }.join(" ")
+    RUBY
+    assert_operator full, :<=, 5, "full collections" if RUBY_VERSION >= "2.4"
+    assert_operator all, :>=, 40, "collections"
+  end
+
+  # Live buffers do not make the next ones dear: a collection that they survive moves the threshold up.
+  def test_many_live_buffers_cost_no_collection_for_each_new_one
+    skip_under_sanitizers
+    collections = run_ruby(<<-'RUBY').to_i
+      live = Array.new(600) { PacketBuf.new }
+      before = GC.count
+      2_000.times { PacketBuf.new }
+      print GC.count - before
+      live.clear
+    RUBY
+    assert_operator collections, :<=, 20
+  end
+
   # Keys of recent messages are kept, long ones are not: a stranger chooses them.
   def test_long_keys_are_given_back
     kept = run_ruby(<<-'RUBY').to_i
