@@ -32,6 +32,29 @@ class AttackTest < Minitest::Test
     attack(200, 3_000, "compact")
   end
 
+  # Every row of the table of costs, with next to nothing to measure.
+  def test_costs_in_small
+    skip_without_proc
+    skip_under_sanitizers
+    costs = File.expand_path("costs.rb", __dir__)
+    out, = run_ruby_with_errors("ARGV.replace(%w[--size 3000 --keys 40])\n$0 = #{costs.inspect}\nload #{costs.inspect}")
+    rows = out.lines.drop(4)
+    assert_operator rows.size, :>=, 30
+    rows.each { |row| assert_match(/\A\S.{37} +\d+ +\d+\.\d MiB +\d+\.\d +\d+\.\d+ +\d+\.\d+( \S.*)?\n\z/, row) }
+    assert_match(/^empty hashes +3000 /, out)
+    assert_match(/^header that announces 1024 times this +8 +[23]\.\d MiB/, out)
+    assert_match(/^symbols: compared .* kept [0-3] of 40$/, out)
+    assert_match(/^symbols: Struct.new .* kept 40 of 40$/, out)
+  end
+
+  def test_search_for_costs
+    costs = File.expand_path("costs.rb", __dir__)
+    out, = run_ruby_with_errors("ARGV.replace(%w[--size 3000 --search 4])\n$0 = #{costs.inspect}\nload #{costs.inspect}")
+    # nil; "", [], {}; "a", [nil]; [nil, nil], [""], [[]], [{}], {1=>nil}
+    assert_match(/\ARuby [\d.]+, 11 values, each filling 3000 bytes/, out)
+    assert_match(/ times  08 81 00 09$/, out)
+  end
+
   # Faults planted in the model.
   FAULTS = {
     "levels of writing" => "class Model::Encoder; remove_const :MAXDEPTH; MAXDEPTH = 65; end",

@@ -1,0 +1,168 @@
+# frozen_string_literal: true
+
+require "vorn_rpc_ext"
+require_relative "cost_meter"
+
+# What docs/threat-model.md gives a figure for. Each row is measured in a process of its own: this file is its program.
+#
+#   ruby cost_rows.rb NAME SIZE KEYS     prints one line: payload, grown, seconds, waited, note, between tabs
+module CostRows
+  include VORN::PROTO
+
+  class << self
+    def bytes(hex)
+      [hex.delete(" ")].pack("H*")
+    end
+
+    # An array of so many of these that it takes `size` bytes.
+    def array_of(unit, size)
+      "\x0A".b + unit * [(size - 2) / unit.bytesize, 1].max + "\x0B".b
+    end
+
+    # A hash with a nil for each of so many keys. Making it leaves few objects: what they left free would be used again
+    # by what is measured.
+    def hash_of(count)
+      payload = "\x08".b
+      count.times { |n| payload << yield(n) << "\0" }
+      payload << "\x09"
+    end
+
+    def buffer(payload, symbols = false)
+      buf = VORN::PROTO::PacketBuf.new.write_raw(payload).seek(0)
+      buf.preserve_symbols_on_extract = symbols
+      buf
+    end
+
+    # Decoding a payload.
+    def decode(payload, symbols = false)
+      buf = buffer(payload, symbols)
+      size = payload.bytesize
+      payload.clear
+      [size, CostMeter.read { buf.extract_object }]
+    end
+
+    def integer(number)
+      VORN::PROTO::PacketBuf.new.write_object(number).to_str
+    end
+  end
+
+  # --- memory, by what a payload of `size` bytes consists of -----------------------------------------------
+
+  # The names of the document; the worst that bin/attack --costs --search finds are among them.
+  UNITS = {
+    "nil" => "00",
+    "empty arrays" => "0A 0B",
+    "empty hashes" => "08 09",
+    "empty strings" => "05 00",
+    "hashes of one entry" => "08 81 00 09",
+    "hashes with a hash as key" => "08 08 09 00 09",
+    "hashes in hashes" => "08 81 08 81 00 09 09",
+    "arrays of one hash" => "0A 08 09 0B",
+    "arrays of four" => "0A 00 00 00 00 0B",
+    "doubles" => "04 3F F8 00 00 00 00 00 00",
+    "doubles on the heap" => "04 00 00 00 00 00 00 00 03",
+    "floats on the heap" => "03 00 00 00 01"
+  }.freeze
+
+  MEMORY = UNITS.map do |name, unit|
+    [name, ->(size, _) { decode(array_of(bytes(unit), size)) }]
+  end.to_h
+
+  # Names of three bytes, no two the same.
+  def self.array_of_symbols(size)
+    payload = "\x0A".b
+    ((size - 2) / 5).times { |n| payload << 6 << 3 << 33 + n / 8100 % 90 << 33 + n / 90 % 90 << 33 + n % 90 }
+    payload << "\x0B"
+  end
+
+  MEMORY["symbols, preserved"] = ->(size, _) { decode(array_of_symbols(size), true) }
+
+  # --- time, by the keys of a hash ----------------------------------------------------------------------
+
+  NAN = "\x03\x7F\xC0\0\0".b
+  ZERO = "\x03\0\0\0\0".b
+
+  # Keys that collide. Those of 2.7 and later in the last two: false hashes as 0.0 does.
+  KEYS = {
+    "NaN keys" => ->(_) { NAN },
+    "[NaN] keys" => ->(_) { "\x0A".b + NAN + "\x0B".b },
+    "{0.0=>n, false=>n} keys" => lambda do |n|
+      number = integer(n)
+      "\x08".b + ZERO + number + "\x01".b + number + "\x09".b
+    end,
+    "[0.0 or false, ...] keys" => lambda do |n|
+      "\x0A".b + (0...20).map { |bit| n[bit] == 0 ? ZERO : "\x01".b }.join + "\x0B".b
+    end
+  }.freeze
+
+  TIME = {}
+  KEYS.each do |name, key|
+    [8, 4, 2, 1].each do |part|
+      TIME["#{name}, #{part == 1 ? "all" : "1/#{part}"}"] = lambda do |_, keys|
+        decode(hash_of(keys / part, &key))
+      end
+    end
+  end
+
+  # So many keys, each with its share of `size` bytes in front of the NaN that tells it from the others.
+  def self.long_keys(count, size, filler)
+    share = [(size / count - 8) / filler.bytesize, 0].max
+    key = "\x0A".b + filler * share + NAN + "\x0B".b
+    hash_of(count) { key }
+  end
+
+  TIME["100 long keys: nils, NaN"] = ->(size, _) { decode(long_keys(100, size, "\0".b)) }
+  TIME["100 long keys: empty strings, NaN"] = ->(size, _) { decode(long_keys(100, size, "\x05\0".b)) }
+  TIME["100 long keys: arrays of arrays, NaN"] = ->(size, _) { decode(long_keys(100, size, "\x0A".b * 60 + "\x0B".b * 60)) }
+
+  # --- the rest -----------------------------------------------------------------------------------------
+
+  OTHER = {}
+  # 1 GiB, when the other payloads have 1 MiB.
+  OTHER["header that announces 1024 times this"] = lambda do |size, _|
+    frame = VORN::PROTO::PacketFrameIn.new.reset
+    header = [0xA5, 1, 0, 1024 * size].pack("CCnN")
+    [header.bytesize, CostMeter.read { frame.assemble(header, 0) }]
+  end
+
+  USES = {
+    "compared" => ->(name) { name == :other },
+    "sent to" => ->(name) { "text".respond_to?(name) },
+    "sent" => ->(name) { begin; 1.public_send(name); rescue NoMethodError; nil; end },
+    "to_proc" => ->(name) { name.to_proc },
+    "instance_variable_set" => ->(name) { Object.new.instance_variable_set(:"@#{name}", 1) },
+    "define_method" => ->(name) { Module.new { define_method(name) {} } },
+    "Struct.new" => ->(name) { Struct.new(name) }
+  }.freeze
+
+  # How many names are still Symbols when nobody holds them.
+  USES.each do |use, work|
+    OTHER["symbols: #{use}"] = lambda do |_, keys|
+      prefix = "vorn_#{use.tr(" .", "__")}_"
+      buf = VORN::PROTO::PacketBuf.new
+      buf.preserve_symbols_on_extract = true
+      reading = CostMeter.read do
+        keys.times do |n|
+          buf.reset << :"#{prefix}#{n}"
+          work.call(buf.seek(0).extract_object)
+        end
+      end
+      3.times { GC.start }
+      kept = Symbol.all_symbols.count { |symbol| symbol.to_s =~ /\A@?#{prefix}\d+\z/ }
+      [buf.payload_size * keys, reading, "kept #{kept} of #{keys}"]
+    end
+  end
+
+  OTHER["random bytes like a NaN"] = lambda do |size, _|
+    pattern = /\x03[\x7F\xFF][\x80-\xFF]|\x04[\x7F\xFF][\xF0-\xFF]/n
+    found = Array.new(20) { |seed| Random.new(seed).bytes(size).scan(pattern).size }
+    [size, CostMeter.read { nil }, "#{found.inject(:+) / 20.0} of them"]
+  end
+
+  ALL = MEMORY.merge(TIME).merge(OTHER)
+
+  if $PROGRAM_NAME == __FILE__
+    payload, reading, note = ALL.fetch(ARGV[0]).call(Integer(ARGV[1]), Integer(ARGV[2]))
+    puts [payload, reading.bytes, reading.seconds, reading.waited, note].join("\t")
+  end
+end
