@@ -113,7 +113,9 @@ module CostRows
 
   TIME["100 long keys: nils, NaN"] = ->(size, _) { decode(long_keys(100, size, "\0".b)) }
   TIME["100 long keys: empty strings, NaN"] = ->(size, _) { decode(long_keys(100, size, "\x05\0".b)) }
-  TIME["100 long keys: arrays of arrays, NaN"] = ->(size, _) { decode(long_keys(100, size, "\x0A".b * 60 + "\x0B".b * 60)) }
+  TIME["100 long keys: arrays of arrays, NaN"] = lambda do |size, _|
+    decode(long_keys(100, size, "\x0A".b * 60 + "\x0B".b * 60))
+  end
 
   # --- the rest -----------------------------------------------------------------------------------------
 
@@ -151,12 +153,6 @@ module CostRows
       kept = Symbol.all_symbols.count { |symbol| symbol.to_s =~ /\A@?#{prefix}\d+\z/ }
       [buf.payload_size * keys, reading, "kept #{kept} of #{keys}"]
     end
-  end
-
-  OTHER["random bytes like a NaN"] = lambda do |size, _|
-    pattern = /\x03[\x7F\xFF][\x80-\xFF]|\x04[\x7F\xFF][\xF0-\xFF]/n
-    found = Array.new(20) { |seed| Random.new(seed).bytes(size).scan(pattern).size }
-    [size, CostMeter.read { nil }, "#{found.inject(:+) / 20.0} of them"]
   end
 
   ALL = MEMORY.merge(TIME).merge(OTHER)

@@ -2,8 +2,8 @@
 
 require_relative "cost_rows"
 
-# Which values cost the most memory for their bytes: all of up to so many bytes are tried, each repeated to fill a payload.
-# Of what costs the same only one is: nil stands for the values of one byte, and small Integers for other plain keys.
+# Which values cost the most memory for their bytes: all of up to so many bytes are tried, each repeated to fill a
+# payload. Of what costs the same only one is: nil stands for the values of one byte, small Integers for plain keys.
 class CostSearch
   SHOWN = 10
 

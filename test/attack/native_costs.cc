@@ -1,5 +1,5 @@
-// What bytes of a peer cost a C++ program: the figures of docs/threat-model.md. Each row is measured in a process of its
-// own, which has nothing else to do. See bin/attack --help.
+// What bytes of a peer cost a C++ program: the figures of docs/threat-model.md. Each row is measured in a process of
+// its own, which has nothing else to do. See bin/attack --help.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -43,8 +43,8 @@ void measure(const std::string& name, size_t payload, const std::function<void()
   const double seconds = processor_seconds() - started;
   const double grown = status("VmHWM") - before;
   const double bytes = static_cast<double>(payload);
-  std::printf("%-36s %10zu %8.1f MiB %11.1f %9.3f %8.1f\n", name.c_str(), payload, grown / 1048576, grown / bytes, seconds,
-              seconds * 1e9 / bytes);
+  std::printf("%-38s %10zu %8.1f MiB %11.1f %9.3f %8.1f\n", name.c_str(), payload, grown / 1048576, grown / bytes,
+              seconds, seconds * 1e9 / bytes);
 }
 
 std::string array_of(const std::string& unit, size_t size) {
@@ -61,15 +61,17 @@ void measure_decode(const std::string& name, const std::string& payload) {
   measure(name, payload.size(), [&] { VObject::deserialize(buf, payload.size(), value, true, 64); });
 }
 
+/// The header of a frame with a payload of so many bytes.
+std::string header(size_t payload) {
+  const auto byte = [=](int shift) { return static_cast<char>(payload >> shift & 0xFF); };
+  return std::string("\xA5\x01\0\0", 4) + byte(24) + byte(16) + byte(8) + byte(0);
+}
+
 /// A frame of nils, each a message.
 void measure_messages(size_t size) {
   PacketFrameIn frame;
   frame.reset();
-  const unsigned char length[] = {static_cast<unsigned char>(size >> 24), static_cast<unsigned char>(size >> 16),
-                                  static_cast<unsigned char>(size >> 8), static_cast<unsigned char>(size)};
-  std::string bytes("\xA5\x01\0\0", 4);
-  bytes.append(reinterpret_cast<const char*>(length), 4);
-  bytes.append(size, '\0');
+  const std::string bytes = header(size) + std::string(size, '\0');
   frame.assemble(bytes.data(), bytes.size(), 0);
   std::vector<VObject> messages;
   measure("nil, each a message", size, [&] { proto_extract_messages(frame, messages); });
@@ -93,18 +95,19 @@ void measure_keys(const std::string& name, const std::string& front, bool backwa
   measure_decode(name, hash_of(keys));
 }
 
-void measure_announced() {
+/// 1 GiB, when the other payloads have 1 MiB.
+void measure_announced(size_t size) {
   PacketFrameIn frame;
   frame.reset();
-  measure("header that announces 1 GiB", 8, [&] { frame.assemble("\xA5\x01\0\0\x40\0\0\0", 8, 0); });
+  const std::string bytes = header(1024 * size);
+  measure("header that announces 1024 times this", 8, [&] { frame.assemble(bytes.data(), bytes.size(), 0); });
 }
 
-void measure_symbols() {
-  constexpr int COUNT = 1000000;
-  measure("1000000 names of 16 bytes, interned", COUNT * 18, [] {
+void measure_symbols(size_t count) {
+  measure("as many names of 16 bytes, interned", count * 18, [=] {
     char name[32];
-    for (int i = 0; i < COUNT; ++i) {
-      std::snprintf(name, sizeof name, "%016d", i);
+    for (size_t i = 0; i < count; ++i) {
+      std::snprintf(name, sizeof name, "%016zu", i);
       VObject::intern(name);
     }
   });
@@ -133,7 +136,7 @@ int run(size_t size) {
       {"hashes in hashes", std::string("\x08\x05\0\x08\x05\0\0\x09\x09", 9)},
       {"arrays of one hash", "\x0A\x08\x09\x0B"},
       {"doubles", std::string("\x04\x3F\xF8\0\0\0\0\0\0", 9)}};
-  std::printf("%-36s %10s %12s %11s %9s %8s\n", "what", "bytes", "memory", "times", "seconds", "ns/byte");
+  std::printf("%-38s %10s %12s %11s %9s %8s\n", "what", "bytes", "memory", "times", "seconds", "ns/byte");
   bool well = true;
   for (const auto& unit : units) {
     well &= in_a_process_of_its_own([&] { measure_decode(unit.first, array_of(unit.second, size)); });
@@ -142,8 +145,8 @@ int run(size_t size) {
   well &= in_a_process_of_its_own([] { measure_keys("64000 keys in order", "", false); });
   well &= in_a_process_of_its_own([] { measure_keys("64000 keys backwards", "", true); });
   well &= in_a_process_of_its_own([] { measure_keys("64000 keys, 90 bytes in common", std::string(90, 'x'), false); });
-  well &= in_a_process_of_its_own(measure_announced);
-  well &= in_a_process_of_its_own(measure_symbols);
+  well &= in_a_process_of_its_own([=] { measure_announced(size); });
+  well &= in_a_process_of_its_own([=] { measure_symbols(size); });
   return well ? 0 : 1;
 }
 
