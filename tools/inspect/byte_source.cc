@@ -1,15 +1,19 @@
 #include "tools/inspect/byte_source.h"
 
 #include <cerrno>
-#include <stdexcept>
+#include <cstring>
 #include <system_error>
+#include <utility>
 
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <fmt/format.h>
+
 #include "tools/inspect/output.h"
+#include "tools/inspect/unicode.h"
 
 namespace vorn_inspect {
 
@@ -40,16 +44,25 @@ ByteSource::ByteSource(const std::string& path, bool follow, int output_fd)
 }
 
 ByteSource::~ByteSource() {
+  if (successor_ >= 0) ::close(successor_);
   if (close_) ::close(fd_);
 }
 
 size_t ByteSource::read(char* to, size_t n) {
+  begins_anew_ = false;
   for (;;) {
     if (regular_ && !follow_) return read_now(to, n);
     if (!wait(!regular_, regular_ ? 0 : -1)) return 0;
     const size_t got = read_now(to, n);
     if (got != 0 || !follow_) return got;
-    check_size();
+    if (successor_ >= 0) {
+      ::close(std::exchange(fd_, std::exchange(successor_, -1)));
+      begins_anew_ = true;
+      return 0;
+    }
+    if (became_shorter()) return 0;
+    // The old file may have grown since its end was met.
+    if (find_successor()) continue;
     if (!wait(false, FOLLOW_MILLISECONDS)) return 0;
   }
 }
@@ -77,11 +90,50 @@ bool ByteSource::wait(bool for_input, int milliseconds) {
   }
 }
 
-void ByteSource::check_size() const {
+bool ByteSource::became_shorter() {
   struct stat status;
-  if (::fstat(fd_, &status) == 0 && status.st_size < ::lseek(fd_, 0, SEEK_CUR)) {
-    throw std::runtime_error(name_ + ": became shorter");
+  if (::fstat(fd_, &status) != 0 || status.st_size >= ::lseek(fd_, 0, SEEK_CUR)) return false;
+  ::lseek(fd_, 0, SEEK_SET);
+  say("became shorter; going on at its beginning");
+  said_ = "";
+  return begins_anew_ = true;
+}
+
+/// Looks for another file under the name, and opens it.
+bool ByteSource::find_successor() {
+  if (!close_) return false;
+  struct stat mine, named;
+  if (::fstat(fd_, &mine) != 0) return false;
+  if (::stat(name_.c_str(), &named) != 0) {
+    say(errno == ENOENT ? "is gone; waiting for its successor" : std::strerror(errno));
+    return false;
   }
+  if (mine.st_dev == named.st_dev && mine.st_ino == named.st_ino) {
+    said_ = "";
+    return false;
+  }
+  if (S_ISREG(named.st_mode)) {
+    // A pipe could have taken its place by now, and opening one waits.
+    successor_ = ::open(name_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (successor_ < 0) {
+      say(std::strerror(errno));
+      return false;
+    }
+    if (::fstat(successor_, &named) == 0 && S_ISREG(named.st_mode)) {
+      say("is another file now; going on with that");
+      said_ = "";
+      return true;
+    }
+    ::close(std::exchange(successor_, -1));
+  }
+  say("is no regular file any more; waiting for one");
+  return false;
+}
+
+void ByteSource::say(const char* what) {
+  if (std::strcmp(what, said_) == 0) return;
+  said_ = what;
+  fmt::print(stderr, "vorn-inspect: {}: {}\n", printable(name_), what);
 }
 
 }  // namespace vorn_inspect

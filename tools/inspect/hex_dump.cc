@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <string>
 
 #include <fmt/format.h>
 
@@ -10,6 +11,7 @@ namespace vorn_inspect {
 namespace {
 
 constexpr size_t LINE = 16;
+constexpr size_t PIECE = 4096;
 constexpr char DIGITS[] = "0123456789abcdef";
 
 void append_digits(char c, std::string& out) {
@@ -20,7 +22,8 @@ void append_digits(char c, std::string& out) {
 
 }  // namespace
 
-void append_hex_dump(std::string_view bytes, uint64_t offset, std::string& out) {
+void write_hex_dump(std::string_view bytes, uint64_t offset, Output& output) {
+  std::string out;
   for (size_t at = 0; at < bytes.size(); at += LINE) {
     const std::string_view line = bytes.substr(at, LINE);
     fmt::format_to(std::back_inserter(out), "  {:08x} ", offset + at);
@@ -36,14 +39,18 @@ void append_hex_dump(std::string_view bytes, uint64_t offset, std::string& out) 
     out += " |";
     for (const char c : line) out += c >= 0x20 && c < 0x7F ? c : '.';
     out += "|\n";
+    output.write(out);
+    out.clear();
   }
 }
 
-std::string hex_digits(std::string_view bytes) {
+void write_hex_digits(std::string_view bytes, Output& output) {
   std::string out;
-  out.reserve(2 * bytes.size());
-  for (const char c : bytes) append_digits(c, out);
-  return out;
+  for (; !bytes.empty(); bytes.remove_prefix(std::min(PIECE, bytes.size()))) {
+    out.clear();
+    for (const char c : bytes.substr(0, PIECE)) append_digits(c, out);
+    output.write(out);
+  }
 }
 
 }  // namespace vorn_inspect

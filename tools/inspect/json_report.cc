@@ -2,6 +2,7 @@
 
 #include <utility>
 
+
 #include "tools/inspect/hex_dump.h"
 
 namespace vorn_inspect {
@@ -32,39 +33,45 @@ void JsonReport::on_frame(const Frame& frame) {
     note_damage();
     line["overlaps"] = frame.overlapped;
   }
-  if (hex_) line["hex"] = hex_digits(frame.bytes);
-  json values = json::array();
+  open(line);
+  add_hex(frame.bytes);
+  out_.write(",\"messages\":[");
+  const char* separator = "";
   MessageReader messages = frame.messages();
-  VORN::VObject message;
-  while (messages.next(message)) values.push_back(converter_.convert(message));
-  line["messages"] = std::move(values);
+  while (messages.next()) {
+    out_.write(separator);
+    values_.write(messages.message());
+    separator = ",";
+  }
+  out_.write("]");
   if (!messages.fault().empty()) {
     note_damage();
-    line["fault"] = {{"offset", messages.offset()}, {"reason", messages.fault()}};
+    const json fault = {{"offset", messages.offset()}, {"reason", messages.fault()}};
+    out_.write(",\"fault\":" + fault.dump());
   }
-  write(line);
+  out_.write("}\n");
 }
 
 void JsonReport::on_skipped(const Skipped& skipped) {
   note_damage();
   json starts = json::array();
   for (const FailedStart& start : skipped.failed_starts) starts.push_back(failed_start_to_json(start));
-  json line = {{"type", "skipped"},
+  const json line = {{"type", "skipped"},
                {"offset", skipped.offset},
                {"size", skipped.size},
                {"failed_starts", std::move(starts)},
                {"failed_start_count", skipped.failed_start_count}};
-  if (hex_) line["hex"] = hex_digits(skipped.head);
-  write(line);
+  open(line);
+  add_hex(skipped.head);
+  out_.write("}\n");
 }
 
 void JsonReport::on_value(const Value& value) {
-  json line = {{"type", "value"},
-               {"offset", value.offset},
-               {"size", value.bytes.size()},
-               {"value", converter_.convert(value.value)}};
-  if (hex_) line["hex"] = hex_digits(value.bytes);
-  write(line);
+  open({{"type", "value"}, {"offset", value.offset}, {"size", value.bytes.size()}});
+  add_hex(value.bytes);
+  out_.write(",\"value\":");
+  values_.write(value.encoded());
+  out_.write("}\n");
 }
 
 void JsonReport::on_failed_value(const FailedValue& failed) {
@@ -72,6 +79,20 @@ void JsonReport::on_failed_value(const FailedValue& failed) {
   write({{"type", "failed_value"},
          {"offset", failed.offset},
          {"fault", {{"offset", failed.fault_offset}, {"reason", failed.reason}}}});
+}
+
+/// An object whose last members are still to come: they may be longer than memory should hold.
+void JsonReport::open(const json& members) {
+  std::string text = members.dump();
+  text.pop_back();
+  out_.write(text);
+}
+
+void JsonReport::add_hex(std::string_view bytes) {
+  if (!hex_) return;
+  out_.write(",\"hex\":\"");
+  write_hex_digits(bytes, out_);
+  out_.write("\"");
 }
 
 void JsonReport::write(const json& line) {

@@ -2,6 +2,9 @@
 /// "failed_value". The manual page lists the members.
 #pragma once
 
+#include <string>
+#include <string_view>
+
 #include <nlohmann/json.hpp>
 
 #include "tools/inspect/json_value.h"
@@ -13,7 +16,7 @@ namespace vorn_inspect {
 class JsonReport : public Report {
  public:
   /// `hex`: show the bytes of frames, values and (the first of) skipped ranges too.
-  JsonReport(Output& out, bool hex) : out_(out), hex_(hex) {}
+  JsonReport(Output& out, bool hex) : out_(out), hex_(hex), values_(out) {}
 
   void on_frame(const Frame& frame) override;
   void on_skipped(const Skipped& skipped) override;
@@ -22,11 +25,13 @@ class JsonReport : public Report {
   void on_end(uint64_t) override {}
 
  private:
+  void open(const nlohmann::json& members);
+  void add_hex(std::string_view bytes);
   void write(const nlohmann::json& line);
 
   Output& out_;
   const bool hex_;
-  JsonConverter converter_;
+  JsonValueWriter values_;
 };
 
 }  // namespace vorn_inspect

@@ -3,36 +3,30 @@
 
 #include <string_view>
 
-#include <nlohmann/json.hpp>
-
-#include "proto/packet_buf.h"
-#include "vobject/vobject.h"
+#include "tools/inspect/value_writer.h"
 
 namespace vorn_inspect {
 
-/// Turns values into JSON, nothing lost, nothing lost: nil, booleans, integers (all 64 bits) and doubles are
-/// what JSON calls so; a double always has a point or an exponent. What JSON has no form for is an object
-/// with one member, whose name begins with a dollar sign:
+/// Writes values as JSON, nothing lost: nil, booleans, integers (all 64 bits) and doubles are what JSON calls
+/// so; a double always has a point or an exponent. What JSON has no form for is an object with one member,
+/// whose name begins with a dollar sign:
 ///
 ///   {"$bytes": "c3ff"}                a string that is not UTF-8, as hexadecimal digits
 ///   {"$double": "7ff8000000000000"}   infinities and what is not a number, by their bits
 ///   {"$hash": [[KEY, VALUE], ...]}   a hash that has a key which is not UTF-8 or begins with a dollar sign
 ///
-/// Other hashes are objects.
-class JsonConverter {
+/// Other hashes are objects. Of other characters than ASCII, those that is_control() knows are escaped.
+class JsonValueWriter : public ValueWriter {
  public:
-  /// REQUIRES: the value was decoded with symbols as strings: no references, no symbols, no user-defined
-  /// objects.
-  nlohmann::json convert(const VORN::VObject& value);
+  explicit JsonValueWriter(Output& out) : ValueWriter(out, "null", ",") {}
 
  private:
-  nlohmann::json convert_double(const VORN::VObject& value);
-  nlohmann::json convert_hash(const VORN::VObjectHash& hash);
+  void write_double(double number) override;
+  void write_string(std::string_view bytes) override;
+  bool is_plain_key(std::string_view key) const override;
+  const HashMarks& hash_marks(bool plain) const override;
 
-  VORN::PROTO::PacketBuf scratch_;
+  void write_characters(std::string_view utf8);
 };
-
-/// Well-formed: no overlong forms, no surrogates, nothing above U+10FFFF.
-bool is_utf8(std::string_view bytes);
 
 }  // namespace vorn_inspect

@@ -17,6 +17,7 @@
 #include "tools/inspect/progress_bar.h"
 #include "tools/inspect/stats_report.h"
 #include "tools/inspect/text_report.h"
+#include "tools/inspect/unicode.h"
 
 namespace {
 
@@ -41,23 +42,28 @@ bool wants_progress(const Options& options, const ByteSource& source) {
          (options.stats || ::isatty(STDOUT_FILENO) == 0);
 }
 
-/// Feeds the input to the scanner, and what was found to the output before each wait.
+/// Feeds the input to a scanner, and what was found to the output before each wait. An input that begins anew
+/// is another stream, with a scanner of its own.
 template <typename Scanner>
-void scan(Scanner&& scanner, const Options& options, Output& out, Report& report) {
+void scan(const Options& options, Output& out, Report& report) {
   ByteSource source(options.input, options.follow, out.fd());
+  out.set_stop(source.stop());
   std::optional<ProgressBar> progress;
   if (wants_progress(options, source)) progress.emplace(*source.size());
   std::vector<char> chunk(CHUNK);
   uint64_t done = 0;
-  for (;;) {
-    out.flush();
-    const size_t n = source.read(chunk.data(), chunk.size());
-    if (n == 0) break;
-    scanner.feed({chunk.data(), n});
-    done += n;
-    if (progress) progress->update(done);
-  }
-  scanner.finish();
+  do {
+    Scanner scanner(report, options.max_length);
+    for (;;) {
+      out.flush();
+      const size_t n = source.read(chunk.data(), chunk.size());
+      if (n == 0) break;
+      scanner.feed({chunk.data(), n});
+      done += n;
+      if (progress) progress->update(done);
+    }
+    scanner.finish();
+  } while (source.begins_anew());
   progress.reset();
   report.on_end(done);
   out.flush();
@@ -69,9 +75,9 @@ int run(const Options& options) {
   const std::unique_ptr<Report> report = make_report(options, out);
   try {
     if (options.values) {
-      scan(ValueScanner(*report, options.max_length), options, out, *report);
+      scan<ValueScanner>(options, out, *report);
     } else {
-      scan(StreamScanner(*report, options.max_length), options, out, *report);
+      scan<StreamScanner>(options, out, *report);
     }
   } catch (const OutputClosed&) {
     // Whoever read the output has seen enough.
@@ -89,7 +95,7 @@ int main(int argc, char** argv) {
   } catch (const std::bad_alloc&) {
     std::fputs("vorn-inspect: out of memory\n", stderr);
   } catch (const std::exception& e) {
-    fmt::print(stderr, "vorn-inspect: {}\n", e.what());
+    fmt::print(stderr, "vorn-inspect: {}\n", printable(e.what()));
   }
   return TROUBLE;
 }

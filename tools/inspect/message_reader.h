@@ -6,33 +6,56 @@
 
 #include "proto/value_wire.h"
 #include "tools/inspect/stream_window.h"
-#include "vobject/vobject.h"
 
 namespace vorn_inspect {
 
 /// The deepest nesting that the library reads in a frame.
 constexpr int32_t MAX_DEPTH = 64;
 
-/// Reads messages one at a time: what proto_extract_messages() finds, without holding more than one of them.
+/// A value that the library reads, where it lies.
+struct EncodedValue {
+  StreamWindow& window;
+  uint64_t offset;
+  uint64_t size;
+};
+
+/// The library's text for a hash key that is no string.
+extern const char KEY_IS_NO_STRING[];
+
+/// Finds messages one at a time: those that proto_extract_messages() finds. None is built: one of many small
+/// members takes more than a hundred times its bytes.
 class MessageReader {
  public:
-  /// Selects [offset, offset + size) of the window, which must not be used otherwise while messages are read.
-  MessageReader(StreamWindow& window, uint64_t offset, uint64_t size);
+  /// The messages in [offset, offset + size) of the window, of which this makes selections.
+  MessageReader(StreamWindow& window, uint64_t offset, uint64_t size)
+      : window_(window), end_(offset + size), start_(offset), offset_(offset) {}
 
-  /// Reads the next message. False: there is none, or it cannot be read; then fault() says why. Symbols come
-  /// as strings; at most 64 levels. Throws std::bad_alloc.
-  bool next(VORN::VObject& message);
+  /// Goes to the next message. False: there is none, or the library cannot read it; then fault() says why.
+  /// Symbols count as strings; at most 64 levels. Throws std::bad_alloc.
+  bool next();
+
+  /// The message that next() went to.
+  EncodedValue message() const { return {window_, start_, offset_ - start_}; }
 
   /// The library's text for the message that cannot be read; empty: none has failed.
   const std::string& fault() const { return fault_; }
 
   /// Where reading stands in the stream: behind the last message, or where the fault was found.
-  uint64_t offset() const { return window_.offset_of(window_.pos()); }
+  uint64_t offset() const { return offset_; }
 
  private:
+  void ask_the_library();
+
   StreamWindow& window_;
+  uint64_t end_;
+  uint64_t start_;
+  uint64_t offset_;
   std::string fault_;
 };
+
+/// Moves behind a value. False: a hash in it has a key that is no string; the cursor is then behind that key.
+/// REQUIRES: scan_value() has found no fault in it, at MAX_DEPTH.
+bool skip_value(VORN::PROTO::WireReader& in);
 
 /// Walks the messages in [offset, offset + size) of the window without building them, calling `at_start` with
 /// the offset of each. Returns whether they are readable to the end; a hash key that is no string passes.

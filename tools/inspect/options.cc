@@ -1,8 +1,10 @@
 #include "tools/inspect/options.h"
 
 #include <CLI/CLI.hpp>
+#include <fmt/format.h>
 
 #include "proto/frame_header.h"
+#include "tools/inspect/unicode.h"
 
 namespace vorn_inspect {
 
@@ -27,7 +29,13 @@ std::optional<Options> parse_options(int argc, char** argv, int& status) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
-    status = app.exit(e) == 0 ? 0 : 2;
+    status = 0;
+    if (e.get_exit_code() == 0) {
+      app.exit(e);
+    } else {
+      fmt::print(stderr, "vorn-inspect: {} (see --help)\n", printable(e.what()));
+      status = 2;
+    }
     return std::nullopt;
   }
   options.max_length = static_cast<uint32_t>(max_length);

@@ -1,8 +1,11 @@
 #include "tools/inspect/output.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <system_error>
 
+#include <poll.h>
 #include <unistd.h>
 
 namespace vorn_inspect {
@@ -10,7 +13,7 @@ namespace vorn_inspect {
 void Output::flush() {
   std::string_view rest = buffer_;
   while (!rest.empty()) {
-    const ssize_t n = ::write(fd_, rest.data(), rest.size());
+    const ssize_t n = ::write(fd_, rest.data(), wait_for_room(rest.size()));
     if (n >= 0) {
       rest.remove_prefix(static_cast<size_t>(n));
     } else if (errno == EPIPE) {
@@ -20,6 +23,17 @@ void Output::flush() {
     }
   }
   buffer_.clear();
+}
+
+/// How much of it can be written now. Signals are held back while the program works, so a write must not wait.
+size_t Output::wait_for_room(size_t wanted) const {
+  if (stop_ == nullptr) return wanted;
+  pollfd watched{fd_, POLLOUT, 0};
+  while (::ppoll(&watched, 1, nullptr, stop_->waiting_mask()) < 0) {
+    if (errno != EINTR) throw std::system_error(errno, std::generic_category(), "standard output");
+    if (stop_->came()) throw OutputClosed();
+  }
+  return std::min<size_t>(wanted, PIPE_BUF);
 }
 
 }  // namespace vorn_inspect

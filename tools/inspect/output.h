@@ -4,6 +4,8 @@
 #include <string>
 #include <string_view>
 
+#include "tools/inspect/stop_signal.h"
+
 namespace vorn_inspect {
 
 struct OutputClosed {};
@@ -12,10 +14,18 @@ class Output {
  public:
   explicit Output(int fd) : fd_(fd) {}
 
+  /// From now on a signal that comes while the reader takes nothing counts as its leaving. Null: no longer.
+  void set_stop(const StopSignal* stop) { stop_ = stop; }
+
   /// Adds bytes; writes them out now and then. Throws like flush().
   void write(std::string_view bytes) {
+    while (bytes.size() >= FLUSH_SIZE - buffer_.size()) {
+      const size_t fitting = FLUSH_SIZE - buffer_.size();
+      buffer_ += bytes.substr(0, fitting);
+      bytes.remove_prefix(fitting);
+      flush();
+    }
     buffer_ += bytes;
-    if (buffer_.size() >= FLUSH_SIZE) flush();
   }
 
   /// Writes everything out. Throws OutputClosed, and std::system_error when the bytes cannot be written.
@@ -26,7 +36,10 @@ class Output {
  private:
   static constexpr size_t FLUSH_SIZE = 0x10000;
 
+  size_t wait_for_room(size_t wanted) const;
+
   int fd_;
+  const StopSignal* stop_ = nullptr;
   std::string buffer_;
 };
 

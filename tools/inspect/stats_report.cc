@@ -33,8 +33,7 @@ void StatsReport::on_frame(const Frame& frame) {
   }
   sequence_.add(frame.header.seq, frame.offset);
   MessageReader messages = frame.messages();
-  VORN::VObject message;
-  while (messages.next(message)) ++messages_;
+  while (messages.next()) ++messages_;
   if (!messages.fault().empty()) {
     note_damage();
     ++faults_[messages.fault()];

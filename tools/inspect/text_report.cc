@@ -5,7 +5,6 @@
 #include <fmt/format.h>
 
 #include "tools/inspect/hex_dump.h"
-#include "vobject/render.h"
 
 namespace vorn_inspect {
 
@@ -18,14 +17,13 @@ void TextReport::on_frame(const Frame& frame) {
     fmt::format_to(text, "  (overlaps the frame at offset {})", frame.overlapped);
   }
   text_ += '\n';
+  write();
   add_bytes(frame.bytes, frame.offset);
   MessageReader messages = frame.messages();
-  VORN::VObject message;
-  while (messages.next(message)) {
-    text_ += "  ";
-    VORN::render(message, text_);
-    text_ += '\n';
-    write();
+  while (messages.next()) {
+    out_.write("  ");
+    values_.write(messages.message());
+    out_.write("\n");
   }
   if (!messages.fault().empty()) {
     note_damage();
@@ -54,16 +52,16 @@ void TextReport::on_skipped(const Skipped& skipped) {
     fmt::format_to(text, "!   ... and {} more start markers that begin no frame\n",
                    skipped.failed_start_count - skipped.failed_starts.size());
   }
-  add_bytes(skipped.head, skipped.offset);
   write();
+  add_bytes(skipped.head, skipped.offset);
 }
 
 void TextReport::on_value(const Value& value) {
   fmt::format_to(std::back_inserter(text_), "offset {}  ", value.offset);
-  VORN::render(value.value, text_);
-  text_ += '\n';
-  add_bytes(value.bytes, value.offset);
   write();
+  values_.write(value.encoded());
+  out_.write("\n");
+  add_bytes(value.bytes, value.offset);
 }
 
 void TextReport::on_failed_value(const FailedValue& failed) {
@@ -74,7 +72,7 @@ void TextReport::on_failed_value(const FailedValue& failed) {
 }
 
 void TextReport::add_bytes(std::string_view bytes, uint64_t offset) {
-  if (hex_) append_hex_dump(bytes, offset, text_);
+  if (hex_) write_hex_dump(bytes, offset, out_);
 }
 
 void TextReport::write() {

@@ -13,13 +13,14 @@
 
 #include "tools/inspect/output.h"
 #include "tools/inspect/report.h"
+#include "tools/inspect/text_value.h"
 
 namespace vorn_inspect {
 
 class TextReport : public Report {
  public:
   /// `hex`: show the bytes of frames, values and (the first of) skipped ranges too.
-  TextReport(Output& out, bool hex) : out_(out), hex_(hex) {}
+  TextReport(Output& out, bool hex) : out_(out), hex_(hex), values_(out) {}
 
   void on_frame(const Frame& frame) override;
   void on_skipped(const Skipped& skipped) override;
@@ -34,6 +35,7 @@ class TextReport : public Report {
   Output& out_;
   const bool hex_;
   std::string text_;
+  TextValueWriter values_;
 };
 
 }  // namespace vorn_inspect

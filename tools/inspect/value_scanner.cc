@@ -1,7 +1,6 @@
 #include "tools/inspect/value_scanner.h"
 
 #include "proto/value_wire.h"
-#include "tools/inspect/message_reader.h"
 
 namespace vorn_inspect {
 
@@ -40,7 +39,7 @@ void ValueScanner::read_values(bool ended) {
 /// False: more bytes are needed.
 bool ValueScanner::read_value(bool ended) {
   const uint64_t held = window_.end() - pos_;
-  MessageReader reader(window_, pos_, held);
+  window_.select(pos_, held);
   const uint64_t start = window_.pos();
   WireReader in(window_);
   ArrayCounts counts;
@@ -55,9 +54,9 @@ bool ValueScanner::read_value(bool ended) {
     return false;
   }
   enough_ = 0;
-  VORN::VObject value;
-  if (reader.next(value)) {
-    sink_.on_value({pos_, window_.view(pos_, size), value});
+  MessageReader reader(window_, pos_, held);
+  if (reader.next()) {
+    sink_.on_value({pos_, window_.view(pos_, size), window_});
     pos_ += size;
   } else {
     fail(reader.offset(), reader.fault().c_str());

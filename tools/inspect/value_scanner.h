@@ -5,15 +5,17 @@
 #include <string>
 #include <string_view>
 
+#include "tools/inspect/message_reader.h"
 #include "tools/inspect/stream_window.h"
-#include "vobject/vobject.h"
 
 namespace vorn_inspect {
 
 struct Value {
   uint64_t offset;
   std::string_view bytes;
-  const VORN::VObject& value;
+  StreamWindow& window;
+
+  EncodedValue encoded() const { return {window, offset, bytes.size()}; }
 };
 
 /// A value that cannot be read.
