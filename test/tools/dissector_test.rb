@@ -134,12 +134,38 @@ class DissectorTest < CheckSuite
 
   # Damaged streams, against a reader of frames that is written differently.
   def test_mutated_streams
-    random = Random.new(20_240_607)
-    streams = Array.new(400) { mutate(Array.new(6) { random_frame(random) }.join, random) }
-    name = capture(*streams.map { |bytes| PcapWriter.cut(bytes, *Array.new(9) { 1 + random.rand(60) }) })
-    shown = Tshark.streams(name, MEANS, *Tshark::DECODE_AS, '-o', 'vorn.max_frame:4096')
-    streams.each_with_index do |stream, number|
-      check("stream #{number}: #{stream.unpack('H*').first}", meaning_of(stream), summary(shown[number]))
+    random = Random.new(Integer(ENV.fetch('VORN_SEED', 20_240_607)))
+    in_batches(Integer(ENV.fetch('VORN_CAPTURES', 400))) do |count|
+      streams = Array.new(count) { mutate(Array.new(6) { random_frame(random) }.join, random) }
+      name = capture(*streams.map { |bytes| PcapWriter.cut(bytes, *Array.new(9) { 1 + random.rand(60) }) })
+      shown = Tshark.streams(name, MEANS, *Tshark::DECODE_AS, '-o', 'vorn.max_frame:4096')
+      streams.each_with_index do |stream, number|
+        check("stream #{number}: #{stream.unpack('H*').first}", meaning_of(stream), summary(shown[number]))
+      end
+    end
+  end
+
+  # Segments that are lost, repeated, out of order, or not as long as they say; payloads of any bytes; limits that are
+  # met; with trees and without. There is always an answer, and never a fault of the script.
+  def test_mutated_captures
+    random = Random.new(Integer(ENV.fetch('VORN_SEED', 4711)))
+    in_batches(Integer(ENV.fetch('VORN_CAPTURES', 400))) do |count|
+      connections = Array.new(count) do
+        stream = mutate(Array.new(1 + random.rand(5)) { random.rand(3) == 0 ? odd_frame(random) : random_frame(random) }.join, random)
+        shuffle(PcapWriter.cut(stream, *Array.new(6) { 1 + random.rand(80) }), random)
+      end
+      name = path('mutated.pcap')
+      File.open(name, 'wb') do |file|
+        pcap = PcapWriter.new(file, [262_144, 90, 60][random.rand(3)])
+        connections.each { |segments| pcap.connection(segments, out_of_order: true) }
+      end
+      options = [[], ['-2'], ['-o', 'vorn.max_values:20'], ['-o', 'tcp.desegment_tcp_streams:FALSE'],
+                 ['-o', 'tcp.reassemble_out_of_order:TRUE']][random.rand(5)]
+      shown = Tshark.packets(name, %w[frame.number vorn.seq], *Tshark::DECODE_AS, *options)
+      check("#{options.join(' ')}: packets", connections.map { |segments| 5 + segments.size }.inject(:+), shown.size)
+      check("#{options.join(' ')}: frames", true, shown.any? { |packet| packet['vorn.seq'].any? })
+      tree = Tshark.run(name, '-V', '-O', 'vorn', *Tshark::DECODE_AS, *options)
+      check("#{options.join(' ')}: the tree", false, tree.include?('Lua Error') || tree.include?('Dissector bug'))
     end
   end
 
@@ -370,6 +396,36 @@ class DissectorTest < CheckSuite
     @values ||= Vectors.table('values.txt', 8).map { |row| Vectors.bytes(row[1]) }.select { |b| b.bytesize < 60 }
     payload = Array.new(random.rand(4)) { @values[random.rand(@values.size)] }.join
     frame(random.rand(65_536), payload, [8, 12][random.rand(2)])
+  end
+
+  # A frame of type bytes in any order, and of few other bytes.
+  def odd_frame(random)
+    payload = Array.new(random.rand(60)) { random.rand(4) == 0 ? random.rand(256) : random.rand(13) }.pack('C*')
+    frame(random.rand(65_536), payload, [8, 12][random.rand(2)])
+  end
+
+  # Pairs of a segment and where it belongs.
+  def shuffle(segments, random)
+    at = 0
+    placed = segments.map { |bytes| [bytes, (at += bytes.bytesize) - bytes.bytesize] }
+    random.rand(3).times do
+      i = random.rand(placed.size + 1)
+      case random.rand(4)
+      when 0 then placed.delete_at(i)
+      when 1 then placed.insert(i, placed[random.rand(placed.size)]) unless placed.empty?
+      when 2 then placed.insert(random.rand(placed.size), placed.delete_at(i)) if i < placed.size
+      else placed[i] = [placed[i][0], placed[i][1] + random.rand(20) - 10] if i < placed.size
+      end
+    end
+    placed
+  end
+
+  # What one tshark reads at a time.
+  def in_batches(count)
+    while count > 0
+      yield [count, 500].min
+      count -= 500
+    end
   end
 
   def mutate(stream, random)

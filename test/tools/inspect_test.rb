@@ -140,6 +140,31 @@ class InspectTest < CheckSuite
      '          4 to 7                     4 ####'].each { |line| check(line, true, text.include?(line)) }
   end
 
+  # Nothing that a peer chose, or a name, reaches a terminal as a control; and what is read back is what was sent.
+  def test_controls
+    marks = [0x7F, *0x80..0x9F, 0x061C, 0x200E, 0x200F, *0x2028..0x202E, *0x2066..0x2069]
+    text = ((0..0x1F).to_a + marks).pack('U*')
+    payload = Vectors.bytes('08 07') + short(text) + "\x07".b + short(text) + "\x07".b + short("b#{text}") + "\x05".b +
+              short("\x9B\x1B\x7F".b) + "\x09".b
+    wild = /[^ -~\n]/n
+    [[payload, []], [payload, %w[--values]], ["\x0A\x81\x0C".b + text.b, []], [text.b, %w[--values]]].each do |bytes, options|
+      stream = options.empty? ? frame(1, bytes) + bytes : bytes
+      [%w[--json], %w[--hex], %w[--json --hex], %w[--stats], %w[--json --stats], []].each do |more|
+        result = inspector(*options, *more, stdin: stream)
+        check("#{(options + more).join(' ')}: nothing wild", [], (result.out + result.err).scan(wild).uniq)
+      end
+    end
+    hash = { text => text, "b#{text}" => { '$bytes' => '9b1b7f' } }
+    check('the same text', hash, json(payload, '--values').first['value'])
+    check('the same text, in a frame', [hash], json(frame(1, payload)).first['messages'])
+    name = "a\e[2J\u009B\u202E\x7F\n"
+    [[path(name)], ["--#{name}"], ['a', name], ['--max-length', name], ["--json=#{name}"], [path("\x9B\x7F\e".b)]].each do |arguments|
+      result = inspector(*arguments)
+      check("#{arguments}: status", [2, ''], [result.status, result.out])
+      check("#{arguments}: one line with the program's name", true, result.err =~ /\Avorn-inspect: [ -~]+\n\z/ ? true : false)
+    end
+  end
+
   def test_follow
     %w[INT TERM].each do |signal|
       File.binwrite(path('growing'), frame(1, "\x81".b))
@@ -162,15 +187,82 @@ class InspectTest < CheckSuite
     check('a pipe ends', 0, inspector('--follow', stdin: frame(1, '')).status)
     File.binwrite(path('growing'), frame(1, '') * 100)
     Open3.popen3(@program, '--follow', path('growing')) do |_, out, err, process|
-      lines_of(out, 100)
-      File.truncate(path('growing'), 8)
-      status = Timeout.timeout(10) { process.value }.exitstatus
-      check('a file that became shorter', [2, true], [status, err.read.include?('became shorter')])
-    end
-    Open3.popen3(@program, '--follow', path('growing')) do |_, out, err, process|
       lines_of(out, 1)
       out.close
       check('nobody reads', [0, ''], [Timeout.timeout(10) { process.value }.exitstatus, err.read])
+    end
+  end
+
+  # What becomes of a file under its name: it goes on, from the beginning, with what has the name.
+  def test_follow_by_name
+    File.binwrite(path('log'), frame(1, '') + frame(2, "\x81\x82".b)[0, 9])
+    Open3.popen3(@program, '--follow', path('log')) do |_, out, err, process|
+      check('at first', "offset 0  layout 8  seq 1  length 0\n", lines_of(out, 1))
+      File.rename(path('log'), path('old'))
+      check('renamed', said('is gone; waiting for its successor'), lines_of(err, 1))
+      append('old', "\x82".b)
+      check('the old one is still read', "offset 8  layout 8  seq 2  length 2\n  1\n  2\n", lines_of(out, 3))
+      append('old', frame(3, "\x81\x82".b)[0, 9])
+      Dir.mkdir(path('log'))
+      check('a folder', said('is no regular file any more; waiting for one'), lines_of(err, 1))
+      Dir.rmdir(path('log'))
+      check('gone again', said('is gone; waiting for its successor'), lines_of(err, 1))
+      File.mkfifo(path('log')) if File.respond_to?(:mkfifo)
+      lines_of(err, 1) if File.respond_to?(:mkfifo)
+      File.binwrite(path('new'), frame(4, "\x81".b))
+      File.rename(path('new'), path('log'))
+      check('another', said('is another file now; going on with that'), lines_of(err, 1))
+      check('what the old one left unfinished, and the new one',
+            "! skipped 9 bytes at offset 18\n!   offset 18: cut off by the end of the input (layout 8, seq 3, length 2)\n" \
+            "offset 0  layout 8  seq 4  length 1\n  1\n", lines_of(out, 4))
+      File.truncate(path('log'), 0)
+      check('shorter', said('became shorter; going on at its beginning'), lines_of(err, 1))
+      append('log', frame(5, ''))
+      check('from the beginning', "offset 0  layout 8  seq 5  length 0\n", lines_of(out, 1))
+      File.truncate(path('log'), 0)
+      check('shorter again', said('became shorter; going on at its beginning'), lines_of(err, 1))
+      File.delete(path('log'))
+      check('gone for good', said('is gone; waiting for its successor'), lines_of(err, 1))
+      sleep 0.3
+      Process.kill(:TERM, process.pid)
+      check('ended', [1, '', ''], [Timeout.timeout(10) { process.value }.exitstatus, out.read, err.read])
+    end
+    File.binwrite(path('log'), frame(6, '') * 2)
+    check('standard input', ["offset 0  layout 8  seq 6  length 0\n", true], followed_input)
+  end
+
+  # A byte at a time, faster than it is read, and a frame that never ends; a signal is heard in each.
+  def test_follow_growth
+    bytes = frame(1, "\x81".b, 12) + 'xy' + frame(2, "\x82\x83".b)
+    { 'bytes' => [bytes.chars.map(&:b), 1], 'fast' => [[frame(1, "\x81".b) * 100_000] * 20, 0],
+      'endless' => [["\xA5\x01\0\0\x03\xFF\xFF\xFF".b] + ["\x0A".b * 100_000] * 20, 1] }.each do |what, (parts, status)|
+      File.binwrite(path('growing'), '')
+      Open3.popen3(@program, '--follow', path('growing')) do |_, out, err, process|
+        reader = Thread.new { out.read }
+        parts.each { |part| append('growing', part) && sleep(what == 'fast' ? 0 : 0.01) }
+        sleep 0.5
+        check("#{what}: memory", true, resident(process.pid) < 64)
+        Process.kill(:INT, process.pid)
+        check("#{what}: ends", [status, ''], [Timeout.timeout(20) { process.value }.exitstatus, err.read])
+        expected = inspector(path('growing')).out
+        check("#{what}: what was shown", true, what == 'fast' ? expected.start_with?(reader.value) : expected == reader.value)
+      end
+    end
+  end
+
+  # A reader that stands still must not make the program deaf.
+  def test_follow_stalled_reader
+    File.binwrite(path('growing'), frame(1, "\x81".b) * 100_000)
+    %w[INT TERM].each do |signal|
+      Open3.popen3(@program, '--follow', path('growing')) do |_, out, err, process|
+        lines_of(out, 1)
+        sleep 0.5
+        Process.kill(signal, process.pid)
+        ended = process.join(10)
+        check("SIG#{signal} while nobody reads", true, !ended.nil?)
+        Process.kill(:KILL, process.pid) unless ended
+        check('status', [0, ''], [process.value.exitstatus, err.read])
+      end
     end
   end
 
@@ -200,13 +292,25 @@ class InspectTest < CheckSuite
     check('not without a terminal', '', inspector('--stats', path('large')).err)
   end
 
-  # The most memory that the program had when it had read so much.
+  # The most memory that the program had when it had read so much, and shown what there was.
   def test_memory
     clean = frame(1, "\x08\x05\x02id\x81\x09".b) * 60_000
     check('a long capture', true, peak(Array.new(100) { clean }) < 16)
     check('noise', true, peak(Array.new(100) { "\xA5".b * 1_000_000 }) < 16)
     long = "\xA5\x01\0\0\x03\xFF\xFF\xFF".b * 125_000 # each announces 64 MiB
     check('long payloads', true, peak(Array.new(100) { long }, '--stats') < 300)
+  end
+
+  # The manual page says 12 times.
+  def test_memory_of_messages
+    size = 4_000_000
+    { 'empty hashes' => "\x08\x09".b, 'empty arrays' => "\x0A\x0B".b, 'strings' => "\x05\x01\xFF".b,
+      'hashes' => "\x08\x05\0\0\x09".b, 'nested' => "\x0A".b * 62 + "\x0B".b * 62,
+      'doubles' => "\x04\xFF\xEF".b + "\xFF".b * 6 }.each do |what, member|
+      check_memory(what, "\x0A".b + member * (size / member.bytesize) + "\x0B".b)
+    end
+    check_memory('one hash', "\x08".b + "\x05\0\0".b * (size / 3) + "\x09".b)
+    check_memory('one string', Vectors.bytes('05 80 92 F4 01') + "\x01".b * size)
   end
 
   # The program itself on damaged captures: always an answer, and frames whose bytes nobody touched are there.
@@ -293,17 +397,59 @@ class InspectTest < CheckSuite
     terminal.close
   end
 
+  def short(text)
+    [text.bytesize & 0x7F | (text.bytesize > 0x7F ? 0x80 : 0), text.bytesize >> 7].take(text.bytesize > 0x7F ? 2 : 1).pack('C*') + text.b
+  end
+
+  def said(what)
+    "vorn-inspect: #{path('log')}: #{what}\n"
+  end
+
+  # The first line that --follow shows of standard input, and whether it notices that the file becomes shorter.
+  def followed_input
+    Open3.popen3("exec #{@program} --follow < #{path('log')}") do |_, out, err, process|
+      first = lines_of(out, 1)
+      File.truncate(path('log'), 0)
+      shorter = lines_of(err, 1).include?('standard input: became shorter')
+      Process.kill(:TERM, process.pid)
+      return [first, shorter]
+    end
+  end
+
+  # Until the program has done what it can and waits for more.
+  def settle(pid)
+    Timeout.timeout(120) do
+      readings = []
+      until readings.size > 3 && readings.last(4).uniq.size == 1 && readings.last.first == 'S'
+        sleep 0.05
+        readings << File.read("/proc/#{pid}/stat")[/\) (.*)/, 1].split.values_at(0, 11, 12)
+      end
+    end
+  end
+
+  def resident(pid)
+    Integer(File.read("/proc/#{pid}/status")[/VmHWM:\s+(\d+)/, 1]) / 1024.0
+  end
+
+  def check_memory(what, value)
+    [%w[--hex], %w[--json --hex], %w[--stats]].each do |options|
+      [[[frame(1, value)], options], [[value], options + %w[--values]]].each do |parts, all|
+        times = peak(parts, *all) * 1_048_576 / value.bytesize
+        check("#{what} #{all.join(' ')}: #{times.round(1)} times", true, times < 12)
+      end
+    end
+  end
+
   # MiB.
   def peak(parts, *options)
     Open3.popen3(@program, *options) do |input, out, _, process|
       reader = Thread.new { IO.copy_stream(out, File::NULL) }
       parts.each { |part| input.binmode.write(part) }
       input.flush
-      sleep 0.2
-      status = File.read("/proc/#{process.pid}/status")
+      settle(process.pid)
+      mib = resident(process.pid)
       input.close
       reader.join
-      mib = Integer(status[/VmHWM:\s+(\d+)/, 1]) / 1024.0
       puts format('  peak %.1f MiB behind %d MB', mib, parts.map(&:bytesize).inject(:+) / 1_000_000)
       mib
     end

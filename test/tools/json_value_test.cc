@@ -3,22 +3,17 @@
 #include <string>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "test/support/hex.h"
+#include "test/tools/written.h"
 
 namespace {
 
-using vorn_inspect::is_utf8;
 using vorn_test::from_hex;
 
 std::string json_of(const std::string& hex) {
-  VORN::PROTO::PacketBuf buf;
-  const std::string bytes = from_hex(hex);
-  buf.write_bytes(bytes.data(), bytes.size());
-  buf.reset();
-  VORN::VObject value;
-  VORN::VObject::deserialize(buf, bytes.size(), value, true, 64);
-  return vorn_inspect::JsonConverter().convert(value).dump();
+  return vorn_test::written<vorn_inspect::JsonValueWriter>(from_hex(hex));
 }
 
 TEST(JsonValue, ShowsScalars) {
@@ -57,36 +52,49 @@ TEST(JsonValue, CannotBeMisledByKeys) {
   EXPECT_EQ("{\"$hash\":[[\"a\",1],[{\"$bytes\":\"ff\"},2]]}", json_of("08 05 01 61 81 05 01 FF 82 09"));
 }
 
-TEST(JsonValue, KnowsUtf8) {
-  for (const char* const hex : {"-", "7F", "C2 80", "DF BF", "E0 A0 80", "ED 9F BF", "EE 80 80", "EF BF BF",
-                                "F0 90 80 80", "F4 8F BF BF", "61 C3 A4 62"}) {
-    EXPECT_TRUE(is_utf8(from_hex(hex))) << hex;
-  }
-  for (const char* const hex :
-       {"80", "BF", "C0 80", "C1 BF", "C2", "C2 7F", "C2 C0", "E0 9F BF", "ED A0 80", "E1 80", "E1 80 C0",
-        "F0 8F BF BF", "F4 90 80 80", "F5 80 80 80", "F1 80 80", "FF", "61 C3"}) {
-    EXPECT_FALSE(is_utf8(from_hex(hex))) << hex;
+TEST(JsonValue, OrdersEntriesAndKeepsTheLastOfAKey) {
+  EXPECT_EQ("{\"\":1,\"a\":3,\"b\":4}", json_of("08 05 01 62 82 05 01 61 83 05 00 81 05 01 62 84 09"));
+  EXPECT_EQ("{\"$hash\":[[\"$\",{\"a\":[{\"b\":2}]}],[\"c\",3]]}",
+            json_of("08 05 01 63 83 05 01 24 08 05 01 61 0A 08 05 01 62 82 09 0B 09 09"));
+}
+
+TEST(JsonValue, EscapesWhatATerminalMayObey) {
+  EXPECT_EQ("\"\\b\\f\\n\\r\\t\\u001b\\\\\"", json_of("05 07 08 0C 0A 0D 09 1B 5C"));
+  EXPECT_EQ("\"~\\u007f\\u0080\\u009b\\u009f\xC2\xA0\"", json_of("05 0A 7E 7F C2 80 C2 9B C2 9F C2 A0"));
+  EXPECT_EQ("{\"\\u202e\":\"a\\u2066\"}", json_of("08 05 03 E2 80 AE 05 04 61 E2 81 A6 09"));
+}
+
+// What is escaped parses to the same text, every character of the basic plane and some above it.
+TEST(JsonValue, ParsesToTheSameText) {
+  for (unsigned c = 0; c < 0x11000; ++c) {
+    if (c >= 0xD800 && c < 0xE000) continue;
+    std::string bytes;
+    if (c < 0x80) {
+      bytes = {static_cast<char>(c)};
+    } else if (c < 0x800) {
+      bytes = {static_cast<char>(0xC0 | c >> 6), static_cast<char>(0x80 | (c & 0x3F))};
+    } else if (c < 0x10000) {
+      bytes = {static_cast<char>(0xE0 | c >> 12), static_cast<char>(0x80 | (c >> 6 & 0x3F)),
+               static_cast<char>(0x80 | (c & 0x3F))};
+    } else {
+      bytes = {static_cast<char>(0xF0 | c >> 18), static_cast<char>(0x80 | (c >> 12 & 0x3F)),
+               static_cast<char>(0x80 | (c >> 6 & 0x3F)), static_cast<char>(0x80 | (c & 0x3F))};
+    }
+    const std::string text = "x" + bytes + "y";
+    const std::string json = vorn_test::written<vorn_inspect::JsonValueWriter>(
+        std::string("\x07") + static_cast<char>(text.size()) + text);
+    ASSERT_EQ(text, nlohmann::json::parse(json).get<std::string>()) << c;
   }
 }
 
-// What is_utf8() passes, the JSON library must not refuse.
-TEST(JsonValue, AgreesWithTheJsonLibraryAboutUtf8) {
-  const auto accepted = [](const std::string& bytes) {
-    try {
-      nlohmann::json(bytes).dump();
-      return true;
-    } catch (const nlohmann::json::exception&) {
-      return false;
-    }
-  };
-  for (unsigned first = 0; first < 256; ++first) {
-    for (unsigned second = 0; second < 256; ++second) {
-      for (const char* const rest : {"", "\x80", "\x80\x80", "\xBF\x41"}) {
-        const std::string bytes = std::string{static_cast<char>(first), static_cast<char>(second)} + rest;
-        ASSERT_EQ(accepted(bytes), is_utf8(bytes)) << vorn_test::to_hex(bytes);
-      }
-    }
-  }
+// Longer than the pieces in which strings are written.
+TEST(JsonValue, WritesLongStrings) {
+  std::string text;
+  for (int i = 0; i < 40000; ++i) text += i % 7 == 0 ? "\xE2\x80\xAE" : "a\x7F\xC3\xA4";
+  std::string bytes = "\x07";
+  for (size_t n = text.size(); n != 0; n >>= 7) bytes += static_cast<char>((n & 0x7F) | (n > 0x7F ? 0x80 : 0));
+  EXPECT_EQ(text,
+            nlohmann::json::parse(vorn_test::written<vorn_inspect::JsonValueWriter>(bytes + text)).get<std::string>());
 }
 
 }  // namespace

@@ -25,15 +25,20 @@ class PcapWriter
   end
 
   # Writes a whole connection. `segments` are strings, sent by the client, or pairs of :client or :server and a
-  # string.
-  def connection(segments, port = 40_700)
+  # string. Out of order they are pairs of a string and its place in the client's stream.
+  def connection(segments, port = 40_700, out_of_order: false)
     @connections += 1
     client = Peer.new([127, 0, 0, 1], 20_000 + @connections, 1000)
     server = Peer.new([127, 0, 0, 2], port, 5000)
     packet(client, server, SYN)
     packet(server, client, SYN | ACK)
     packet(client, server, ACK)
+    first = client.seq
     segments.each do |from, bytes|
+      if out_of_order
+        client.seq = first + bytes
+        from, bytes = :client, from
+      end
       from, bytes = :client, from if bytes.nil?
       sender, receiver = from == :client ? [client, server] : [server, client]
       packet(sender, receiver, PSH | ACK, bytes)

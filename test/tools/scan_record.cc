@@ -1,12 +1,21 @@
 #include "test/tools/scan_record.h"
 
 #include "vobject/render.h"
+#include "vobject/vobject.h"
 
 namespace vorn_test {
 
 using namespace vorn_inspect;
 
 namespace {
+
+/// As the library does.
+void render(const EncodedValue& encoded, std::string& out) {
+  encoded.window.select(encoded.offset, encoded.size);
+  VORN::VObject value;
+  VORN::VObject::deserialize(encoded.window, encoded.window.payload_end(), value, true, MAX_DEPTH);
+  VORN::render(value, out);
+}
 
 template <typename Scanner>
 ScanRecord scan_with(std::string_view stream, size_t piece, uint32_t max_length) {
@@ -30,10 +39,9 @@ void ScanRecord::on_frame(const Frame& frame) {
   if (frame.overlaps) line += " overlaps " + std::to_string(frame.overlapped);
   line += ":";
   MessageReader messages = frame.messages();
-  VORN::VObject message;
-  while (messages.next(message)) {
+  while (messages.next()) {
     line += ' ';
-    VORN::render(message, line);
+    render(messages.message(), line);
   }
   if (!messages.fault().empty()) line += " ! " + std::to_string(messages.offset()) + " " + messages.fault();
   lines.push_back(line);
@@ -54,7 +62,7 @@ void ScanRecord::on_skipped(const Skipped& skipped) {
 void ScanRecord::on_value(const Value& value) {
   std::string line =
       "value " + std::to_string(value.offset) + " size " + std::to_string(value.bytes.size()) + ": ";
-  VORN::render(value.value, line);
+  render(value.encoded(), line);
   lines.push_back(line);
 }
 

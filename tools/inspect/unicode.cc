@@ -2,8 +2,6 @@
 
 #include <fmt/format.h>
 
-#include "vobject/render.h"
-
 namespace vorn_inspect {
 
 bool is_utf8(std::string_view bytes) {
@@ -60,7 +58,13 @@ char32_t take_character(std::string_view& bytes) {
 std::string printable(const std::string& bytes) {
   std::string out;
   if (!is_utf8(bytes)) {
-    VORN::escape_str(bytes, out, '\0');
+    for (const char byte : bytes) {
+      if (byte >= 0x20 && byte < 0x7F) {
+        out += byte;
+      } else {
+        out += fmt::format("\\x{:02x}", static_cast<unsigned>(static_cast<unsigned char>(byte)));
+      }
+    }
     return out;
   }
   for (std::string_view rest = bytes; !rest.empty();) {

@@ -17,8 +17,8 @@ bool is_control(char32_t c);
 /// empty.
 char32_t take_character(std::string_view& bytes);
 
-/// A text for a message on a terminal: control characters become `\u` and four digits; of bytes that are not
-/// UTF-8, and of control bytes in them, `\x` and two. A line feed counts as one.
+/// A text for a message on a terminal: control characters become `\u` and four digits. In one that is not
+/// UTF-8, control bytes and all from 0x80 on become `\x` and two.
 std::string printable(const std::string& bytes);
 
 }  // namespace vorn_inspect
