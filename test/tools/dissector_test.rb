@@ -151,7 +151,8 @@ class DissectorTest < CheckSuite
     random = Random.new(Integer(ENV.fetch('VORN_SEED', 4711)))
     in_batches(Integer(ENV.fetch('VORN_CAPTURES', 400))) do |count|
       connections = Array.new(count) do
-        stream = mutate(Array.new(1 + random.rand(5)) { random.rand(3) == 0 ? odd_frame(random) : random_frame(random) }.join, random)
+        frames = Array.new(1 + random.rand(5)) { random.rand(3) == 0 ? odd_frame(random) : random_frame(random) }
+        stream = mutate(frames.join, random)
         shuffle(PcapWriter.cut(stream, *Array.new(6) { 1 + random.rand(80) }), random)
       end
       name = path('mutated.pcap')

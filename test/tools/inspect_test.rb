@@ -4,6 +4,7 @@
 require 'json'
 require 'open3'
 require 'pty'
+require 'shellwords'
 require 'tmpdir'
 require 'timeout'
 require_relative '../support/vectors'
@@ -23,7 +24,9 @@ class InspectTest < CheckSuite
   def initialize(build, dir)
     super(dir)
     @build = build
-    @program = File.join(build, 'tools/inspect/vorn-inspect')
+    program = File.join(build, 'tools/inspect/vorn-inspect')
+    @program = [program, program] # to be run without a shell
+    @quoted = Shellwords.escape(program)
   end
 
   def run(arguments)
@@ -147,7 +150,8 @@ class InspectTest < CheckSuite
     payload = Vectors.bytes('08 07') + short(text) + "\x07".b + short(text) + "\x07".b + short("b#{text}") + "\x05".b +
               short("\x9B\x1B\x7F".b) + "\x09".b
     wild = /[^ -~\n]/n
-    [[payload, []], [payload, %w[--values]], ["\x0A\x81\x0C".b + text.b, []], [text.b, %w[--values]]].each do |bytes, options|
+    [[payload, []], [payload, %w[--values]], ["\x0A\x81\x0C".b + text.b, []],
+     [text.b, %w[--values]]].each do |bytes, options|
       stream = options.empty? ? frame(1, bytes) + bytes : bytes
       [%w[--json], %w[--hex], %w[--json --hex], %w[--stats], %w[--json --stats], []].each do |more|
         result = inspector(*options, *more, stdin: stream)
@@ -158,10 +162,11 @@ class InspectTest < CheckSuite
     check('the same text', hash, json(payload, '--values').first['value'])
     check('the same text, in a frame', [hash], json(frame(1, payload)).first['messages'])
     name = "a\e[2J\u009B\u202E\x7F\n"
-    [[path(name)], ["--#{name}"], ['a', name], ['--max-length', name], ["--json=#{name}"], [path("\x9B\x7F\e".b)]].each do |arguments|
+    [[path(name)], ["--#{name}"], ['a', name], ['--max-length', name], ["--json=#{name}"],
+     [path("\x9B\x7F\e".b)]].each do |arguments|
       result = inspector(*arguments)
       check("#{arguments}: status", [2, ''], [result.status, result.out])
-      check("#{arguments}: one line with the program's name", true, result.err =~ /\Avorn-inspect: [ -~]+\n\z/ ? true : false)
+      check("#{arguments}: one line with the program's name", '', result.err.sub(/\Avorn-inspect: [ -~]+\n\z/, ''))
     end
   end
 
@@ -213,7 +218,8 @@ class InspectTest < CheckSuite
       File.rename(path('new'), path('log'))
       check('another', said('is another file now; going on with that'), lines_of(err, 1))
       check('what the old one left unfinished, and the new one',
-            "! skipped 9 bytes at offset 18\n!   offset 18: cut off by the end of the input (layout 8, seq 3, length 2)\n" \
+            "! skipped 9 bytes at offset 18\n" \
+            "!   offset 18: cut off by the end of the input (layout 8, seq 3, length 2)\n" \
             "offset 0  layout 8  seq 4  length 1\n  1\n", lines_of(out, 4))
       File.truncate(path('log'), 0)
       check('shorter', said('became shorter; going on at its beginning'), lines_of(err, 1))
@@ -234,8 +240,8 @@ class InspectTest < CheckSuite
   # A byte at a time, faster than it is read, and a frame that never ends; a signal is heard in each.
   def test_follow_growth
     bytes = frame(1, "\x81".b, 12) + 'xy' + frame(2, "\x82\x83".b)
-    { 'bytes' => [bytes.chars.map(&:b), 1], 'fast' => [[frame(1, "\x81".b) * 100_000] * 20, 0],
-      'endless' => [["\xA5\x01\0\0\x03\xFF\xFF\xFF".b] + ["\x0A".b * 100_000] * 20, 1] }.each do |what, (parts, status)|
+    { 'bytes' => bytes.chars.map(&:b), 'fast' => [frame(1, "\x81".b) * 100_000] * 20,
+      'endless' => ["\xA5\x01\0\0\x03\xFF\xFF\xFF".b] + ["\x0A".b * 100_000] * 20 }.each do |what, parts|
       File.binwrite(path('growing'), '')
       Open3.popen3(@program, '--follow', path('growing')) do |_, out, err, process|
         reader = Thread.new { out.read }
@@ -243,9 +249,12 @@ class InspectTest < CheckSuite
         sleep 0.5
         check("#{what}: memory", true, resident(process.pid) < 64)
         Process.kill(:INT, process.pid)
-        check("#{what}: ends", [status, ''], [Timeout.timeout(20) { process.value }.exitstatus, err.read])
-        expected = inspector(path('growing')).out
-        check("#{what}: what was shown", true, what == 'fast' ? expected.start_with?(reader.value) : expected == reader.value)
+        ended = [Timeout.timeout(20) { process.value }.exitstatus, err.read]
+        expected, shown = inspector(path('growing')).out, reader.value
+        # Where there was more to read, the signal may have come in the middle of a frame.
+        shown = shown.sub(/^! skipped.*\z/m, '') if what == 'fast'
+        check("#{what}: ends", what == 'fast' ? '' : [1, ''], what == 'fast' ? ended[1] : ended)
+        check("#{what}: what was shown", true, what == 'fast' ? expected.start_with?(shown) : expected == shown)
       end
     end
   end
@@ -277,18 +286,18 @@ class InspectTest < CheckSuite
     end
     File.binwrite(path('long'), frame(1, "\x81".b) * 200_000)
     check('head', ["offset 0  layout 8  seq 1  length 1\n", '', "0\n"],
-          shell("{ #{@program} #{path('long')}; echo $? >&3; } 3>#{path('status')} | head -1").values_at(0, 1) +
+          shell("{ #{@quoted} #{quoted('long')}; echo $? >&3; } 3>#{quoted('status')} | head -1").values_at(0, 1) +
           [File.read(path('status'))])
   end
 
   def test_progress
     File.open(path('large'), 'wb') { |file| 64.times { file.write(frame(1, "\x81\x00\x02".b * 10) * 27_000) } }
-    bar = on_terminal("exec #{@program} --stats #{path('large')} > /dev/null")
+    bar = on_terminal("exec #{@quoted} --stats #{quoted('large')} > /dev/null")
     check('a bar', true, bar =~ /\[#* +\] +\d+ %  \d+ of \d+ MiB/ ? true : false)
     check('which goes away', true, bar.end_with?("\r\e[K"))
-    check('not for a pipe', '', on_terminal("cat #{path('large')} | #{@program} --stats > /dev/null"))
+    check('not for a pipe', '', on_terminal("cat #{quoted('large')} | #{@quoted} --stats > /dev/null"))
     File.binwrite(path('small'), frame(1, ''))
-    check('not for a small file', '', on_terminal("exec #{@program} --stats #{path('small')} > /dev/null"))
+    check('not for a small file', '', on_terminal("exec #{@quoted} --stats #{quoted('small')} > /dev/null"))
     check('not without a terminal', '', inspector('--stats', path('large')).err)
   end
 
@@ -358,15 +367,20 @@ class InspectTest < CheckSuite
     Result.new(out, err, status.exitstatus)
   end
 
+  # A file's name, for a shell.
+  def quoted(name)
+    Shellwords.escape(path(name))
+  end
+
   def with_shell(arguments)
-    shell("#{@program} #{arguments}")
+    shell("#{@quoted} #{arguments}")
   end
 
   # The same input by all ways in.
   def ways(stream)
     File.binwrite(path('stream'), stream)
     { 'file' => inspector(path('stream')), 'pipe' => inspector(stdin: stream), 'dash' => inspector('-', stdin: stream),
-      'redirection' => with_shell("< #{path('stream')}") }
+      'redirection' => with_shell("< #{quoted('stream')}") }
   end
 
   def json(stream, *options)
@@ -398,7 +412,8 @@ class InspectTest < CheckSuite
   end
 
   def short(text)
-    [text.bytesize & 0x7F | (text.bytesize > 0x7F ? 0x80 : 0), text.bytesize >> 7].take(text.bytesize > 0x7F ? 2 : 1).pack('C*') + text.b
+    size = text.bytesize
+    (size > 0x7F ? [size & 0x7F | 0x80, size >> 7] : [size]).pack('C*') + text.b
   end
 
   def said(what)
@@ -407,7 +422,7 @@ class InspectTest < CheckSuite
 
   # The first line that --follow shows of standard input, and whether it notices that the file becomes shorter.
   def followed_input
-    Open3.popen3("exec #{@program} --follow < #{path('log')}") do |_, out, err, process|
+    Open3.popen3("exec #{@quoted} --follow < #{quoted('log')}") do |_, out, err, process|
       first = lines_of(out, 1)
       File.truncate(path('log'), 0)
       shorter = lines_of(err, 1).include?('standard input: became shorter')

@@ -92,9 +92,10 @@ TEST(JsonValue, WritesLongStrings) {
   std::string text;
   for (int i = 0; i < 40000; ++i) text += i % 7 == 0 ? "\xE2\x80\xAE" : "a\x7F\xC3\xA4";
   std::string bytes = "\x07";
-  for (size_t n = text.size(); n != 0; n >>= 7) bytes += static_cast<char>((n & 0x7F) | (n > 0x7F ? 0x80 : 0));
-  EXPECT_EQ(text,
-            nlohmann::json::parse(vorn_test::written<vorn_inspect::JsonValueWriter>(bytes + text)).get<std::string>());
+  for (size_t n = text.size(); n != 0; n >>= 7)
+    bytes += static_cast<char>((n & 0x7F) | (n > 0x7F ? 0x80 : 0));
+  EXPECT_EQ(text, nlohmann::json::parse(vorn_test::written<vorn_inspect::JsonValueWriter>(bytes + text))
+                      .get<std::string>());
 }
 
 }  // namespace

@@ -80,14 +80,18 @@ TEST(MessageReader, FindsAndWritesWhatTheLibraryDoes) {
   const char* const count = std::getenv("VORN_PAYLOADS");
   const uint64_t payloads = count == nullptr ? 20000 : std::strtoull(count, nullptr, 10);
   uint64_t faults = 0, messages = 0;
-  for (const std::string& value : values) ASSERT_EQ(library_reads(value), read(value)) << vorn_test::to_hex(value);
+  for (const std::string& value : values)
+    ASSERT_EQ(library_reads(value), read(value)) << vorn_test::to_hex(value);
   for (uint64_t n = 0; n < payloads; ++n) {
     std::string payload;
     for (uint64_t pieces = random() % 8; pieces > 0; --pieces) {
-      static constexpr std::string_view MARKS[] = {"\x08", "\x09", "\x0A", "\x0B", "\x05\x01\x7F", "\x07\x01k", "\x81"};
+      static constexpr std::string_view MARKS[] = {"\x08",         "\x09",      "\x0A", "\x0B",
+                                                   "\x05\x01\x7F", "\x07\x01k", "\x81"};
       const std::string& value = values[random() % values.size()];
-      if (random() % 2 == 0) payload += MARKS[random() % std::size(MARKS)];
-      else if (value.size() < 100) payload += value;
+      if (random() % 2 == 0)
+        payload += MARKS[random() % std::size(MARKS)];
+      else if (value.size() < 100)
+        payload += value;
     }
     for (uint64_t times = random() % 3; times > 0 && !payload.empty(); --times) {
       payload[random() % payload.size()] = static_cast<char>(random());
@@ -104,7 +108,8 @@ TEST(MessageReader, FindsAndWritesWhatTheLibraryDoes) {
 }
 
 TEST(MessageReader, WordsAKeyThatIsNoStringAsTheLibraryDoes) {
-  for (const char* const hex : {"08 81 82 09", "08 05 00 81 0A 0B 81 09", "0A 08 08 02 81 09 81 09 0B", "08 05 00 08 81 81 09 09"}) {
+  for (const char* const hex :
+       {"08 81 82 09", "08 05 00 81 0A 0B 81 09", "0A 08 08 02 81 09 81 09 0B", "08 05 00 08 81 81 09 09"}) {
     const Reading reading = read(from_hex(hex));
     EXPECT_EQ(KEY_IS_NO_STRING, reading.fault);
     EXPECT_EQ(library_reads(from_hex(hex)), reading) << hex;

@@ -47,7 +47,7 @@ TEST(Unicode, AgreesWithTheJsonLibraryAboutUtf8) {
 }
 
 TEST(Unicode, KnowsWhatATerminalMayObey) {
-  const std::pair<char32_t, char32_t> controls[] = {{0, 0x1F},           {0x7F, 0x9F},       {0x61C, 0x61C},
+  const std::pair<char32_t, char32_t> controls[] = {{0, 0x1F},        {0x7F, 0x9F},     {0x61C, 0x61C},
                                                     {0x200E, 0x200F}, {0x2028, 0x202E}, {0x2066, 0x2069}};
   char32_t behind = 0;
   for (const auto& [first, last] : controls) {

@@ -12,16 +12,16 @@ namespace vorn_inspect {
 
 class ByteSource {
  public:
-  /// `path`: "-" is standard input. `follow`: the end of a regular file is no end, SIGINT and SIGTERM are, and
-  /// what becomes of the file under its name is said on standard error. `output_fd`: while waiting for input,
-  /// its reader is watched. Throws std::system_error.
+  /// `path`: "-" is standard input. `follow`: the end of a regular file is no end, SIGINT and SIGTERM are,
+  /// and what becomes of the file under its name is said on standard error. `output_fd`: while waiting for
+  /// input, its reader is watched. Throws std::system_error.
   ByteSource(const std::string& path, bool follow, int output_fd);
   ~ByteSource();
   ByteSource(const ByteSource&) = delete;
   ByteSource& operator=(const ByteSource&) = delete;
 
-  /// Waits for input and reads up to n bytes of it; 0: the end, or begins_anew(). Throws std::system_error, and
-  /// OutputClosed when nobody reads the output any more.
+  /// Waits for input and reads up to n bytes of it; 0: the end, or begins_anew(). Throws std::system_error,
+  /// and OutputClosed when nobody reads the output any more.
   size_t read(char* to, size_t n);
 
   /// Whether read() met the end because a followed file became shorter, or another file has its name now. The
@@ -46,7 +46,7 @@ class ByteSource {
   bool close_;
   int output_fd_;
   bool regular_ = false;
-  bool follow_;  ///< a regular file, to be followed
+  bool follow_;            ///< a regular file, to be followed
   int successor_ = -1;     ///< the file that has the name now, to be read when the old one has been
   const char* said_ = "";  ///< about the file under the name, so that it is said once
   bool begins_anew_ = false;

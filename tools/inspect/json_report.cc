@@ -2,7 +2,6 @@
 
 #include <utility>
 
-
 #include "tools/inspect/hex_dump.h"
 
 namespace vorn_inspect {
@@ -57,10 +56,10 @@ void JsonReport::on_skipped(const Skipped& skipped) {
   json starts = json::array();
   for (const FailedStart& start : skipped.failed_starts) starts.push_back(failed_start_to_json(start));
   const json line = {{"type", "skipped"},
-               {"offset", skipped.offset},
-               {"size", skipped.size},
-               {"failed_starts", std::move(starts)},
-               {"failed_start_count", skipped.failed_start_count}};
+                     {"offset", skipped.offset},
+                     {"size", skipped.size},
+                     {"failed_starts", std::move(starts)},
+                     {"failed_start_count", skipped.failed_start_count}};
   open(line);
   add_hex(skipped.head);
   out_.write("}\n");

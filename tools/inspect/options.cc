@@ -1,7 +1,7 @@
 #include "tools/inspect/options.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
+#include <CLI/CLI.hpp>
 
 #include "proto/frame_header.h"
 #include "tools/inspect/unicode.h"

@@ -25,7 +25,8 @@ void Output::flush() {
   buffer_.clear();
 }
 
-/// How much of it can be written now. Signals are held back while the program works, so a write must not wait.
+/// How much of it can be written now. Signals are held back while the program works, so a write must not
+/// wait.
 size_t Output::wait_for_room(size_t wanted) const {
   if (stop_ == nullptr) return wanted;
   pollfd watched{fd_, POLLOUT, 0};

@@ -1,5 +1,6 @@
-/// Writes values as text straight from their bytes. Nothing is built but a list of the entries of the hashes that are
-/// open, since a hash is written in the order of its keys, and of entries with the same key only the last.
+/// Writes values as text straight from their bytes. Nothing is built but a list of the entries of the hashes
+/// that are open, since a hash is written in the order of its keys, and of entries with the same key only the
+/// last.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +27,8 @@ class ValueWriter {
   ValueWriter(const ValueWriter&) = delete;
   ValueWriter& operator=(const ValueWriter&) = delete;
 
-  /// Throws std::bad_alloc, and like Output::write(). Each byte is read once for each hash around it, and twice more.
+  /// Throws std::bad_alloc, and like Output::write(). Each byte is read once for each hash around it, and
+  /// twice more.
   void write(const EncodedValue& value);
 
  protected:
