@@ -94,7 +94,7 @@ int main(int argc, char** argv) try {
     Folder folder(root / target);
     add_decode_seeds(folder);
   }
-  for (const char* target : {"round_trip", "merge_diff", "render"}) {
+  for (const char* target : {"round_trip", "merge_diff", "render", "variant_program", "variant_laws"}) {
     Folder folder(root / target);
     add_tree_seeds(folder);
   }
