@@ -227,16 +227,29 @@ class Model {
     return true;
   }
 
+  /// What a cell holds directly.
+  static std::vector<Cell*> parts_of(const Cell* c) {
+    std::vector<Cell*> parts;
+    if (c->referent != nullptr) parts.push_back(c->referent);
+    if (c->contents != nullptr) {
+      parts.insert(parts.end(), c->contents->elements.begin(), c->contents->elements.end());
+      for (const auto& member : c->contents->members) parts.push_back(member.second);
+    }
+    return parts;
+  }
+
+  static bool holds(const Cell* c, const Cell* part) {
+    for (const Cell* const p : parts_of(c)) {
+      if (p == part || holds(p, part)) return true;
+    }
+    return false;
+  }
+
   /// Equality and diff are not for these.
   static bool has_empty_udt(const Cell* c) {
-    if (c->tag == VORN::DT_REF) return has_empty_udt(c->referent);
-    if (c->tag == VORN::DT_UDT) return c->contents == nullptr;
-    if (c->contents == nullptr) return false;
-    for (const Cell* const element : c->contents->elements) {
-      if (has_empty_udt(element)) return true;
-    }
-    for (const auto& member : c->contents->members) {
-      if (has_empty_udt(member.second)) return true;
+    if (c->tag == VORN::DT_UDT && c->contents == nullptr) return true;
+    for (const Cell* const p : parts_of(c)) {
+      if (has_empty_udt(p)) return true;
     }
     return false;
   }
@@ -337,14 +350,8 @@ class Model {
     c.walk = walk_;
     c.weight = TOO_MUCH;  // until it is known: a cell that is met again meanwhile holds itself
     unsigned sum = 1;
-    if (c.referent != nullptr) sum += weight(*c.referent);
-    if (c.contents != nullptr) {
-      for (Cell* const element : c.contents->elements) {
-        if (sum < TOO_MUCH) sum += weight(*element);
-      }
-      for (const auto& member : c.contents->members) {
-        if (sum < TOO_MUCH) sum += weight(*member.second);
-      }
+    for (Cell* const part : parts_of(&c)) {
+      if (sum < TOO_MUCH) sum += weight(*part);
     }
     return c.weight = sum;
   }
