@@ -148,10 +148,11 @@ class Model {
     return member;
   }
 
-  void append(Cell* c, const std::vector<Cell*> values) {
+  /// The values may be the elements themselves.
+  void append(Cell* c, const std::vector<Cell*>& values) {
     c = target(c);
     if (c->tag != VORN::DT_VECTOR) fail("VObject::append called on non-vector object");
-    for (const Cell* const value : values) c->contents->elements.push_back(make(*value));
+    for (size_t n = values.size(), i = 0; i < n; ++i) c->contents->elements.push_back(make(*values[i]));
   }
 
   void merge(Cell* dst, const Cell* src) {

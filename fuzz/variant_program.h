@@ -161,7 +161,7 @@ class Program {
     auto& members = target->contents->members;
     auto& elements = target->contents->elements;
     if (!members.empty()) {
-      const auto n = in_.byte() % members.size();
+      const auto n = static_cast<std::ptrdiff_t>(in_.byte() % members.size());
       return inside({std::next(at.value.gethash().begin(), n)->second, std::next(members.begin(), n)->second},
                     steps - 1);
     }
@@ -216,26 +216,34 @@ class Program {
     }
   }
 
+  /// What is stored: something that is there, or something new.
+  Place source() {
+    if (in_.below(2) != 0) return place();
+    auto made = fresh();
+    made_ = boost::make_shared<VORN::VObject>(std::move(made.first));
+    return {*made_, made.second};
+  }
+
   void step() {
     switch (in_.below(24)) {
-      case 0: assign_fresh(); break;
-      case 1: set(); break;
-      case 2: assign(); break;
-      case 3: move(); break;
-      case 4: refer(); break;
-      case 5: renew(); break;
-      case 6:
-      case 7: store(); break;
-      case 8: fetch(); break;
-      case 9:
-      case 10: append(); break;
-      case 11: append_all(); break;
-      case 12: take_out(); break;
-      case 13: reset(); break;
-      case 14: unref(); break;
-      case 15: intern(); break;
-      case 16:
-      case 17: merge(); break;
+      case 0: set(); break;
+      case 1: assign(); break;
+      case 2: move(); break;
+      case 3: refer(); break;
+      case 4: renew(); break;
+      case 5:
+      case 6: store(); break;
+      case 7: fetch(); break;
+      case 8:
+      case 9: append(); break;
+      case 10: append_all(); break;
+      case 11: take_out(); break;
+      case 12: reset(); break;
+      case 13: unref(); break;
+      case 14: intern(); break;
+      case 15:
+      case 16: merge(); break;
+      case 17:
       case 18: diff(); break;
       case 19: deep_copy(); break;
       case 20: decode(); break;
@@ -243,14 +251,6 @@ class Program {
       case 22: nest(); break;
       default: write_into_string(); break;
     }
-  }
-
-  void assign_fresh() {
-    const Place dst = place();
-    auto [value, cell] = fresh();
-    Model::Cell* const source = cell;
-    VORN::VObject& moved = value;
-    both([&] { Model::move(dst.cell, source); }, [&] { dst.value = std::move(moved); });
   }
 
   /// The setters write to the target, whatever the kind.
@@ -263,6 +263,15 @@ class Program {
       case VORN::DT_INT:
         both([&] { *set = Model::Cell(*from); }, [&] { dst.value = src.value.to_i64(); });
         break;
+      case VORN::DT_DOUBLE: {
+        const double near = Model::double_of(from->word) + 0.03;
+        both(
+            [&] {
+              *set = {VORN::DT_DOUBLE, Model::word_of(near), nullptr, nullptr};
+            },
+            [&] { dst.value = near; });
+        break;
+      }
       case VORN::DT_BOOL:
         both([&] { *set = Model::Cell(*from); }, [&] { dst.value = src.value.to_bool(); });
         break;
@@ -283,13 +292,13 @@ class Program {
 
   void assign() {
     const Place dst = place();
-    const Place src = place();
+    const Place src = source();
     both([&] { Model::assign(dst.cell, src.cell); }, [&] { dst.value = src.value; });
   }
 
   void move() {
     const Place dst = place();
-    const Place src = place();
+    const Place src = source();
     both([&] { Model::move(dst.cell, src.cell); }, [&] { dst.value = std::move(src.value); });
   }
 
@@ -315,7 +324,7 @@ class Program {
 
   void store() {
     const Place dst = place();
-    const Place src = place();
+    const Place src = source();
     const std::string k = key();
     if (k.find('\0') == std::string::npos) {
       both([&] { Model::assign(model_.fetch(dst.cell, k, "VObject::store"), src.cell); },
@@ -343,7 +352,7 @@ class Program {
 
   void append() {
     const Place dst = place();
-    const Place src = place();
+    const Place src = source();
     const unsigned choice = in_.byte();
     if (choice < 0xF0) {
       both([&] { model_.append(dst.cell, {src.cell}); }, [&] { dst.value.append(src.value); });
@@ -403,7 +412,7 @@ class Program {
 
   void merge() {
     const Place dst = place();
-    const Place src = place();
+    const Place src = source();
     both([&] { model_.merge(dst.cell, src.cell); }, [&] { dst.value.merge(src.value); });
   }
 
@@ -530,6 +539,7 @@ class Program {
   Model model_;
   std::vector<boost::shared_ptr<VORN::VObject>> variables_;
   std::vector<Model::Cell*> cells_;
+  boost::shared_ptr<VORN::VObject> made_;
 };
 
 }  // namespace vorn_fuzz
