@@ -257,6 +257,10 @@ class Program {
   void set() {
     const Place dst = place();
     const Place src = place();
+    set(dst, src);
+  }
+
+  void set(const Place& dst, const Place& src) {
     Model::Cell* const set = Model::target(dst.cell);
     const Model::Cell* const from = Model::target(src.cell);
     switch (from->tag) {
@@ -416,9 +420,19 @@ class Program {
     both([&] { model_.merge(dst.cell, src.cell); }, [&] { dst.value.merge(src.value); });
   }
 
+  /// A deep copy with a little change, if there can be one.
+  Place similar(const Place& at) {
+    made_ = boost::make_shared<VORN::VObject>();
+    const Place copy{*made_, model_.make()};
+    both([&] { model_.deep_copy(at.cell, copy.cell); }, [&] { VORN::deep_copy(at.value, copy.value); });
+    const Place changed = inside(copy, in_.below(4));
+    set(changed, changed);
+    return copy;
+  }
+
   void diff() {
     const Place a = place();
-    const Place b = place();
+    const Place b = in_.below(2) != 0 ? similar(a) : place();
     const Place out = place();
     const int parent_tag = in_.below(2) != 0 ? VORN::DT_VECTOR : VORN::DT_NIL;
     static const double epsilons[] = {0, 0, 0.05, 0.5, 1e308};
