@@ -27,6 +27,8 @@ Gem::Specification.new do |gem|
     ext/extconf.rb
     ext/gc_memory_usage.cc
     ext/hash_entries.h
+    ext/machine_stack.cc
+    ext/machine_stack.h
     ext/native_guard.cc
     ext/native_guard.h
     ext/native_object.cc

@@ -63,6 +63,10 @@ have_func("rb_enc_interned_str", "ruby/encoding.h")       # since 3.0
 have_func("rb_hash_bulk_insert", "ruby.h")                # in the public headers since 2.7
 $defs << "-DVORN_RUBY_HAS_TYPED_CALLBACKS" unless ruby_before?("2.7") # <ruby/backward/cxxanyargs.hpp>
 $defs << "-DVORN_RUBY_ALIASES_PASS_FOR_BUILTIN" if ruby_before?("2.3") # to rb_method_basic_definition_p
+# In 2.2 ruby_stack_check() is the constant 0; where it is no more, between that and 2.7, was not tried.
+if ruby_before?("2.7") && have_func("pthread_getattr_np", ["ruby.h", "pthread.h"])
+  $defs << "-DVORN_RUBY_OVERRUNS_THE_STACK"
+end
 $defs << "-DVORN_RUBY_TAINTS" if ruby_before?("2.7")       # later the calls remain and do nothing
 
 # --- flags ------------------------------------------------------------------------------------------------

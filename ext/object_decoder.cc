@@ -1,6 +1,9 @@
 #include "ext/object_decoder.h"
 
+#include <algorithm>
+
 #include "ext/hash_entries.h"
+#include "ext/machine_stack.h"
 #include "ext/native_guard.h"
 #include "ext/recent_keys.h"
 #include "proto/value_wire.h"
@@ -10,7 +13,6 @@ namespace EXT {
 
 namespace {
 
-using PROTO::ArrayCounts;
 using PROTO::PacketBuf;
 using PROTO::ValueFault;
 using PROTO::WireReader;
@@ -18,11 +20,26 @@ using PROTO::WireReader;
 int binary_index;
 int utf8_index;
 
+/// The member counts of the arrays, in the order of their starts.
+struct CountList {
+  const uint32_t* counts;
+  size_t size;
+
+  /// That of the next array; 0 when there is none.
+  uint32_t next() {
+    if (size == 0) return 0;
+    --size;
+    return *counts++;
+  }
+};
+
 struct DecodeContext {
   const PacketBuf& buf;
   WireReader& in;
-  ArrayCounts& counts;
+  CountList counts;
   const DecodeOptions options;
+  MachineStack stack{};
+  HashingRoom hashing{};
 #ifdef VORN_RUBY_INTERNS_KEYS
   RecentKeys* recent_keys = nullptr;
 
@@ -129,44 +146,29 @@ inline VALUE decode_next_packetbuf_rbstr(DecodeContext& ctx, int encoding_index)
   }
 }
 
-// Within the default limit the machine stack is deep enough; a larger one is the caller's word, and the bytes
-// are a stranger's.
-constexpr int32_t UNCHECKED_DEPTH = 64;
-
-// Some 3 MB. Of the main thread's 8 MB Ruby 2.2 does not see the end: it leaves out what lies above its main().
+// Some 3 MB. A larger limit is the caller's word, and the bytes are a stranger's.
 constexpr int32_t RECURSION_DEPTH = 10000;
 
-// Ruby's own check leaves room for one call, 4 KiB in 2.2. A collection takes more, and when it is a collection that
-// hits the end of the stack, the interpreter is broken.
-constexpr unsigned STACK_STEP = 2048;
-constexpr unsigned STACK_STEPS = 16;
-constexpr int32_t LEVELS_BETWEEN_CHECKS = 16;
-
-/// Goes down the stack step by step, each within the room that the one before has found.
-[[gnu::noinline]] bool stack_has_room(unsigned steps) {
-  volatile char step[STACK_STEP];
-  step[0] = 0;
-  const bool room = !ruby_stack_check() && (steps == 0 || stack_has_room(steps - 1));
-  asm volatile("" : : "r"(step) : "memory");  // keeps the step, and the call above from becoming a loop
-  return room;
+[[noreturn]] void raise_too_deep() {
+  rb_raise(rb_eSysStackError, "stack level too deep");
 }
 
-inline void check_machine_stack(int32_t depth) {
-  if (depth <= UNCHECKED_DEPTH) return;
-  if (depth > RECURSION_DEPTH || (depth % LEVELS_BETWEEN_CHECKS == 0 && !stack_has_room(STACK_STEPS))) {
-    rb_raise(rb_eSysStackError, "stack level too deep");
-  }
+/// `here` is a local of the caller's.
+inline void check_machine_stack(DecodeContext& ctx, int32_t depth, const void* here) {
+  if (depth > RECURSION_DEPTH || !ctx.stack.has_room(here)) raise_too_deep();
 }
 
 VALUE decode_packetbuf_rbarray(DecodeContext& ctx, int32_t depth) {
-  check_machine_stack(depth);
-  const uint32_t count = ctx.counts.next();
   VALUE batch[ARRAY_BATCH];
+  check_machine_stack(ctx, depth, batch);
+  const size_t hashing_outer = ctx.hashing.begin();
+  const uint32_t count = ctx.counts.next();
   int gathered = 0;
   VALUE array = count > ARRAY_BATCH ? rb_ary_new_capa(static_cast<long>(count)) : Qnil;
   while (ctx.in.readable()) {
     if (ctx.in.peek() == PROTO::PTT_ARRAY_END) {
       ctx.in.skip(1);
+      ctx.hashing.end(hashing_outer, HashingRoom::ARRAY);
       return NIL_P(array) ? rb_ary_new_from_values(gathered, batch) : rb_ary_cat(array, batch, gathered);
     }
     if (gathered == ARRAY_BATCH) {
@@ -198,11 +200,14 @@ inline VALUE decode_key(DecodeContext& ctx, int32_t depth) {
 }
 
 VALUE decode_packetbuf_rbhash(DecodeContext& ctx, int32_t depth) {
-  check_machine_stack(depth);
-  const VALUE hash = rb_hash_new();
   VALUE batch[HASH_BATCH];
+  check_machine_stack(ctx, depth, batch);
+  const VALUE hash = rb_hash_new();
   int gathered = 0;
+  const size_t hashing_outer = ctx.hashing.begin();
+  size_t hashing_keys = 0;
   const auto store = [&] {
+    if (hashing_keys > 0 && !ctx.stack.has_room(batch, hashing_keys)) raise_too_deep();
     store_hash_entries(hash, batch, gathered);
     gathered = 0;
     ctx.in.resync(ctx.buf);  // a key's `hash` or `eql?` may have written to the buffer
@@ -211,62 +216,81 @@ VALUE decode_packetbuf_rbhash(DecodeContext& ctx, int32_t depth) {
     if (ctx.in.peek() == PROTO::PTT_HASH_END) {
       ctx.in.skip(1);
       if (gathered > 0) store();
+      ctx.hashing.end(hashing_outer, HashingRoom::HASH);
       return hash;
     }
     if (gathered == HASH_BATCH) {
       store();
       continue;
     }
+    const size_t hashing_before = ctx.hashing.begin();
     batch[gathered] = decode_key(ctx, depth + 1);
+    hashing_keys = std::max(hashing_keys, ctx.hashing.end(hashing_before, 0));
     batch[gathered + 1] = decode_next_packetbuf_rbobj(ctx, depth + 1);
     gathered += 2;
   }
   raise_fault(ValueFault::underrun_hash);
 }
 
-// A fiber that is suspended in a key's `hash`, and never resumed, takes the frames of this pass with it. What they own
-// has to be the collector's: here a String that nobody sees.
-VALUE build(VALUE arg) {
-  DecodeContext& ctx = *reinterpret_cast<DecodeContext*>(arg);
-  const size_t bytes = ctx.counts.own_bytes();
-  if (bytes == 0) return decode_next_packetbuf_rbobj(ctx, 1);
-  const VALUE owner = rb_str_tmp_new(static_cast<long>(bytes));
-  ctx.counts.move_to(reinterpret_cast<uint32_t*>(RSTRING_PTR(owner)));
-  const VALUE obj = decode_next_packetbuf_rbobj(ctx, 1);
-  rb_str_resize(owner, 0);  // not left to the next collection
-  return obj;
-}
+// One call's state. A fiber that is suspended in a key's `hash`, and never resumed, takes these frames with it, and a
+// continuation taken there may enter them again after they have returned. So while Ruby code can run they own nothing,
+// and what they look at stays as long as somebody can look: the counts are here, or in a String that nobody sees and
+// that is left to the collector.
+struct Decode {
+  PacketBuf& buf;
+  const DecodeOptions options;
+  WireReader in;
+  CountList counts{nullptr, 0};
+  VALUE many_counts = Qnil;
+  int jump_state = 0;
+  uint32_t few_counts[PROTO::ArrayCounts::INLINE_SLOTS];  // left as it is: most messages use little of it
 
-struct Outcome {
-  VALUE result;
-  ValueFault fault;
-  int jump_state;
+  Decode(PacketBuf& b, DecodeOptions o) : buf(b), options(o), in(b) {}
 };
 
-// Both passes, with everything native released on return: only then may Ruby's exception go on.
-Outcome decode(PacketBuf& buf, DecodeOptions options, bool scan_only) {
-  Outcome outcome{Qnil, ValueFault::none, 0};
-  ArrayCounts counts;
-  const WireReader start(buf);
-  WireReader in = start;
-  const PROTO::ScanRules rules{options.maxdepth, UINT64_MAX, in.data_len()};
-  outcome.fault = PROTO::scan_value(in, rules, counts);
-  if (outcome.fault == ValueFault::none && !scan_only) {
-    in = start;
-    DecodeContext ctx{buf, in, counts, options};
-    outcome.result = rb_protect(build, reinterpret_cast<VALUE>(&ctx), &outcome.jump_state);
+VALUE make_room(VALUE bytes) {
+  return rb_str_tmp_new(static_cast<long>(bytes));
+}
+
+// With nothing native left on return.
+ValueFault check(Decode& decode, bool keep_counts) {
+  PROTO::ArrayCounts counts;
+  const PROTO::ScanRules rules{decode.options.maxdepth, UINT64_MAX, decode.in.data_len()};
+  const WireReader start = decode.in;
+  const ValueFault fault = PROTO::scan_value(decode.in, rules, counts);
+  if (fault != ValueFault::none || !keep_counts) return fault;
+  decode.in = start;
+  uint32_t* kept = decode.few_counts;
+  if (counts.size() > PROTO::ArrayCounts::INLINE_SLOTS) {
+    decode.many_counts = rb_protect(make_room, counts.size() * sizeof(uint32_t), &decode.jump_state);
+    if (decode.jump_state != 0) return fault;
+    kept = reinterpret_cast<uint32_t*>(RSTRING_PTR(decode.many_counts));
   }
-  in.commit(buf);
-  return outcome;
+  counts.copy_to(kept);
+  decode.counts = {kept, counts.size()};
+  return fault;
+}
+
+VALUE build(VALUE arg) {
+  Decode& decode = *reinterpret_cast<Decode*>(arg);
+  DecodeContext ctx{decode.buf, decode.in, decode.counts, decode.options};
+  return decode_next_packetbuf_rbobj(ctx, 1);
 }
 
 }  // namespace
 
 VALUE deserialize_packetbuf_single_rbobj(PacketBuf& buf, DecodeOptions options, bool scan_only_result) {
-  const Outcome outcome = native_guard([&] { return decode(buf, options, scan_only_result); });
-  if (outcome.jump_state != 0) rb_jump_tag(outcome.jump_state);
-  if (outcome.fault != ValueFault::none) raise_fault(outcome.fault);
-  return outcome.result;
+  Decode decode(buf, options);
+  const ValueFault fault = native_guard([&] { return check(decode, !scan_only_result); });
+  VALUE result = Qnil;
+  if (fault == ValueFault::none && !scan_only_result && decode.jump_state == 0) {
+    result = rb_protect(build, reinterpret_cast<VALUE>(&decode), &decode.jump_state);
+  }
+  decode.in.commit(buf);
+  if (decode.jump_state != 0) rb_jump_tag(decode.jump_state);
+  if (fault != ValueFault::none) raise_fault(fault);
+  RB_GC_GUARD(decode.many_counts);
+  return result;
 }
 
 void init_object_decoder() {

@@ -1,5 +1,6 @@
 #include "ext/vorn_rpc_ext.h"
 
+#include "ext/machine_stack.h"
 #include "ext/object_decoder.h"
 #include "ext/object_serializer.h"
 #include "ext/recent_keys.h"
@@ -87,6 +88,7 @@ extern "C" __attribute__((visibility("default"))) void Init_vorn_rpc_ext() {
 #ifdef VORN_RUBY_INTERNS_KEYS
   init_recent_keys();
 #endif
+  init_machine_stack();
   init_object_serializer();
   init_object_decoder();
   init_packet_buf();

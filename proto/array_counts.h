@@ -28,31 +28,28 @@ class ArrayCounts {
     (slot < INLINE_SLOTS ? inline_[slot] : more_[slot - INLINE_SLOTS]) = count;
   }
 
-  /// Between the passes: the memory that these counts have of their own, in bytes; 0 for few arrays.
-  size_t own_bytes() const { return more_.size() * sizeof(uint32_t); }
+  /// How many arrays there are.
+  size_t size() const { return size_; }
 
-  /// Between the passes: puts that memory into somebody else's care, for a building pass that may be abandoned without
-  /// a destructor. REQUIRES: `owned_elsewhere` has room for own_bytes() and outlives the last next().
-  void move_to(uint32_t* owned_elsewhere) {
-    std::copy(more_.begin(), more_.end(), owned_elsewhere);
-    std::vector<uint32_t>().swap(more_);
-    moved_ = owned_elsewhere;
+  /// Copies the counts, in the order of the arrays' starts. REQUIRES: there is room for size() of them.
+  void copy_to(uint32_t* counts) const {
+    std::copy(inline_, inline_ + std::min(size_, INLINE_SLOTS), counts);
+    if (size_ > INLINE_SLOTS) std::copy(more_.begin(), more_.end(), counts + INLINE_SLOTS);
   }
 
   /// Building pass: the count of the next array, in the order of their starts; 0 when there is none.
   uint32_t next() {
     if (next_ >= size_) return 0;
     const size_t slot = next_++;
-    if (slot < INLINE_SLOTS) return inline_[slot];
-    return (moved_ != nullptr ? moved_ : more_.data())[slot - INLINE_SLOTS];
+    return slot < INLINE_SLOTS ? inline_[slot] : more_[slot - INLINE_SLOTS];
   }
 
- private:
+  /// So many need no memory of their own.
   static constexpr size_t INLINE_SLOTS = 32;
 
+ private:
   uint32_t inline_[INLINE_SLOTS];
   std::vector<uint32_t> more_;
-  const uint32_t* moved_ = nullptr;
   size_t size_ = 0;
   size_t next_ = 0;
 };

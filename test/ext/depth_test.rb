@@ -7,38 +7,85 @@ require_relative "ruby_process"
 class DepthTest < ExtTest
   include RubyProcess
 
-  # Arrays, hashes by their values, hashes by their keys, and a deep array as key.
-  DEEP = <<-RUBY
-    n = 100_000
-    deep = ["\\x0a" * n + "\\x0b" * n, "\\x08\\x80" * n + "\\x80" + "\\x09" * n]
-    n = 30_000
-    deep += ["\\x08" + "\\x0a" * n + "\\x0b" * n + "\\x80\\x09", "\\x08" * n + "\\x80" + "\\x80\\x09" * n] if KEYS
-    read = lambda do |bytes|
-      begin
-        buf = PacketBuf.new.write_raw(bytes).seek(0)
-        buf.maxdepth = 2**31 - 1
-        buf.extract_object.class
-      rescue SystemStackError => error
-        error.class
+  # Arrays, hashes by their values, a deep array as key, hashes by their keys.
+  DEEP = <<-'RUBY'
+    KINDS = {
+      array: ->(n) { "\x0a" * n + "\x0b" * n }, hash: ->(n) { "\x08\x80" * n + "\x80" + "\x09" * n },
+      array_key: ->(n) { "\x08" + "\x0a" * n + "\x0b" * n + "\x80\x09" }, hash_keys: ->(n) { "\x08" * n + "\x80" + "\x80\x09" * n }
+    }
+    WHERE = {
+      main: ->(&work) { work.call }, thread: ->(&work) { Thread.new(&work).value }, fiber: ->(&work) { Fiber.new(&work).resume }
+    }
+    def outcome
+      GC.stress = STRESS
+      yield.class
+    rescue SystemStackError => error
+      GC.stress = false
+      error.class
+    ensure
+      GC.stress = false
+    end
+    def read(bytes)
+      buf = PacketBuf.new.write_raw(bytes).seek(0)
+      buf.maxdepth = 2**31 - 1
+      outcome { buf.extract_object }
+    end
+    def check(found)
+      found.each { |it| abort "#{it} #{caller[0]}" unless [Array, Hash, SystemStackError].include?(it) }
+    end
+    # Twice in each: the second time is another matter where the first left something undone.
+    def read_all(depths, kinds = KINDS.keys, places = WHERE.keys)
+      kinds.product(depths, places) do |kind, depth, place|
+        bytes = KINDS[kind].call(depth)
+        2.times { check(WHERE[place].call { [read(bytes), read(bytes)] }) }
+      end
+      p PacketBuf.new.write_raw("\x0a\x0b").seek(0).extract_object
+    end
+  RUBY
+  CALM = "STRESS = false\n#{DEEP}".freeze
+  STRESSED = "STRESS = true\n#{DEEP}".freeze
+  SMALL = { "RUBY_THREAD_MACHINE_STACK_SIZE" => "1", "RUBY_FIBER_MACHINE_STACK_SIZE" => "1" }.freeze # as small as may be
+
+  LITTLE = "--disable-gems".freeze # to collect
+
+  def test_values_that_exhaust_the_stack
+    assert_equal "[]\n", run_ruby("#{CALM} read_all([200, 1000, 3000, 100_000], [:array, :hash])")
+  end
+
+  # Deeper ones are refused, or their keys take the interpreter long to hash: the time grows with the square of the depth.
+  def test_keys_that_exhaust_the_stack
+    assert_equal "[]\n", run_ruby("#{CALM} read_all([200, 600, 30_000], [:array_key, :hash_keys])")
+    assert_equal "[]\n", run_ruby("#{CALM} read_all([1000, 2000, 4000], [:array_key])")
+  end
+
+  def test_values_that_exhaust_small_stacks
+    with_env(SMALL) { assert_equal "[]\n", run_ruby("#{CALM} read_all([64, 100, 200, 400, 30_000])") }
+  end
+
+  def test_values_that_exhaust_small_stacks_with_a_collection_at_every_allocation
+    with_env(SMALL) do
+      assert_equal "[]\n", run_ruby("#{STRESSED} read_all([64, 400], [:array, :hash], [:thread, :fiber])", LITTLE)
+      assert_equal "[]\n", run_ruby("#{STRESSED} read_all([64, 120], [:array_key], [:thread, :fiber])", LITTLE)
+    end
+  end
+
+  # A key's hash that reads, and so on: each decode starts further down, and is shallow itself.
+  NESTED = <<-'RUBY'
+    class Array
+      remove_method :hash
+      def hash
+        PacketBuf.new.write_raw("\x08\x0a\x0b\x80\x09").seek(0).extract_object.size
       end
     end
-    outcomes = deep.map { |bytes| WHERE.call(read, bytes) }
-    puts outcomes.all? { |outcome| [Array, Hash, SystemStackError].include?(outcome) }
-    p PacketBuf.new.write_raw("\\x0a\\x0b").seek(0).extract_object
+    WHERE.each_value do |where|
+      2.times { abort "no end" unless check(where.call { Array.new(2) { outcome { [].hash } } }) == [SystemStackError] * 2 }
+    end
+    puts :done
   RUBY
 
-  WHERE = {
-    main: "->(read, bytes) { read.call(bytes) }",
-    thread: "->(read, bytes) { Thread.new { read.call(bytes) }.value }",
-    fiber: "->(read, bytes) { Fiber.new { read.call(bytes) }.resume }"
-  }.freeze
-
-  WHERE.each do |name, where|
-    define_method("test_values_that_exhaust_the_stack_in_#{name}") do
-      # Ruby 2.2 itself may crash or hang in the hash of an array that is too deep.
-      keys = RUBY_VERSION >= "2.3"
-      assert_equal "true\n[]\n", run_ruby("KEYS = #{keys}\nWHERE = #{where}\n#{DEEP}")
-    end
+  def test_decodes_that_start_with_the_stack_used_up
+    assert_equal "done\n", run_ruby("#{CALM}#{NESTED}")
+    with_env(SMALL) { assert_equal "done\n", run_ruby("#{CALM}#{NESTED}") }
   end
 
   # A main thread's stack of 8 MB has room for them.

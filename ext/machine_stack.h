@@ -1,0 +1,73 @@
+/// How much of the machine stack is left, for recursion whose depth a stranger chooses. Where the end of the stack is
+/// hit, Ruby 2.2 raises SystemStackError once and is killed the second time, and no Ruby survives it inside of a
+/// collection.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+
+#include "ext/ruby_compat.h"
+
+namespace VORN {
+namespace EXT {
+
+/// The stack that its maker runs on: a thread's or a fiber's.
+class MachineStack {
+ public:
+  /// Whether there is room below `here`, the address of the caller's local, for so many bytes and for what the
+  /// interpreter does at their lowest, a collection included.
+  bool has_room(const void* here, size_t bytes = 0) {
+    const uintptr_t address = reinterpret_cast<uintptr_t>(here);
+    return (address >= floor_ && address - floor_ >= bytes) || find_room(address, bytes);
+  }
+
+ private:
+  bool find_room(uintptr_t here, size_t bytes);
+
+  uintptr_t floor_ = UINTPTR_MAX;  ///< frames down to here are known to have room
+};
+
+/// What the interpreter will take of the stack to hash the containers that are being made, should they be keys.
+///
+///   const auto outer = hashing.begin();      // before the members
+///   hashing.end(outer, HashingRoom::ARRAY);  // behind them
+#ifdef VORN_RUBY_OVERRUNS_THE_STACK
+class HashingRoom {
+ public:
+  static constexpr size_t ARRAY = 1024;  ///< 974 bytes were measured
+  static constexpr size_t HASH = 1664;   ///< 1600
+
+  size_t begin() {
+    const size_t outer = bytes_;
+    bytes_ = 0;
+    return outer;
+  }
+
+  /// Returns the room that hashing what came since begin() takes.
+  size_t end(size_t outer, size_t own) {
+    const size_t bytes = bytes_ + own;
+    bytes_ = std::max(outer, bytes);
+    return bytes;
+  }
+
+ private:
+  size_t bytes_ = 0;
+};
+#else
+/// Later interpreters look where their stack ends while they hash.
+class HashingRoom {
+ public:
+  static constexpr size_t ARRAY = 0;
+  static constexpr size_t HASH = 0;
+
+  size_t begin() { return 0; }
+  size_t end(size_t, size_t) { return 0; }
+};
+#endif
+
+/// Called once by Init.
+void init_machine_stack();
+
+}  // namespace EXT
+}  // namespace VORN

@@ -1,0 +1,183 @@
+# frozen_string_literal: true
+
+require_relative "helper"
+require_relative "ruby_process"
+
+# Frames of a decode that are left for ever, or entered again after they have returned: from a key's `hash` and `eql?`.
+class ReentryTest < ExtTest
+  include RubyProcess
+
+  TAKE = <<-'RUBY'
+
+    module Hook
+      class << self; attr_accessor :body; end
+      def hash
+        body, Hook.body = Hook.body, nil
+        body.call if body
+        super
+      end
+      def eql?(other)
+        body, Hook.body = Hook.body, nil
+        body.call if body
+        super
+      end
+    end
+    Array.prepend(Hook)
+    ARRAYS = 20_000
+    # Two keys, the second with a hash of its own, and more arrays than fit into any frame.
+    BYTES = "\x0a\x08\x0a\x81\x0b\x81\x09".b + "\x0a\x81\x82\x83\x0b".b * ARRAYS + "\x08\x0a\x82\x0b\x82\x09\x0b".b
+    BUF = PacketBuf.new.write_raw(BYTES)
+    def right?(value)
+      value.first == { [1] => 1 } && value.last == { [2] => 2 } && value[1...-1].all? { |it| it == [1, 2, 3] || it.is_a?(Hash) }
+    end
+    # What would be handed out again, were it free.
+    def fill
+      $junk = Array.new(60) { "\xff".b * (4 * ARRAYS + 8) }
+      GC.start
+    end
+  RUBY
+
+  # 10 times back into a decode that has returned. Before 3.0 Ruby lets no continuation there.
+  def test_a_decode_that_has_returned_is_entered_again
+    out, = run_ruby_with_errors(<<-RUBY, "-W0", "-rcontinuation")
+      #{TAKE}
+      times = 0
+      Hook.body = -> { callcc { |continuation| $back = continuation } }
+      begin
+        value = BUF.seek(0).extract_object
+        abort "wrong" unless right?(value) && BUF.pos == BYTES.size
+        fill
+        value = nil
+        $back.call if (times += 1) < 10
+        puts times
+      rescue RuntimeError => error
+        puts error.message
+      end
+    RUBY
+    assert_equal RUBY_VERSION < "3.0" ? "continuation called across stack rewinding barrier\n" : "10\n", out
+  end
+
+  # From the second key back into the first, in a decode that goes on.
+  def test_a_decode_that_goes_on_is_entered_again
+    out, = run_ruby_with_errors(<<-RUBY, "-W0", "-rcontinuation")
+      #{TAKE}
+      times = 0
+      again = lambda do
+        fill
+        $back.call if (times += 1) < 5
+      end
+      Hook.body = lambda do
+        callcc { |continuation| $back = continuation }
+        Hook.body = again
+      end
+      value = BUF.seek(0).extract_object
+      puts right?(value), times
+    RUBY
+    assert_equal "true\n5\n", out
+  end
+
+  # Out of a decode by a continuation that was taken before it: its frames are skipped.
+  def test_decodes_that_are_left_by_a_continuation
+    out, = run_ruby_with_errors(<<-RUBY, "-W0", "-rcontinuation")
+      #{TAKE}
+      left = 0
+      200.times do
+        begin
+          callcc do |out|
+            Hook.body = -> { out.call }
+            BUF.seek(0).extract_object
+          end
+        rescue RuntimeError => error
+          abort error.message unless error.message =~ /rewinding barrier/
+        end
+        left += 1
+      end
+      Hook.body = nil
+      puts left, right?(BUF.seek(0).extract_object), File.read("/proc/self/status")[/^VmHWM:\\s+(\\d+)/, 1].to_i / 1024
+    RUBY
+    left, right, peak = out.split
+    assert_equal %w[200 true], [left, right]
+    assert_operator peak.to_i, :<, 300, "MB" unless ENV["LD_PRELOAD"]
+  end
+
+  # A fiber that waits in a key's hash is dropped, or goes on after its buffer was written to and dropped.
+  def test_fibers_that_are_abandoned
+    assert_equal "done\n", run_ruby(<<-RUBY)
+      #{TAKE}
+      kept = []
+      100.times do |i|
+        buf = PacketBuf.new.write_raw(BYTES).seek(0)
+        fiber = Fiber.new do
+          Hook.body = -> { Fiber.yield }
+          buf.extract_object
+        end
+        begin
+          fiber.resume
+        rescue FiberError => error
+          abort error.message unless error.message =~ /rewinding barrier/ # 2.2
+          next
+        end
+        buf.seek(BYTES.size).write_raw("x" * 100_000) if i.odd?
+        buf = nil
+        kept << fiber if i % 10 == 0
+        GC.start if i % 25 == 0
+      end
+      fill
+      kept.each { |fiber| abort "wrong" unless right?(fiber.resume) }
+      puts :done
+    RUBY
+  end
+
+  # What another thread raises in a key's hash.
+  def test_threads_that_are_raised_in
+    assert_equal "done\n", run_ruby(<<-RUBY)
+      #{TAKE}
+      50.times do |i|
+        buf = PacketBuf.new.write_raw(BYTES).seek(0)
+        waiting = Queue.new
+        thread = Thread.new do
+          Hook.body = -> { waiting << 1; sleep }
+          begin
+            buf.extract_object
+          rescue IOError => error
+            error.message
+          end
+        end
+        waiting.pop
+        i.odd? ? thread.raise(IOError, "no") : thread.kill
+        abort "wrong" unless thread.value == (i.odd? ? "no" : nil)
+        abort "unusable" unless right?(buf.seek(0).extract_object)
+      end
+      puts :done
+    RUBY
+  end
+
+  # Objects that are being built are found, wherever the collector moves them.
+  def test_references_are_verified_in_callbacks
+    skip "Ruby #{RUBY_VERSION} verifies nothing" unless GC.respond_to?(:verify_compaction_references)
+    assert_equal "done\n", run_ruby(<<-RUBY)
+      #{TAKE}
+      verify = -> { GC.verify_compaction_references(toward: :empty) }
+      bytes = (PacketBuf.new << [{ "a" * 40 => 1, ["key"] => { [2.5e300] => "v" * 40 }, { 1 => 2 } => [["x"]], [1] => 2 }] * 3).to_str
+      5.times do
+        buf = PacketBuf.new.write_raw(bytes).seek(0)
+        plain = buf.extract_object
+        Hook.body = verify
+        abort "wrong" unless buf.seek(0).extract_object == plain
+      end
+      puts :done
+    RUBY
+  end
+
+  # The interpreter does not see refinements, and neither does a decode.
+  def test_refinements_are_not_called
+    assert_equal "{[1]=>2}\n", run_ruby(<<-'RUBY').delete(" ")
+      module Refined
+        refine(Array) { def hash; raise "called"; end; def eql?(_) raise "called"; end }
+        refine(Hash) { def hash; raise "called"; end; def []=(_, _) raise "called"; end }
+      end
+      using Refined
+      p PacketBuf.new.write_raw("\x08\x0a\x81\x0b\x81\x0a\x81\x0b\x82\x09").seek(0).extract_object
+    RUBY
+  end
+end
