@@ -1,10 +1,13 @@
 # frozen_string_literal: true
 
 require_relative "helper"
+require_relative "ruby_process"
 require_relative "../support/model"
 
 # The collector runs, and moves objects, in the middle of everything.
 class GcTest < ExtTest
+  include RubyProcess
+
   VALUE = [
     nil, true, 2**62, -2**63, 1.5, 1e300, "text", "bytes".b, :symbol, [[], ["nested", [2**63 - 1]]],
     { "key" => { 1 => "value" }, [1, "a"] => { { 2 => 3 } => 1e-300 }, 5 => ("m".."p").to_a }, ["x" * 100] * 5
@@ -70,6 +73,31 @@ class GcTest < ExtTest
     end
     hashes = stressed { encoded[0, 20].map { |bytes| PacketBuf.new.write_raw(bytes).seek(0).extract_object } }
     assert_equal messages[0, 20], hashes
+  end
+
+  # Each place for a recent key holds it over collections: the same object is found in the next message. The first byte
+  # of these keys chooses among all places.
+  def test_every_place_for_a_recent_key
+    skip "Ruby #{RUBY_VERSION} keeps no keys" if RUBY_VERSION < "3.0"
+    out = run_ruby(<<-'RUBY')
+      BUF = PacketBuf.new
+      def ids(second)
+        (0...128).map do |first|
+          BUF.seek(0).write_raw("\x08\x07\x02#{first.chr}#{second}\x00\x09").seek(0).extract_object.keys.first.object_id
+        end
+      end
+      [-> { GC.start }, -> { GC.compact if GC.respond_to?(:compact) }].each do |collect|
+        %w[% & $].each do |second|
+          before = ids(second)
+          2.times { collect.call }
+          after = ids(second)
+          before.zip(after).each_with_index { |(was, is), first| abort "place of #{first}" unless was == is }
+          abort "one place for several" unless after.uniq.size == 128
+        end
+      end
+      puts :held
+    RUBY
+    assert_equal "held\n", out
   end
 
   def test_copying_under_stress
