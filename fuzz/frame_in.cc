@@ -3,6 +3,7 @@
 ///   n:byte, n bytes of sizes and positions, then the stream
 #include <memory>
 #include <new>
+#include <stdexcept>
 #include <string>
 #include <tuple>
 
@@ -38,6 +39,8 @@ Seen feed(PacketFrameIn& frame, const std::string& stream, ChunkSize chunk_size)
       offset += taken;
     } catch (const std::bad_alloc&) {
       refused = true;
+    } catch (const std::length_error&) {
+      refused = true;
     }
   }
   if (refused) return {true, 0, false, "", 0, 0, 0, ""};
@@ -67,6 +70,8 @@ void feed_moving(PacketFrameIn& frame, const std::string& stream, Input& moves) 
       offset += taken;
       if (taken == 0) frame.reset();
     } catch (const std::bad_alloc&) {
+      return;
+    } catch (const std::length_error&) {
       return;
     } catch (const VornRuntimeError& e) {
       const std::string text = e.what();

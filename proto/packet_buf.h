@@ -5,6 +5,7 @@
 /// the bytes, so a buffer that is used again and again settles into overwriting its own storage.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -47,8 +48,9 @@ class VORN_API PacketBuf {
   void write_bytes(const char* src, uint64_t n);
 
   /// Makes n bytes exist at the position (bytes that did not exist before are zero), advances past them and
-  /// returns the first of them, valid until the next write. Throws std::bad_alloc or std::length_error; the
-  /// position and the bytes are then as before.
+  /// returns the first of them, valid until the next write. Throws std::bad_alloc, and std::length_error
+  /// "PacketBuf::claim: position out of range" where they would end beyond what any string can hold; the position
+  /// and the bytes are then as before.
   char* claim(uint64_t n);
 
   /// The bytes at the position if n of them exist already, else null. The way around claim() for writers that
@@ -73,6 +75,8 @@ class VORN_API PacketBuf {
 
  private:
   char* claim_fallback(uint64_t n);
+  /// The byte at the position. REQUIRES: it exists, or is the next one to come.
+  char* at_pos() { return &data_[static_cast<size_t>(pos_)]; }
 
   std::string data_;
   uint64_t pos_ = 0;
@@ -80,7 +84,7 @@ class VORN_API PacketBuf {
 
 inline char* PacketBuf::room(uint64_t n) {
   const uint64_t size = data_.size();
-  return size >= n && pos_ <= size - n ? &data_[pos_] : nullptr;
+  return size >= n && pos_ <= size - n ? at_pos() : nullptr;
 }
 
 inline char* PacketBuf::claim(uint64_t n) {

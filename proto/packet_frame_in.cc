@@ -1,6 +1,7 @@
 #include "proto/packet_frame_in.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 
 #include "proto/vorn_runtime_error.h"
@@ -54,7 +55,7 @@ uint64_t PacketFrameIn::assemble(const char* data, uint64_t len, uint64_t offset
 uint64_t PacketFrameIn::st_sync(const char* data, uint64_t len, uint64_t offset) {
   if (offset >= len) return 0;
   const char* const first = data + offset;
-  const void* const marker = std::memchr(first, PF_START_MARKER, len - offset);
+  const void* const marker = std::memchr(first, PF_START_MARKER, static_cast<size_t>(len - offset));
   if (marker == nullptr) return len - offset;
   state_ = &PacketFrameIn::st_accept_header;
   return static_cast<uint64_t>(static_cast<const char*>(marker) - first);

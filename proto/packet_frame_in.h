@@ -54,8 +54,9 @@ class VORN_API PacketFrameIn : public PacketFrame {
   ///
   /// The announced payload is given room at once: up to 2 GiB, at the peer's word.
   ///
-  /// Throws std::bad_alloc when there is no memory for that, and VornRuntimeError when the caller moved the
-  /// position in the middle of a frame; the frame keeps its state:
+  /// Throws std::bad_alloc when there is no memory for that, std::length_error where no string can hold it (from
+  /// about 1 GiB on if addresses have 32 bits), and VornRuntimeError when the caller moved the position in the middle
+  /// of a frame; the frame keeps its state:
   /// - "PacketFrameIn::st_accept_payload: data pos inside header (internal error)"
   /// - "PacketFrameIn::st_accept_payload: excess payload received (internal error)"
   uint64_t assemble(const char* data, uint64_t len, uint64_t offset);

@@ -5,6 +5,7 @@
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -186,31 +187,88 @@ TEST(PacketBuf, DoublesItselfFromItsOwnBytes) {
   for (size_t i = 0; i < buf.data().size(); ++i) ASSERT_EQ("ab"[i % 2], buf.data()[i]);
 }
 
-// Positions from which no write can succeed. Nothing is written and nothing moves.
-TEST(PacketBuf, AWriteThatNoStringCanHoldIsALengthError) {
-  for (const uint64_t pos : {uint64_t{1} << 63, MAX - 5, MAX - 1, MAX}) {
+// Numbers from `least` on where an index or a length could be cut or overflow, on both sides of each: what a string
+// can hold, 2^31, 2^32, 2^63 and 2^64 among them.
+std::vector<uint64_t> edges(uint64_t least) {
+  std::vector<uint64_t> out;
+  for (const uint64_t edge : {uint64_t{std::string().max_size()}, uint64_t{1} << 31, uint64_t{1} << 32,
+                              uint64_t{1} << 33, uint64_t{1} << 62, uint64_t{1} << 63, uint64_t{0}}) {
+    for (const uint64_t delta : {uint64_t{0} - 4096, uint64_t{0} - 4095, uint64_t{0} - 8, uint64_t{0} - 4,
+                                 uint64_t{0} - 3, uint64_t{0} - 2, uint64_t{0} - 1, uint64_t{0}, uint64_t{1},
+                                 uint64_t{2}, uint64_t{3}, uint64_t{4}, uint64_t{8}, uint64_t{4096}}) {
+      if (edge + delta >= least) out.push_back(edge + delta);
+    }
+  }
+  return out;
+}
+
+// What must come of writing n bytes at a position that is far from the stored ones, where no block may be large.
+template <typename Write>
+void expect_refused(PacketBuf& buf, uint64_t n, Write write) {
+  const uint64_t pos = buf.pos();
+  const uint64_t most = std::string().max_size();
+  const std::string bytes = buf.data();
+  const char* const storage = buf.data().data();
+  const vorn_test::LimitAllocations limit(1 << 20);
+  if (n > most || pos > most - n) {
+    EXPECT_THROW(write(), std::length_error);
+  } else {
+    EXPECT_THROW(write(), std::bad_alloc);
+  }
+  EXPECT_EQ(pos, buf.pos());
+  EXPECT_EQ(bytes, buf.data());
+  EXPECT_EQ(storage, buf.data().data());
+}
+
+TEST(PacketBuf, AWriteThatNoStringCanHoldIsALengthErrorAndChangesNothing) {
+  const std::string large(4096, 'x');
+  for (const uint64_t pos : edges(1 << 21)) {
+    SCOPED_TRACE(pos);
     PacketBuf buf;
     write(buf, "abc");
     buf.set_pos(pos);
-    EXPECT_THROW(buf.write_byte(0x61), std::length_error);
-    EXPECT_THROW(write(buf, "x"), std::length_error);
-    EXPECT_THROW(write(buf, "123456789"), std::length_error);
-    EXPECT_THROW(buf.claim(MAX), std::length_error);
-    EXPECT_THROW(buf.write_bytes(buf.data().data(), 3), std::length_error);
-    EXPECT_EQ(pos, buf.pos());
-    EXPECT_EQ("abc", buf.data());
+    expect_refused(buf, 1, [&] { buf.write_byte(0x61); });
+    expect_refused(buf, 1, [&] { write(buf, "x"); });
+    expect_refused(buf, 9, [&] { write(buf, "123456789"); });
+    expect_refused(buf, large.size(), [&] { write(buf, large); });
+    expect_refused(buf, 3, [&] { buf.write_bytes(buf.data().data(), 3); });
     write(buf, "");
     EXPECT_EQ(pos, buf.pos());
+    EXPECT_EQ("abc", buf.data());
+    if (HasFailure()) return;
   }
 }
 
-TEST(PacketBuf, AClaimThatNoStringCanHoldIsALengthError) {
+TEST(PacketBuf, AClaimThatNoStringCanHoldIsALengthErrorAndChangesNothing) {
   PacketBuf buf;
   write(buf, "abc");
-  for (const uint64_t n : {uint64_t{1} << 63, MAX - 3, MAX - 2, MAX}) {
-    EXPECT_THROW(buf.claim(n), std::length_error);
-    EXPECT_EQ(3U, buf.pos());
-    EXPECT_EQ("abc", buf.data());
+  for (const uint64_t n : edges(1 << 21)) {
+    SCOPED_TRACE(n);
+    for (const uint64_t pos : {uint64_t{0}, uint64_t{1}, uint64_t{3}, PacketBuf::INITIAL_CAPACITY}) {
+      buf.set_pos(pos);
+      expect_refused(buf, n, [&] { buf.claim(n); });
+    }
+    for (const uint64_t pos : edges(1 << 21)) {
+      buf.set_pos(pos);
+      expect_refused(buf, n, [&] { buf.claim(n); });
+    }
+    if (HasFailure()) return;
+  }
+}
+
+TEST(PacketBuf, NoByteFarBehindTheEndIsThere) {
+  PacketBuf buf;
+  write(buf, "abc");
+  for (const uint64_t i : edges(4)) {
+    EXPECT_FALSE(buf.index_within_payload(i)) << i;
+    buf.set_pos(i);
+    for (const uint64_t n : {uint64_t{1}, uint64_t{3}, uint64_t{4096}, uint64_t{0} - i, uint64_t{3} - i, MAX}) {
+      EXPECT_EQ(nullptr, buf.room(n)) << i << ' ' << n;
+    }
+    buf.set_pos(3);
+    EXPECT_EQ(nullptr, buf.room(i)) << i;
+    buf.set_pos(0);
+    EXPECT_EQ(nullptr, buf.room(i)) << i;
   }
 }
 

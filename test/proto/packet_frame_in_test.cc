@@ -43,6 +43,18 @@ std::string what_of_feeding(PacketFrameIn& frame, const std::string& bytes) {
   return "nothing was thrown";
 }
 
+// An 8-byte header that announces so much.
+std::string header_of(uint32_t data_len) {
+  char header[8];
+  return std::string(header, VORN::PROTO::encode_frame_header({1, data_len}, false, header));
+}
+
+// Where addresses have 32 bits, a frame may announce more than any string can hold.
+bool no_string_holds_frame_of(uint64_t data_len) {
+  const uint64_t most = std::string().max_size();
+  return data_len > most - PacketFrameIn::PF8_HEADER_LEN;
+}
+
 void expect_state(const FrameVector& vector, const PacketFrameIn& frame) {
   EXPECT_EQ(vector.is_complete(), frame.have_complete_frame());
   EXPECT_EQ(!vector.is_complete() && !vector.is_incomplete(), frame.is_error());
@@ -203,6 +215,8 @@ TEST_P(EveryFrame, SurvivesAPositionThatIsMovedBetweenTwoPieces) {
       } catch (const VORN::VornRuntimeError& e) {
         ASSERT_TRUE(e.what() == std::string(INSIDE_HEADER) || e.what() == std::string(EXCESS)) << e.what();
       } catch (const std::bad_alloc&) {
+      } catch (const std::length_error&) {
+        ASSERT_TRUE(no_string_holds_frame_of(PacketFrameIn::PF8_MAX_DATA_LEN));
       }
       moved.payload_start();
       moved.index_within_payload(pos);
@@ -369,16 +383,44 @@ TEST(PacketFrameIn, APositionMovedBehindAHeaderThatIsNotStoredIsRefused) {
 }
 
 TEST(PacketFrameIn, ALengthUpToTheSoftLimitIsGivenRoom) {
-  PacketFrameIn frame;
-  frame.reset();
   const vorn_test::LimitAllocations limit(1 << 20);
-  EXPECT_THROW(feed_hex(frame, "A5 01 00 01 7F FF FF FF 41"), std::bad_alloc);
-  EXPECT_FALSE(frame.is_error());
-  EXPECT_EQ(nullptr, frame.error_message());
-  EXPECT_THROW(feed_hex(frame, "41"), std::bad_alloc) << "the frame keeps its state";
-  frame.reset();
-  EXPECT_EQ(9U, feed_hex(frame, "A5 01 00 01 00 00 00 01 41"));
-  EXPECT_TRUE(frame.have_complete_frame());
+  for (const uint32_t data_len : {0x200000U, 0x3FFFFFF6U, 0x3FFFFFF7U, 0x3FFFFFFFU, 0x40000000U, 0x7FFFFFF7U,
+                                  0x7FFFFFF8U, 0x7FFFFFFEU, 0x7FFFFFFFU}) {
+    SCOPED_TRACE(data_len);
+    PacketFrameIn frame;
+    frame.reset();
+    for (const std::string& bytes : {header_of(data_len) + "A", std::string("A")}) {  // the frame keeps its state
+      if (no_string_holds_frame_of(data_len)) {
+        EXPECT_THROW(feed(frame, bytes), std::length_error);
+      } else {
+        EXPECT_THROW(feed(frame, bytes), std::bad_alloc);
+      }
+      EXPECT_EQ(8U, frame.pos());
+      EXPECT_EQ(header_of(data_len), frame.data());
+      EXPECT_FALSE(frame.is_error());
+      EXPECT_FALSE(frame.have_complete_frame());
+      EXPECT_EQ(nullptr, frame.error_message());
+    }
+    EXPECT_EQ(data_len, frame.data_len());
+    frame.reset();
+    EXPECT_EQ(9U, feed_hex(frame, "A5 01 00 01 00 00 00 01 41"));
+    EXPECT_TRUE(frame.have_complete_frame());
+  }
+}
+
+TEST(PacketFrameIn, ALengthBeyondTheSoftLimitIsGivenNone) {
+  const vorn_test::LimitAllocations limit(1 << 20);
+  for (const uint32_t data_len : {0x80000000U, 0x80000001U, 0xFFFFFFF7U, 0xFFFFFFF8U, 0xFFFFFFFFU}) {
+    PacketFrameIn frame;
+    frame.reset();
+    EXPECT_EQ(8U, feed(frame, header_of(data_len) + "A"));
+    EXPECT_STREQ("Payload size exceeds soft limit", frame.error_message());
+    EXPECT_EQ(header_of(data_len), frame.data());
+    EXPECT_EQ(8 + uint64_t{data_len}, frame.payload_end());
+    for (const uint64_t i : {uint64_t{8}, uint64_t{data_len}, uint64_t{data_len} + 7}) {
+      EXPECT_FALSE(frame.index_within_payload(i));
+    }
+  }
 }
 
 TEST(PacketFrameIn, GoesOnWhenThereIsMemoryAgain) {
