@@ -7,9 +7,11 @@
 #pragma once
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -20,7 +22,8 @@ namespace VORN {
 /// Bytes that it borrows, owns or shares with the whole process.
 class VORN_API string_ref {
  public:
-  /// Borrow bytes, which must stay where they are as long as the key is used.
+  /// Borrow bytes, which must stay where they are as long as the key is used. A length that no memory can hold, as
+  /// 2^32 where addresses have 32 bits, throws std::length_error, here and in make_static().
   /// @{
   string_ref(const char* text) : string_ref(text, std::strlen(text)) {}
   string_ref(const std::string& bytes) : string_ref(bytes.data(), bytes.size()) {}
@@ -45,7 +48,7 @@ class VORN_API string_ref {
   /// @{
   const char* data() const { return data_; }
   uint64_t length() const { return length_; }
-  std::string_view view() const { return {data_, length_}; }
+  std::string_view view() const { return {data_, size()}; }
   /// @}
 
   /// 0: borrowed; 1: owned; negative: static.
@@ -53,7 +56,7 @@ class VORN_API string_ref {
 
   /// Negative, zero or positive: by the bytes, unsigned, up to the shorter length; then the shorter is less.
   int compare(const string_ref& other) const {
-    const uint64_t common = std::min(length_, other.length_);
+    const size_t common = std::min(size(), other.size());
     const int order = common == 0 ? 0 : std::memcmp(data_, other.data_, common);
     if (order != 0) return order;
     return length_ < other.length_ ? -1 : length_ > other.length_ ? 1 : 0;
@@ -65,13 +68,19 @@ class VORN_API string_ref {
   static constexpr int8_t OWNED = 1;
 
   string_ref(int8_t owner_flag, const char* data, uint64_t length)
-      : owner_flag_(owner_flag), data_(data), length_(length) {}
+      : owner_flag_(owner_flag), data_(data), length_(length) {
+    if (size() != length) throw std::length_error("string_ref::string_ref: length out of range");
+  }
 
   static const char* copy_of(const string_ref& src) {
-    char* const bytes = new char[src.length_];
-    if (src.length_ != 0) std::memcpy(bytes, src.data_, src.length_);
+    const size_t n = src.size();
+    char* const bytes = new char[n];
+    if (n != 0) std::memcpy(bytes, src.data_, n);
     return bytes;
   }
+
+  /// The length, which the constructor has found to fit.
+  size_t size() const { return static_cast<size_t>(length_); }
 
   int8_t owner_flag_;
   const char* data_;

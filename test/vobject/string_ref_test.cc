@@ -1,6 +1,8 @@
 #include "vobject/string_ref.h"
 
+#include <cstdint>
 #include <map>
+#include <stdexcept>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -111,6 +113,20 @@ TEST(StringRef, TheOrderDoesNotStopAtZeroBytes) {
   EXPECT_FALSE(less(y, x));
   EXPECT_NE(string_ref(x), string_ref(y));
   EXPECT_TRUE(less("a", x));
+}
+
+// A length has 64 bits everywhere, and is never cut to what addresses have.
+TEST(StringRef, ALengthThatNoMemoryHoldsIsRefused) {
+  const uint64_t lengths[] = {0xFFFFFFFF, 0x100000000, 0x100000003, uint64_t{1} << 63, UINT64_MAX};
+  for (const uint64_t length : lengths) {
+    if (length > SIZE_MAX) {
+      EXPECT_THROW(string_ref("abc", length), std::length_error);
+      EXPECT_THROW(string_ref::make_static("abc", length), std::length_error);
+    } else {
+      EXPECT_EQ(length, string_ref("abc", length).length());
+      EXPECT_EQ(length, string_ref::make_static("abc", length).length());
+    }
+  }
 }
 
 TEST(StringRef, AnInsertedKeyIsOwnedAndAStaticOneIsNot) {
