@@ -56,6 +56,9 @@ class WireReader {
   /// The bytes at the position. REQUIRES: they lie below data_len().
   const char* bytes() const { return reinterpret_cast<const char*>(base_ + pos_); }
 
+  /// Readers that answer false where the bytes run out; what they read is then 0.
+  /// @{
+
   /// Reads the general form behind integers and lengths. False: the bytes ran out before the last one; the
   /// position is then behind those that were consumed. Groups beyond bit 63 fold back to bit 0 on.
   bool read_group_number(GroupShape shape, uint64_t& magnitude, bool& negative);
@@ -66,8 +69,7 @@ class WireReader {
   /// Reads a string's length, of which only the low 32 bits count.
   bool read_length(uint32_t& length);
 
-  /// Reads the body behind the type byte. False: it does not fit; the position stays.
-  /// @{
+  /// Read the body behind the type byte. False: it does not fit; the position stays.
   bool read_float(float& value);
   bool read_double(double& value);
   /// @}
@@ -83,8 +85,8 @@ class WireReader {
     limit_ = pos_ < buf.payload_start() ? 0 : std::min(buf.payload_end(), data_len_);
   }
 
-  template <typename Bits>
-  bool read_float_bits(Bits& bits);
+  template <typename Bits, typename Float>
+  bool read_float_bits(Float& value);
 
   const uint8_t* base_;
   uint64_t pos_;
@@ -126,26 +128,23 @@ inline bool WireReader::read_length(uint32_t& length) {
   return complete;
 }
 
-template <typename Bits>
-inline bool WireReader::read_float_bits(Bits& bits) {
-  if (pos_ >= limit_ || limit_ - pos_ < sizeof bits) return false;
-  bits = load_big_endian<Bits>(base_ + pos_);
+template <typename Bits, typename Float>
+inline bool WireReader::read_float_bits(Float& value) {
+  static_assert(sizeof(Bits) == sizeof(Float), "the bits of a number");
+  value = 0;
+  if (pos_ >= limit_ || limit_ - pos_ < sizeof(Bits)) return false;
+  const Bits bits = load_big_endian<Bits>(base_ + pos_);
+  std::memcpy(&value, &bits, sizeof value);
   pos_ += sizeof bits;
   return true;
 }
 
 inline bool WireReader::read_float(float& value) {
-  uint32_t bits;
-  if (!read_float_bits(bits)) return false;
-  std::memcpy(&value, &bits, sizeof value);
-  return true;
+  return read_float_bits<uint32_t>(value);
 }
 
 inline bool WireReader::read_double(double& value) {
-  uint64_t bits;
-  if (!read_float_bits(bits)) return false;
-  std::memcpy(&value, &bits, sizeof value);
-  return true;
+  return read_float_bits<uint64_t>(value);
 }
 
 }  // namespace PROTO

@@ -146,12 +146,43 @@ TEST(WireReader, AFloatThatDoesNotFitLeavesThePositionWhereItWas) {
     vorn_test::fill(buf, std::string(size, '\x40'));
     const vorn_test::PoisonedTail tail(buf);
     WireReader in(buf);
-    double d;
+    double d = 7;
     EXPECT_FALSE(in.read_double(d)) << size;
+    EXPECT_EQ(0.0, d);
+    EXPECT_FALSE(std::signbit(d));
     EXPECT_EQ(0U, in.pos());
-    float f;
+    float f = 7;
     EXPECT_EQ(size >= 4, in.read_float(f)) << size;
+    EXPECT_EQ(size >= 4 ? 3.00392151F : 0.0F, f);  // 40 40 40 40
     EXPECT_EQ(size >= 4 ? 4U : 0U, in.pos());
+  }
+}
+
+// What runs out of bytes is a number all the same, wherever reading starts.
+TEST(WireReader, WhatDoesNotFitIsZero) {
+  PacketFrameIn frame;
+  vorn_test::fill_frame(frame, from_hex("FF FF (6:FF) (8:FF)"), 2);
+  for (const uint64_t pos : {uint64_t{0}, uint64_t{7}, uint64_t{8}, uint64_t{9}, uint64_t{10}, uint64_t{24},
+                             uint64_t{1} << 32, std::numeric_limits<uint64_t>::max()}) {
+    frame.set_pos(pos);
+    int64_t n = 7;
+    EXPECT_FALSE(WireReader(frame).read_int(n)) << pos;
+    EXPECT_EQ(0, n) << pos;
+    uint32_t length = 7;
+    EXPECT_FALSE(WireReader(frame).read_length(length)) << pos;
+    EXPECT_EQ(0U, length) << pos;
+    for (const GroupShape shape : {INT_SHAPE, LENGTH_SHAPE}) {
+      uint64_t magnitude = 7;
+      bool negative;
+      EXPECT_FALSE(WireReader(frame).read_group_number(shape, magnitude, negative)) << pos;
+      EXPECT_EQ(0U, magnitude) << pos;
+    }
+    float f = 7;
+    EXPECT_FALSE(WireReader(frame).read_float(f)) << pos;
+    EXPECT_EQ(0.0F, f) << pos;
+    double d = 7;
+    EXPECT_FALSE(WireReader(frame).read_double(d)) << pos;
+    EXPECT_EQ(0.0, d) << pos;
   }
 }
 
