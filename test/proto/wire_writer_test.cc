@@ -130,6 +130,36 @@ TEST(WireWriter, IntegersThatFollowOneAnotherOfEverySize) {
   }
 }
 
+// The longest integers fill the scratch memory of a batch to its last byte, and shorter ones behind them are stored
+// as words: bytes that end, and start, at a page which may not be touched stand in for it.
+TEST(WireWriter, ABatchOfIntegersKeepsToItsScratchMemory) {
+  const int64_t fillers[] = {INT64_MIN, INT64_MAX, -1, 0, 0xFFF, 0x1FFFFFFFF, 0x200000000};
+  for (const auto guard : {vorn_test::GuardedBytes::BEHIND, vorn_test::GuardedBytes::BEFORE}) {
+    for (const int64_t last : fillers) {
+      for (const size_t count : {size_t{1}, INT_BATCH - 1, INT_BATCH}) {
+        const auto value_at = [&](size_t i) { return i + 1 < count ? INT64_MIN : last; };
+        std::string expected;
+        for (size_t i = 0; i < count; ++i) expected += plain_int(value_at(i));
+        vorn_test::GuardedBytes scratch(std::string(sizeof(IntScratch), '\xEE'), guard);
+        const char* const end = store_ints(scratch.data(), 0, count, value_at);
+        ASSERT_EQ(scratch.data() + expected.size(), end);
+        ASSERT_EQ(to_hex(expected), to_hex(std::string(scratch.data(), expected.size())));
+      }
+    }
+  }
+}
+
+TEST(WireWriter, TheLongestIntegersFollowOneAnother) {
+  for (const int64_t value : {INT64_MIN, INT64_MAX}) {
+    for (const size_t count : {62, 63, 64, 65, 66, 127, 128, 129, 192, 193}) {
+      std::string expected;
+      for (size_t i = 0; i < count; ++i) expected += plain_int(value);
+      ASSERT_EQ(to_hex(expected),
+                written([&](PacketBuf& buf) { write_ints(buf, count, [=](size_t) { return value; }); })) << count;
+    }
+  }
+}
+
 TEST(WireWriter, SizesOfIntegers) {
   for (unsigned bits = 0; bits <= 64; ++bits) {
     const uint64_t magnitude = bits == 0 ? 0 : ~uint64_t{0} >> (64 - bits);
@@ -195,6 +225,43 @@ TEST(WireWriter, StringsOfManyLengths) {
     const vorn_test::GuardedBytes bytes(std::string(row.length, 'z'));
     EXPECT_EQ(to_hex(from_hex(std::string("07") + row.prefix) + std::string(row.length, 'z')),
               written([&](PacketBuf& buf) { write_utf8str(buf, bytes.data(), row.length); }));
+  }
+}
+
+// Bytes that differ from their neighbours, and from those around the copy.
+std::string distinct_bytes(size_t length) {
+  std::string out;
+  for (size_t i = 0; i < length; ++i) out += static_cast<char>(1 + i);
+  return out;
+}
+
+// Each source and each target that ends, or starts, at a page which may not be touched.
+TEST(WireWriter, StringBytesOfEveryLengthAreCopiedAndNothingElseIsTouched) {
+  using vorn_test::GuardedBytes;
+  for (size_t length = 0; length <= 130; ++length) {
+    const std::string bytes = distinct_bytes(length);
+    for (const auto source_guard : {GuardedBytes::BEHIND, GuardedBytes::BEFORE}) {
+      const GuardedBytes source(bytes, source_guard);
+      for (const auto target_guard : {GuardedBytes::BEHIND, GuardedBytes::BEFORE}) {
+        GuardedBytes target(std::string(length, '\xEE'), target_guard);
+        copy_string_bytes(target.data(), source.data(), length);
+        ASSERT_EQ(to_hex(bytes), to_hex(std::string(target.data(), length))) << length;
+      }
+      std::string around = "before" + std::string(length, '\xEE') + "behind";
+      copy_string_bytes(&around[6], source.data(), length);
+      ASSERT_EQ("before" + bytes + "behind", around) << length;
+      ASSERT_EQ(bytes, std::string(source.data(), length)) << length;
+    }
+  }
+}
+
+TEST(WireWriter, StringsOfEveryShortLength) {
+  for (uint32_t length = 0; length <= 130; ++length) {
+    const std::string bytes = distinct_bytes(length);
+    const std::string prefix = length < 128 ? std::string(1, static_cast<char>(length))
+                                            : std::string{static_cast<char>(length), '\x01'};
+    ASSERT_EQ(to_hex("\x05" + prefix + bytes),
+              written([&](PacketBuf& buf) { write_binstr(buf, bytes.data(), length); }));
   }
 }
 

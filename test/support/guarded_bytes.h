@@ -1,5 +1,5 @@
-/// Bytes that end at a page which may not be touched: reading one byte too far kills the test, in a release
-/// build too.
+/// Bytes that end, or start, at a page which may not be touched: reading or writing one byte too far kills the test,
+/// in a release build too.
 #pragma once
 
 #include <sys/mman.h>
@@ -14,24 +14,27 @@ namespace vorn_test {
 
 class GuardedBytes {
  public:
-  explicit GuardedBytes(const std::string& bytes) : size_(bytes.size()) {
+  enum Guard { BEHIND, BEFORE };
+
+  explicit GuardedBytes(const std::string& bytes, Guard guard = BEHIND) : size_(bytes.size()) {
     const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     const size_t room = (size_ + page - 1) / page * page;
     mapped_ = room + page;
     void* const at = mmap(nullptr, mapped_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (at == MAP_FAILED) throw std::bad_alloc();
     start_ = static_cast<char*>(at);
-    if (mprotect(start_ + room, page, PROT_NONE) != 0) {
+    if (mprotect(guard == BEHIND ? start_ + room : start_, page, PROT_NONE) != 0) {
       munmap(start_, mapped_);
       throw std::bad_alloc();
     }
-    data_ = start_ + room - size_;
+    data_ = guard == BEHIND ? start_ + room - size_ : start_ + page;
     if (size_ != 0) std::memcpy(data_, bytes.data(), size_);
   }
   ~GuardedBytes() { munmap(start_, mapped_); }
   GuardedBytes(const GuardedBytes&) = delete;
   GuardedBytes& operator=(const GuardedBytes&) = delete;
 
+  char* data() { return data_; }
   const char* data() const { return data_; }
   size_t size() const { return size_; }
 
