@@ -236,6 +236,9 @@ class DissectorTest < CheckSuite
         check("#{label}: nothing taken for garbage", [[], []], shown.values_at('vorn.skipped', 'vorn.error'))
       end
     end
+    name = capture(PcapWriter.cut(long[0, 1_900_000], 60_000), [frame(4, "\x84".b)], [[:server, frame(5, "\x85".b)]])
+    shown = Tshark.streams(name, %w[vorn.seq], *Tshark::DECODE_AS, '-o', 'vorn.max_frame:1')
+    check('of its own connection only', [%w[1], %w[4], %w[5]], shown.sort.map { |_, fields| fields['vorn.seq'] })
     name = capture(PcapWriter.cut(stream, 60_000))
     shown = Tshark.streams(name, %w[vorn.seq vorn.messages], *Tshark::DECODE_AS)[0]
     check('below the limit: reassembled', [%w[1 2 1 3], %w[100000 1 100000 1]], shown.values)
@@ -254,14 +257,17 @@ class DissectorTest < CheckSuite
       'start markers' => ["\xA5".b * 1_000_000, nil],
       'empty frames' => [frame(1, '') * 100_000, 0],
       'an array of strings' => [frame(1, "\x0A" + ("\x07\x7F".b + 'y' * 127) * 50_000 + "\x0B"), 1],
+      'long keys' => [frame(1, "\x08".b + Array.new(60) { |i| long_key(i) + "\0" }.join + "\x09"), 1],
       'long strings, deep in hashes' => [frame(1, (deep_string * 60)), 60],
       'a long string' => [frame(1, "\x07".b + [0x80, 0x80, 0x80, 4].pack('C*') + 'x' * 8_388_608), 1]
     }.each do |what, (stream, messages)|
       name = capture(segments.(stream))
       before = Process.times
-      shown = Tshark.streams(name, %w[vorn.messages vorn.cut], *Tshark::DECODE_AS)[0]
+      shown = Tshark.streams(name, %w[vorn.messages vorn.cut vorn.message], *Tshark::DECODE_AS)[0]
       seconds = Process.times.cutime - before.cutime
       puts format('  %-28s %4.1f s of CPU time', what, seconds)
+      longest = shown['vorn.message'].map(&:bytesize).max.to_i
+      check("#{what}: #{longest} bytes of text", true, longest < 9 << 20)
       check("#{what}: in time", true, seconds < 15)
       check("#{what}: said to be cut", true, shown['vorn.cut'].any?) if messages && what !~ /frames|arrays|strings\z/
       check("#{what}: messages", messages, shown['vorn.messages'].map(&:to_i).inject(:+)) if messages
@@ -387,6 +393,10 @@ class DissectorTest < CheckSuite
     'ab'.b + frame(0xA5A5, Vectors.bytes('08 05 01 6B A5 09 81')) + frame(2, '', 12) + frame(3, "\xA5\x00".b, 12) +
       "\0\0\0".b + frame(4, "\x81", 12).tap { |bytes| bytes.setbyte(11, 0x59) } + frame(5, '') +
       frame(6, "\x81\x82", 12).tap { |bytes| bytes.setbyte(8, 0) } + frame(7, "\x07\x03abc")
+  end
+
+  def long_key(number)
+    "\x07\x80\x80\x40".b + number.chr + "\xFF".b * 1_048_575
   end
 
   def deep_string
