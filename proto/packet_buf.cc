@@ -43,6 +43,12 @@ bool PacketBuf::index_within_payload(uint64_t i) const {
   return i >= payload_start() && i < payload_end() && i < data_.size();
 }
 
+void PacketBuf::reserve(uint64_t n) {
+  const uint64_t end = pos_ + n;
+  if (end < pos_ || end > data_.max_size()) throw std::length_error("PacketBuf::reserve: position out of range");
+  if (end > data_.capacity()) data_.reserve(static_cast<size_t>(end));
+}
+
 void PacketBuf::write_bytes(const char* src, uint64_t n) {
   if (n == 0) return;
   // Growing moves the bytes, so a source inside them is remembered by its index. std::less orders pointers

@@ -53,6 +53,10 @@ class VORN_API PacketBuf {
   /// and the bytes are then as before.
   char* claim(uint64_t n);
 
+  /// Makes room for n bytes from the position on, without storing any, so that as many can be written in pieces without
+  /// moving what is there. Throws like claim().
+  void reserve(uint64_t n);
+
   /// The bytes at the position if n of them exist already, else null. The way around claim() for writers that
   /// know a bound before they know their length: they store, then advance() past what they stored.
   /// @{

@@ -147,6 +147,37 @@ TEST(PacketBuf, RoomIsWhatExistsAlready) {
   EXPECT_EQ("abc", buf.data());
 }
 
+TEST(PacketBuf, ReserveMakesRoomAndStoresNothing) {
+  PacketBuf buf;
+  write(buf, "abc");
+  for (const uint64_t n : {uint64_t{0}, uint64_t{100}, PacketBuf::INITIAL_CAPACITY - 3}) {
+    const vorn_test::FailAllocation none(1);
+    buf.reserve(n);
+    EXPECT_FALSE(none.failed());
+  }
+  EXPECT_EQ(PacketBuf::INITIAL_CAPACITY, buf.data().capacity());
+  buf.reserve(1000000);
+  EXPECT_EQ(3U, buf.pos());
+  EXPECT_EQ("abc", buf.data());
+  const std::string piece(1000, 'x');
+  const vorn_test::FailAllocation none(1);
+  for (int i = 0; i < 1000; ++i) write(buf, piece);
+  EXPECT_FALSE(none.failed());
+  EXPECT_EQ(1000003U, buf.pos());
+}
+
+TEST(PacketBuf, ReserveFailsAsClaimDoes) {
+  PacketBuf buf;
+  write(buf, "abc");
+  for (const uint64_t n : {uint64_t{1} << 63, MAX - 3, MAX - 2, MAX}) EXPECT_THROW(buf.reserve(n), std::length_error);
+  {
+    const vorn_test::FailAllocation fail(1);
+    EXPECT_THROW(buf.reserve(PacketBuf::INITIAL_CAPACITY), std::bad_alloc);
+  }
+  EXPECT_EQ(3U, buf.pos());
+  EXPECT_EQ("abc", buf.data());
+}
+
 TEST(PacketBuf, ReadsNoByteBehindTheSource) {
   const vorn_test::GuardedBytes source(std::string(5000, 's'));
   for (size_t n = 0; n <= source.size(); ++n) {
