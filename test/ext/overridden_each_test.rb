@@ -49,7 +49,9 @@ class OverriddenEachTest < ExtTest
     "" => "08 09", "yield [1, 2]" => "08 81 82 09", "yield 1, 2" => "08 81 82 09", "yield(*[1, 2])" => "08 81 82 09",
     "yield [1, 2]; yield 3, 4" => "08 81 82 83 84 09", "yield Class.new(Array).new([1, 2])" => "08 81 82 09",
     "yield [1, 2], 3" => "08 0a 81 82 0b 83 09", "yield [1, 2].freeze" => "08 81 82 09",
-    "yield nil, nil" => "08 00 00 09", "yield [[1, 2], { 3 => 4 }]" => "08 0a 81 82 0b 08 83 84 09 09",
+    "yield [1, 2, 3]" => "08 81 82 09", "yield [1]" => "08 81 00 09", "yield []" => "08 00 00 09",
+    "yield [[1, 2]]" => "08 0a 81 82 0b 00 09", "yield [nil, 2, [3]]; yield [4]" => "08 00 82 84 00 09",
+    "yield [1, 2] + [Object.new] * 1000" => "08 81 82 09", "yield nil, nil" => "08 00 00 09", "yield [[1, 2], { 3 => 4 }]" => "08 0a 81 82 0b 08 83 84 09 09",
     "[[1, 2], [3, 4]].each { |pair| yield pair; break }" => "08 81 82 09",
     "[[1, 2], [3, 4]].each { |pair| yield pair; return }" => "08 81 82 09",
     "{ 1 => 2 }.each { |*pair| yield(*pair) }" => "08 81 82 09",
@@ -61,8 +63,9 @@ class OverriddenEachTest < ExtTest
     YIELDS.each { |source, bytes| assert_equal bytes, encode(hash_with_each(source)), source }
   end
 
-  NO_PAIRS = ["yield", "yield nil", "yield 1", "yield [1]", "yield [1, 2, 3]", "yield 1, 2, 3", "yield []", "yield [[1, 2]]",
-              "yield({ 1 => 2 })", "yield 'ab'", "yield Struct.new(:a, :b).new(1, 2)"].freeze
+  # Three values are no Array, even where the first is one.
+  NO_PAIRS = ["yield", "yield nil", "yield 1", "yield 1, 2, 3", "yield [1, 2], 3, 4", "yield({ 1 => 2 })", "yield 'ab'",
+              "yield Struct.new(:a, :b).new(1, 2)"].freeze
 
   def test_what_is_no_pair_is_refused
     NO_PAIRS.each do |source|
@@ -89,7 +92,74 @@ class OverriddenEachTest < ExtTest
     pairs = Class.new(Hash) { alias_method :each, :each_pair }
     assert_equal "08 82 83 09", encode(values[1, [2, 3]])
     assert_equal "08 81 82 09", encode(pairs[1, 2])
+    assert_equal "08 83 00 09", encode(keys[[3], 2])
     assert_raises_with(RuntimeError, NO_PAIR) { @buf << keys[1, 2] }
+  end
+
+  # Every built-in way of walking a Hash passes for `each` somewhere. What each does stands beside it, for { [1] => [2] }.
+  ALIASES = {
+    "class Hash; alias_method :each, :each_key; end" => "08810009", "class Hash; alias each each_value; end" => "08820009",
+    "class Hash; alias_method :each, :each_pair; end" => "080a810b0a820b09",
+    "class Hash; alias old each; alias each each_key; alias each old; end" => "080a810b0a820b09",
+    "Hash.prepend(Module.new { include Enumerable; alias_method :each, :each_entry })" => nil,
+    "Walking = Module.new { include Enumerable }; Hash.prepend(Walking); Walking.class_eval { alias each reverse_each }" => nil,
+    "class << HASH; alias_method :each, :each_key; end" => "08810009",
+    "HASH.extend(Module.new { def each; each_value { |v| yield v }; end })" => "08820009"
+  }.freeze
+
+  # Before the first value is written, and after one.
+  def test_each_of_every_hash_that_is_an_alias
+    ALIASES.each do |change, bytes|
+      ["", "PacketBuf.new << HASH << { 1 => 2 }"].each do |before|
+        code = "HASH = { [1] => [2] }\n#{before}\n$VERBOSE = false\n#{change}\n" + <<-'RUBY'
+          begin
+            puts (PacketBuf.new << HASH).to_str.unpack("H*")
+            puts (PacketBuf.new << HASH).to_str.unpack("H*")
+          rescue SystemStackError # each_entry calls each
+            puts "calls itself"
+          end
+        RUBY
+        assert_equal "#{bytes || 'calls itself'}\n" * (bytes ? 2 : 1), run_ruby(code), "#{before} #{change}"
+      end
+    end
+  end
+
+  # Likewise when it becomes one between two values, again and again.
+  def test_each_that_is_an_alias_for_a_while
+    assert_equal "08810009 080a810b0a820b09 08820009 080a810b0a820b09\n" * 30, run_ruby(<<-'RUBY')
+      class Hash
+        alias_method :old_each, :each
+      end
+      buf = PacketBuf.new
+      30.times do
+        puts [:each_key, :old_each, :each_value, :old_each].map { |name|
+          Hash.class_eval { alias_method :each, name }
+          GC.start
+          (buf.reset << { [1] => [2] }).to_str.unpack("H*")[0]
+        }.join(" ")
+      end
+    RUBY
+  end
+
+  # A refinement holds where it is activated, and nowhere in the extension.
+  def test_each_that_is_refined
+    assert_equal "08818209\n" * 4 + "08878809\n", run_ruby(<<-'RUBY')
+      PLAIN = { 1 => 2 }
+      Own = Class.new(Hash) { def each; yield 7, 8; end }
+      OWN = Own[1, 2]
+      write = ->(value) { puts (PacketBuf.new << value).to_str.unpack("H*") }
+      write.call(PLAIN)
+      module Refined
+        refine(Hash) { def each; yield 3, 4; end }
+        refine(Own) { def each; yield 5, 6; end }
+      end
+      write.call(PLAIN)
+      using Refined
+      PLAIN.each { |k, v| abort "not refined" unless [k, v] == [3, 4] }
+      write.call(PLAIN)
+      write.call(Class.new(Hash)[1, 2])
+      write.call(OWN)
+    RUBY
   end
 
   def test_each_that_is_private_or_gone
@@ -143,7 +213,7 @@ class OverriddenEachTest < ExtTest
     hash = OwnEach.new do |block|
       300.times do
         assert_raises_with(RuntimeError, UNSUPPORTED) { block.call([], [[[Object.new]]]) }
-        assert_raises(RuntimeError) { block.call([[1], 2, 3]) }
+        assert_raises_with(RuntimeError, NO_PAIR) { block.call([1], 2, 3) }
       end
       @buf.seek(2)
       block.call(3, 60.times.inject(4) { |inner, _| [inner] })
@@ -257,6 +327,121 @@ class OverriddenEachTest < ExtTest
       puts outcomes.uniq.map(&:inspect)
     RUBY
     assert_includes ["nil", ENDED.inspect], run_ruby(code).chomp
+  end
+
+  # A block whose self is another object leads to the buffer by the extension's own object alone.
+  def test_block_that_is_all_there_is_left_of_its_buffer
+    code = <<-'RUBY'
+      class Inner < Hash
+        def each(&block)
+          $blocks << block
+          Fiber.yield
+        end
+      end
+      class Outer < Hash
+        def each(&block)
+          Object.new.instance_exec(Inner.new, 1, &block)
+        end
+      end
+      $blocks = []
+      $gone = 0
+      COUNT = proc { $gone += 1 }
+      def abandon(n)
+        n.times do
+          Fiber.new do
+            buf = PacketBuf.new
+            ObjectSpace.define_finalizer(buf, COUNT)
+            buf << Outer.new
+          end.resume
+        end
+      end
+      Thread.new { abandon(100) }.join
+      # Others take the place of those that are freed too soon.
+      others = Array.new(10) do
+        GC.start
+        Array.new(50) { PacketBuf.new << "x" * 1000 }
+      end
+      outcomes = $blocks.map do |block|
+        begin
+          block.call(1, "y" * 100_000)
+        rescue RuntimeError => error
+          error.message
+        end
+      end
+      bytes = others.flatten.map(&:to_str).uniq.map(&:size)
+      puts outcomes.uniq.map(&:inspect), $gone, bytes
+    RUBY
+    outcome, *rest = run_ruby(code).split("
+")
+    assert_includes ["nil", ENDED.inspect], outcome
+    assert_equal %w[0 1003], rest
+  end
+
+  # --- what nobody may find -------------------------------------------------------------------------------
+
+  # Everything that ObjectSpace shows while values are written and read is copied, and asked what it leads to.
+  def test_nothing_of_the_extension_is_to_be_found
+    assert_equal "well
+", run_ruby(<<-'RUBY', "-robjspace")
+      COPIED = [:dup, :clone]
+      def plain?(object)
+        klass = Kernel.instance_method(:class).bind(object).call
+        klass == Object || klass == BasicObject
+      end
+      def search
+        before = $known
+        found = ObjectSpace.each_object(BasicObject).reject { |object| !plain?(object) || before.key?(object.__id__) }
+        found.each { |object| COPIED.each { |copy| object.__send__(copy) } }
+        GC.start
+        abort "found #{found.inspect}" unless found.empty?
+        ObjectSpace.each_object(PacketBuf) do |buf|
+          COPIED.each do |copy|
+            begin
+              buf.__send__(copy)
+              abort "a copied buffer"
+            rescue TypeError
+            end
+          end
+          ObjectSpace.reachable_objects_from(buf)
+        end
+        ObjectSpace.memsize_of_all
+        ObjectSpace.dump_all(output: $null)
+      end
+      class Searching < Hash
+        def each(&block)
+          search
+          leads = ObjectSpace.reachable_objects_from(block)
+          leads.each { |lead| lead.inspect }
+          ObjectSpace.dump(block)
+          COPIED.each { |copy| block.__send__(copy).call(1, 2) }
+          yield 1, self[:inner] if self[:inner]
+          search
+        end
+      end
+      module SearchingHash
+        def hash
+          search if $searching
+          super
+        end
+      end
+      Array.prepend(SearchingHash)
+      $null = File.open(File::NULL, "w")
+      $known = {}
+      $searching = false
+      ObjectSpace.each_object(BasicObject) { |object| $known[object.__id__] = true if plain?(object) }
+      kept = []
+      4.times do
+        buf = PacketBuf.new
+        buf << Searching[:inner, Searching.new]
+        buf.reset << { [1] => "key", "text" => [[]] * 40 }
+        $searching = true
+        buf.seek(0).extract_object
+        $searching = false
+        kept << buf
+      end
+      search
+      puts "well"
+    RUBY
   end
 
   # --- containers changed while they are written ---------------------------------------------------------

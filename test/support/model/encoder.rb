@@ -91,14 +91,15 @@ module Model
       put(0x09)
     end
 
-    # What a Hash subclass's own `each` yields: a pair, or a key and a value. Its block may be called late.
+    # What a Hash subclass's own `each` yields: an Array, of which the first two count, or a key and a value. Its block
+    # may be called late.
     def own_each(value, depth)
       ended = false
       value.each do |*yielded|
         raise NAME + "hash iteration has ended" if ended
-        pair = yielded.size == 1 && Array === yielded[0] ? yielded[0] : yielded
-        raise NAME + "hash entry is not a [key, value] pair" unless pair.size == 2
-        entry(pair, depth)
+        array = yielded.size == 1 && Array === yielded[0]
+        raise NAME + "hash entry is not a [key, value] pair" unless array || yielded.size == 2
+        entry(array ? yielded[0] : yielded, depth)
       end
     ensure
       ended = true
