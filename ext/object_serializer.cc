@@ -18,12 +18,41 @@ using PROTO::PacketBuf;
 ID id_each;
 int utf8_index;
 
+// A value may share its parts and be short in memory and endless in bytes, so interrupts are heeded on the way. How far
+// it is, its bytes tell: every member takes at least one. At the slowest, hashes of one entry, these are 0.2 ms.
+constexpr uint64_t BYTES_BETWEEN_CHECKS = 16384;
+// Of members that are no containers, which look for themselves.
+constexpr long MEMBERS_BETWEEN_CHECKS = 256;
+constexpr long FIXNUMS_BETWEEN_CHECKS = 16384;
+constexpr uint32_t STRING_PIECE = 16 << 20;
+
 struct SerializeContext {
   VALUE owner;  ///< the Ruby object that keeps buf alive
   PacketBuf& buf;
   const int32_t maxdepth;
   VALUE plain_hash_class;  ///< a class known to iterate with the built-in `each`; 0: none
+  uint64_t check_at;       ///< the position from which on interrupts are due
 };
+
+/// Ruby code may have redefined any `each`, and may have moved the position.
+inline void after_ruby_code(SerializeContext& ctx) {
+  ctx.plain_hash_class = 0;
+  ctx.check_at = ctx.buf.pos() + BYTES_BETWEEN_CHECKS;
+}
+
+inline SerializeContext context_for(VALUE owner, PacketBuf& buf, int32_t maxdepth) {
+  return {owner, buf, maxdepth, 0, buf.pos() + BYTES_BETWEEN_CHECKS};
+}
+
+[[gnu::noinline, gnu::cold]] void check_interrupts(SerializeContext& ctx) {
+  rb_thread_check_ints();
+  after_ruby_code(ctx);
+}
+
+/// Lets other threads run, and signal handlers; may raise or end the thread. Whatever can change must be read anew.
+inline void heed_interrupts(SerializeContext& ctx) {
+  if (__builtin_expect(ctx.buf.pos() >= ctx.check_at, false)) check_interrupts(ctx);
+}
 
 // `depth` counts the levels around a value, itself included. The functions here may throw what writing throws and
 // may raise; nothing in their frames needs destruction. Where Ruby calls back, native_guard() is the border.
@@ -39,9 +68,36 @@ inline int32_t fixnum_value(VALUE fixnum) {
   return static_cast<int32_t>(FIX2LONG(fixnum));
 }
 
-// A length is a 32-bit quantity of the encoding.
+/// write_string() in pieces. What is written is the string as it is now, whatever interrupts make of it.
+void write_pieces(SerializeContext& ctx, PROTO::TransportType type, VALUE str, uint32_t length) {
+  VALUE bytes = rb_str_new_frozen(str);
+  ctx.buf.reserve(1 + PROTO::group_number_size(length, PROTO::LENGTH_SHAPE) + uint64_t{length});
+  PROTO::write_type(ctx.buf, type);
+  PROTO::write_group_number(ctx.buf, length, false, PROTO::LENGTH_SHAPE);
+  for (uint32_t written = 0; written < length;) {
+    const uint32_t piece = std::min(STRING_PIECE, length - written);
+    ctx.buf.write_bytes(RSTRING_PTR(bytes) + written, piece);
+    written += piece;
+    heed_interrupts(ctx);
+  }
+  RB_GC_GUARD(bytes);
+}
+
+[[gnu::noinline]] void write_long_string(SerializeContext& ctx, PROTO::TransportType type, VALUE str, uint32_t length) {
+  if (length > STRING_PIECE) return write_pieces(ctx, type, str, length);
+  PROTO::write_string(ctx.buf, type, RSTRING_PTR(str), length);
+  RB_GC_GUARD(str);
+  heed_interrupts(ctx);
+}
+
+// A length is a 32-bit quantity of the encoding. That of a short string takes one byte, which spares the common case
+// more than it costs to set the long ones aside.
 inline void write_rbstr_bytes(SerializeContext& ctx, PROTO::TransportType type, VALUE str, long length) {
-  PROTO::write_string(ctx.buf, type, RSTRING_PTR(str), static_cast<uint32_t>(length));
+  const uint32_t size = static_cast<uint32_t>(length);
+  if (__builtin_expect(size > PROTO::LENGTH_SHAPE.first_data_mask(), false)) {
+    return write_long_string(ctx, type, str, size);
+  }
+  PROTO::write_string(ctx.buf, type, RSTRING_PTR(str), size);
   RB_GC_GUARD(str);
 }
 
@@ -73,31 +129,65 @@ void serialize_rbsym(VALUE sym, SerializeContext& ctx) {
     case T_FLOAT: PROTO::write_double(ctx.buf, RFLOAT_VALUE(obj)); break;
     case T_STRING: serialize_rbstr(obj, ctx); break;
     case T_SYMBOL: serialize_rbsym(obj, ctx); break;
-    case T_ARRAY: serialize_rbarray(obj, ctx, depth); break;
-    case T_HASH: serialize_rbhash(obj, ctx, depth); break;
+    case T_ARRAY:
+      serialize_rbarray(obj, ctx, depth);
+      heed_interrupts(ctx);
+      break;
+    case T_HASH:
+      serialize_rbhash(obj, ctx, depth);
+      heed_interrupts(ctx);
+      break;
     default: rb_raise(rb_eRuntimeError, "serialize_rbobj_to_packetbuf: unsupported rb_type");
   }
 }
 
-/// Writes the Integers that an array begins with, and returns how many they are.
-[[gnu::noinline]] long serialize_leading_fixnums(VALUE array, SerializeContext& ctx) {
-  const VALUE* const first = array_members(array);
-  const VALUE* const behind = std::find_if_not(first, first + RARRAY_LEN(array), [](VALUE v) { return FIXNUM_P(v); });
-  const long count = behind - first;
-  PROTO::write_ints(ctx.buf, static_cast<size_t>(count), [=](size_t i) { return fixnum_value(first[i]); });
-  RB_GC_GUARD(array);
-  return count;
+/// Writes the Integers that an array begins with, `length` at most, and returns how many they are.
+[[gnu::noinline]] long serialize_leading_fixnums(VALUE array, SerializeContext& ctx, long length) {
+  long written = 0;
+  for (;;) {
+    const long end = std::min({length, RARRAY_LEN(array), written + FIXNUMS_BETWEEN_CHECKS});
+    if (written >= end) return written;
+    const VALUE* const members = array_members(array);
+    const VALUE* const first = members + written;
+    const VALUE* const behind = std::find_if_not(first, members + end, [](VALUE v) { return FIXNUM_P(v); });
+    const long count = behind - first;
+    PROTO::write_ints(ctx.buf, static_cast<size_t>(count), [=](size_t i) { return fixnum_value(first[i]); });
+    RB_GC_GUARD(array);
+    written += count;
+    if (count < FIXNUMS_BETWEEN_CHECKS) return written;
+    heed_interrupts(ctx);
+  }
 }
 
-// An element's serialization may shorten the array; what is missing then is nil.
+// Both inline: calls would show in an array of two numbers.
+// An element's serialization, or an interrupt, may shorten the array; what is missing then is nil.
+[[gnu::always_inline]] inline void serialize_elements(VALUE array, SerializeContext& ctx, int32_t depth, long i,
+                                                      long end) {
+  for (; i < end; ++i) {
+    const VALUE element = i < RARRAY_LEN(array) ? RARRAY_AREF(array, i) : Qnil;
+    serialize_rbobj_to_packetbuf(element, ctx, depth + 1);
+  }
+}
+
+inline long begin_array(VALUE array, SerializeContext& ctx, int32_t depth, long length) {
+  const bool fixnums = length > 1 && FIXNUM_P(RARRAY_AREF(array, 0)) && depth < ctx.maxdepth;
+  return fixnums ? serialize_leading_fixnums(array, ctx, length) : 0;
+}
+
+[[gnu::noinline]] void serialize_long_rbarray(VALUE array, SerializeContext& ctx, int32_t depth, long length) {
+  for (long i = begin_array(array, ctx, depth, length); i < length; i += MEMBERS_BETWEEN_CHECKS) {
+    serialize_elements(array, ctx, depth, i, std::min(length, i + MEMBERS_BETWEEN_CHECKS));
+    heed_interrupts(ctx);
+  }
+}
+
 void serialize_rbarray(VALUE array, SerializeContext& ctx, int32_t depth) {
   PROTO::write_type(ctx.buf, PROTO::PTT_ARRAY_START);
   const long length = RARRAY_LEN(array);
-  long i = 0;
-  if (length > 1 && FIXNUM_P(RARRAY_AREF(array, 0)) && depth < ctx.maxdepth) i = serialize_leading_fixnums(array, ctx);
-  for (; i < length; ++i) {
-    const VALUE element = i < RARRAY_LEN(array) ? RARRAY_AREF(array, i) : Qnil;
-    serialize_rbobj_to_packetbuf(element, ctx, depth + 1);
+  if (__builtin_expect(length > MEMBERS_BETWEEN_CHECKS, false)) {
+    serialize_long_rbarray(array, ctx, depth, length);
+  } else {
+    serialize_elements(array, ctx, depth, begin_array(array, ctx, depth, length), length);
   }
   PROTO::write_type(ctx.buf, PROTO::PTT_ARRAY_END);
 }
@@ -108,7 +198,7 @@ struct HashIteration {
   int32_t depth;
 };
 
-int serialize_hash_entry(VALUE key, VALUE value, VALUE arg) {
+[[gnu::noinline]] int serialize_hash_entry(VALUE key, VALUE value, VALUE arg) {
   const HashIteration& iteration = *reinterpret_cast<HashIteration*>(arg);
   native_guard([&] {
     serialize_rbobj_to_packetbuf(key, *iteration.ctx, iteration.depth + 1);
@@ -117,16 +207,24 @@ int serialize_hash_entry(VALUE key, VALUE value, VALUE arg) {
   return ST_CONTINUE;
 }
 
+int serialize_entry_of_large_hash(VALUE key, VALUE value, VALUE arg) {
+  serialize_hash_entry(key, value, arg);
+  heed_interrupts(*reinterpret_cast<HashIteration*>(arg)->ctx);
+  return ST_CONTINUE;
+}
+
 /// One call of an overridden `each`. The block given to it can be kept and called when everything here is long
 /// gone, even the machine stack: that of a fiber which nobody resumes. So a Ruby object holds what the block needs.
 struct OverriddenEach {
-  const SerializeContext ctx;
+  const VALUE owner;
+  PacketBuf& buf;
+  const int32_t maxdepth;
   const int32_t depth;
   bool ended;
 };
 
 void mark_overridden_each(void* data) {
-  rb_gc_mark(static_cast<const OverriddenEach*>(data)->ctx.owner);
+  rb_gc_mark(static_cast<const OverriddenEach*>(data)->owner);
 }
 
 const rb_data_type_t* overridden_each_type() {
@@ -152,7 +250,7 @@ const OverriddenEach& each_in_progress(VALUE handle) {
 
 void serialize_one_of_entry(VALUE obj, VALUE handle) {
   const OverriddenEach& each = each_in_progress(handle);
-  SerializeContext ctx = each.ctx;
+  SerializeContext ctx = context_for(each.owner, each.buf, each.maxdepth);
   native_guard([&] { serialize_rbobj_to_packetbuf(obj, ctx, each.depth + 1); });
   RB_GC_GUARD(handle);
 }
@@ -172,6 +270,7 @@ VALUE serialize_yielded_entry(RB_BLOCK_CALL_FUNC_ARGLIST(yielded, handle)) {
   }
   serialize_one_of_entry(key, handle);
   serialize_one_of_entry(value, handle);  // by now the key's own iteration may have let this one end
+  rb_thread_check_ints();                 // an `each` in C, such as an alias of each_pair, never does
   return Qnil;
 }
 
@@ -244,7 +343,7 @@ void serialize_overridden_each(VALUE hash, const SerializeContext& ctx, int32_t 
   OverriddenEach* memory;
   // Class 0: nobody finds it in ObjectSpace, and without a class nobody can copy it.
   const VALUE handle = TypedData_Make_Struct(0, OverriddenEach, overridden_each_type(), memory);
-  new (memory) OverriddenEach{{ctx.owner, ctx.buf, ctx.maxdepth, 0}, depth, false};
+  new (memory) OverriddenEach{ctx.owner, ctx.buf, ctx.maxdepth, depth, false};
   EachCall call{hash, handle};
   rb_ensure(VORN_CALLBACK(call_each), reinterpret_cast<VALUE>(&call), VORN_CALLBACK(end_overridden_each), handle);
 }
@@ -253,10 +352,12 @@ void serialize_rbhash(VALUE hash, SerializeContext& ctx, int32_t depth) {
   PROTO::write_type(ctx.buf, PROTO::PTT_HASH_START);
   if (iterates_with_builtin_each(hash, ctx)) {
     HashIteration iteration{&ctx, depth};
-    each_hash_entry(hash, serialize_hash_entry, reinterpret_cast<VALUE>(&iteration));
+    const bool large = RHASH_SIZE(hash) > static_cast<size_t>(MEMBERS_BETWEEN_CHECKS);
+    each_hash_entry(hash, large ? serialize_entry_of_large_hash : serialize_hash_entry,
+                    reinterpret_cast<VALUE>(&iteration));
   } else {
     serialize_overridden_each(hash, ctx, depth);
-    ctx.plain_hash_class = 0;  // it ran Ruby code, which may have redefined any `each`
+    after_ruby_code(ctx);
   }
   PROTO::write_type(ctx.buf, PROTO::PTT_HASH_END);
 }
@@ -264,7 +365,7 @@ void serialize_rbhash(VALUE hash, SerializeContext& ctx, int32_t depth) {
 }  // namespace
 
 void serialize_object(VALUE obj, VALUE owner, PROTO::PacketBuf& buf, int32_t maxdepth) {
-  SerializeContext ctx{owner, buf, maxdepth, 0};
+  SerializeContext ctx = context_for(owner, buf, maxdepth);
   native_guard([&] { serialize_rbobj_to_packetbuf(obj, ctx, 1); });
 }
 

@@ -257,7 +257,7 @@ VALUE end_write_object(VALUE self) {
  *
  * Writes nil, true, false, an Integer, a Float, a String, a Symbol, an Array or a Hash, with everything in it.
  * Anything else raises RuntimeError "serialize_rbobj_to_packetbuf: unsupported rb_type", more than 64 levels
- * "serialize_rbobj_to_packetbuf: maxdepth exceeded". A failure leaves what was written before it.
+ * "serialize_rbobj_to_packetbuf: maxdepth exceeded". A failure, or an interrupt, leaves what was written before it.
  *
  * An immediate Integer is written as its low 32 bits, one on the heap (from 2**62 on) in full up to 64 bits.
  *
