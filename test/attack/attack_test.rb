@@ -55,6 +55,12 @@ class AttackTest < Minitest::Test
     assert_match(/ times  08 81 00 09$/, out)
   end
 
+  def test_interruptions
+    out, = run_ruby_with_errors("ARGV.replace(%w[--seed 7 --ops 2000 --interruptions])\nload #{MAIN.inspect}", "-W0")
+    assert_match(/ 2\d\d\d steps of interruption /, out)
+    %w[abandon raise throw time_out kill raise_in_thread leave_through change collect].each { |step| assert_match(/\b#{step} [1-9]/, out) }
+  end
+
   # Faults planted in the model.
   FAULTS = {
     "levels of writing" => "class Model::Encoder; remove_const :MAXDEPTH; MAXDEPTH = 65; end",

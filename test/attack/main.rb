@@ -9,15 +9,23 @@ seed = Random.new_seed % 2**32
 ops = 200_000
 seconds = nil
 level = "normal"
+interruptions = false
 OptionParser.new do |options|
   options.on("--seed N", Integer) { |n| seed = n }
   options.on("--ops N", Integer) { |n| ops = n }
   options.on("--seconds N", Integer) { |n| seconds = n }
+  options.on("--interruptions") { interruptions = true }
   options.on("--gc LEVEL", Attack::Collector::LEVELS) { |name| level = name }
 end.parse!
 
-collector = Attack::Collector.new(level)
 started = Time.now
+if interruptions
+  require_relative "interruptions"
+  run = Interruptions::Run.new(seed).run(ops)
+  printf("Ruby %s, seed %d: %d steps of interruption in %.1f s (%s)\n", RUBY_VERSION, seed, run.steps, Time.now - started, run.counts)
+  exit
+end
+collector = Attack::Collector.new(level)
 performed = skipped = runs = 0
 $stdout.sync = true
 loop do

@@ -1,0 +1,163 @@
+# frozen_string_literal: true
+
+require_relative "helper"
+require_relative "ruby_process"
+
+# Continuations bring frames back that have long returned, with the machine stack as it was and everything else as it is.
+class ContinuationTest < ExtTest
+  include RubyProcess
+
+  START = <<-'RUBY'
+    require "continuation" # which is called obsolete, hence no warnings
+    ENDED = "serialize_rbobj_to_packetbuf: hash iteration has ended"
+    class OwnEach < Hash
+      def initialize(&body)
+        super()
+        @body = body
+      end
+
+      def each(&block)
+        @body.call(block)
+      end
+    end
+    def text(buf)
+      buf.to_str.unpack("H*")[0]
+    end
+    def worded
+      yield
+      nil
+    rescue RuntimeError => error
+      error.message
+    end
+  RUBY
+
+  ENDED = "serialize_rbobj_to_packetbuf: hash iteration has ended"
+
+  # Each program goes on in the middle of a value that is already written.
+  PROGRAMS = {
+    "an each goes on when writing has ended" => [<<-'RUBY', ["08818209", "0881820a81820b", ENDED]],
+      $times = 0
+      $buf = PacketBuf.new
+      message = worded do
+        $buf << OwnEach.new { |block|
+          block.call(1, 2)
+          callcc { |k| $again = k }
+          block.call(3, 4) if $times > 0
+        }
+        puts text($buf) if $times == 0
+      end
+      if ($times += 1) == 1
+        $buf.seek(3)
+        $buf << [1, 2]
+        $again.call
+      end
+      puts text($buf), message
+    RUBY
+    # Whoever calls a continuation leaves all that is under way, even to come back to it at once.
+    "an each goes on within its iteration" => [<<-'RUBY', [ENDED, "0881828182"]],
+      $times = 0
+      $buf = PacketBuf.new
+      message = worded do
+        $buf << OwnEach.new { |block|
+          callcc { |k| $again = k }
+          block.call(1, 2)
+          $again.call if ($times += 1) < 3
+        }
+      end
+      puts message, text($buf)
+    RUBY
+    "what is around goes on" => [<<-'RUBY', ["0a810a8008090b840b" + "090b840b" * 3]],
+      $times = 0
+      $buf = PacketBuf.new
+      $buf << [1, [0, OwnEach.new { callcc { |k| $again = k } }], 4]
+      $again.call if ($times += 1) < 4
+      puts text($buf)
+    RUBY
+    "a plain Hash around it goes on" => [<<-'RUBY', ["08810809838409" + "09838409" * 3]],
+      $times = 0
+      $buf = PacketBuf.new
+      $buf << { 1 => OwnEach.new { callcc { |k| $again = k } }, 3 => 4 }
+      $again.call if ($times += 1) < 4
+      puts text($buf)
+    RUBY
+    "what is written meanwhile moves the storage" => [<<-'RUBY', ["true"]],
+      $times = 0
+      $buf = PacketBuf.new
+      $buf << [OwnEach.new { callcc { |k| $again = k } }, "end"]
+      $buf.write_raw("x" * 1_000_000)
+      GC.start
+      $again.call if ($times += 1) < 5
+      rest = "0907" + "03656e640b" + "78" * 1_000_000
+      puts text($buf) == "0a08" + rest * 5
+    RUBY
+    "nothing else leads to the buffer" => [<<-'RUBY', ["5", "true"]],
+      $times = 0
+      def write_somewhere
+        PacketBuf.new << [OwnEach.new { callcc { |k| $again = k } }, "end" * 1000]
+        nil
+      end
+      def overwrite_stack(n)
+        n == 0 ? GC.start : overwrite_stack(n - 1)
+      end
+      write_somewhere
+      overwrite_stack(200)
+      others = Array.new(50) { PacketBuf.new << "x" * 50_000 }
+      $again.call if ($times += 1) < 5
+      puts $times, others.all? { |buf| buf.pos == 50_004 }
+    RUBY
+    "a failure is raised again" => [<<-'RUBY', ["serialize_rbobj_to_packetbuf: unsupported rb_type", ENDED, ENDED, "0881"]],
+      $times = 0
+      $buf = PacketBuf.new
+      message = worded do
+        $buf << OwnEach.new { |block|
+          callcc { |k| $again = k }
+          block.call(1, Object.new)
+        }
+      end
+      puts message
+      $again.call if ($times += 1) < 3
+      puts text($buf)
+    RUBY
+    "a failure in a key is raised again" => [<<-'RUBY', ["true"] * 4],
+      $times = 0
+      $buf = PacketBuf.new
+      key = OwnEach.new { callcc { |k| $again = k }; raise "number #{$times}" }
+      message = worded { $buf << { key => 1 } }
+      puts message == "number #{$times}"
+      $again.call if ($times += 1) < 4
+    RUBY
+    "the conversion of maxdepth goes on" => [<<-'RUBY', ["0a810a820b0b" * 3] + ["[1, [2]]"] * 3],
+      class Depth
+        def to_int
+          callcc { |k| $again = k }
+          64
+        end
+      end
+      $times = 0
+      $buf = PacketBuf.new << [1, [2]]
+      $buf.maxdepth = Depth.new
+      $other = PacketBuf.new
+      $buf.seek(0).copy_object($other)
+      $buf.seek(0)
+      $again.call if ($times += 1) < 3
+      puts text($other)
+      $times = 0
+      value = $buf.seek(0).extract_object
+      p value
+      $buf.seek(0)
+      $again.call if ($times += 1) < 3
+    RUBY
+    "an each in a fiber that has ended" => [<<-'RUBY', ["refused"]]
+      Fiber.new { PacketBuf.new << OwnEach.new { callcc { |k| $again = k } } }.resume
+      begin
+        $again.call
+      rescue RuntimeError, FiberError
+        puts "refused"
+      end
+    RUBY
+  }.freeze
+
+  PROGRAMS.each do |name, (code, lines)|
+    define_method("test_#{name.tr(" ", "_")}") { assert_equal lines, run_ruby(START + code, "-W0").split("\n") }
+  end
+end
