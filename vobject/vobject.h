@@ -30,7 +30,8 @@
 /// referent that is copy-assigned a reference to itself, or a value into which one is merged that it is part of,
 /// is never freed; and the operations that walk a value
 /// (equality, merge, diff, render, serialize, following a reference) do not end on it or exhaust the stack.
-/// The same operations use machine stack for every level of nesting.
+/// The same operations, and the end of a value's life, use machine stack for every level of nesting. A value that holds
+/// the same part twice at every level is walked as often as it unfolds: 2^levels.
 ///
 /// All failures of the library are VornRuntimeError with the text that is given. Running out of memory is
 /// std::bad_alloc, and asking a string or vector for more than its max_size() is std::length_error; both leave
@@ -321,8 +322,9 @@ class VORN_API VObject {
   /// kinds differ and one is a hash, vector or user-defined value and neither is nil, and where there are
   /// NaNs.
   ///
-  /// `out` becomes nil first (its target, if it is a reference). The patch shares with `b`, not with `a`.
-  /// Throws std::bad_alloc; `out` is then partly built.
+  /// `out` becomes nil first (its target, if it is a reference). It may be part of `a` or of `b`, which then differ from
+  /// what they were; inside of `b` it may come to contain itself. The patch shares with `b`, not with `a`.
+  /// Throws std::bad_alloc; `out` is then nil.
   /// REQUIRES: user-defined values that are compared hold objects.
   /// @{
   static bool diff(const VObject& a, VObject& out, const VObject& b, bool& structural, int parent_tag,

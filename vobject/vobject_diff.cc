@@ -29,7 +29,11 @@ bool VObject::diff(const VObject& a, VObject& out, const VObject& b, bool& struc
   // What `out` held is kept to the end: a and b may be part of it.
   const VObject old(std::move(out.target()));
   structural = false;
-  return diff_into(a.target(), out, b.target(), structural, parent_tag, epsilon);
+  // Apart from `out`, which may be part of a or b: a patch that grew inside of what is compared might not end.
+  VObject patch;
+  if (!diff_into(a.target(), patch, b.target(), structural, parent_tag, epsilon)) return false;
+  out = std::move(patch);
+  return true;
 }
 
 bool VObject::diff(const VObject& a, VObject& out, const VObject& b, int parent_tag, double epsilon) {

@@ -133,7 +133,7 @@ TEST(AllocationFailure, AMergeCanBeTakenUpAgain) {
   }
 }
 
-TEST(AllocationFailure, DiffIntoAValueLeavesBothSourcesAndAValue) {
+TEST(AllocationFailure, DiffIntoAValueLeavesBothSourcesAndNil) {
   for (uint64_t nth = 1;; ++nth) {
     ASSERT_LT(nth, 100U);
     Subject s;
@@ -149,7 +149,7 @@ TEST(AllocationFailure, DiffIntoAValueLeavesBothSourcesAndAValue) {
     }
     EXPECT_EQ(before, rendered(s.v) + rendered(s.other));
     ASSERT_EQ(DT_REF, s.ref.type());
-    EXPECT_TRUE(s.referent->type() == DT_NIL || s.referent->type() == DT_VECTOR) << rendered(s.ref);
+    EXPECT_EQ(failed ? DT_NIL : DT_VECTOR, s.referent->type()) << rendered(s.ref);
     if (!failed) break;
   }
 }

@@ -311,6 +311,15 @@ TEST(DiffOut, IsClearedFirst) {
   EXPECT_FALSE(structural);
 }
 
+/// Each level of the patch would make another one to compare.
+TEST(DiffOut, InsideOfBothValuesEnds) {
+  VObject b = vec({vec({})});
+  const VObject a = vec({b});
+  VObject& out = b.getvec()[0];
+  EXPECT_TRUE(VObject::diff(a, out, b, DT_NIL, 0));
+  EXPECT_EQ(DT_VECTOR, out.type());
+}
+
 TEST(DiffOut, ThatIsAReferenceStaysOneWhereThatIsWrittenThrough) {
   VObject out = make_ref("old");
   const auto referent = out.getref();
