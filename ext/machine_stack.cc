@@ -67,7 +67,7 @@ namespace {
 // ruby_stack_check() itself leaves room for 16 KiB.
 constexpr size_t STEP = 12 * 1024;
 
-// Frames that are entered without another look.
+// Frames that are entered without another look. The first look is the shorter one: most values end above its floor.
 constexpr size_t STRIDE = 4 * 1024;
 
 /// REQUIRES: the step is within the room that ruby_stack_check() has found in the caller.
@@ -82,7 +82,8 @@ constexpr size_t STRIDE = 4 * 1024;
 }  // namespace
 
 bool MachineStack::find_room(uintptr_t here, size_t bytes) {
-  if (ruby_stack_check() != 0 || !has_room_below()) return false;
+  const bool first = floor_ == UINTPTR_MAX;
+  if (ruby_stack_check() != 0 || (!first && !has_room_below())) return false;
   floor_ = here - STRIDE;
   return bytes == 0;
 }

@@ -44,15 +44,17 @@ class HashingRoom {
     return outer;
   }
 
-  /// Returns the room that hashing what came since begin() takes.
-  size_t end(size_t outer, size_t own) {
-    const size_t bytes = bytes_ + own;
-    bytes_ = std::max(outer, bytes);
-    return bytes;
+  void end(size_t outer, size_t own) {
+    latest_ = bytes_ + own;
+    bytes_ = std::max(outer, latest_);
   }
+
+  /// The room for the container that ended last.
+  size_t latest() const { return latest_; }
 
  private:
   size_t bytes_ = 0;
+  size_t latest_ = 0;
 };
 #else
 /// Later interpreters look where their stack ends while they hash.
@@ -62,7 +64,8 @@ class HashingRoom {
   static constexpr size_t HASH = 0;
 
   size_t begin() { return 0; }
-  size_t end(size_t, size_t) { return 0; }
+  void end(size_t, size_t) {}
+  size_t latest() const { return 0; }
 };
 #endif
 

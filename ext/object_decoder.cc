@@ -223,9 +223,8 @@ VALUE decode_packetbuf_rbhash(DecodeContext& ctx, int32_t depth) {
       store();
       continue;
     }
-    const size_t hashing_before = ctx.hashing.begin();
-    batch[gathered] = decode_key(ctx, depth + 1);
-    hashing_keys = std::max(hashing_keys, ctx.hashing.end(hashing_before, 0));
+    const VALUE key = batch[gathered] = decode_key(ctx, depth + 1);
+    if (RB_TYPE_P(key, T_ARRAY) || RB_TYPE_P(key, T_HASH)) hashing_keys = std::max(hashing_keys, ctx.hashing.latest());
     batch[gathered + 1] = decode_next_packetbuf_rbobj(ctx, depth + 1);
     gathered += 2;
   }
