@@ -234,7 +234,8 @@ class InspectTest < CheckSuite
       check('ended', [1, '', ''], [Timeout.timeout(10) { process.value }.exitstatus, out.read, err.read])
     end
     File.binwrite(path('log'), frame(6, '') * 2)
-    check('standard input', ["offset 0  layout 8  seq 6  length 0\n", true], followed_input)
+    shorter = "vorn-inspect: standard input: became shorter; going on at its beginning\n"
+    check('standard input', ["offset 0  layout 8  seq 6  length 0\n", [shorter] * 2], followed_input)
   end
 
   # A byte at a time, faster than it is read, and a frame that never ends; a signal is heard in each.
@@ -420,14 +421,19 @@ class InspectTest < CheckSuite
     "vorn-inspect: #{path('log')}: #{what}\n"
   end
 
-  # The first line that --follow shows of standard input, and whether it notices that the file becomes shorter.
+  # The first line that --follow shows of standard input, and what it says of a file that becomes shorter twice.
   def followed_input
     Open3.popen3("exec #{@quoted} --follow < #{quoted('log')}") do |_, out, err, process|
-      first = lines_of(out, 1)
-      File.truncate(path('log'), 0)
-      shorter = lines_of(err, 1).include?('standard input: became shorter')
+      first = lines_of(out, 2).lines.first
+      said = Array.new(2) do
+        File.truncate(path('log'), 0)
+        lines_of(err, 1).tap do
+          append('log', frame(7, ''))
+          lines_of(out, 1)
+        end
+      end
       Process.kill(:TERM, process.pid)
-      return [first, shorter]
+      return [first, said]
     end
   end
 
