@@ -141,6 +141,8 @@ class InspectTest < CheckSuite
     text = inspector('--stats', stdin: stream).out
     ['frames                             6', '  5 is followed by 5 at offset', '1 gaps (2 numbers missing), 1 repeats',
      '          4 to 7                     4 ####'].each { |line| check(line, true, text.include?(line)) }
+    rows = inspector('--stats', stdin: frame(1, "\x81".b) * 100 + frame(1, "\x81".b * 4)).out.scan(/^ .* to .*/)
+    check('the most fills the width, the least is seen', [40, 0, 1], rows.map { |row| row.count('#') })
   end
 
   # Nothing that a peer chose, or a name, reaches a terminal as a control; and what is read back is what was sent.
