@@ -6,7 +6,7 @@ require_relative "ruby_process"
 # Each method where the kernel gives no more memory: with ever less room to grow, and then with ever less in what the
 # process holds already. What it ends in is a result or an error of Ruby's or ours, and the object serves on. Where Ruby
 # itself gives up it says so ("[FATAL] failed to allocate memory"), and ends; nothing else may end a process. Ruby 3.3
-# may instead stop in a jump to itself, in its own library: there, and only there, using up 4 s of the processor counts
+# may instead stop in a jump to itself, in its own library: there, and only there, using up 3 s of the processor counts
 # as Ruby's end too.
 #
 # VORN_LIMITS says how many limits of each kind are tried (default: 2).
@@ -157,7 +157,7 @@ class AddressSpaceTest < ExtTest
       reader, writer = IO.pipe
       said, says = IO.pipe
       child = fork do
-        Process.setrlimit(Process::RLIMIT_CPU, 4)
+        Process.setrlimit(Process::RLIMIT_CPU, 3)
         $stderr.reopen(says)
         writer.write attempt(setup, work, room, smallest)
         writer.close
@@ -168,7 +168,7 @@ class AddressSpaceTest < ExtTest
       text, errors = reader.read, said.read
       status = Process.wait2(child)[1]
       return text if status.success?
-      return "Ruby's end" if RUBY_VERSION >= "3.3" && status.termsig == Signal.list["XCPU"]
+      return "Ruby's end" if RUBY_VERSION >= "3.3" && status.termsig == Signal.list["KILL"]
       return "Ruby's end" if status.exitstatus == 1 && errors =~ /failed to allocate memory/
       "#{status}: #{errors.b[0, 4000]}"
     ensure
