@@ -70,12 +70,12 @@ constexpr size_t STEP = 12 * 1024;
 // Frames that are entered without another look. The first look is the shorter one: most values end above its floor.
 constexpr size_t STRIDE = 4 * 1024;
 
-/// REQUIRES: the step is within the room that ruby_stack_check() has found in the caller.
-[[gnu::noinline]] bool has_room_below() {
+/// Goes down the stack step by step, each within the room that ruby_stack_check() has found above it.
+[[gnu::noinline]] bool has_room_below(size_t steps) {
   volatile char step[STEP];
   step[0] = 0;
-  const bool room = ruby_stack_check() == 0;
-  asm volatile("" : : "r"(step) : "memory");  // keeps the step while the check runs
+  const bool room = ruby_stack_check() == 0 && (steps <= 1 || has_room_below(steps - 1));
+  asm volatile("" : : "r"(step) : "memory");  // keeps the step, and the call above from becoming a loop
   return room;
 }
 
@@ -83,9 +83,9 @@ constexpr size_t STRIDE = 4 * 1024;
 
 bool MachineStack::find_room(uintptr_t here, size_t bytes) {
   const bool first = floor_ == UINTPTR_MAX;
-  if (ruby_stack_check() != 0 || (!first && !has_room_below())) return false;
+  if (ruby_stack_check() != 0 || ((!first || bytes > 0) && !has_room_below(1 + bytes / STEP))) return false;
   floor_ = here - STRIDE;
-  return bytes == 0;
+  return true;
 }
 
 void init_machine_stack() {}

@@ -7,11 +7,13 @@ require_relative "ruby_process"
 class DepthTest < ExtTest
   include RubyProcess
 
-  # Arrays, hashes by their values, a deep array as key, hashes by their keys.
+  # Arrays, hashes by their values, a deep array as key, hashes by their keys, two deep keys
+  # that are equal.
   DEEP = <<-'RUBY'
     KINDS = {
       array: ->(n) { "\x0a" * n + "\x0b" * n }, hash: ->(n) { "\x08\x80" * n + "\x80" + "\x09" * n },
-      array_key: ->(n) { "\x08" + "\x0a" * n + "\x0b" * n + "\x80\x09" }, hash_keys: ->(n) { "\x08" * n + "\x80" + "\x80\x09" * n }
+      array_key: ->(n) { "\x08" + "\x0a" * n + "\x0b" * n + "\x80\x09" }, hash_keys: ->(n) { "\x08" * n + "\x80" + "\x80\x09" * n },
+      equal_keys: ->(n) { "\x08" + ("\x0a" * n + "\x08\x80\x80\x09" + "\x0b" * n + "\x80") * 2 + "\x09" }
     }
     WHERE = {
       main: ->(&work) { work.call }, thread: ->(&work) { Thread.new(&work).value }, fiber: ->(&work) { Fiber.new(&work).resume }
@@ -55,7 +57,7 @@ class DepthTest < ExtTest
   # Deeper ones are refused, or their keys take the interpreter long to hash: the time grows with the square of the depth.
   def test_keys_that_exhaust_the_stack
     assert_equal "[]\n", run_ruby("#{CALM} read_all([200, 600, 30_000], [:array_key, :hash_keys])")
-    assert_equal "[]\n", run_ruby("#{CALM} read_all([1000, 2000, 4000], [:array_key])")
+    assert_equal "[]\n", run_ruby("#{CALM} read_all([400, 1000, 2000, 4000], [:array_key, :equal_keys])")
   end
 
   def test_values_that_exhaust_small_stacks
@@ -65,7 +67,7 @@ class DepthTest < ExtTest
   def test_values_that_exhaust_small_stacks_with_a_collection_at_every_allocation
     with_env(SMALL) do
       assert_equal "[]\n", run_ruby("#{STRESSED} read_all([64, 400], [:array, :hash], [:thread, :fiber])", LITTLE)
-      assert_equal "[]\n", run_ruby("#{STRESSED} read_all([64, 120], [:array_key], [:thread, :fiber])", LITTLE)
+      assert_equal "[]\n", run_ruby("#{STRESSED} read_all([64, 120], [:array_key, :equal_keys], [:thread, :fiber])", LITTLE)
     end
   end
 
