@@ -75,6 +75,7 @@ class FramingTest < ExampleTest
     assert_operator peak_memory - before, :<, 1 << 20, "KiB of address space"
     assert_equal "a frame announces 16777215 bytes, 1000 are accepted",
                  refused("\xA5\x00\x00\x00\xFF\xFF\xFF\xDE\xAD\xBE\xEF\x5A".b)
+    assert_equal "a frame announces 1001 bytes, 1000 are accepted", refused("\xA5\x01\x00\x00\x00\x00\x03\xE9".b)
     assert_equal ["x" * 997], read("\xA5\x01\x00\x00\x00\x00\x03\xE8\x07\xE5\x07".b + "x" * 997)
   end
 
@@ -107,6 +108,9 @@ class FramingTest < ExampleTest
       "\xA5\x01\x00\x00\x7F\xFF\xFF\xFF".b => "a frame announces 2147483647 bytes, 1000 are accepted",
       "\xA5\x00\x00\x00\x00\x00\x00\xDE\xAD\xBE\xEF\x59".b => "a frame failed its checks",
       "\xA5\x00\x00\x00\x00\x00\x02\xDE\xAD\xBE\xEE\x5A\xA5\x00".b => "a frame failed its checks",
+      # A header that lost its end: what stands in its place begins the good frame.
+      "\xA5\x01\x00\x00".b => "a frame announces 2768306176 bytes, 1000 are accepted",
+      "\xA5\x00\x00\x00".b => "a frame announces 10813696 bytes, 1000 are accepted",
       # The good frame sits in what the bad header calls its payload.
       "\xA5\x00\x00\x00\x00\x00\x0E\xDE\xAD\xBE\xEE\x5A".b => "a frame failed its checks",
       "\xA5\x01\x00\x00\x00\x00\x00\x01\x0C".b => "decode_next_packetbuf_rbobj: unrecognized protocol transport type"
