@@ -27,6 +27,22 @@ TEST(SequenceCheck, TellsGapsFromRepeatsAndReturns) {
   EXPECT_EQ(5U, check.jumps()[0].to);
 }
 
+// The numbers go round, so a jump of up to half of them may be either: less than half goes forward.
+TEST(SequenceCheck, AJumpOfHalfTheNumbersGoesBack) {
+  for (const unsigned first : {0U, 0x7FFFU, 0xFFFFU}) {
+    SequenceCheck forward;
+    for (const unsigned step : {0U, 0x7FFFU}) forward.add(static_cast<uint16_t>(first + step), 0);
+    EXPECT_EQ(1U, forward.gaps()) << first;
+    EXPECT_EQ(0x7FFEU, forward.missing()) << first;
+    EXPECT_EQ(0U, forward.returns()) << first;
+    SequenceCheck back;
+    for (const unsigned step : {0U, 0x8000U}) back.add(static_cast<uint16_t>(first + step), 0);
+    EXPECT_EQ(0U, back.gaps()) << first;
+    EXPECT_EQ(0U, back.missing()) << first;
+    EXPECT_EQ(1U, back.returns()) << first;
+  }
+}
+
 TEST(SequenceCheck, KeepsTheFirstJumps) {
   SequenceCheck check;
   for (unsigned i = 0; i < 100; ++i) check.add(7, i);

@@ -22,7 +22,7 @@ class SequenceCheck {
   uint64_t gaps() const { return gaps_; }        ///< jumps forward
   uint64_t missing() const { return missing_; }  ///< numbers that they leave out
   uint64_t repeats() const { return repeats_; }  ///< the number of the frame before, once more
-  uint64_t returns() const { return returns_; }  ///< jumps back, by less than half of the numbers
+  uint64_t returns() const { return returns_; }  ///< jumps back, by half of the numbers at most
   const std::vector<Jump>& jumps() const { return jumps_; }
 
  private:
