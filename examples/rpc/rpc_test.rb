@@ -271,6 +271,28 @@ class RpcTest < ExampleTest
     end
   end
 
+  # Then a call may still wait that has had its id since before.
+  def test_no_two_calls_that_wait_have_one_id
+    _, address = serve(SERVERS[0])
+    each_client(address) do |client|
+      results = []
+      long_call = -> { results << client.call("pause", [0.5]) }
+      reactor = client.instance_variable_get(:@reactor)
+      thread = reactor ? nil : Thread.new(&long_call)
+      reactor.start(&long_call) if reactor
+      eventually("the call is under way") do
+        connection = client.instance_variable_get(:@connection)
+        connection && connection.calls.keys == [1]
+      end
+      client.instance_variable_set(:@last_id, 0)
+      assert_equal 1, client.call("echo", [1])
+      assert_equal 2, client.instance_variable_get(:@last_id)
+      assert_equal 0.6, client.call("pause", [0.6]) # the other is answered meanwhile
+      thread.join if thread
+      assert_equal [0.5], results
+    end
+  end
+
   def test_many_threads_share_a_client
     _, address = serve(SERVERS[0])
     client = ThreadClient.new(address)
