@@ -108,8 +108,7 @@ void RpcClient::accept(InboundFrame& frame) {
   check_answer(frame.messages);
   const VObjectVector& answer = frame.messages[0].getvec();
   const std::lock_guard<std::mutex> hold(lock_);
-  const auto found = answer[0].type() == VORN::DT_INT ? calls_.find(static_cast<int32_t>(answer[0].to_i64()))
-                                                      : calls_.end();
+  const auto found = answer[0].type() == VORN::DT_INT ? calls_.find(answer[0].to_i64()) : calls_.end();
   if (found == calls_.end()) {
     ++late_;
     return;

@@ -69,7 +69,7 @@ class RpcClient {
   FrameWriter writer_;
   std::mutex lock_;  ///< of what follows
   int32_t last_id_ = 0;
-  std::map<int32_t, Result*> calls_;  ///< each belongs to the thread that waits for it
+  std::map<int64_t, Result*> calls_;  ///< by id, as wide as an answer's; each belongs to the thread that waits for it
   std::string lost_;                  ///< why there is no connection any more
   std::atomic<unsigned> late_{0};
   std::thread reader_;

@@ -94,7 +94,7 @@ int main(int argc, char** argv) try {
   const bool twelve_byte_header = arguments.size() == 2 && arguments[1] == "12";
   rpc::RpcClient client(arguments[0], twelve_byte_header);
   if (arguments.size() == 3) {
-    std::cout << text_of(client.call(arguments[2], {}, 1s)) << std::endl;
+    std::cout << text_of(client.call(arguments[2], {})) << std::endl;
   } else {
     tour(client);
   }
