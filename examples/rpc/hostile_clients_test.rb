@@ -278,6 +278,28 @@ class HostileClientsTest < ExampleTest
     end
   end
 
+  # Requests of a client that is gone when their turn comes are left undone, where requests wait for a turn.
+  def test_requests_of_a_client_that_is_gone
+    (SERVERS - ["rpc/fiber_server.rb"]).each do |server|
+      program, address = serve(server)
+      carried_out = -> { program.log.scan(/^.*fail: as told/).size }
+      gone = HostileClients.connect(address)
+      gone.write(HostileClients.request(1, "fail"))
+      within { gone.readpartial(1000) }
+      assert_equal 1, carried_out.call, server
+      busy = Array.new(2) { HostileClients.connect(address) }
+      busy.each { |socket| socket.write(HostileClients.request(1, "pause", 2) * 4) } # all 8 workers
+      sleep(0.3)
+      gone.write(HostileClients.request(1, "fail") * 4)
+      HostileClients.reset(gone)
+      eventually("#{server} notices", 1.5) { program.log =~ /reset by peer/ }
+      assert_operator HostileClients.seconds_for_others(address), :<, SECONDS_FOR_OTHERS, server
+      sleep(0.2) # a worker may be at one still
+      assert_equal 1, carried_out.call, server
+      busy.each(&:close)
+    end
+  end
+
   def test_garbage
     random = Random.new(Integer(ENV.fetch("SEED", 1)))
     each_server do |program, address, server|
