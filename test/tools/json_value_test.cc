@@ -58,6 +58,18 @@ TEST(JsonValue, OrdersEntriesAndKeepsTheLastOfAKey) {
             json_of("08 05 01 63 83 05 01 24 08 05 01 61 0A 08 05 01 62 82 09 0B 09 09"));
 }
 
+// So many that sorting moves equal ones past each other unless it is told their order.
+TEST(JsonValue, KeepsTheLastOfManyOfAKey) {
+  for (unsigned entries = 2; entries <= 32; entries += 2) {
+    std::string bytes = "\x08";
+    for (unsigned i = 0; i < entries; ++i) {
+      bytes += {'\x05', '\x01', i % 2 == 0 ? 'b' : 'a', static_cast<char>(0x80 | i)};
+    }
+    EXPECT_EQ("{\"a\":" + std::to_string(entries - 1) + ",\"b\":" + std::to_string(entries - 2) + "}",
+              vorn_test::written<vorn_inspect::JsonValueWriter>(bytes + "\x09"));
+  }
+}
+
 TEST(JsonValue, EscapesWhatATerminalMayObey) {
   EXPECT_EQ("\"\\b\\f\\n\\r\\t\\u001b\\\\\"", json_of("05 07 08 0C 0A 0D 09 1B 5C"));
   EXPECT_EQ("\"~\\u007f\\u0080\\u009b\\u009f\xC2\xA0\"", json_of("05 0A 7E 7F C2 80 C2 9B C2 9F C2 A0"));
