@@ -15,7 +15,7 @@ namespace EXT {
 namespace {
 
 // For what the interpreter does at the lowest frame, a collection and an exception included.
-constexpr size_t RESERVE = 20 * 1024;
+constexpr size_t RESERVE = size_t{20} * 1024;
 
 size_t fiber_size;
 
@@ -65,10 +65,10 @@ void init_machine_stack() {
 namespace {
 
 // ruby_stack_check() itself leaves room for 16 KiB.
-constexpr size_t STEP = 12 * 1024;
+constexpr size_t STEP = size_t{12} * 1024;
 
 // Frames that are entered without another look. The first look is the shorter one: most values end above its floor.
-constexpr size_t STRIDE = 4 * 1024;
+constexpr size_t STRIDE = size_t{4} * 1024;
 
 /// Goes down the stack step by step, each within the room that ruby_stack_check() has found above it.
 [[gnu::noinline]] bool has_room_below(size_t steps) {

@@ -27,7 +27,7 @@ double status(const std::string& name) {
   std::ifstream file("/proc/self/status");
   std::string line;
   while (std::getline(file, line)) {
-    if (line.compare(0, name.size() + 1, name + ":") == 0) return std::atof(line.c_str() + name.size() + 1) * 1024;
+    if (line.compare(0, name.size() + 1, name + ":") == 0) return std::strtod(line.c_str() + name.size() + 1, nullptr) * 1024;
   }
   return 0;
 }

@@ -185,7 +185,7 @@ TEST(DiffEpsilon, AgreesWithExactArithmetic) {
     const Exact b = random() % 2 == 0 ? number() : a + number() / 1024;
     const double x = nearest(a);
     const double y = nearest(b);
-    const Exact distance = std::max<Exact>(x, y) - std::min<Exact>(x, y);
+    const Exact distance = static_cast<Exact>(std::max(x, y)) - static_cast<Exact>(std::min(x, y));
     if (distance == 0) continue;
     // Mostly the distance itself, or a step or two beside it.
     const Exact step = std::max<Exact>(1, ulp_of(nearest(distance)));
