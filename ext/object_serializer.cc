@@ -141,25 +141,32 @@ void serialize_rbsym(VALUE sym, SerializeContext& ctx) {
   }
 }
 
-/// Writes the Integers that an array begins with, `length` at most, and returns how many they are.
-[[gnu::noinline]] long serialize_leading_fixnums(VALUE array, SerializeContext& ctx, long length) {
-  long written = 0;
-  for (;;) {
-    const long end = std::min({length, RARRAY_LEN(array), written + FIXNUMS_BETWEEN_CHECKS});
-    if (written >= end) return written;
-    const VALUE* const members = array_members(array);
-    const VALUE* const first = members + written;
-    const VALUE* const behind = std::find_if_not(first, members + end, [](VALUE v) { return FIXNUM_P(v); });
-    const long count = behind - first;
-    PROTO::write_ints(ctx.buf, static_cast<size_t>(count), [=](size_t i) { return fixnum_value(first[i]); });
-    RB_GC_GUARD(array);
-    written += count;
-    if (count < FIXNUMS_BETWEEN_CHECKS) return written;
+/// Writes the Integers from element `i` on, as far as `end` at most, and returns how many they are.
+[[gnu::noinline]] long serialize_fixnums(VALUE array, SerializeContext& ctx, long i, long end) {
+  const VALUE* const members = array_members(array);
+  const VALUE* const first = members + i;
+  const VALUE* const behind = std::find_if_not(first, members + end, [](VALUE v) { return FIXNUM_P(v); });
+  const long count = behind - first;
+  PROTO::write_ints(ctx.buf, static_cast<size_t>(count), [=](size_t n) { return fixnum_value(first[n]); });
+  RB_GC_GUARD(array);
+  return count;
+}
+
+inline bool begins_with_fixnums(VALUE array, const SerializeContext& ctx, int32_t depth, long length) {
+  return length > 1 && FIXNUM_P(RARRAY_AREF(array, 0)) && depth < ctx.maxdepth;
+}
+
+/// Writes the Integers that a long array begins with, `length` at most, and returns how many they are.
+long serialize_leading_fixnums(VALUE array, SerializeContext& ctx, long length) {
+  for (long i = 0;;) {
+    const long end = std::min({length, RARRAY_LEN(array), i + FIXNUMS_BETWEEN_CHECKS});
+    if (i >= end) return i;
+    i += serialize_fixnums(array, ctx, i, end);
+    if (i < end) return i;
     heed_interrupts(ctx);
   }
 }
 
-// Both inline: calls would show in an array of two numbers.
 // An element's serialization, or an interrupt, may shorten the array; what is missing then is nil.
 [[gnu::always_inline]] inline void serialize_elements(VALUE array, SerializeContext& ctx, int32_t depth, long i,
                                                       long end) {
@@ -169,13 +176,9 @@ void serialize_rbsym(VALUE sym, SerializeContext& ctx) {
   }
 }
 
-inline long begin_array(VALUE array, SerializeContext& ctx, int32_t depth, long length) {
-  const bool fixnums = length > 1 && FIXNUM_P(RARRAY_AREF(array, 0)) && depth < ctx.maxdepth;
-  return fixnums ? serialize_leading_fixnums(array, ctx, length) : 0;
-}
-
 [[gnu::noinline]] void serialize_long_rbarray(VALUE array, SerializeContext& ctx, int32_t depth, long length) {
-  for (long i = begin_array(array, ctx, depth, length); i < length; i += MEMBERS_BETWEEN_CHECKS) {
+  long i = begins_with_fixnums(array, ctx, depth, length) ? serialize_leading_fixnums(array, ctx, length) : 0;
+  for (; i < length; i += MEMBERS_BETWEEN_CHECKS) {
     serialize_elements(array, ctx, depth, i, std::min(length, i + MEMBERS_BETWEEN_CHECKS));
     heed_interrupts(ctx);
   }
@@ -187,7 +190,8 @@ void serialize_rbarray(VALUE array, SerializeContext& ctx, int32_t depth) {
   if (__builtin_expect(length > MEMBERS_BETWEEN_CHECKS, false)) {
     serialize_long_rbarray(array, ctx, depth, length);
   } else {
-    serialize_elements(array, ctx, depth, begin_array(array, ctx, depth, length), length);
+    const long i = begins_with_fixnums(array, ctx, depth, length) ? serialize_fixnums(array, ctx, 0, length) : 0;
+    serialize_elements(array, ctx, depth, i, length);
   }
   PROTO::write_type(ctx.buf, PROTO::PTT_ARRAY_END);
 }

@@ -45,7 +45,7 @@ bool PacketBuf::index_within_payload(uint64_t i) const {
 
 void PacketBuf::reserve(uint64_t n) {
   const uint64_t end = pos_ + n;
-  if (end < pos_ || end > data_.max_size()) throw std::length_error("PacketBuf::reserve: position out of range");
+  if (end < pos_ || end > data_.max_size()) throw std::length_error("PacketBuf::claim: position out of range");
   if (end > data_.capacity()) data_.reserve(static_cast<size_t>(end));
 }
 
