@@ -59,9 +59,7 @@ module Interruptions
 
     attr_reader :blocks, :steps
 
-    # With `in_keys`, continuations are taken while something is read, too.
-    def initialize(seed, in_keys = false)
-      @in_keys = in_keys
+    def initialize(seed)
       @random = Random.new(seed)
       @steps = 0
       @counts = Hash.new(0)
@@ -353,7 +351,7 @@ module Interruptions
 
     # Taken here, entered when everything has ended, or at once.
     def step_leave_through(_)
-      return if @late || @continuations.size > 3 || !@in_keys && @reading > 0
+      return if @late || @continuations.size > 3
       callcc { |continuation| @continuations << [Thread.current, continuation] }
     end
   end

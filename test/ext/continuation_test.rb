@@ -83,11 +83,11 @@ class ContinuationTest < ExtTest
     "what is written meanwhile moves the storage" => [<<-'RUBY', ["true"]],
       $times = 0
       $buf = PacketBuf.new
-      $buf << [OwnEach.new { callcc { |k| $again = k } }, "end"]
+      $buf << [OwnEach.new { callcc { |k| $again = k } }, "end".b]
       $buf.write_raw("x" * 1_000_000)
       GC.start
       $again.call if ($times += 1) < 5
-      rest = "0907" + "03656e640b" + "78" * 1_000_000
+      rest = "0905" + "03656e640b" + "78" * 1_000_000
       puts text($buf) == "0a08" + rest * 5
     RUBY
     "nothing else leads to the buffer" => [<<-'RUBY', ["5", "true"]],
