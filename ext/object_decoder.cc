@@ -181,8 +181,9 @@ VALUE decode_packetbuf_rbarray(DecodeContext& ctx, int32_t depth) {
   raise_fault(ValueFault::underrun_array);
 }
 
-/// A Hash's key: String keys as the Hash would keep them, anything else as it is.
-inline VALUE decode_key(DecodeContext& ctx, int32_t depth) {
+/// A Hash's key: String keys as the Hash would keep them, anything else as it is. `hashing` becomes the room that a
+/// container needs, if that is more.
+inline VALUE decode_key(DecodeContext& ctx, int32_t depth, size_t& hashing) {
 #ifdef VORN_RUBY_INTERNS_KEYS
   if (depth <= ctx.options.maxdepth && ctx.in.readable()) {
     const uint8_t type = ctx.in.peek();
@@ -196,7 +197,9 @@ inline VALUE decode_key(DecodeContext& ctx, int32_t depth) {
     }
   }
 #endif
-  return decode_next_packetbuf_rbobj(ctx, depth);
+  const VALUE key = decode_next_packetbuf_rbobj(ctx, depth);
+  if (RB_TYPE_P(key, T_ARRAY) || RB_TYPE_P(key, T_HASH)) hashing = std::max(hashing, ctx.hashing.latest());
+  return key;
 }
 
 VALUE decode_packetbuf_rbhash(DecodeContext& ctx, int32_t depth) {
@@ -223,8 +226,7 @@ VALUE decode_packetbuf_rbhash(DecodeContext& ctx, int32_t depth) {
       store();
       continue;
     }
-    const VALUE key = batch[gathered] = decode_key(ctx, depth + 1);
-    if (RB_TYPE_P(key, T_ARRAY) || RB_TYPE_P(key, T_HASH)) hashing_keys = std::max(hashing_keys, ctx.hashing.latest());
+    batch[gathered] = decode_key(ctx, depth + 1, hashing_keys);
     batch[gathered + 1] = decode_next_packetbuf_rbobj(ctx, depth + 1);
     gathered += 2;
   }
