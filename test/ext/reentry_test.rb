@@ -180,4 +180,108 @@ class ReentryTest < ExtTest
       p PacketBuf.new.write_raw("\x08\x0a\x81\x0b\x81\x0a\x81\x0b\x82\x09").seek(0).extract_object
     RUBY
   end
+
+  # What a random key does, step after step. What was read is right, or what the key did came out; the buffer serves on.
+  # VORN_STEPS sets how many.
+  STEPS = <<-'RUBY'
+    require "fiber"
+    Hook.body = nil
+    random = Random.new(SEED)
+    value = [{ "a" => 1, [1] => { [2.5e300] => "x" * 40 }, { [3] => 4 } => [[5]] }, { [] => [], [nil] => {} }] * 2
+    bytes = (PacketBuf.new << value << value).to_str
+    bytes = bytes.byteslice(0, bytes.bytesize / 2)
+    plain = PacketBuf.new.write_raw(bytes).seek(0).extract_object
+    collect = [-> { GC.start }]
+    collect << -> { GC.compact } if GC.respond_to?(:compact) && (GC.compact rescue nil)
+    collect << -> { GC.verify_compaction_references(toward: :empty) } if collect.size > 1 && GC.respond_to?(:verify_compaction_references)
+    waiting = []
+    counts = Hash.new(0)
+    buf = nil
+    after = lambda { |n, work| lambda { n == 0 ? work.call : Hook.body = after.call(n - 1, work) } }
+    actions = {
+      raise: -> { raise IOError, "key" }, throw: -> { throw :out, :thrown }, yield: -> { Fiber.yield :left },
+      read: -> { buf.seek(0).extract_object }, reset: -> { buf.reset }, copy: -> { buf.seek(0).copy_object(PacketBuf.new) },
+      grow: -> { buf.seek(bytes.bytesize).write_raw("g" * 200_000) }, write: -> { buf.seek(random.rand(bytes.bytesize)).write_raw(random.bytes(1 + random.rand(9))) },
+      collect: -> { collect[random.rand(20) == 0 ? random.rand(collect.size) : 0].call }, drop: -> { buf = nil },
+      enter: -> { callcc { |c| $in = c } }, kill: -> { Thread.current.kill }
+    }
+    STEPS.times do |i|
+      name = actions.keys[random.rand(random.rand(20) == 0 ? actions.size : actions.size - 1)]
+      name = :collect if i % 40 == 0
+      buf = PacketBuf.new.write_raw(bytes).seek(0)
+      again = 0
+      $in = nil
+      Hook.body = after.call(random.rand(8), actions[name])
+      decode = lambda do
+        begin
+          catch(:out) { buf.extract_object }
+        rescue IOError, RuntimeError, FiberError, EncodingError => error
+          error
+        end
+      end
+      found = case name
+              when :yield then fiber = Fiber.new(&decode); waiting << [fiber, buf]; fiber.resume
+              when :kill then Thread.new(&decode).value
+              else decode.call
+              end
+      if $in && again < 2 # the same objects are filled once more
+        again += 1
+        begin
+          $in.call
+        rescue RuntimeError => error
+          abort error.message unless error.message =~ /barrier/
+        end
+      end
+      counts[name] += 1
+      right = case found
+              when plain, :thrown, :left, nil then true
+              when IOError then found.message == "key"
+              when FiberError then found.message =~ /barrier/
+              when RuntimeError then name == :write && found.message =~ /\Adecode_/
+              when EncodingError, Integer, String, Hash, Float, true, false then name == :write
+              when Array then [:write, :enter].include?(name)
+              end
+      abort "step #{i}, #{name}: #{found.inspect[0, 200]}" unless right
+      if waiting.size > 20 # some go on, the others are dropped
+        waiting.shuffle!(random: random).pop(5).each { |f, _| abort "resumed" unless [plain, FiberError].any? { |w| w === f.resume } if f.alive? }
+        waiting.clear
+      end
+      Hook.body = nil
+    end
+    abort "unusable" unless PacketBuf.new.write_raw(bytes).seek(0).extract_object == plain
+    puts counts.values.inject(:+)
+  RUBY
+
+  def test_random_keys
+    steps = ENV.fetch("VORN_STEPS", "3000").to_i
+    out, = run_ruby_with_errors("#{TAKE}SEED = #{ENV.fetch('VORN_SEED', '1')}\nSTEPS = #{steps}\n#{STEPS}", "-W0", "-rcontinuation")
+    assert_equal "#{steps}\n", out
+  end
+
+  # --- bytes of earlier frames -----------------------------------------------------------------------------
+
+  # A string's length against all that the frame's object stores, at every length: exactly those bytes, or an error.
+  def test_strings_that_reach_behind_their_frame
+    frame = PacketFrameIn.new
+    first = (0...120).map { |i| i + 130 }.pack("C*")
+    receive = lambda do |payload|
+      bytes = [0xA5, 1, 0, payload.bytesize].pack("CCnN") + payload
+      frame.reset
+      assert_equal bytes.bytesize, frame.assemble(bytes, 0)
+      frame.seek_payload_start
+    end
+    receive.call(first)
+    (0..127).each do |length|
+      [5, 6, 7].each do |type|
+        receive.call([type, length].pack("CC"))
+        kept = first.byteslice(2, length) # behind the type and the length
+        if length <= 118
+          found = frame.extract_object
+          assert_equal [kept, 10 + length], [found.b, frame.pos], "length #{length}"
+        else
+          assert_raises_with(RuntimeError, "decode_next_packetbuf_rbstr: buffer underrun extracting data bytes") { frame.extract_object }
+        end
+      end
+    end
+  end
 end
