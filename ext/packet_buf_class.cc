@@ -121,7 +121,7 @@ VALUE packetbuf_maxdepth(VALUE self) {
  * Stores any value unchecked; it is converted to a 32-bit number when a value is read. 0 and below refuse
  * everything. Writing has its own, fixed limit of 64.
  *
- * Beyond 10,000 levels, or where the machine stack ends before that, extract_object raises SystemStackError,
+ * Beyond 10,000 levels, or where the machine stack would end before that, extract_object raises SystemStackError,
  * whatever the limit says.
  *
  *   buf = VORN::PROTO::PacketBuf.new

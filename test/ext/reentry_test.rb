@@ -201,7 +201,8 @@ class ReentryTest < ExtTest
     actions = {
       raise: -> { raise IOError, "key" }, throw: -> { throw :out, :thrown }, yield: -> { Fiber.yield :left },
       read: -> { buf.seek(0).extract_object }, reset: -> { buf.reset }, copy: -> { buf.seek(0).copy_object(PacketBuf.new) },
-      grow: -> { buf.seek(bytes.bytesize).write_raw("g" * 200_000) }, write: -> { buf.seek(random.rand(bytes.bytesize)).write_raw(random.bytes(1 + random.rand(9))) },
+      grow: -> { buf.seek(bytes.bytesize).write_raw("g" * 200_000) },
+      write: -> { buf.seek(random.rand(bytes.bytesize)).write_raw(random.bytes(1 + random.rand(9))) },
       collect: -> { collect[random.rand(20) == 0 ? random.rand(collect.size) : 0].call }, drop: -> { buf = nil },
       enter: -> { callcc { |c| $in = c } }, kill: -> { Thread.current.kill }
     }
