@@ -59,7 +59,9 @@ module Interruptions
 
     attr_reader :blocks, :steps
 
-    def initialize(seed)
+    # With `in_keys`, continuations are taken while something is read, too.
+    def initialize(seed, in_keys = false)
+      @in_keys = in_keys
       @random = Random.new(seed)
       @steps = 0
       @counts = Hash.new(0)
@@ -351,7 +353,7 @@ module Interruptions
 
     # Taken here, entered when everything has ended, or at once.
     def step_leave_through(_)
-      return if @late || @continuations.size > 3
+      return if @late || @continuations.size > 3 || !@in_keys && @reading > 0
       callcc { |continuation| @continuations << [Thread.current, continuation] }
     end
   end
