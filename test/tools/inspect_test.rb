@@ -395,7 +395,7 @@ class InspectTest < CheckSuite
   end
 
   def lines_of(io, count)
-    Timeout.timeout(10) { Array.new(count) { io.gets }.join }
+    Timeout.timeout(60) { Array.new(count) { io.gets }.join }
   end
 
   # What a command writes to a terminal that is its standard error.

@@ -1,5 +1,6 @@
 #include "tools/inspect/value_scanner.h"
 
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -47,6 +48,24 @@ TEST(ValueScanner, BoundsWhatAValueMayNeed) {
   EXPECT_EQ(Lines{"failed 0: 0 value longer than the limit"}, lines(string, 17));
   EXPECT_EQ(Lines{"failed 0: 0 value longer than the limit"},
             lines(from_hex("05 FF FF FF FF 07") + string, 10));
+}
+
+// A value that comes in small pieces is not walked anew with each: that would take hours.
+TEST(ValueScanner, LongValuesCostLinearWork) {
+  vorn_test::ScanRecord record;
+  vorn_inspect::ValueScanner scanner(record, 64 << 20);
+  const std::string piece(256, '\0');
+  const std::clock_t start = std::clock();
+  scanner.feed("\x0A");
+  for (int n = 0; n < 1 << 16; ++n) {
+    scanner.feed(piece);
+    if (n % 256 == 0) {
+      ASSERT_LT(std::clock() - start, 20 * CLOCKS_PER_SEC) << n;
+    }
+  }
+  scanner.feed("\x0B");
+  scanner.finish();
+  EXPECT_EQ(1U, record.lines.size());
 }
 
 TEST(ValueScanner, ReadsTheTables) {
