@@ -52,7 +52,8 @@ class AttackTest < Minitest::Test
     out, = run_ruby_with_errors("ARGV.replace(%w[--size 3000 --search 4])\n$0 = #{costs.inspect}\nload #{costs.inspect}")
     # nil; "", [], {}; "a", [nil]; [nil, nil], [""], [[]], [{}], {1=>nil}
     assert_match(/\ARuby [\d.]+, 11 values, each filling 3000 bytes/, out)
-    assert_match(/ times  08 81 00 09$/, out)
+    # Which are the worst of so few bytes, chance decides.
+    assert_match(/^ +\d+\.\d times  (0A|08|05|00)/, out)
   end
 
   def test_interruptions
