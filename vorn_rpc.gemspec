@@ -14,7 +14,7 @@ Gem::Specification.new do |gem|
   gem.extensions = ["ext/extconf.rb"]
   gem.require_paths = ["lib"]
 
-  # Every file by name: what is not listed is not shipped, whatever lies in the checkout. bin/test-gem fails when
+  # Every file by name: what is not listed is not shipped, whatever lies in the checkout. bin/test gem fails when
   # a source is missing here. The extension is compiled of three folders that stay side by side.
   gem.files = %w[
     CHANGELOG.md

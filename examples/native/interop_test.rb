@@ -1,6 +1,6 @@
 # frozen_string_literal: true
 
-# The C++ and the Ruby examples talk to each other over loopback TCP. Called by bin/test-interop with the folder of the
+# The C++ and the Ruby examples talk to each other over loopback TCP. Called by bin/test interop with the folder of the
 # built C++ programs.
 
 require "socket"

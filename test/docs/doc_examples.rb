@@ -1,4 +1,4 @@
-# Runs the examples of Markdown documents and compares what they do with what they say. bin/test-docs calls it.
+# Runs the examples of Markdown documents and compares what they do with what they say. bin/test documents calls it.
 #
 # The ```ruby blocks of a document run in order, in one process, and share their local variables. In them
 #

@@ -1,5 +1,5 @@
 # Compares the error texts in the sources with the table in docs/operating.md: each text has its row, and each row of
-# the library's own texts has its source. bin/test-docs calls it.
+# the library's own texts has its source. bin/test documents calls it.
 
 TABLE = "docs/operating.md"
 SOURCES = Dir["{ext,proto,vobject}/*.{cc,h}"] + %w[ext/extconf.rb tools/inspect/stream_scanner.cc tools/inspect/value_scanner.cc]

@@ -1,5 +1,5 @@
 # Sees that each link between the documents leads to a file, and to a heading where it names one, and that the index
-# docs/README.md names each document. bin/test-docs calls it.
+# docs/README.md names each document. bin/test documents calls it.
 
 DOCUMENTS = Dir["*.md"] + Dir["{docs,examples,test,tools,fuzz}/**/*.md"]
 failures = []

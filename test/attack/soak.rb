@@ -1,21 +1,14 @@
-#!/usr/bin/env ruby
 # frozen_string_literal: true
 
 # A day's work at once: ten million messages through one pair of frames, then a million fresh buffers. Memory has to stay
-# where it was after the first tenth, or the exit status is 1.
-#
-# usage: bin/soak [--messages N] [--buffers N]
+# where it was after the first tenth, or the exit status is 1. bin/test soak runs it.
 
 require "optparse"
-
-root = File.expand_path("..", __dir__)
-system(File.join(root, "bin/build"), out: File::NULL) or abort "soak: the extension does not build"
-$LOAD_PATH.unshift(File.join(root, "lib"))
 require "vorn_rpc"
 
 options = { messages: 10_000_000, buffers: 1_000_000 }
 OptionParser.new do |o|
-  o.banner = "usage: bin/soak [options]"
+  o.banner = "usage: bin/test soak [options]"
   o.on("--messages N", Integer, "messages through one pair of frames (10,000,000)") { |n| options[:messages] = n }
   o.on("--buffers N", Integer, "fresh buffers (1,000,000)") { |n| options[:buffers] = n }
 end.parse!

@@ -1,0 +1,61 @@
+# shellcheck shell=bash
+#
+# Debian roots: made with debootstrap once and used again from then on; delete one to have it made afresh. To be sourced
+# after lib.sh by checks that need another Debian, or one on which nothing is installed. Making and entering roots takes
+# root: sudo is used when not run as root.
+#
+# Sets roots, the folder that they are in: VORN_ROOTS_DIR, vorn-rpc/rubies in the user's cache directory by default.
+
+roots=${VORN_ROOTS_DIR:-${XDG_CACHE_HOME:-$HOME/.cache}/vorn-rpc/rubies}
+mkdir -p "$roots/logs"
+roots=$(cd "$roots" && pwd)
+
+# The mirror apt itself uses; nothing where apt is not Debian's (debootstrap then takes its own default).
+debian_mirror() {
+  # shellcheck disable=SC2016 # for apt to expand
+  apt-get indextargets --format '$(ORIGIN)|$(LABEL)|$(REPO_URI)' 'Created-By: Packages' 2>/dev/null |
+    sed -n 's/^Debian|Debian|//p' | grep -m 1 '^https\{0,1\}:' || true
+}
+
+# make_root NAME RELEASE PACKAGE,PACKAGE,...: makes $roots/NAME unless it is there with these packages.
+make_root() {
+  local name=$1 release=$2 packages=$3 root=$roots/$1 log=$roots/logs/$1.log proxy=
+  if [ "$(cat "$root/vorn-packages" 2>/dev/null)" = "$packages" ]; then return; fi
+  echo "$command: making the root $root"
+  as_root rm -rf --one-file-system "$root" "$root.partial"
+  eval "$(apt-config shell proxy Acquire::http::Proxy 2>/dev/null)"
+  # shellcheck disable=SC2046 # no mirror, no argument
+  as_root env ${proxy:+http_proxy="$proxy"} PATH="$PATH:/usr/sbin:/sbin" DEBIAN_FRONTEND=noninteractive \
+    debootstrap --variant=minbase --force-check-gpg ${packages:+--include="$packages"} "$release" "$root.partial" \
+    $(debian_mirror) >"$log" 2>&1 || { tail -n 5 "$log" >&2; return 1; }
+  as_root rm -rf "$root.partial/var/cache/apt/archives"
+  # The mark of a finished root, and of what it was made with.
+  echo "$packages" | as_root tee "$root.partial/vorn-packages" >/dev/null
+  as_root mv "$root.partial" "$root"
+}
+
+# in_root ROOT COMMAND...: runs a command in a root, with nothing of the caller's environment. /proc is mounted in a mount
+# namespace of its own, so that nothing is left to unmount however this ends; where that is not allowed the command does
+# without.
+in_root() {
+  local root=$1 namespace=()
+  shift
+  if as_root unshare --mount true 2>/dev/null; then namespace=(unshare --mount); fi
+  # shellcheck disable=SC2016 # for the inner shell
+  as_root ${namespace[@]+"${namespace[@]}"} sh -c '
+    root=$1 mount=$2
+    shift 2
+    if [ "$mount" -gt 0 ]; then mount -t proc proc "$root/proc" || mount --rbind /proc "$root/proc" || true; fi
+    exec chroot "$root" /usr/bin/env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin HOME=/root \
+      LANG=C.UTF-8 DEBIAN_FRONTEND=noninteractive "$@"
+  ' sh "$root" ${#namespace[@]} "$@"
+}
+
+# The checkout's files as they stand, without anything built: objects made for one Ruby must not be taken for another's.
+export_project() {
+  local file
+  git ls-files -co --exclude-standard -z | while IFS= read -r -d '' file; do
+    # A tracked file may have been deleted.
+    if [ -e "$file" ] || [ -L "$file" ]; then printf '%s\0' "$file"; fi
+  done | tar -c --null --no-recursion -T -
+}
