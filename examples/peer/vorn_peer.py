@@ -1,4 +1,4 @@
-"""A peer of Vorn RPC in plain Python: the value encoding and both frames. docs/writing-a-peer.md goes with it.
+"""A peer of Vorn RPC in plain Python: the value encoding and both frames. docs/wire/writing-a-peer.md goes with it.
 
     stream = frame(7, encode({"numbers": [1, 2.5, None]}))
     for seq, payload in Frames(limit=1 << 20).feed(stream): print(seq, list(decode_all(payload)))

@@ -3,7 +3,7 @@
 require "vorn_rpc_ext"
 require_relative "cost_meter"
 
-# What docs/threat-model.md gives a figure for. Each row is measured in a process of its own: this file is its program.
+# What docs/operations/threat-model.md gives a figure for. Each row is measured in a process of its own: this file is its program.
 #
 #   ruby cost_rows.rb NAME SIZE KEYS     prints one line: payload, grown, seconds, waited, note, between tabs
 module CostRows

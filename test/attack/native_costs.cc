@@ -1,4 +1,4 @@
-// What bytes of a peer cost a C++ program: the figures of docs/threat-model.md. Each row is measured in a process of
+// What bytes of a peer cost a C++ program: the figures of docs/operations/threat-model.md. Each row is measured in a process of
 // its own, which has nothing else to do. See bin/attack --help.
 #include <sys/wait.h>
 #include <unistd.h>

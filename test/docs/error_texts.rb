@@ -1,7 +1,7 @@
-# Compares the error texts in the sources with the table in docs/operating.md: each text has its row, and each row of
+# Compares the error texts in the sources with the table in docs/operations/operating.md: each text has its row, and each row of
 # the library's own texts has its source. bin/test documents calls it.
 
-TABLE = "docs/operating.md"
+TABLE = "docs/operations/operating.md"
 SOURCES = Dir["{ext,proto,vobject}/*.{cc,h}"] + %w[ext/extconf.rb tools/inspect/stream_scanner.cc tools/inspect/value_scanner.cc]
 
 # Names of data types, which no error shows.

@@ -1,5 +1,5 @@
-# Sees that each link between the documents leads to a file, and to a heading where it names one, and that the index
-# docs/README.md names each document. bin/test documents calls it.
+# Checks that each link between the documents leads to a file, and to a heading where it names one, and that the indexes
+# of docs/ name each document. bin/test documents calls it.
 
 DOCUMENTS = Dir["*.md"] + Dir["{docs,examples,test,tools,fuzz}/**/*.md"]
 failures = []
@@ -26,9 +26,12 @@ DOCUMENTS.each do |path|
   end
 end
 
-index = File.read("docs/README.md", encoding: "UTF-8")
-(Dir["docs/*.md"] - ["docs/README.md"]).each do |path|
-  failures << "docs/README.md does not name #{path}" unless index.include?("(#{File.basename(path)})")
+# Each folder of documents with an index names all that lies below it, except what a deeper index names.
+indexes = Dir["docs/**/README.md"].sort
+Dir["docs/**/*.md"].each do |path|
+  index = (indexes - [path]).select { |file| path.start_with?(File.dirname(file) + "/") }.max_by(&:size) or next
+  link = "(" + path.sub(File.dirname(index) + "/", "") + ")"
+  failures << "#{index} does not name #{path}" unless File.read(index, encoding: "UTF-8").include?(link)
 end
 
 puts failures
