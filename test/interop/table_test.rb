@@ -7,71 +7,87 @@ require_relative "peer"
 require_relative "../support/notation"
 require_relative "../support/vectors"
 
-ROWS = Vectors.values
-ROW_OF = ROWS.map { |row| [row.bytes, row] }.to_h
-VARIANT_FAULTS = {
-  "!hash_key" => "!VObject::deserialize_hash: only hash keys of type string are supported"
-}.freeze
+class TableTest < Minitest::Test
+  include Peer
 
-# What a codec makes of bytes: their value, the same with symbols as strings, and what it writes for the first, nil if
-# it reads no value there.
-Reading = Struct.new(:value, :as_strings, :written)
+  ROWS = Vectors.values
+  ROW_OF = ROWS.map { |row| [row.bytes, row] }.to_h
+  VARIANT_FAULTS = {
+    "!hash_key" => "!VObject::deserialize_hash: only hash keys of type string are supported"
+  }.freeze
 
-def ruby_reads(bytes)
-  value, as_strings, written = [true, false].flat_map do |symbols|
-    buf = VORN::PROTO::PacketBuf.new.write_raw(bytes).seek_payload_start
-    buf.preserve_symbols_on_extract = symbols
-    begin
-      object = buf.extract_object
-      raise "#{buf.pos} bytes read of #{bytes.bytesize}" unless buf.pos == bytes.bytesize
-      [Notation.of(object), (VORN::PROTO::PacketBuf.new << object).to_str]
-    rescue EncodingError
-      ["!symbol_encoding", nil]
-    end
-  end.values_at(0, 2, 1)
-  Reading.new(value, as_strings, written)
-end
+  # What a codec makes of bytes: their value, the same with symbols as strings, and what it writes for the first, nil if
+  # it reads no value there.
+  Reading = Struct.new(:value, :as_strings, :written)
 
-# C++ reads all at once.
-def cpp_reads(all)
-  frame = VORN::PROTO::PacketFrameOut.new
-  stream = all.map { |bytes| frame.reset.write_raw(bytes).compute_frame_header.to_str }.join
-  described, finished = peer("describe", stream)
-  readings = values_of(described).map { |value, as_strings, written| Reading.new(value, as_strings, written && written.b) }
-  raise "C++ answered #{readings.size} of #{all.size}" unless finished && readings.size == all.size
-  all.zip(readings).to_h
-end
-
-def ruby_expected(row)
-  Reading.new(row.ruby, row.ruby_as_strings, row.ruby_bytes)
-end
-
-def cpp_expected(row)
-  Reading.new(*[row.variant, row.variant_as_strings].map { |text| VARIANT_FAULTS.fetch(text, text) }, row.variant_bytes)
-end
-
-# Follows the bytes of each row from hand to hand: each reads, as its column says, and writes on what it has read.
-# `hands` are pairs of who reads and what is expected.
-def follow(name, hands)
-  wrong = []
-  passed_on = ROWS.map { |row| [row, row.bytes] }
-  hands.each do |readings_of, expected|
-    readings = readings_of.call(passed_on.map(&:last).uniq)
-    passed_on = passed_on.map do |start, bytes|
-      reading = readings.fetch(bytes)
-      row = ROW_OF[bytes]
-      wrong << "#{start.name}: #{bytes.unpack('H*')[0]} is no row" unless row
-      next if row.nil?
-      wrong << "#{start.name}, at #{row.name}:\n  #{reading}\n  #{expected.call(row)}" unless reading == expected.call(row)
-      [start, reading.written] if reading.written
-    end.compact
+  def test_ruby_through_cpp
+    follow(ruby_hand, cpp_hand, ruby_hand)
   end
-  wrong.first(5).each { |text| puts "  #{text}"[0, 2000] }
-  report(wrong.empty?, "#{ROWS.size} rows #{name}: #{passed_on.size} to the end, #{wrong.size} otherwise than the table says")
+
+  def test_cpp_through_ruby
+    follow(cpp_hand, ruby_hand, cpp_hand)
+  end
+
+  private
+
+  def ruby_hand
+    [->(all) { all.map { |bytes| [bytes, ruby_reads(bytes)] }.to_h }, method(:ruby_expected)]
+  end
+
+  def cpp_hand
+    [method(:cpp_reads), method(:cpp_expected)]
+  end
+
+  def ruby_reads(bytes)
+    value, as_strings, written = [true, false].flat_map do |symbols|
+      buf = VORN::PROTO::PacketBuf.new.write_raw(bytes).seek_payload_start
+      buf.preserve_symbols_on_extract = symbols
+      begin
+        object = buf.extract_object
+        raise "#{buf.pos} bytes read of #{bytes.bytesize}" unless buf.pos == bytes.bytesize
+        [Notation.of(object), (VORN::PROTO::PacketBuf.new << object).to_str]
+      rescue EncodingError
+        ["!symbol_encoding", nil]
+      end
+    end.values_at(0, 2, 1)
+    Reading.new(value, as_strings, written)
+  end
+
+  # C++ reads all at once.
+  def cpp_reads(all)
+    frame = VORN::PROTO::PacketFrameOut.new
+    stream = all.map { |bytes| frame.reset.write_raw(bytes).compute_frame_header.to_str }.join
+    described, finished = peer("describe", stream)
+    readings = values_of(described).map { |value, as_strings, written| Reading.new(value, as_strings, written && written.b) }
+    raise "C++ answered #{readings.size} of #{all.size}" unless finished && readings.size == all.size
+    all.zip(readings).to_h
+  end
+
+  def ruby_expected(row)
+    Reading.new(row.ruby, row.ruby_as_strings, row.ruby_bytes)
+  end
+
+  def cpp_expected(row)
+    Reading.new(*[row.variant, row.variant_as_strings].map { |text| VARIANT_FAULTS.fetch(text, text) }, row.variant_bytes)
+  end
+
+  # Follows the bytes of each row from hand to hand: each hand reads what its column says, and writes what it has read for
+  # the next. `hands` are pairs of who reads and what is expected.
+  def follow(*hands)
+    wrong = []
+    passed_on = ROWS.map { |row| [row, row.bytes] }
+    hands.each do |readings_of, expected|
+      readings = readings_of.call(passed_on.map(&:last).uniq)
+      passed_on = passed_on.map do |start, bytes|
+        reading = readings.fetch(bytes)
+        row = ROW_OF[bytes]
+        wrong << "#{start.name}: #{bytes.unpack('H*')[0]} is no row" unless row
+        next if row.nil?
+        wrong << "#{start.name}, at #{row.name}:\n  #{reading}\n  #{expected.call(row)}" unless reading == expected.call(row)
+        [start, reading.written] if reading.written
+      end.compact
+    end
+    assert_empty wrong.first(5).map { |text| text[0, 2000] }, "#{wrong.size} of #{ROWS.size} rows are not as the table says"
+    refute_empty passed_on
+  end
 end
-
-RUBY_HAND = [lambda { |all| all.map { |bytes| [bytes, ruby_reads(bytes)] }.to_h }, method(:ruby_expected)].freeze
-CPP_HAND = [method(:cpp_reads), method(:cpp_expected)].freeze
-
-follow("of Ruby through C++", [RUBY_HAND, CPP_HAND, RUBY_HAND])
-follow("of C++ through Ruby", [CPP_HAND, RUBY_HAND, CPP_HAND])

@@ -1,11 +1,8 @@
 # frozen_string_literal: true
 
-# Random trees, from Ruby through C++ and from C++ through Ruby.
+# Random trees, from Ruby through C++ and from C++ through Ruby: TREES in each direction, from SEED on.
 
 require_relative "peer"
-
-COUNT = Integer(ARGV[1] || 50_000) # in each direction
-SEED = Integer(ARGV[2] || 20_261_121)
 
 # Random Ruby values that a variant can hold.
 class Trees
@@ -43,77 +40,80 @@ class Trees
   end
 end
 
-# What a value has become when it was a variant in between: symbols are strings, strings are UTF-8, keys are binary and
-# in the order of their bytes, the last of several winning.
-def as_variant(value)
-  case value
-  when Symbol then value.to_s.dup.force_encoding(Encoding::UTF_8)
-  when String then value.dup.force_encoding(Encoding::UTF_8)
-  when Array then value.map { |v| as_variant(v) }
-  when Hash
-    pairs = {}
-    value.each { |k, v| pairs[k.to_s.b] = as_variant(v) }
-    Hash[pairs.sort_by { |k, _| k.bytes.to_a }]
-  else value
-  end
-end
+class TreesTest < Minitest::Test
+  include Peer
 
-# Equal, encodings, order and the bits of floats included.
-def same?(a, b)
-  return false unless a.class == b.class
-  case a
-  when String then a.encoding == b.encoding && a.b == b.b
-  when Float then [a].pack("G") == [b].pack("G")
-  when Array then a.size == b.size && a.zip(b).all? { |x, y| same?(x, y) }
-  when Hash then same?(a.to_a, b.to_a)
-  else a == b
-  end
-end
+  COUNT = Integer(ENV.fetch("TREES", 50_000))
+  SEED = Integer(ENV.fetch("SEED", 20_261_121))
 
-# Ruby writes, C++ reads and writes, Ruby reads.
-trees = Trees.new(SEED)
-originals = Array.new(COUNT) { trees.next_tree }
-out_frame = VORN::PROTO::PacketFrameOut.new
-stream = "".b
-originals.each { |value| stream << frame_of(out_frame, value) }
-echoed, finished = peer("echo", stream)
-came_back = values_of(echoed)
-different = originals.zip(came_back).reject { |value, back| same?(as_variant(value), back) }
-different.first(3).each { |value, back| puts "  #{value.inspect}\n  became #{back.inspect}" }
-report(finished && came_back.size == COUNT && different.empty?, "#{COUNT} trees of Ruby through C++, #{different.size} changed")
-
-# C++ writes, Ruby reads and writes, C++ compares. Integers that an immediate Integer cannot carry in 32 bits are the one
-# thing that Ruby does not write back, so its encoder is fed the bytes instead: copy_object.
-generated, finished = peer("generate", SEED, COUNT, "")
-report(finished, "C++ generated #{COUNT} trees")
-in_frame = VORN::PROTO::PacketFrameIn.new
-in_frame.reset
-again = "".b
-wide = 0
-has_wide = lambda do |value|
-  case value
-  when Integer then !value.between?(-2**31, 2**31 - 1) && value.between?(-2**62, 2**62 - 1)
-  when Array then value.any?(&has_wide)
-  when Hash then value.any? { |_, v| has_wide.call(v) }
-  else false
+  def test_ruby_through_cpp
+    trees = Trees.new(SEED)
+    originals = Array.new(COUNT) { trees.next_tree }
+    frame = VORN::PROTO::PacketFrameOut.new
+    echoed, finished = peer("echo", originals.map { |value| frame_of(frame, value) }.join)
+    assert finished
+    came_back = values_of(echoed)
+    assert_equal COUNT, came_back.size
+    changed = originals.zip(came_back).reject { |value, back| same?(as_variant(value), back) }
+    assert_empty changed.first(3), "#{changed.size} of #{COUNT} changed"
   end
-end
-offset = 0
-while offset < generated.bytesize
-  offset += in_frame.assemble(generated, offset)
-  break unless in_frame.have_complete_frame?
-  in_frame.seek_payload_start
-  value = in_frame.extract_object
-  if has_wide.call(value)
-    wide += 1
-    in_frame.seek_payload_start
+
+  # C++ compares what Ruby read and wrote with what it had generated.
+  def test_cpp_through_ruby
+    generated, finished = peer("generate", SEED, COUNT, "")
+    assert finished
+    out_frame = VORN::PROTO::PacketFrameOut.new
+    again = "".b
+    each_frame(generated) { |frame| again << written_again(frame, out_frame) }
+    assert peer("check", SEED, COUNT, again).last
+  end
+
+  private
+
+  # Integers that an immediate Integer cannot carry in 32 bits are the one thing that Ruby does not write back: their
+  # trees are copied as bytes.
+  def written_again(frame, out_frame)
+    value = frame.extract_object
+    return frame_of(out_frame, value) unless wide?(value)
+    frame.seek_payload_start
     out_frame.use_12byte_header = false
-    in_frame.copy_object(out_frame)
-    again << out_frame.compute_frame_header.to_str
-  else
-    again << frame_of(out_frame, value)
+    frame.copy_object(out_frame)
+    out_frame.compute_frame_header.to_str
   end
-  in_frame.reset
+
+  def wide?(value)
+    case value
+    when Integer then !value.between?(-2**31, 2**31 - 1) && value.between?(-2**62, 2**62 - 1)
+    when Array then value.any? { |member| wide?(member) }
+    when Hash then value.any? { |_, member| wide?(member) }
+    else false
+    end
+  end
+
+  # What a value has become when it was a variant in between: symbols are strings, strings are UTF-8, keys are binary and
+  # in the order of their bytes, the last of several winning.
+  def as_variant(value)
+    case value
+    when Symbol then value.to_s.dup.force_encoding(Encoding::UTF_8)
+    when String then value.dup.force_encoding(Encoding::UTF_8)
+    when Array then value.map { |v| as_variant(v) }
+    when Hash
+      pairs = {}
+      value.each { |k, v| pairs[k.to_s.b] = as_variant(v) }
+      Hash[pairs.sort_by { |k, _| k.bytes.to_a }]
+    else value
+    end
+  end
+
+  # Equal, encodings, order and the bits of floats included.
+  def same?(a, b)
+    return false unless a.class == b.class
+    case a
+    when String then a.encoding == b.encoding && a.b == b.b
+    when Float then [a].pack("G") == [b].pack("G")
+    when Array then a.size == b.size && a.zip(b).all? { |x, y| same?(x, y) }
+    when Hash then same?(a.to_a, b.to_a)
+    else a == b
+    end
+  end
 end
-_, finished = peer("check", SEED, COUNT, again)
-report(finished, "#{COUNT} trees of C++ through Ruby, #{wide} of them copied for their integers beyond 32 bits")
