@@ -44,7 +44,7 @@ class Program
   def initialize(folder, *command, env: {})
     @output_file = File.join(folder, "#{RUNNING.size}-#{rand(1 << 30)}.out")
     @log_file = @output_file.sub(/out\z/, "log")
-    @pid = Process.spawn(env, *command, :in => File::NULL, :out => @output_file, :err => @log_file)
+    @pid = Process.spawn(env, *command, in: File::NULL, out: @output_file, err: @log_file)
     RUNNING[@pid] = self
   end
 

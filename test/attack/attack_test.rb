@@ -57,7 +57,7 @@ class AttackTest < Minitest::Test
     assert_equal worst.uniq, worst
     assert_equal 10, worst.size
     assert_empty worst - ["00", "05 00", "0A 0B", "08 09", "05 01 61", "08 81 00 09",
-                           "0A 00 0B", "0A 00 00 0B", "0A 05 00 0B", "0A 0A 0B 0B", "0A 08 09 0B"]
+                          "0A 00 0B", "0A 00 00 0B", "0A 05 00 0B", "0A 0A 0B 0B", "0A 08 09 0B"]
   end
 
   def test_interruptions

@@ -13,7 +13,6 @@ module CostMeter
       forget_peak
       before = status("VmRSS")
       result = nil
-      waited = nil
       started = cpu
       waited = longest_wait { result = yield }
       seconds = cpu - started

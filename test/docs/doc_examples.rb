@@ -84,7 +84,7 @@ class Document
     @counts["results"] += 1
     yield
     fail_at(line, "says #{klass} is raised, and nothing is")
-  rescue Exception => e # rubocop:disable Lint/RescueException
+  rescue Exception => e
     return if e.class.name == klass && (text.nil? || e.message == text)
     fail_at(line, "says #{klass} #{text.inspect} is raised, but #{e.class} #{e.message.inspect} is")
   end
@@ -151,7 +151,7 @@ class Document
     @counts["printed lines"] += expected.size
     return if printed.lines.map(&:chomp) == expected
     fail_at(block.first_line, "says it prints #{expected.inspect}, and prints #{printed.lines.map(&:chomp).inspect}")
-  rescue Exception => e # rubocop:disable Lint/RescueException
+  rescue Exception => e
     fail_at(block.first_line, "#{e.class}: #{e.message}\n  #{(e.backtrace || []).grep(/#{Regexp.escape(@path)}/).first(3).join("\n  ")}")
   end
 

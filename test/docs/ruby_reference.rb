@@ -32,14 +32,21 @@ def document(folder)
     FileUtils.cp_r(File.join(ROOT, "lib/vorn_rpc"), sources)
     File.write(File.join(sources, "vorn_rpc_ext.cc"), readable_source)
     Dir.chdir(sources) do
-      heard, $stderr = $stderr, StringIO.new
       rdoc = RDoc::RDoc.new
-      rdoc.document(["--quiet", "--force-output", "--title", TITLE, "--main", "VORN::PROTO", "--output", folder, "."])
-      [rdoc.store, $stderr.string]
-    ensure
-      $stderr = heard
+      heard = heard_from do
+        rdoc.document(["--quiet", "--force-output", "--title", TITLE, "--main", "VORN::PROTO", "--output", folder, "."])
+      end
+      [rdoc.store, heard]
     end
   end
+end
+
+def heard_from
+  stderr, $stderr = $stderr, StringIO.new
+  yield
+  $stderr.string
+ensure
+  $stderr = stderr
 end
 
 def text?(object)

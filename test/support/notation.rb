@@ -5,27 +5,27 @@ module Notation
 
   def of(object)
     case object
-    when nil then 'nil'
-    when false then 'false'
-    when true then 'true'
+    when nil then "nil"
+    when false then "false"
+    when true then "true"
     when Integer then object.to_s
-    when Float then 'd:' + hex([object].pack('G'))
-    when Symbol then 's:' + hex(object.to_s)
+    when Float then "d:" + hex([object].pack("G"))
+    when Symbol then "s:" + hex(object.to_s)
     when String then prefix(object) + hex(object)
-    when Array then '[' + object.map { |member| of(member) }.join(' ') + ']'
-    when Hash then '{' + object.map { |key, value| of(key) + '=' + of(value) }.join(' ') + '}'
+    when Array then "[" + object.map { |member| of(member) }.join(" ") + "]"
+    when Hash then "{" + object.map { |key, value| of(key) + "=" + of(value) }.join(" ") + "}"
     else raise ArgumentError, "no notation for #{object.class}"
     end
   end
 
   def hex(bytes)
-    bytes.unpack('H*').first.upcase
+    bytes.unpack("H*").first.upcase
   end
 
   def prefix(string)
     case string.encoding
-    when Encoding::ASCII_8BIT then 'b:'
-    when Encoding::UTF_8 then 'u:'
+    when Encoding::ASCII_8BIT then "b:"
+    when Encoding::UTF_8 then "u:"
     else raise ArgumentError, "no notation for a string in #{string.encoding}"
     end
   end

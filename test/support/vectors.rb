@@ -1,13 +1,13 @@
 # Reads the tables in test/vectors/, which the C++ suite reads too. The form of the lines and the notation of
 # values are described there.
 module Vectors
-  DIR = File.expand_path('../../vectors', __FILE__)
+  DIR = File.expand_path("../../vectors", __FILE__)
 
   Value = Struct.new(:name, :bytes, :ruby, :ruby_as_strings, :ruby_bytes, :variant, :variant_as_strings, :variant_bytes)
   Fault = Struct.new(:name, :bytes, :payload, :maxdepth, :fault, :pos)
   Frame = Struct.new(:name, :stream, :consumed, :state, :layout, :seq, :data_len, :payload, :written) do
     def complete?
-      state == 'complete'
+      state == "complete"
     end
   end
 
@@ -15,28 +15,28 @@ module Vectors
 
   # What each codec decodes and writes: notation or "!fault", and bytes, nil when there is nothing to write.
   def values
-    table('values.txt', 8).map do |name, bytes, ruby, ruby_as_strings, variant, variant_as_strings, *written|
+    table("values.txt", 8).map do |name, bytes, ruby, ruby_as_strings, variant, variant_as_strings, *written|
       raw = bytes(bytes)
       ruby = expand(ruby)
-      variant = variant == '=' ? ruby.gsub(/[bu]:/, 't:') : expand(variant)
-      ruby_bytes, variant_bytes = written.map { |cell| cell == '=' ? raw : (bytes(cell) unless cell == '-') }
-      Value.new(name, raw, ruby, ruby_as_strings == '=' ? ruby.gsub('s:', 'u:') : expand(ruby_as_strings), ruby_bytes,
-                variant, variant_as_strings == '=' ? variant.gsub('s:', 't:') : expand(variant_as_strings), variant_bytes)
+      variant = variant == "=" ? ruby.gsub(/[bu]:/, "t:") : expand(variant)
+      ruby_bytes, variant_bytes = written.map { |cell| cell == "=" ? raw : (bytes(cell) unless cell == "-") }
+      Value.new(name, raw, ruby, ruby_as_strings == "=" ? ruby.gsub("s:", "u:") : expand(ruby_as_strings), ruby_bytes,
+                variant, variant_as_strings == "=" ? variant.gsub("s:", "t:") : expand(variant_as_strings), variant_bytes)
     end
   end
 
   # `payload` is nil for a plain buffer.
   def faults
-    table('faults.txt', 8).map do |name, bytes, payload, maxdepth, fault, pos|
-      Fault.new(name, bytes(bytes), payload == 'all' ? nil : Integer(payload), Integer(maxdepth), fault,
+    table("faults.txt", 8).map do |name, bytes, payload, maxdepth, fault, pos|
+      Fault.new(name, bytes(bytes), payload == "all" ? nil : Integer(payload), Integer(maxdepth), fault,
                 Integer(pos))
     end
   end
 
   def frames
-    table('frames.txt', 9).map do |name, stream, consumed, state, layout, seq, data_len, payload, out|
-      Frame.new(name, bytes(stream), Integer(consumed), state, layout == '-' ? nil : Integer(layout),
-                Integer(seq), Integer(data_len), bytes(payload), out == '=')
+    table("frames.txt", 9).map do |name, stream, consumed, state, layout, seq, data_len, payload, out|
+      Frame.new(name, bytes(stream), Integer(consumed), state, layout == "-" ? nil : Integer(layout),
+                Integer(seq), Integer(data_len), bytes(payload), out == "=")
     end
   end
 
@@ -51,21 +51,21 @@ module Vectors
   end
 
   def bytes(text)
-    digits = expand(text).delete(' ')
-    return ''.b if digits == '-'
+    digits = expand(text).delete(" ")
+    return "".b if digits == "-"
     raise "no hexadecimal bytes: #{text}" unless digits =~ /\A([0-9A-F]{2})*\z/
-    [digits].pack('H*')
+    [digits].pack("H*")
   end
 
   # The cells of each row, in order; cells left out are "=".
   def table(file, columns)
     rows = File.readlines(File.join(DIR, file)).map(&:strip)
-    rows = rows.reject { |line| line.empty? || line.start_with?('#') }
-    rows = rows.map { |line| line.split('|').map(&:strip) }
+    rows = rows.reject { |line| line.empty? || line.start_with?("#") }
+    rows = rows.map { |line| line.split("|").map(&:strip) }
     raise "#{file}: no rows" if rows.empty?
     rows.each { |cells| raise "#{file}: too many cells: #{cells.first}" if cells.size > columns }
     twice = rows.map(&:first).group_by { |name| name }.select { |_, all| all.size > 1 }.keys
     raise "#{file}: names that occur twice: #{twice.join(', ')}" unless twice.empty?
-    rows.map { |cells| cells + ['='] * (columns - cells.size) }
+    rows.map { |cells| cells + ["="] * (columns - cells.size) }
   end
 end
