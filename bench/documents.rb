@@ -31,7 +31,8 @@ module Documents
   end
 
   def small_request
-    { "id" => 4711, "method" => "account.update", "params" => { "user" => "u-20931", "amount" => 12.5, "notify" => true } }
+    { "id" => 4711, "method" => "account.update",
+      "params" => { "user" => "u-20931", "amount" => 12.5, "notify" => true } }
   end
 
   def text(random, length)
@@ -78,8 +79,14 @@ module Documents
   end
 
   def performance(random)
-    prices = Array.new(3) { { "amount" => random.rand(200_000), "audienceSubCategoryId" => 337_100_890, "seatCategoryId" => random.rand(10**9) } }
-    seats = Array.new(4) { { "areas" => Array.new(4) { { "areaId" => random.rand(10**9), "blockIds" => [] } }, "seatCategoryId" => random.rand(10**9) } }
+    prices = Array.new(3) do
+      { "amount" => random.rand(200_000), "audienceSubCategoryId" => 337_100_890,
+        "seatCategoryId" => random.rand(10**9) }
+    end
+    seats = Array.new(4) do
+      { "areas" => Array.new(4) { { "areaId" => random.rand(10**9), "blockIds" => [] } },
+        "seatCategoryId" => random.rand(10**9) }
+    end
     { "eventId" => random.rand(10**9), "id" => random.rand(10**9), "logo" => nil, "name" => nil, "prices" => prices,
       "seatCategories" => seats, "seatMapImage" => nil, "start" => 1_372_701_600, "venueCode" => "PLEYEL_PLEYEL" }
   end

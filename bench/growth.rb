@@ -50,7 +50,8 @@ def measure(bytes)
   calls = [4_000_000 / size, 1].max
   encode = -> { buf.reset; buf << records }
   decode = -> { buf.pos = 0; buf.extract_object }
-  figures = { "bytes" => size, "encode" => best(calls, &encode) * 1e9 / size, "decode" => best(calls, &decode) * 1e9 / size }
+  figures = { "bytes" => size, "encode" => best(calls, &encode) * 1e9 / size,
+              "decode" => best(calls, &decode) * 1e9 / size }
   figures["floor"] = best(calls) { Floor.build(records) } * 1e9 / size if FLOOR
   GC.disable
   start = cpu
@@ -75,7 +76,9 @@ end
 $stderr.print "\r\e[K" if $stderr.tty?
 works = rows[0].keys - ["bytes"]
 puts "ns per byte".ljust(18) + works.map { |work| "  #{work}" }.join
-rows.each { |row| puts format("%12d bytes", row["bytes"]) + works.map { |work| format("  %*.2f", work.size, row[work]) }.join }
+rows.each do |row|
+  puts format("%12d bytes", row["bytes"]) + works.map { |work| format("  %*.2f", work.size, row[work]) }.join
+end
 works.each do |work|
   values = rows.map { |row| row[work] }
   puts format("%s: largest / smallest %.2f", work, values.max / values.min)

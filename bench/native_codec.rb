@@ -28,7 +28,8 @@ figures = {}
   puts format("%-16s %10s %10s %10s   %s", operation, "vorn", "nlohmann", "msgpack", "nlohmann/vorn  msgpack/vorn")
   best.keys.map { |name| name.split("/")[2] }.uniq.each do |document|
     ours, nlohmann, msgpack = %w[vorn nlohmann msgpack].map { |codec| best["#{operation}/#{codec}/#{document}"] }
-    puts format("%-16s %10.2f %10.2f %10.2f   %13.2f  %12.2f", document, ours, nlohmann, msgpack, nlohmann / ours, msgpack / ours)
+    puts format("%-16s %10.2f %10.2f %10.2f   %13.2f  %12.2f", document, ours, nlohmann, msgpack,
+                nlohmann / ours, msgpack / ours)
     figures["#{operation}/#{document}"] = { "vorn" => ours, "nlohmann" => nlohmann, "msgpack" => msgpack }
   end
 end

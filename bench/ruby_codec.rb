@@ -72,7 +72,9 @@ rescue LoadError
 end
 
 peers = []
-peers.concat(optional("msgpack") { [Codec.new("msgpack", MessagePack.method(:pack), MessagePack.method(:unpack), MessagePack::VERSION)] })
+peers.concat(optional("msgpack") do
+  [Codec.new("msgpack", MessagePack.method(:pack), MessagePack.method(:unpack), MessagePack::VERSION)]
+end)
 peers.concat(optional("oj") do
   [Codec.new("oj", ->(v) { Oj.dump(v, mode: :compat) }, ->(s) { Oj.load(s, mode: :strict) }, Oj::VERSION)]
 end)
@@ -127,7 +129,8 @@ documents.each_with_index do |(name, document), index|
     end
     works["encode/#{codec.name}"] = -> { codec.encode.call(document) }
     works["decode/#{codec.name}"] = -> { codec.decode.call(bytes) }
-    works["round trip/#{codec.name}"] = -> { codec.decode.call(codec.encode.call(document)) } unless codec.name == "vorn"
+    next if codec.name == "vorn"
+    works["round trip/#{codec.name}"] = -> { codec.decode.call(codec.encode.call(document)) }
   end
   works["round trip/vorn"] = -> { through_frames.call(document) }
   if options[:floor]
@@ -141,7 +144,9 @@ documents.each_with_index do |(name, document), index|
   calls = works.map { |work, code| [work, calls_for(&code)] }.to_h
   best = Hash.new(Float::INFINITY)
   options[:rounds].times do |round|
-    $stderr.print "\r#{name}: round #{round + 1} of #{options[:rounds]} (document #{index + 1} of #{documents.size})\e[K" if $stderr.tty?
+    if $stderr.tty?
+      $stderr.print "\r#{name} (#{index + 1} of #{documents.size}): round #{round + 1} of #{options[:rounds]}\e[K"
+    end
     works.each { |work, code| best[work] = [best[work], sample(calls[work], &code)].min }
   end
   $stderr.print "\r\e[K" if $stderr.tty?
@@ -158,10 +163,12 @@ means = {}
   beside = options[:floor] ? { "encode" => ["in buffer", "floor"], "decode" => ["floor"] }.fetch(operation, []) : []
   names = codecs.map(&:name) + beside
   puts
-  puts format("%-18s", operation) + names.map { |n| n.rjust(10) }.join + "  fastest peer  ratio" + (beside.empty? ? "" : "  ours/floor")
+  floor = beside.empty? ? "" : "  ours/floor"
+  puts "#{format("%-18s", operation)}#{names.map { |n| n.rjust(10) }.join}  fastest peer  ratio#{floor}"
   ratios = []
   figures.each do |name, figure|
-    times = figure["microseconds"].select { |work, _| work.start_with?("#{operation}/") }.map { |work, t| [work.split("/")[1], t] }.to_h
+    times = figure["microseconds"].select { |work, _| work.start_with?("#{operation}/") }
+                                  .map { |work, t| [work.split("/")[1], t] }.to_h
     peer, peer_time = times.reject { |n, _| n == "vorn" || beside.include?(n) }.min_by { |_, t| t }
     row = format("%-18s", name) + names.map { |n| times[n] ? format("%10.1f", times[n]) : "-".rjust(10) }.join
     if peer
@@ -179,7 +186,8 @@ end
 
 if options[:json]
   versions = codecs.map { |codec| [codec.name, codec.version] }.to_h
-  report = { "ruby" => RUBY_DESCRIPTION, "codecs" => versions, "date" => Time.now.strftime("%Y-%m-%d"), "rounds" => options[:rounds],
+  report = { "ruby" => RUBY_DESCRIPTION, "codecs" => versions,
+             "date" => Time.now.strftime("%Y-%m-%d"), "rounds" => options[:rounds],
              "geometric means" => means, "documents" => figures }
   File.write(options[:json], JSON.pretty_generate(report) << "\n")
 end

@@ -4,7 +4,7 @@ require "vorn_rpc"
 
 # Sends each value of a frame. The frame is used again and again: reset keeps its storage.
 def send_frame(socket, frame, *values)
-  frame.reset # past the header; without it the header would have no room
+  frame.reset                      # past the header; without it the header would have no room
   values.each { |value| frame << value }
   frame.compute_frame_header
   socket.write(frame.to_str)

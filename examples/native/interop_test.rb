@@ -12,7 +12,8 @@ class InteropTest < ExampleTest
   RPC_TOUR = File.join(NATIVE, "rpc_tour")
 
   # The lines that every client prints against every server; how a value is shown differs between the languages.
-  EXPECTED = ["add: 42", "three in flight: at once", "after a time-out: \"still here\"", "late answers dropped: 1"].freeze
+  EXPECTED = ["add: 42", "three in flight: at once", "after a time-out: \"still here\"",
+              "late answers dropped: 1"].freeze
   FAILURES = [/^time-out: no answer in time/, /^unknown method: no such method/, /^wrong arguments: bad arguments/,
               /^failure inside the service: failed/, /^too large to send: /, /^too large to answer: /].freeze
 

@@ -3,8 +3,8 @@
 require_relative "../ext/helper"
 require_relative "../ext/ruby_process"
 
-# A short attack, always the same, and proof that an attack notices a fault. Each in a process of its own: what misbehaves
-# is built into Array and Hash there.
+# A short attack, always the same, and proof that an attack notices a fault. Each runs in a process of its own, since
+# what misbehaves is built into Array and Hash there.
 class AttackTest < Minitest::Test
   include RubyProcess
 
@@ -49,7 +49,8 @@ class AttackTest < Minitest::Test
 
   def test_search_for_costs
     costs = File.expand_path("costs.rb", __dir__)
-    out, = run_ruby_with_errors("ARGV.replace(%w[--size 3000 --search 4])\n$0 = #{costs.inspect}\nload #{costs.inspect}")
+    program = "ARGV.replace(%w[--size 3000 --search 4])\n$0 = #{costs.inspect}\nload #{costs.inspect}"
+    out, = run_ruby_with_errors(program)
     # nil; "", [], {}; "a", [nil]; [nil, nil], [""], [[]], [{}], {1=>nil}
     assert_match(/\ARuby [\d.]+, 11 values, each filling 3000 bytes/, out)
     # Which are the worst of so few bytes, chance decides.
@@ -63,17 +64,21 @@ class AttackTest < Minitest::Test
   def test_interruptions
     out, = run_ruby_with_errors("ARGV.replace(%w[--seed 7 --ops 2000 --interruptions])\nload #{MAIN.inspect}", "-W0")
     assert_match(/ 2\d\d\d steps of interruption /, out)
-    %w[abandon raise throw time_out kill raise_in_thread leave_through change collect].each { |step| assert_match(/\b#{step} [1-9]/, out) }
+    %w[abandon raise throw time_out kill raise_in_thread leave_through change collect].each do |step|
+      assert_match(/\b#{step} [1-9]/, out)
+    end
   end
 
   # Faults planted in the model.
   FAULTS = {
     "levels of writing" => "class Model::Encoder; remove_const :MAXDEPTH; MAXDEPTH = 65; end",
     "32 bits of integers" => "class Model::Encoder; def carried(value) value; end; end",
-    "pairs of an own each" => "class Model::Encoder; alias plain entry; def entry(pair, depth) plain(pair.reverse, depth); end; end",
+    "pairs of an own each" =>
+      "class Model::Encoder; alias plain entry; def entry(pair, depth) plain(pair.reverse, depth); end; end",
     "position after a fault" => "class Model::Decoder; def run; value(1).tap { @buffer.seek(@pos) }; end; end",
     "encoding of strings" => "class Model::Decoder; def symbol; string('BINARY'); end; end",
-    "bits of long integers" => "class Model::Decoder; alias plain integer; def integer; n = plain; n >= 2**62 ? n - 1 : n; end; end",
+    "bits of long integers" =>
+      "class Model::Decoder; alias plain integer; def integer; n = plain; n >= 2**62 ? n - 1 : n; end; end",
     "gaps before writes" => <<-RUBY,
       class Model::PacketBuf
         alias plain grow_to
@@ -85,9 +90,11 @@ class AttackTest < Minitest::Test
       end
     RUBY
     "classes for copies" => "class Model::PacketFrameIn; def class; Model::PacketBuf; end; end",
-    "wrap of the sequence number" => "class Model::PacketFrameOut; def inc_seq; @next_seq += @next_seq < 65535 ? 1 : 0; self; end; end",
+    "wrap of the sequence number" =>
+      "class Model::PacketFrameOut; def inc_seq; @next_seq += @next_seq < 65535 ? 1 : 0; self; end; end",
     "layout of a header" => "class Model::PacketFrameIn; def header_len; @data.getbyte(1) == 1 ? 8 : 12; end; end",
-    "check byte of a header" => "class Model::PacketFrameIn; def stored(index) index == 11 ? 0x5A : @data.getbyte(index) || 0; end; end",
+    "check byte of a header" =>
+      "class Model::PacketFrameIn; def stored(index) index == 11 ? 0x5A : @data.getbyte(index) || 0; end; end",
     "position in a header" => "class Model::PacketFrameIn; def seek_payload_start; @pos = header_len; self; end; end"
   }.freeze
 

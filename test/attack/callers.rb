@@ -64,9 +64,9 @@ module Attack
 
     # None of these methods is to be called: the bytes, the members and the entries count.
     module Unasked
-      NAMES = [:to_s, :to_str, :to_ary, :to_a, :to_hash, :to_h, :to_sym, :to_f, :to_i, :size, :length, :bytesize, :bytes, :b,
-               :[], :at, :each_pair, :each_with_index, :each_byte, :map, :keys, :values, :fetch, :default, :empty?, :==,
-               :encoding, :force_encoding, :unpack, :coerce, :respond_to_missing?, :method_missing].freeze
+      NAMES = [:to_s, :to_str, :to_ary, :to_a, :to_hash, :to_h, :to_sym, :to_f, :to_i, :size, :length, :bytesize,
+               :bytes, :b, :[], :at, :each_pair, :each_with_index, :each_byte, :map, :keys, :values, :fetch, :default,
+               :empty?, :==, :encoding, :force_encoding, :unpack, :coerce, :respond_to_missing?, :method_missing].freeze
       NAMES.each { |name| define_method(name) { |*| raise Misbehaved, "#{name} was called" } }
     end
 

@@ -3,7 +3,8 @@
 require "vorn_rpc_ext"
 require_relative "cost_meter"
 
-# What docs/operations/threat-model.md gives a figure for. Each row is measured in a process of its own: this file is its program.
+# What docs/operations/threat-model.md gives a figure for. Each row is measured in a process of its own, whose program
+# is this file.
 #
 #   ruby cost_rows.rb NAME SIZE KEYS     prints one line: payload, grown, seconds, waited, note, between tabs
 module CostRows

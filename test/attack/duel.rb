@@ -192,7 +192,8 @@ module Attack
       return if size == 0 || !expected.readable?(size - 1)
       stored = actual.seek(size).to_str
       actual.seek(expected.pos)
-      differ("bytes of pool[#{slot}] after #{what}", expected.data[0, size], stored) unless stored == expected.data[0, size]
+      wanted = expected.data[0, size]
+      differ("bytes of pool[#{slot}] after #{what}", wanted, stored) unless stored == wanted
     end
 
     def differ(what, expected, actual)

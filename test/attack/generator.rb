@@ -14,8 +14,9 @@ module Attack
     LARGE = 2000
 
     ANY = {
-      write_wire: 8, write_value: 10, write_bad: 1, read_back: 12, extract: 9, copy: 5, move: 9, move_wildly: 2, look: 5,
-      to_payload: 6, to_bytes: 6, reset: 4, limit: 2, symbols: 2, start_over: 1, at_capacity: 1, arity: 1, duplicate: 1, hostile_write: 5, hostile_number: 2,
+      write_wire: 8, write_value: 10, write_bad: 1, read_back: 12, extract: 9, copy: 5, move: 9, move_wildly: 2,
+      look: 5, to_payload: 6, to_bytes: 6, reset: 4, limit: 2, symbols: 2, start_over: 1, at_capacity: 1, arity: 1,
+      duplicate: 1, hostile_write: 5, hostile_number: 2,
       hostile_key: 2, hostile_limit: 1
     }.freeze
     OWN_OF = {
@@ -26,7 +27,8 @@ module Attack
 
     # Each kind as often as its weight says.
     KINDS = Hash[OWN_OF.map do |key, own|
-      [key, (key == :own_out ? ANY.merge(OWN_OF[:out]) : ANY.merge(own)).flat_map { |kind, weight| [kind] * weight }.freeze]
+      weights = ANY.merge(key == :own_out ? OWN_OF[:out] : own)
+      [key, weights.flat_map { |kind, weight| [kind] * weight }.freeze]
     end].freeze
 
     def initialize(material, model)
@@ -221,7 +223,8 @@ module Attack
     end
 
     def layout(slot)
-      return op(slot, @m.pick([:using_12byte_header?, :configured_header_len, :configured_max_data_len])) if @m.chance(2)
+      readers = [:using_12byte_header?, :configured_header_len, :configured_max_data_len]
+      return op(slot, @m.pick(readers)) if @m.chance(2)
       op(slot, :use_12byte_header=, @m.pick([true, false, nil, 0, "x"]))
     end
 

@@ -5,9 +5,11 @@ module Attack
   class HostileValues
     # What an own `each` may yield: pairs in both forms, and what is none.
     YIELDS = [
-      ->(m) { [m.any_value, m.any_value] }, ->(m) { [[m.any_value, m.any_value]] }, ->(m) { [1, [2, { 3 => m.any_value }]] },
+      ->(m) { [m.any_value, m.any_value] }, ->(m) { [[m.any_value, m.any_value]] },
+      ->(m) { [1, [2, { 3 => m.any_value }]] },
       ->(_m) { [[[1], 2]] }, ->(m) { [Callers::Own.new(:string, "key"), m.value(1)] },
-      ->(m) { [[m.pick([nil, 1, :a])] * m.below(4)] }, ->(m) { [m.any_value] }, ->(_) { [] }, ->(m) { [1, 2, m.any_value] },
+      ->(m) { [[m.pick([nil, 1, :a])] * m.below(4)] }, ->(m) { [m.any_value] }, ->(_) { [] },
+      ->(m) { [1, 2, m.any_value] },
       ->(m) { [m.value(0), m.pick(Material::UNSUPPORTED)] }, ->(m) { [m.deep_value, 1] }
     ].freeze
 

@@ -22,7 +22,8 @@ started = Time.now
 if interruptions
   require_relative "interruptions"
   run = Interruptions::Run.new(seed).run(ops)
-  printf("Ruby %s, seed %d: %d steps of interruption in %.1f s (%s)\n", RUBY_VERSION, seed, run.steps, Time.now - started, run.counts)
+  printf("Ruby %s, seed %d: %d steps of interruption in %.1f s (%s)\n", RUBY_VERSION, seed, run.steps,
+         Time.now - started, run.counts)
   exit
 end
 collector = Attack::Collector.new(level)
@@ -42,5 +43,6 @@ loop do
   break if seconds.nil? || Time.now - started >= seconds
 end
 elapsed = Time.now - started
-printf("Ruby %s, gc %s, seeds %d to %d: %d operations without a difference (%d not tried: too large) in %.1f s, %.1f us each\n",
+printf("Ruby %s, gc %s, seeds %d to %d: %d operations without a difference (%d not tried: too large) in %.1f s, " \
+       "%.1f us each\n",
        RUBY_VERSION, level, seed, seed + runs - 1, performed, skipped, elapsed, elapsed * 1e6 / performed)

@@ -3,25 +3,31 @@
 module Attack
   # Random values, bytes and arguments.
   class Material
-    STRINGS = ["", "a", "abc", "h\u00e9llo", "\xFF\xFE", "x" * 31, "y" * 127, "z" * 128, "a\0b", "\u{1F600}" * 20].freeze
-    ENCODINGS = %w[UTF-8 UTF-8 UTF-8 BINARY US-ASCII ISO-8859-1 UTF-16LE Shift_JIS].map { |name| Encoding.find(name) }.freeze
+    STRINGS = ["", "a", "abc", "h\u00e9llo", "\xFF\xFE", "x" * 31, "y" * 127, "z" * 128, "a\0b",
+               "\u{1F600}" * 20].freeze
+    ENCODINGS = %w[UTF-8 UTF-8 UTF-8 BINARY US-ASCII ISO-8859-1 UTF-16LE Shift_JIS]
+                .map { |name| Encoding.find(name) }.freeze
     SYMBOLS = [:a, :abc, :"", :"a\0b", :"\u00e9", :"x y", :[]=, "dynamic".to_sym, ("long" * 40).to_sym,
                "\xE9".dup.force_encoding("ISO-8859-1").to_sym].freeze
     INTEGERS = [0, 1, 31, 32, 4095, 4096, 2**19, 2**26, 2**30, 2**31 - 1, 2**31, 2**32, 2**32 + 5, 2**33, 2**40,
                 2**62 - 1, 2**62, 2**63 - 1].flat_map { |n| [n, -n, -n - 1] }.freeze
-    FLOATS = [0.0, -0.0, 1.5, -2.25, 1e300, -1e-300, 5e-324, Float::INFINITY, -Float::INFINITY, Float::NAN, Float::MAX, 0.1].freeze
+    FLOATS = [0.0, -0.0, 1.5, -2.25, 1e300, -1e-300, 5e-324, Float::INFINITY, -Float::INFINITY, Float::NAN, Float::MAX,
+              0.1].freeze
     # What cannot be written.
     UNSUPPORTED = [Object.new, Class, Math, /r/, 1..2, 2**64, -2**64, 2**63, -2**63 - 1, Rational(1, 3), Complex(1, 2),
-                   Struct.new(:a).new(1), Time.at(0), proc {}, BasicObject.new, Callers::NoString.new, $stderr, Thread.current,
+                   Struct.new(:a).new(1), Time.at(0), proc {}, BasicObject.new, Callers::NoString.new, $stderr,
+                   Thread.current,
                    method(:puts)].freeze
     # What is no String, no object of the pool, and mostly no number.
     OTHERS = ([nil, false, true, 1, 2**70, 1.5, :sym, [], {}, [1], "string", Object] + UNSUPPORTED).freeze
     # Positions and other numbers, and what must be converted to one.
     NUMBERS = [0, 1, 2, 7, 8, 9, 11, 12, 13, 255, 65_535, 65_536, 70_000, 2**24, 2**31 - 1, 2**31, 2**32 - 1, 2**32,
-               2**32 + 5, 2**62 - 1, 2**62, 2**63 - 1, 2**63, 2**64 - 1, 2**64, 2**70, -1, -2, -2**31, -2**32, -2**62, -2**63, -2**63 - 1,
-               -2**64, -2**70, 2.9, -1.5, 1e10, 1e18, 9.3e18, 1.8e19, 1e19, 1e20, -1e19, 1e300, Float::NAN, Float::INFINITY,
+               2**32 + 5, 2**62 - 1, 2**62, 2**63 - 1, 2**63, 2**64 - 1, 2**64, 2**70, -1, -2, -2**31, -2**32, -2**62,
+               -2**63, -2**63 - 1, -2**64, -2**70, 2.9, -1.5, 1e10, 1e18, 9.3e18, 1.8e19, 1e19, 1e20, -1e19, 1e300,
+               Float::NAN, Float::INFINITY,
                Rational(5, 2), nil, true, false, "5", :"5", [], {}, Object.new, Complex(3, 0), Time.at(3)].freeze
-    TYPES = [0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08, 0x09, 0x0A, 0x0B, 0x0C, 0x7F, 0x80, 0x81, 0xA0, 0xC0, 0xFF].freeze
+    TYPES = [0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08, 0x09, 0x0A, 0x0B, 0x0C, 0x7F, 0x80, 0x81, 0xA0,
+             0xC0, 0xFF].freeze
 
     def initialize(random)
       @random = random

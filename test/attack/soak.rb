@@ -1,7 +1,7 @@
 # frozen_string_literal: true
 
-# A day's work at once: ten million messages through one pair of frames, then a million fresh buffers. Memory has to stay
-# where it was after the first tenth, or the exit status is 1. bin/test soak runs it.
+# A day's work at once: ten million messages through one pair of frames, then a million fresh buffers. Memory has to
+# stay where it was after the first tenth, or the exit status is 1. bin/test soak runs it.
 
 require "optparse"
 require "vorn_rpc"
@@ -30,7 +30,8 @@ def flat?(name, total)
   end
   $stderr.print "\r\e[K" if $stderr.tty?
   seconds = Process.clock_gettime(Process::CLOCK_MONOTONIC) - started
-  puts format("%d %s in %.1f s; MB after each tenth: %s", total, name, seconds, readings.map { |mb| mb.round(1) }.join(" "))
+  figures = readings.map { |mb| mb.round(1) }.join(" ")
+  puts format("%d %s in %.1f s; MB after each tenth: %s", total, name, seconds, figures)
   readings.max - readings.first <= TOLERANCE
 end
 

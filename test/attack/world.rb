@@ -17,7 +17,8 @@ module Attack
     end
 
     def to_s
-      "pool[#{slot}].#{name}(#{args.map { |arg| Attack.text(arg) }.join(', ')})#{" with #{Attack.text(steps)}" if steps}"
+      call = "pool[#{slot}].#{name}(#{args.map { |arg| Attack.text(arg) }.join(", ")})"
+      steps ? "#{call} with #{Attack.text(steps)}" : call
     end
     alias inspect to_s
   end
@@ -42,7 +43,8 @@ module Attack
     # for a nil that is no number, in 3.3 one for each kind of number.
     def self.raised(error)
       text = error.message.b.sub(/: #<.*\z/mn, "")
-      [:raised, error.class, text.sub("no implicit conversion of nil into Integer", "no implicit conversion from nil to integer")]
+      [:raised, error.class,
+       text.sub("no implicit conversion of nil into Integer", "no implicit conversion from nil to integer")]
     end
 
     # By key: :buf, :out, :in, :own_buf, :own_out and :frame.

@@ -152,7 +152,8 @@ class Document
     return if printed.lines.map(&:chomp) == expected
     fail_at(block.first_line, "says it prints #{expected.inspect}, and prints #{printed.lines.map(&:chomp).inspect}")
   rescue Exception => e
-    fail_at(block.first_line, "#{e.class}: #{e.message}\n  #{(e.backtrace || []).grep(/#{Regexp.escape(@path)}/).first(3).join("\n  ")}")
+    places = (e.backtrace || []).grep(/#{Regexp.escape(@path)}/).first(3)
+    fail_at(block.first_line, ["#{e.class}: #{e.message}", *places].join("\n  "))
   end
 
   def instrument(block)
@@ -204,7 +205,8 @@ class Document
   def check_command(line, command, expected, folder)
     return unless command
     @counts["commands"] += 1
-    output, status = Open3.capture2e("timeout", SECONDS_TO_RUN.to_s, "bash", "-euo", "pipefail", "-c", command, chdir: folder)
+    bounded = ["timeout", SECONDS_TO_RUN.to_s, "bash", "-euo", "pipefail", "-c", command]
+    output, status = Open3.capture2e(*bounded, chdir: folder)
     fail_at(line, "`#{command}` ends with #{status.exitstatus}\n#{output}") unless status.success?
     fail_at(line, "`#{command}` prints\n#{output}instead of\n#{expected}") unless output == expected
   end

@@ -1,8 +1,9 @@
-# Compares the error texts in the sources with the table in docs/operations/operating.md: each text has its row, and each row of
-# the library's own texts has its source. bin/test documents calls it.
+# Compares the error texts in the sources with the table in docs/operations/operating.md: each text has its row, and
+# each row of the library's own texts has its source. bin/test documents calls it.
 
 TABLE = "docs/operations/operating.md"
-SOURCES = Dir["{ext,proto,vobject}/*.{cc,h}"] + %w[ext/extconf.rb tools/inspect/stream_scanner.cc tools/inspect/value_scanner.cc]
+SOURCES = Dir["{ext,proto,vobject}/*.{cc,h}"] +
+          %w[ext/extconf.rb tools/inspect/stream_scanner.cc tools/inspect/value_scanner.cc]
 
 # Names of data types, which no error shows.
 NO_ERROR = /\AVORN /
@@ -13,7 +14,8 @@ def texts_of(file)
   code = code.gsub(%r{/\*.*?\*/}m, "").gsub(file.end_with?(".rb") ? /^\s*#.*/ : %r{^\s*//.*|\s//[/ ].*}, "")
   return code.scan(/abort "([^"#]*)/).flatten + code.scan(/require_that\("([^"]*)/).flatten if file.end_with?(".rb")
   code = code.gsub(/^\s*#.*/, "").gsub(/static_assert\(.*?\);/m, "")
-  literals = code.gsub(/"\s*\n?\s*"(?=[^"\n]*")/) { |gap| gap.include?("\n") ? "" : gap }.scan(/"((?:[^"\\\n]|\\.)*)"/).flatten
+  joined = code.gsub(/"\s*\n?\s*"(?=[^"\n]*")/) { |gap| gap.include?("\n") ? "" : gap }
+  literals = joined.scan(/"((?:[^"\\\n]|\\.)*)"/).flatten
   literals.select { |text| text =~ /[a-z]{2,} ?[:%]? ?[a-z%]/i && text.strip =~ / / && text !~ /\\x|\{:/ }
 end
 

@@ -67,7 +67,8 @@ def missing_in(store)
     own + constants.map { |name| "#{owner}::#{name}" } + methods.map { |name| "#{owner}##{name}" }
   end
   # What is read and not there is a slip in the sources, or in the reading of them.
-  read = store.all_classes_and_modules.flat_map { |page| page.method_list.reject { |method| method.visibility == :private } }
+  methods = store.all_classes_and_modules.flat_map(&:method_list)
+  read = methods.reject { |method| method.visibility == :private }
   known = classes.flat_map { |owner| owner.public_instance_methods(false) }.map(&:to_s)
   unknown = read.map(&:name).uniq - known - %w[new]
   [missing, unknown]
@@ -79,4 +80,4 @@ missing, unknown = missing_in(store)
 abort "ruby_reference: #{said}" unless said.empty?
 abort "ruby_reference: without a text: #{missing.join(', ')}" unless missing.empty?
 abort "ruby_reference: not in the extension: #{unknown.join(', ')}" unless unknown.empty?
-puts "Ruby: #{store.all_classes_and_modules.map { |page| page.method_list.size }.inject(:+)} methods, each with its text"
+puts "Ruby: #{store.all_classes_and_modules.flat_map(&:method_list).size} methods, each with its text"

@@ -90,8 +90,8 @@ class TreesTest < Minitest::Test
     end
   end
 
-  # What a value has become when it was a variant in between: symbols are strings, strings are UTF-8, keys are binary and
-  # in the order of their bytes, the last of several winning.
+  # What a value has become when it was a variant in between: symbols are strings, strings are UTF-8, keys are binary
+  # and in the order of their bytes, the last of several winning.
   def as_variant(value)
     case value
     when Symbol then value.to_s.dup.force_encoding(Encoding::UTF_8)

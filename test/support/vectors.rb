@@ -20,8 +20,9 @@ module Vectors
       ruby = expand(ruby)
       variant = variant == "=" ? ruby.gsub(/[bu]:/, "t:") : expand(variant)
       ruby_bytes, variant_bytes = written.map { |cell| cell == "=" ? raw : (bytes(cell) unless cell == "-") }
-      Value.new(name, raw, ruby, ruby_as_strings == "=" ? ruby.gsub("s:", "u:") : expand(ruby_as_strings), ruby_bytes,
-                variant, variant_as_strings == "=" ? variant.gsub("s:", "t:") : expand(variant_as_strings), variant_bytes)
+      ruby_as_strings = ruby_as_strings == "=" ? ruby.gsub("s:", "u:") : expand(ruby_as_strings)
+      variant_as_strings = variant_as_strings == "=" ? variant.gsub("s:", "t:") : expand(variant_as_strings)
+      Value.new(name, raw, ruby, ruby_as_strings, ruby_bytes, variant, variant_as_strings, variant_bytes)
     end
   end
 

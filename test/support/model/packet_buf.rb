@@ -34,6 +34,7 @@ module Model
     def initialize
       self.preserve_symbols_on_extract = false
       self.maxdepth = 64
+      self
     end
 
     # --- options: what freezing protects, and all that it does ---------------------------------------------
