@@ -1,18 +1,16 @@
 # Compares what tshark shows through tools/wireshark/vorn.lua with what is known about the bytes.
 #
-#   ruby test/tools/dissector_test.rb [GROUP...]     groups: the names of the methods that begin with test_
-#
 # Captures are written segment by segment (make_pcap.rb), except for one that is taken from loopback.
 require 'socket'
 require 'timeout'
 require_relative '../support/vectors'
-require_relative 'check_suite'
 require_relative 'make_pcap'
 require_relative 'message_text'
 require_relative 'stream_model'
+require_relative 'tool_test_case'
 require_relative 'tshark'
 
-class DissectorTest < CheckSuite
+class DissectorTest < ToolTestCase
   FAULTS = {
     'max_depth' => 'maxdepth exceeded',
     'underrun' => 'buffer underrun', 'underrun_hash' => 'buffer underrun', 'underrun_array' => 'buffer underrun',
@@ -26,11 +24,7 @@ class DissectorTest < CheckSuite
   FRAME_ERRORS = ['Bad Header CRC', 'Bad Payload Data CRC', 'Payload size exceeds soft limit'].freeze
   MEANS = %w[vorn.seq vorn.layout vorn.length vorn.message vorn.error vorn.skipped].freeze
 
-  def self.run(names)
-    Dir.mktmpdir('vorn-dissector') { |dir| exit new(dir).run(names) }
-  end
-
-  def initialize(dir)
+  def setup
     super
     @captures = 0
   end
@@ -498,5 +492,3 @@ class DissectorTest < CheckSuite
     peer.close
   end
 end
-
-DissectorTest.run(ARGV)
