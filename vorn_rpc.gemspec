@@ -14,7 +14,7 @@ Gem::Specification.new do |gem|
   gem.extensions = ["ext/extconf.rb"]
   gem.require_paths = ["lib"]
 
-  # Every file by name: what is not listed is not shipped, whatever lies in the checkout. bin/test gem fails when
+  # Every source by name: what is not listed is not shipped, whatever lies in the checkout. bin/test gem fails when
   # a source is missing here. The extension is compiled of three folders that stay side by side.
   gem.files = %w[
     CHANGELOG.md
@@ -94,4 +94,9 @@ Gem::Specification.new do |gem|
     vobject/vobject_symbol.cc
     vobject/vobject_udt.h
   ]
+  # README.md links to the documents, and these to one another and to the examples. bin/test gem follows the links.
+  gem.files += Dir.chdir(__dir__) do
+    Dir["{CONTRIBUTING,SECURITY}.md", "{docs,examples,fuzz,test,tools}/**/*.md", "docs/**/*.svg",
+        "examples/**/*.{rb,py,cc,h}", "tools/wireshark/vorn.lua"]
+  end
 end
