@@ -2,17 +2,17 @@
 require "socket"
 require "vorn_rpc"
 
-# Sends each value of a frame. The frame is used again and again: reset keeps its storage.
+# Sends the values in one frame. The frame is reused: reset keeps its storage.
 def send_frame(socket, frame, *values)
-  frame.reset                      # past the header; without it the header would have no room
+  frame.reset                      # skips the header, which would overwrite the data otherwise
   values.each { |value| frame << value }
   frame.compute_frame_header
   socket.write(frame.to_str)
   frame.inc_seq
 end
 
-# Yields each frame of the stream until the peer closes it. Chunks end where they like: in the middle of a
-# header, or several frames later.
+# Yields each frame of the stream until the peer closes it. A chunk may end in the middle of a header, or
+# contain several frames.
 def each_frame(socket, frame)
   frame.reset
   loop do
