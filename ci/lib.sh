@@ -1,14 +1,14 @@
 # shellcheck shell=bash
 #
-# What the commands of bin/ and ci/ share. Each sources it first:
+# What the commands in bin/ and ci/ share. Each sources it first:
 #
 #   . "$(dirname "$0")/../ci/lib.sh"
 #
-# It prints the comment at the head of the script for --help, changes to the project's root, and sets
+# It prints the script's head comment for --help, changes to the project's root, and sets
 #
 #   command  the script's name, for messages
-#   build    where to build: VORN_BUILD_DIR, build/ by default
-#   ruby     the interpreter: RUBY, `ruby` by default
+#   build    the build folder: VORN_BUILD_DIR (default: build/)
+#   ruby     the interpreter: RUBY (default: ruby)
 #   jobs     the number of processors
 
 set -euo pipefail

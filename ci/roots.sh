@@ -1,10 +1,10 @@
 # shellcheck shell=bash
 #
-# Debian roots: made with debootstrap once and used again from then on; delete one to have it made afresh. To be sourced
-# after lib.sh by checks that need another Debian, or one on which nothing is installed. Making and entering roots takes
-# root: sudo is used when not run as root.
+# Debian roots, made with debootstrap and reused; delete one to have it made again. Sourced after lib.sh by checks that
+# need another Debian release, or one with nothing installed. Making and entering roots needs root: sudo is used
+# otherwise.
 #
-# Sets roots, the folder that they are in: VORN_ROOTS_DIR, vorn-rpc/rubies in the user's cache directory by default.
+# Sets roots, the folder that contains them: VORN_ROOTS_DIR (default: vorn-rpc/rubies in the user's cache directory).
 
 roots=${VORN_ROOTS_DIR:-${XDG_CACHE_HOME:-$HOME/.cache}/vorn-rpc/rubies}
 mkdir -p "$roots/logs"
