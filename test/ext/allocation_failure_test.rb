@@ -182,6 +182,15 @@ class AllocationFailureTest < ExtTest
     RUBY
   end
 
+  def test_what_is_no_standard_exception
+    assert_equal "true unknown C++ exception in vorn-rpc-ext, true\n", with_allocator(<<-'RUBY')
+      buf = PacketBuf.new << 1
+      FailingAllocator.arm_unknown(1)
+      text = failure { buf << "x" * 100_000 }
+      puts "#{FailingAllocator.disarm} #{text}, #{(buf.reset << 1).to_str == "\x81".b}"
+    RUBY
+  end
+
   def test_nothing_is_lost
     lost = with_allocator(<<-'RUBY').to_i
       arrays = PacketBuf.new.write_object([[]] * 2000).to_str

@@ -10,10 +10,14 @@ std::atomic<int64_t> live{0};
 thread_local uint64_t allocated = 0;
 thread_local uint64_t allocated_bytes = 0;
 thread_local uint64_t until_failure = 0;  // 0: none is due
+thread_local bool standard_exception = true;
 thread_local size_t largest = SIZE_MAX;
 
 void* allocate(std::size_t size) {
-  if (until_failure != 0 && --until_failure == 0) throw std::bad_alloc();
+  if (until_failure != 0 && --until_failure == 0) {
+    if (standard_exception) throw std::bad_alloc();
+    throw until_failure;
+  }
   if (size > largest) throw std::bad_alloc();
   void* const block = std::malloc(size == 0 ? 1 : size);
   if (block == nullptr) throw std::bad_alloc();
@@ -45,7 +49,10 @@ uint64_t AllocationCount::bytes() const { return allocated_bytes - bytes_; }
 
 int64_t live_allocations() { return live.load(std::memory_order_relaxed); }
 
-FailAllocation::FailAllocation(uint64_t nth) { until_failure = nth; }
+FailAllocation::FailAllocation(uint64_t nth, bool with_standard_exception) {
+  until_failure = nth;
+  standard_exception = with_standard_exception;
+}
 FailAllocation::~FailAllocation() { until_failure = 0; }
 bool FailAllocation::failed() const { return until_failure == 0; }
 

@@ -22,11 +22,11 @@ class AllocationCount {
 /// Blocks that operator new handed out, on any thread, and that were not given back yet.
 int64_t live_allocations();
 
-/// While alive, the n-th allocation of this thread (1 is the next one) throws std::bad_alloc; those before and
-/// after it succeed. One at a time.
+/// While alive, the n-th allocation of this thread (1 is the next one) throws std::bad_alloc, or what is no
+/// std::exception; those before and after it succeed. One at a time.
 class FailAllocation {
  public:
-  explicit FailAllocation(uint64_t nth);
+  explicit FailAllocation(uint64_t nth, bool with_standard_exception = true);
   ~FailAllocation();
   FailAllocation(const FailAllocation&) = delete;
   FailAllocation& operator=(const FailAllocation&) = delete;

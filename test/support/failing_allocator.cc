@@ -16,6 +16,12 @@ VALUE arm(VALUE, VALUE nth) {
   return Qnil;
 }
 
+// FailingAllocator.arm_unknown(n): likewise, with what is no std::exception.
+VALUE arm_unknown(VALUE, VALUE nth) {
+  pending.emplace(NUM2ULONG(nth), false);
+  return Qnil;
+}
+
 // FailingAllocator.disarm -> whether it failed
 VALUE disarm(VALUE) {
   const bool failed = pending->failed();
@@ -33,6 +39,7 @@ VALUE live(VALUE) {
 extern "C" __attribute__((visibility("default"))) void Init_failing_allocator() {
   const VALUE module = rb_define_module("FailingAllocator");
   rb_define_module_function(module, "arm", reinterpret_cast<VALUE (*)(ANYARGS)>(arm), 1);
+  rb_define_module_function(module, "arm_unknown", reinterpret_cast<VALUE (*)(ANYARGS)>(arm_unknown), 1);
   rb_define_module_function(module, "disarm", reinterpret_cast<VALUE (*)(ANYARGS)>(disarm), 0);
   rb_define_module_function(module, "live", reinterpret_cast<VALUE (*)(ANYARGS)>(live), 0);
 }
