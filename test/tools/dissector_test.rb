@@ -215,6 +215,25 @@ class DissectorTest < ToolTestCase
     check('the expert information', true, verbose.include?('[Severity level: Error]'))
   end
 
+  # A line of the tree has 120 bytes of a text, and a field 1 MiB of a string.
+  def test_long_strings
+    [['Message', "\x07"], ['Binary string', "\x05"]].each do |label, type|
+      name = capture([frame(1, "#{type}\x76#{'y' * 118}"), frame(2, "#{type}\x77#{'y' * 119}")])
+      lines = Tshark.run(name, '-V', '-O', 'vorn', *Tshark::DECODE_AS).lines.grep(/\A *#{label}: /).map(&:strip)
+      check("#{label}: 120 bytes", "#{label}: \"#{'y' * 118}\"", lines.first)
+      check("#{label}: one more", "#{label}: \"#{'y' * 119}...", lines.last)
+    end
+    { 'string' => ["\x07", 1], 'symbol' => ["\x06", 1], 'binary' => ["\x05", 2] }.each do |field, (type, digits)|
+      [[1 << 20, "\x80\x80\x40"], [(1 << 20) + 1, "\x81\x80\x40"]].each do |size, length|
+        name = capture(PcapWriter.cut(frame(1, type.b + length.b + 'y' * size), 60_000))
+        shown = Tshark.streams(name, %W[vorn.value.#{field} vorn.message vorn.error], *Tshark::DECODE_AS)[0]
+        what = "#{field} of #{size} bytes"
+        check("#{what}: its field", [digits << 20], shown["vorn.value.#{field}"].map(&:bytesize))
+        check("#{what}: the message", [[size + 2], []], [shown['vorn.message'].map(&:bytesize), shown['vorn.error']])
+      end
+    end
+  end
+
   # Payloads longer than the limit are stepped over; what follows is found.
   def test_long_payloads
     long = frame(1, "\xA5\x01\0\0\0\0\0\0".b * 250_000)
