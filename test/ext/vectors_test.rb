@@ -19,6 +19,14 @@ class VectorsTest < Minitest::Test
     'unknown_type' => 'decode_next_packetbuf_rbobj: unrecognized protocol transport type'
   }
 
+  # Who reads a table leaves no row out.
+  def test_rows
+    { values: Vectors.values, faults: Vectors.faults, frames: Vectors.frames }.each do |table, read|
+      lines = File.readlines(File.join(Vectors::DIR, "#{table}.txt"))
+      assert_equal lines.map { |line| line[/\A\s*([^#|\s][^|]*?)\s*\|/, 1] }.compact, read.map(&:name)
+    end
+  end
+
   # --- values
 
   Vectors.values.each do |vector|
