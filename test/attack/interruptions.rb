@@ -353,7 +353,7 @@ module Interruptions
 
     # In a Hash of up to so many keys the interpreter bears that its insertion is entered again after it has ended. With
     # more, later Rubies write behind their table or into one that was given back, without any extension: a literal of
-    # sixteen keys is enough (docs/threat-model.md).
+    # sixteen keys is enough (docs/operations/threat-model.md).
     ENTERED_TWICE = RUBY_VERSION < "2.4" ? Float::INFINITY : 8
 
     # Taken here, entered when everything has ended, or at once.

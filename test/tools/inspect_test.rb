@@ -112,6 +112,27 @@ class InspectTest < ToolTestCase
     check('--stats', true, inspector('--values', '--stats', stdin: stream).out =~ /^values +3$/ ? true : false)
   end
 
+  # Somebody who gives frames to --values is told so; what is shown stays.
+  def test_values_that_are_frames
+    hint = "vorn-inspect: this looks like frames; leave out --values\n"
+    twelve = frame(1, "\x81".b, 12)
+    { 'a frame' => frame(1, "\x81".b), 'an empty frame' => frame(1, ''), '12 bytes' => twelve, 'many' => twelve * 1000,
+      'the longest' => [0xA5, 1, 0, 64 << 20].pack('CCnN') }.each do |what, stream|
+      result = inspector('--values', stdin: stream)
+      check(what, hint, result.err)
+      File.binwrite(path('frames'), stream)
+      slow = shell("(head -c 3 #{quoted('frames')}; sleep 0.1; tail -c +4 #{quoted('frames')}) | #{@quoted} --values")
+      check("#{what}, in pieces", [result.out, hint], [slow.out, slow.err])
+    end
+    no_frame = { 'a number of two bytes' => "\xA5\x01".b, 'cut off' => frame(1, '')[0, 7],
+                 '12 bytes, cut off' => twelve[0, 11], 'too long' => [0xA5, 1, 0, (64 << 20) + 1].pack('CCnN'),
+                 'another layout byte' => "\xA5\x03".b + "\0" * 6,
+                 'another start' => "\xA4\x01".b + "\0" * 6, 'values first' => "\x81".b + frame(1, '') }
+    [8, 11].each { |at| no_frame["wrong at #{at}"] = twelve.dup.tap { |bytes| bytes.setbyte(at, 1) } }
+    no_frame.each { |what, stream| check(what, '', inspector('--values', stdin: stream).err) }
+    check('frames as frames', '', inspector(stdin: frame(1, '')).err)
+  end
+
   def test_stats
     seqs = [1, 2, 5, 5, 4, 65_535]
     stream = seqs.map { |seq| frame(seq, "\x81".b * (seq % 10), seq == 2 ? 12 : 8) }.join('')
@@ -129,6 +150,18 @@ class InspectTest < ToolTestCase
      '          4 to 7                     4 ####'].each { |line| check(line, true, text.include?(line)) }
     rows = inspector('--stats', stdin: frame(1, "\x81".b) * 100 + frame(1, "\x81".b * 4)).out.scan(/^ .* to .*/)
     check('the most fills the width, the least is seen', [40, 0, 1], rows.map { |row| row.count('#') })
+  end
+
+  # Lines of 80 columns at most, and shorter ones where the terminal is narrower.
+  def test_stats_fit_the_terminal
+    stream = frame(1, "\x81".b) * 100 + frame(1, "\x81".b * 4)
+    { nil => 80, '' => 80, 'wide' => 80, '0' => 80, '-1' => 80, '200' => 80, '80' => 80, '79' => 79, '60' => 60,
+      '41' => 41, '40' => 41, '1' => 41 }.each do |columns, expected|
+      out, = Open3.capture3({ 'COLUMNS' => columns }, @program, '--stats', stdin_data: stream, binmode: true)
+      rows = out.scan(/^ .* to .*/)
+      check("COLUMNS=#{columns}", [expected, [expected - 40, 0, 1]],
+            [rows.map(&:size).max, rows.map { |row| row.count('#') }])
+    end
   end
 
   # Nothing that a peer chose, or a name, reaches a terminal as a control; and what is read back is what was sent.

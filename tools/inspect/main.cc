@@ -5,12 +5,15 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include <unistd.h>
 
 #include <fmt/format.h>
 
+#include "proto/frame_header.h"
 #include "tools/inspect/byte_source.h"
 #include "tools/inspect/json_report.h"
 #include "tools/inspect/options.h"
@@ -42,6 +45,36 @@ bool wants_progress(const Options& options, const ByteSource& source) {
          (options.stats || ::isatty(STDOUT_FILENO) == 0);
 }
 
+/// Whether these first bytes are a header as peers write it. Values may begin like that, too, so nothing but a hint
+/// depends on it.
+bool looks_like_frame(std::string_view bytes, uint32_t max_length) {
+  using namespace VORN::PROTO;
+  if (bytes.size() < PF8_HEADER_LEN || bytes.size() < frame_header_len(bytes)) return false;
+  const auto layout = static_cast<uint8_t>(bytes[1]);
+  return static_cast<uint8_t>(bytes[0]) == PF_START_MARKER &&
+         (layout == PF8_LAYOUT_BYTE || layout == PF12_LAYOUT_BYTE) && frame_header_check_passes(bytes) &&
+         frame_payload_check_passes(bytes) && decode_frame_header(bytes).data_len <= max_length;
+}
+
+/// Tells somebody who reads frames as values what is wrong.
+class FrameHint {
+ public:
+  explicit FrameHint(const Options& options) : wanted_(options.values), max_length_(options.max_length) {}
+
+  void feed(std::string_view bytes) {
+    if (!wanted_) return;
+    head_ += bytes.substr(0, VORN::PROTO::PF12_HEADER_LEN - head_.size());
+    const bool found = looks_like_frame(head_, max_length_);
+    if (found) std::fputs("vorn-inspect: this looks like frames; leave out --values\n", stderr);
+    wanted_ = !found && head_.size() < VORN::PROTO::PF12_HEADER_LEN;
+  }
+
+ private:
+  bool wanted_;
+  const uint32_t max_length_;
+  std::string head_;
+};
+
 /// Feeds the input to a scanner, and what was found to the output before each wait. An input that begins anew
 /// is another stream, with a scanner of its own.
 template <typename Scanner>
@@ -50,6 +83,7 @@ void scan(const Options& options, Output& out, Report& report) {
   out.set_stop(source.stop());
   std::optional<ProgressBar> progress;
   if (wants_progress(options, source)) progress.emplace(*source.size());
+  FrameHint hint(options);
   std::vector<char> chunk(CHUNK);
   uint64_t done = 0;
   do {
@@ -58,6 +92,7 @@ void scan(const Options& options, Output& out, Report& report) {
       out.flush();
       const size_t n = source.read(chunk.data(), chunk.size());
       if (n == 0) break;
+      hint.feed({chunk.data(), n});
       scanner.feed({chunk.data(), n});
       done += n;
       if (progress) progress->update(done);

@@ -1,6 +1,7 @@
 #include "tools/inspect/stats_report.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <iterator>
 
 #include <fmt/format.h>
@@ -20,6 +21,15 @@ void add_counts(const char* title, const std::map<std::string, uint64_t>& counts
   for (const auto& [what, count] : counts) {
     fmt::format_to(std::back_inserter(text), "  {:>12}  {}\n", count, what);
   }
+}
+
+/// What the numbers leave of a line, for its bar: of 80 columns, or of a terminal's that has fewer.
+uint64_t bar_width() {
+  constexpr long NUMBERS = 40;
+  constexpr long USUAL = 80;
+  const char* const said = std::getenv("COLUMNS");
+  const long columns = said == nullptr ? 0 : std::strtol(said, nullptr, 10);
+  return static_cast<uint64_t>(std::clamp(columns <= 0 ? USUAL : columns, NUMBERS + 1, USUAL) - NUMBERS);
 }
 
 }  // namespace
@@ -98,7 +108,7 @@ void StatsReport::add_faults(std::string& text) const {
 
 void StatsReport::add_histogram(std::string& text) const {
   if (sizes_.count() == 0) return;
-  constexpr uint64_t WIDTH = 40;
+  const auto width = static_cast<double>(bar_width());
   const auto end = std::back_inserter(text);
   fmt::format_to(end, "{}: {} to {} bytes, {:.1f} on average\n",
                  values_ ? "sizes of values" : "sizes of payloads", sizes_.min(), sizes_.max(),
@@ -108,7 +118,7 @@ void StatsReport::add_histogram(std::string& text) const {
   for (unsigned i = sizes_.first(); i <= sizes_.last(); ++i) {
     const Histogram::Range range = sizes_.range(i);
     const double share = static_cast<double>(range.count) / static_cast<double>(most);
-    uint64_t bar = static_cast<uint64_t>(share * WIDTH);
+    uint64_t bar = static_cast<uint64_t>(share * width);
     if (bar == 0 && range.count != 0) bar = 1;
     fmt::format_to(end, "  {:>10} to {:<10} {:>12} {}\n", range.from, range.to, range.count,
                    std::string(bar, '#'));
