@@ -1,10 +1,12 @@
+# frozen_string_literal: true
+
 # One message from a client to a server and back, over a pair of connected sockets.
 require "socket"
 require "vorn_rpc"
 
 # Sends the values in one frame. The frame is reused: reset keeps its storage.
 def send_frame(socket, frame, *values)
-  frame.reset                      # skips the header, which would overwrite the data otherwise
+  frame.reset # skips the header, which would overwrite the data otherwise
   values.each { |value| frame << value }
   frame.compute_frame_header
   socket.write(frame.to_str)

@@ -1,3 +1,5 @@
+# frozen_string_literal: true
+
 # usage: client.rb PORT FILE (ruby|native)
 #
 # Sends the records in FILE (of collect.rb) to the Ruby or C++ server at PORT and compares what comes back. Exits 0

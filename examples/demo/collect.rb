@@ -1,3 +1,5 @@
+# frozen_string_literal: true
+
 # usage: collect.rb COUNT FILE
 #
 # Puts up to COUNT records of this machine into FILE, so that all acts send the same ones.

@@ -1,3 +1,5 @@
+# frozen_string_literal: true
+
 # Real records of this machine, as the values that a message can carry: the installed packages, and files.
 require "vorn_rpc"
 

@@ -1,3 +1,5 @@
+# frozen_string_literal: true
+
 # Listens on a port that the system chooses, prints its number, and serves one client: checks each record that
 # arrives and sends back what it decoded and what it counted.
 require "socket"

@@ -1,3 +1,5 @@
+# frozen_string_literal: true
+
 # Frames over a socket.
 require "vorn_rpc"
 

@@ -1,3 +1,5 @@
+# frozen_string_literal: true
+
 # What both sides compute over a value and compare: the count of values, the count of bytes in strings and symbols,
 # and a sum over those bytes that depends on the order of the values. All stay below 2**31, so that they can be sent.
 # Hashes count in the order of their keys' bytes: a C++ peer keeps them in no other. Keys are strings.

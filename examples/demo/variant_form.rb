@@ -1,3 +1,5 @@
+# frozen_string_literal: true
+
 # What a value is when it comes back from a C++ peer: variants know no encodings, so strings come back as UTF-8 and
 # hash keys as binary, in the order of their bytes; and the peer of this demonstration takes symbols as strings.
 module VariantForm

@@ -10,13 +10,13 @@ require "vorn_rpc_ext"
 # hold: an exception of ours or of the interpreter's, or a value; a buffer that serves afterwards; and bytes of other
 # buffers that stay as they are.
 module Interruptions
-
   class Stopped < StandardError
   end
 
   # What may come out. Everything else is a fault, of ours or of this program. An EncodingError is for a symbol that was
   # overwritten while it was read.
-  OUTCOMES = [Stopped, Timeout::Error, RuntimeError, EncodingError, FiberError, RangeError, NoMethodError, ThreadError].freeze
+  OUTCOMES = [Stopped, Timeout::Error, RuntimeError, EncodingError, FiberError, RangeError, NoMethodError,
+              ThreadError].freeze
 
   # A Hash whose `each` takes a step before, between and after its entries.
   class Stepping < Hash
@@ -250,14 +250,20 @@ module Interruptions
     end
 
     def verify
-      GC.verify_compaction_references(**(RUBY_VERSION < "3.2" ? { toward: :empty } : { toward: :empty, expand_heap: false }))
+      options = { toward: :empty }
+      options[:expand_heap] = false if RUBY_VERSION >= "3.2"
+      GC.verify_compaction_references(**options)
     end
 
     def step_change(_)
       container = pick(@containers)
       case container
-      when Array then pick([-> { container.clear }, -> { container.concat([nil] * 500) }, -> { container.shift }, -> { container.replace([1]) }]).call
-      when Hash then pick([-> { container.clear }, -> { container.delete(container.keys.first) }, -> { container[below(9)] = 1 }, -> { container.rehash }]).call
+      when Array
+        pick([-> { container.clear }, -> { container.concat([nil] * 500) }, -> { container.shift },
+              -> { container.replace([1]) }]).call
+      when Hash
+        pick([-> { container.clear }, -> { container.delete(container.keys.first) }, -> { container[below(9)] = 1 },
+              -> { container.rehash }]).call
       end
     rescue RuntimeError # of a Hash that is iterated
       nil
@@ -265,7 +271,8 @@ module Interruptions
 
     def step_use(_)
       buf = pick(@buffers)
-      pick([-> { buf << [1, "two"] }, -> { buf.write_raw("x" * pick([1, 70_000])) }, -> { buf.reset }, -> { buf.seek(below(50)) },
+      pick([-> { buf << [1, "two"] }, -> { buf.write_raw("x" * pick([1, 70_000])) }, -> { buf.reset },
+            -> { buf.seek(below(50)) },
             -> { buf.to_str }, -> { buf.write_object(value(1)) }, -> { buf.copy_object(pick(@buffers)) },
             -> { buf.extract_object }, -> { buf.dup }, -> { @buffers[below(3)] = PacketBuf.new }]).call
     rescue *OUTCOMES, TypeError
@@ -322,7 +329,7 @@ module Interruptions
       raise Stopped
     end
 
-    def step_time_out(block)
+    def step_time_out(_block)
       Timeout.timeout(0.001) { sleep }
     end
 
@@ -345,7 +352,7 @@ module Interruptions
     end
 
     class Leaving < Hash
-      def each(&block)
+      def each()
         yield 1, 2
         Fiber.yield
       end

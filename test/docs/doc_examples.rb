@@ -1,3 +1,5 @@
+# frozen_string_literal: true
+
 # Runs the examples of Markdown documents and compares what they do with what they say. bin/test documents calls it.
 #
 # The ```ruby blocks of a document run in order, in one process, and share their local variables. In them
@@ -194,7 +196,7 @@ class Document
       if line.start_with?("$ ")
         check_command(block.first_line + index - 1, command, expected, folder)
         command = line[2..-1].chomp
-        expected = ""
+        expected = +""
       else
         expected << line
       end

@@ -1,3 +1,5 @@
+# frozen_string_literal: true
+
 # Compares the error texts in the sources with the table in docs/operations/operating.md: each text has its row, and
 # each row of the library's own texts has its source. bin/test documents calls it.
 

@@ -1,3 +1,5 @@
+# frozen_string_literal: true
+
 # Checks that each link between the documents leads to a file, and to a heading where it names one, and that the indexes
 # of docs/ name each document. bin/test documents calls it.
 

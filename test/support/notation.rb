@@ -1,3 +1,5 @@
+# frozen_string_literal: true
+
 # Prints a Ruby object in the notation of test/vectors/, which shows what `==` and `inspect` hide: a double's
 # bits, a string's encoding, a symbol's bytes.
 module Notation

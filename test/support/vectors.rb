@@ -1,3 +1,5 @@
+# frozen_string_literal: true
+
 # Reads the tables in test/vectors/, which the C++ suite reads too. The form of the lines and the notation of
 # values are described there.
 module Vectors

@@ -1,5 +1,7 @@
-require 'json'
-require_relative 'message_text'
+# frozen_string_literal: true
+
+require "json"
+require_relative "message_text"
 
 # From the values of vorn-inspect --json: to the text that the library renders, and to the notation of
 # test/vectors/ in which strings have no encoding.
@@ -8,8 +10,8 @@ module JsonText
 
   def text(value)
     case value
-    when nil then 'nil'
-    when Float then format('%f', value)
+    when nil then "nil"
+    when Float then format("%f", value)
     when String then MessageText.quoted(value.b)
     when Array then "[#{value.map { |element| text(element) }.join(', ')}]"
     when Hash then special(value) { |kind, content| send("text_of_#{kind}", content) }
@@ -19,9 +21,9 @@ module JsonText
 
   def notation(value)
     case value
-    when nil then 'nil'
-    when Float then 'd:' + [value].pack('G').unpack('H*').first.upcase
-    when String then 't:' + value.unpack('H*').first.upcase
+    when nil then "nil"
+    when Float then "d:" + [value].pack("G").unpack("H*").first.upcase
+    when String then "t:" + value.unpack("H*").first.upcase
     when Array then "[#{value.map { |element| notation(element) }.join(' ')}]"
     when Hash then special(value) { |kind, content| send("notation_of_#{kind}", content) }
     else value.to_s
@@ -31,19 +33,19 @@ module JsonText
   def special(object)
     kind = object.size == 1 && object.keys.first[/\A\$(bytes|double|hash)\z/, 1]
     return yield kind, object.values.first if kind
-    raise "a name that begins with a dollar sign: #{object}" if object.keys.any? { |key| key.start_with?('$') }
-    yield 'hash', object.to_a
+    raise "a name that begins with a dollar sign: #{object}" if object.keys.any? { |key| key.start_with?("$") }
+    yield "hash", object.to_a
   end
 
   def text_of_bytes(digits)
-    MessageText.quoted([digits].pack('H*'))
+    MessageText.quoted([digits].pack("H*"))
   end
 
   # C prints the sign of what is not a number.
   def text_of_double(bits)
-    number = [bits].pack('H*').unpack('G').first
-    sign = bits.to_i(16) >> 63 == 1 ? '-' : ''
-    sign + (number.nan? ? 'nan' : 'inf')
+    number = [bits].pack("H*").unpack("G").first
+    sign = bits.to_i(16) >> 63 == 1 ? "-" : ""
+    sign + (number.nan? ? "nan" : "inf")
   end
 
   def text_of_hash(pairs)
@@ -51,11 +53,11 @@ module JsonText
   end
 
   def notation_of_bytes(digits)
-    't:' + digits.upcase
+    "t:" + digits.upcase
   end
 
   def notation_of_double(bits)
-    'd:' + bits.upcase
+    "d:" + bits.upcase
   end
 
   def notation_of_hash(pairs)
@@ -63,6 +65,6 @@ module JsonText
   end
 
   def in_order(pairs)
-    pairs.sort_by { |key, _| key.is_a?(Hash) ? [key['$bytes']].pack('H*') : key.b }
+    pairs.sort_by { |key, _| key.is_a?(Hash) ? [key["$bytes"]].pack("H*") : key.b }
   end
 end

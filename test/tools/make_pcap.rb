@@ -1,3 +1,5 @@
+# frozen_string_literal: true
+
 # Writes capture files of TCP connections whose segments are cut just as a test wants them, which no real
 # connection promises.
 #
@@ -12,7 +14,7 @@ class PcapWriter
   Peer = Struct.new(:address, :port, :seq)
 
   def self.open(path)
-    File.open(path, 'wb') { |file| yield new(file) }
+    File.open(path, "wb") { |file| yield new(file) }
   end
 
   # snap_length: how much of a packet is kept.
@@ -21,7 +23,7 @@ class PcapWriter
     @snap_length = snap_length
     @microseconds = 1_000_000
     @connections = 0
-    io.write([0xA1B2C3D4, 2, 4, 0, 0, 262_144, RAW_IP].pack('L<S<S<l<L<L<L<'))
+    io.write([0xA1B2C3D4, 2, 4, 0, 0, 262_144, RAW_IP].pack("L<S<S<l<L<L<L<"))
   end
 
   # Writes a whole connection. `segments` are strings, sent by the client, or pairs of :client or :server and a
@@ -60,13 +62,13 @@ class PcapWriter
 
   private
 
-  def packet(from, to, flags, bytes = '')
+  def packet(from, to, flags, bytes = "")
     raise ArgumentError, "segment of #{bytes.bytesize} bytes" if bytes.bytesize > MAX_SEGMENT
-    tcp = [from.port, to.port, from.seq, to.seq, 5 << 4, flags, 65_535, 0, 0].pack('nnNNCCnnn')
-    pseudo = (from.address + to.address).pack('C8') + [0, 6, tcp.bytesize + bytes.bytesize].pack('CCn')
-    tcp[16, 2] = [checksum(pseudo + tcp + bytes)].pack('n')
-    ip = [0x45, 0, 20 + tcp.bytesize + bytes.bytesize, 0, 0, 64, 6, 0, *from.address, *to.address].pack('CCnnnCCnC8')
-    ip[10, 2] = [checksum(ip)].pack('n')
+    tcp = [from.port, to.port, from.seq, to.seq, 5 << 4, flags, 65_535, 0, 0].pack("nnNNCCnnn")
+    pseudo = (from.address + to.address).pack("C8") + [0, 6, tcp.bytesize + bytes.bytesize].pack("CCn")
+    tcp[16, 2] = [checksum(pseudo + tcp + bytes)].pack("n")
+    ip = [0x45, 0, 20 + tcp.bytesize + bytes.bytesize, 0, 0, 64, 6, 0, *from.address, *to.address].pack("CCnnnCCnC8")
+    ip[10, 2] = [checksum(ip)].pack("n")
     record(ip + tcp + bytes)
     from.seq += bytes.bytesize + (flags & (SYN | FIN) == 0 ? 0 : 1)
   end
@@ -74,11 +76,11 @@ class PcapWriter
   def record(packet)
     @microseconds += 100
     kept = packet.byteslice(0, @snap_length)
-    @io.write([*@microseconds.divmod(1_000_000), kept.bytesize, packet.bytesize].pack('L<4') + kept)
+    @io.write([*@microseconds.divmod(1_000_000), kept.bytesize, packet.bytesize].pack("L<4") + kept)
   end
 
   def checksum(bytes)
-    sum = (bytes.bytesize.odd? ? bytes + "\0" : bytes).unpack('n*').inject(0) { |all, word| all + word }
+    sum = (bytes.bytesize.odd? ? bytes + "\0" : bytes).unpack("n*").inject(0) { |all, word| all + word }
     sum = (sum & 0xFFFF) + (sum >> 16) while sum > 0xFFFF
     ~sum & 0xFFFF
   end

@@ -1,4 +1,6 @@
-require 'strscan'
+# frozen_string_literal: true
+
+require "strscan"
 
 # From the notation of test/vectors/ to the text that the dissector shows for a message.
 class MessageText
@@ -10,7 +12,8 @@ class MessageText
     escaped = bytes.each_byte.map { |byte|
       if byte < 0x20 || byte >= 0x80 then format('\x%02x', byte)
       elsif byte == 0x22 || byte == 0x5C then "\\#{byte.chr}"
-      else byte.chr
+      else
+        byte.chr
       end
     }
     %("#{escaped.join}")
@@ -31,18 +34,19 @@ class MessageText
   def value
     @in.skip(/ +/)
     if @in.scan(/nil|true|false|-?\d+/) then @in.matched
-    elsif @in.scan(/d:(\h{16})/) then format_double([@in[1]].pack('H*').unpack('G').first, @in[1])
-    elsif @in.scan(/[bust]:((?:\h\h)*)/) then self.class.quoted([@in[1]].pack('H*'))
+    elsif @in.scan(/d:(\h{16})/) then format_double([@in[1]].pack("H*").unpack("G").first, @in[1])
+    elsif @in.scan(/[bust]:((?:\h\h)*)/) then self.class.quoted([@in[1]].pack("H*"))
     elsif @in.skip(/\[/) then "[#{members.join(', ')}]"
     elsif @in.skip(/\{/) then "{#{entries.join(', ')}}"
-    else raise "no notation: #{@in.string} at #{@in.pos}"
+    else
+      raise "no notation: #{@in.string} at #{@in.pos}"
     end
   end
 
   # C prints the sign of what is not a number, Ruby does not.
   def format_double(number, bits)
-    return bits.to_i(16) >> 63 == 1 ? '-nan' : 'nan' if number.nan?
-    number.infinite? ? format('%f', number).downcase : format('%f', number)
+    return bits.to_i(16) >> 63 == 1 ? "-nan" : "nan" if number.nan?
+    number.infinite? ? format("%f", number).downcase : format("%f", number)
   end
 
   def members

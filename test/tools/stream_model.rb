@@ -1,3 +1,5 @@
+# frozen_string_literal: true
+
 # What a receiver makes of a stream when it resets its frame after every frame and every error: the least code
 # that says so, to compare with.
 module StreamModel
@@ -26,12 +28,12 @@ module StreamModel
     return if header.bytesize < 2
     layout = header.getbyte(1).odd? ? 8 : 12
     return if header.bytesize < layout
-    return Frame.new(layout, nil, nil, 'Bad Header CRC', layout) if layout == 12 && header.getbyte(11) != 0x5A
-    seq, length = header.unpack('x2nN')
+    return Frame.new(layout, nil, nil, "Bad Header CRC", layout) if layout == 12 && header.getbyte(11) != 0x5A
+    seq, length = header.unpack("x2nN")
     length >>= 8 if layout == 12
-    return Frame.new(layout, seq, length, 'Payload size exceeds soft limit', layout) if length > 0x7FFFFFFF
+    return Frame.new(layout, seq, length, "Payload size exceeds soft limit", layout) if length > 0x7FFFFFFF
     return if stream.bytesize - pos < layout + length
     bad = layout == 12 && header.byteslice(7, 4) != "\xDE\xAD\xBE\xEF".b
-    Frame.new(layout, seq, length, bad ? 'Bad Payload Data CRC' : nil, layout + length)
+    Frame.new(layout, seq, length, bad ? "Bad Payload Data CRC" : nil, layout + length)
   end
 end
