@@ -20,10 +20,7 @@ install(TARGETS ${vorn_rpc_targets} EXPORT vorn_rpc
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vorn_rpc)
-install(DIRECTORY proto DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vorn_rpc FILES_MATCHING PATTERN "*.h")
-if(vorn_rpc_has_vobject)
-  install(DIRECTORY vobject DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vorn_rpc FILES_MATCHING PATTERN "*.h")
-endif()
+install(DIRECTORY proto vobject DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vorn_rpc FILES_MATCHING PATTERN "*.h")
 
 set(vorn_rpc_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/vorn_rpc)
 install(EXPORT vorn_rpc NAMESPACE vorn_rpc:: FILE vorn_rpc-targets.cmake DESTINATION ${vorn_rpc_cmake_dir})
@@ -46,10 +43,6 @@ else()
   set(pc_prefix "\${pcfiledir}/${pc_up}")
   set(pc_libdir "\${prefix}/${CMAKE_INSTALL_LIBDIR}")
   set(pc_includedir "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
-endif()
-set(pc_threads "")
-if(vorn_rpc_has_vobject)
-  set(pc_threads "-pthread")
 endif()
 configure_file(cmake/vorn_rpc.pc.in vorn_rpc.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vorn_rpc.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

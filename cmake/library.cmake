@@ -26,25 +26,20 @@ set_target_properties(${vorn_rpc_shared_target} PROPERTIES
   VERSION ${PROJECT_VERSION}
   SOVERSION ${PROJECT_VERSION_MAJOR})
 
-add_subdirectory(proto)
-set(vorn_rpc_has_vobject OFF)
-if(EXISTS ${PROJECT_SOURCE_DIR}/vobject/CMakeLists.txt)
-  set(vorn_rpc_has_vobject ON)
-  # Boost's own package file is found; CMake's module, which found it for older releases, is gone from newer ones.
-  if(POLICY CMP0167)
-    cmake_policy(SET CMP0167 NEW)
-  endif()
-  find_package(Boost 1.62 REQUIRED)
-  find_package(Threads REQUIRED)
-  add_subdirectory(vobject)
+# Boost's own package file is found; CMake's module, which found it for older releases, is gone from newer ones.
+if(POLICY CMP0167)
+  cmake_policy(SET CMP0167 NEW)
 endif()
+find_package(Boost 1.62 REQUIRED)
+find_package(Threads REQUIRED)
+
+add_subdirectory(proto)
+add_subdirectory(vobject)
 
 foreach(target IN LISTS vorn_rpc_targets)
   target_compile_features(${target} PUBLIC cxx_std_17)
   target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
-  if(vorn_rpc_has_vobject)
-    target_link_libraries(${target} PUBLIC Boost::boost Threads::Threads)
-  endif()
+  target_link_libraries(${target} PUBLIC Boost::boost Threads::Threads)
 endforeach()
 
 # The names that an installed package offers serve inside one build too.

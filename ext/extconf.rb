@@ -13,7 +13,7 @@ require "mkmf"
 require "shellwords"
 
 ROOT = File.expand_path("..", __dir__)
-PARTS = %w[ext proto vobject].select { |part| File.directory?(File.join(ROOT, part)) }
+PARTS = %w[ext proto vobject]
 
 # --- compiler ---------------------------------------------------------------------------------------------
 
@@ -46,10 +46,8 @@ require_that("a C++17 compiler", compiles?("#include <string_view>\nint main() {
              "install g++ 8 or clang++ 7 or newer (Debian: apt-get install g++), or name one in CXX")
 require_that("Ruby's headers", compiles?("#include <ruby.h>\n"),
              "install the interpreter's development package (Debian: apt-get install ruby-dev)")
-if PARTS.include?("vobject")
-  boost = "#include <boost/make_shared.hpp>\n#include <boost/thread/recursive_mutex.hpp>\n"
-  require_that("Boost's headers", compiles?(boost), "install Boost (Debian: apt-get install libboost-dev)")
-end
+boost = "#include <boost/make_shared.hpp>\n#include <boost/thread/recursive_mutex.hpp>\n"
+require_that("Boost's headers", compiles?(boost), "install Boost (Debian: apt-get install libboost-dev)")
 
 # --- what the interpreter has -----------------------------------------------------------------------------
 
