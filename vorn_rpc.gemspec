@@ -87,7 +87,10 @@ Gem::Specification.new do |gem|
     vobject/vobject_deserialize.cc
     vobject/vobject_diff.cc
     vobject/vobject_equality.cc
+    vobject/vobject_internal.h
     vobject/vobject_merge.cc
+    vobject/vobject_payload.cc
+    vobject/vobject_payload.h
     vobject/vobject_reference.cc
     vobject/vobject_serialize.cc
     vobject/vobject_string.h

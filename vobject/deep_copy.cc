@@ -1,12 +1,12 @@
 #include "proto/packet_buf.h"
-#include "vobject/vobject.h"
+#include "vobject/vobject_internal.h"
 
 namespace VORN {
 
 VObject& deep_copy(const VObject& source, VObject& target) {
   constexpr uint32_t MAXDEPTH = 64;
   // What the target held is kept to the end: the source may be part of it.
-  const VObject old(std::move(target.target()));
+  const VObject old(std::move(VObjectInternal::target(target)));
   PROTO::PacketBuf buf;
   source.serialize(buf, MAXDEPTH);
   const uint64_t end = buf.pos();

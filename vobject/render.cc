@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "vobject/symbol_table.h"
+#include "vobject/vobject_internal.h"
 
 namespace VORN {
 
@@ -80,17 +81,18 @@ void escape_str(const std::string& bytes, std::string& out, char quote) {
 }
 
 void render(const VObject& v, std::string& out) {
-  switch (v.tag_) {
+  const VObjectPayload& payload = VObjectInternal::payload(v);
+  switch (payload.tag()) {
     case DT_NIL: out += "nil"; break;
-    case DT_INT: out += std::to_string(v.as_int()); break;
-    case DT_DOUBLE: render_double(v.as_double(), out); break;
-    case DT_BOOL: out += v.inline_.word != 0 ? "true" : "false"; break;
-    case DT_SYMBOL: render_symbol(v.as_symbol(), out); break;
-    case DT_STR: escape_str(v.as_str(), out, '"'); break;
-    case DT_HASH: render_hash(v.as_hash(), out); break;
-    case DT_VECTOR: render_vector(v.as_vec(), out); break;
+    case DT_INT: out += std::to_string(payload.integer()); break;
+    case DT_DOUBLE: render_double(payload.real(), out); break;
+    case DT_BOOL: out += payload.boolean() ? "true" : "false"; break;
+    case DT_SYMBOL: render_symbol(payload.symbol(), out); break;
+    case DT_STR: escape_str(payload.str(), out, '"'); break;
+    case DT_HASH: render_hash(payload.hash(), out); break;
+    case DT_VECTOR: render_vector(payload.vec(), out); break;
     case DT_UDT:
-      if (const VObjectUDT* const object = v.as_udt()) {
+      if (const VObjectUDT* const object = payload.udt()) {
         object->udt_render(out);
       } else {
         out += "<UDT:NULL>";
@@ -98,12 +100,12 @@ void render(const VObject& v, std::string& out) {
       break;
     case DT_REF:
       out += "<REF:";
-      render(*v.ref_, out);
+      render(*payload.referent(), out);
       out += '>';
       break;
     default:
       out += "<unknown_type:";
-      out += std::to_string(v.tag_);
+      out += std::to_string(payload.tag());
       out += '>';
       break;
   }

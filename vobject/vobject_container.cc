@@ -8,35 +8,35 @@ namespace VORN {
 
 bool VObject::has_key(const char* key) const {
   const VObject& t = target();
-  return t.tag_ == DT_HASH && t.as_hash().find(string_ref(key)) != t.as_hash().end();
+  return t.type() == DT_HASH && t.payload_.hash().find(string_ref(key)) != t.payload_.hash().end();
 }
 
 VObject& VObject::fetch(const char* key) {
   const VObject& t = target();
-  if (t.tag_ != DT_HASH) throw VornRuntimeError("non-const VObject::fetch called on non-hash object");
-  return t.as_hash().try_emplace(string_ref(key)).first->second;
+  if (t.type() != DT_HASH) throw VornRuntimeError("non-const VObject::fetch called on non-hash object");
+  return t.payload_.hash().try_emplace(string_ref(key)).first->second;
 }
 
 const VObject& VObject::fetch(const char* key) const {
   static const VObject nil;
-  if (tag_ == DT_REF) return ref_->fetch(key);
-  if (tag_ != DT_HASH) return nil;
-  const VObjectHash& hash = as_hash();
+  if (type() == DT_REF) return payload_.referent()->fetch(key);
+  if (type() != DT_HASH) return nil;
+  const VObjectHash& hash = payload_.hash();
   const auto found = hash.find(string_ref(key));
   return found == hash.end() ? nil : found->second;
 }
 
 VObject& VObject::store(const char* key, const VObject& value) {
   VObject& t = target();
-  if (t.tag_ != DT_HASH) throw VornRuntimeError("VObject::store called on non-hash object");
-  t.as_hash().try_emplace(string_ref(key)).first->second = value;
+  if (t.type() != DT_HASH) throw VornRuntimeError("VObject::store called on non-hash object");
+  t.payload_.hash().try_emplace(string_ref(key)).first->second = value;
   return t;
 }
 
 VObject& VObject::at(int64_t index) {
   const VObject& t = target();
-  if (t.tag_ != DT_VECTOR) throw VornRuntimeError("non-const VObject::at called on non-vector object");
-  VObjectVector& elements = t.as_vec();
+  if (t.type() != DT_VECTOR) throw VornRuntimeError("non-const VObject::at called on non-vector object");
+  VObjectVector& elements = t.payload_.vec();
   const int64_t size = static_cast<int64_t>(elements.size());
   const int64_t position = index < 0 ? index + size : index;
   if (position < 0 || position >= size) throw VornRuntimeError("non-const VObject::at: index out of range");
@@ -45,15 +45,15 @@ VObject& VObject::at(int64_t index) {
 
 VObject& VObject::append(const VObject& value) {
   VObject& t = target();
-  if (t.tag_ != DT_VECTOR) throw VornRuntimeError("VObject::append called on non-vector object");
-  t.as_vec().push_back(value);
+  if (t.type() != DT_VECTOR) throw VornRuntimeError("VObject::append called on non-vector object");
+  t.payload_.vec().push_back(value);
   return t;
 }
 
 VObject& VObject::append(const VObjectVector& values) {
   VObject& t = target();
-  if (t.tag_ != DT_VECTOR) throw VornRuntimeError("VObject::append called on non-vector object");
-  VObjectVector& elements = t.as_vec();
+  if (t.type() != DT_VECTOR) throw VornRuntimeError("VObject::append called on non-vector object");
+  VObjectVector& elements = t.payload_.vec();
   if (&values == &elements) {
     VObjectVector copy(values);
     elements.insert(elements.end(), std::make_move_iterator(copy.begin()), std::make_move_iterator(copy.end()));

@@ -7,7 +7,7 @@
 
 #include "proto/value_wire.h"
 #include "proto/vorn_runtime_error.h"
-#include "vobject/vobject.h"
+#include "vobject/vobject_internal.h"
 
 namespace VORN {
 
@@ -62,9 +62,7 @@ std::string_view read_str(WireReader& in) {
   return bytes;
 }
 
-}  // namespace
-
-struct VObject::DeserializeContext {
+struct DeserializeContext {
   WireReader& in;
   const uint64_t value_end;  ///< no value, member or end mark starts from here on
   const bool symbols_as_strings;
@@ -81,39 +79,87 @@ struct VObject::DeserializeContext {
   }
 };
 
-void VObject::deserialize(PacketBuf& buf, uint64_t end, VObject& out, bool symbols_as_strings,
-                          uint32_t maxdepth) {
-  const int32_t limit = static_cast<int32_t>(maxdepth);
-  ArrayCounts counts;
-  WireReader scanner(buf);
-  // The bytes of strings are checked when they are taken: this pass skips them.
-  const ValueFault fault = scan_value(scanner, {limit, end, UINT64_MAX}, counts);
-  if (fault != ValueFault::none) {
-    scanner.commit(buf);
-    fail(fault);
-  }
-  CommittedReader in(buf);
-  DeserializeContext ctx{in, std::min(end, in.limit()), symbols_as_strings, limit, 0, counts};
-  deserialize(ctx, out);
+void deserialize_value(DeserializeContext& ctx, VObject& out);
+
+void deserialize_str(DeserializeContext& ctx, VObject& out) {
+  const std::string_view bytes = read_str(ctx.in);
+  VObjectInternal::payload(out).replace({DT_STR, boost::make_shared<VObjectString>(bytes.data(), bytes.size())});
 }
 
-void VObject::deserialize(DeserializeContext& ctx, VObject& out) {
+void set_double(VObject& out, double value) {
+  VObjectInternal::payload(out).set_scalar(DT_DOUBLE, VObjectPayload::word_of(value));
+}
+
+void deserialize_float(DeserializeContext& ctx, VObject& out) {
+  float value;
+  if (!ctx.in.read_float(value)) fail(ValueFault::underrun_float);
+  set_double(out, double{value});
+}
+
+void deserialize_double(DeserializeContext& ctx, VObject& out) {
+  double value;
+  if (!ctx.in.read_double(value)) fail(ValueFault::underrun_double);
+  set_double(out, value);
+}
+
+// A frame of its own: inlined, it would make that of deserialize_value() larger for scalars too.
+[[gnu::noinline]] void deserialize_hash(DeserializeContext& ctx, VObject& out) {
+  WireReader& in = ctx.in;
+  out.reset_hash();
+  VObjectHash& hash = VObjectInternal::payload(out).hash();
+  for (;;) {
+    if (ctx.at_end()) fail(ValueFault::underrun_hash);
+    if (in.peek() == PTT_HASH_END) {
+      in.skip(1);
+      return;
+    }
+    if (!ctx.at_str()) {
+      VObject key;
+      deserialize_value(ctx, key);
+      fail_key_not_string();
+    }
+    if (ctx.depth >= ctx.maxdepth) fail(ValueFault::max_depth);
+    in.skip(1);
+    const std::string_view key = read_str(in);
+    // Keys mostly come in their order, so each is tried behind the last.
+    const auto element = hash.try_emplace(hash.end(), string_ref(key.data(), key.size()));
+    deserialize_value(ctx, element->second);
+  }
+}
+
+[[gnu::noinline]] void deserialize_array(DeserializeContext& ctx, VObject& out) {
+  WireReader& in = ctx.in;
+  out.reset_vector(ctx.array_counts.next());
+  VObjectVector& elements = VObjectInternal::payload(out).vec();
+  while (!ctx.at_end()) {
+    if (in.peek() == PTT_ARRAY_END) {
+      in.skip(1);
+      return;
+    }
+    elements.emplace_back();
+    deserialize_value(ctx, elements.back());
+  }
+  fail(ValueFault::underrun_array);
+}
+
+void deserialize_value(DeserializeContext& ctx, VObject& out) {
   WireReader& in = ctx.in;
   if (++ctx.depth > ctx.maxdepth) fail(ValueFault::max_depth);
   if (ctx.at_end()) fail(ValueFault::underrun);
-  out.put_inline(DT_NIL, 0);
+  VObjectPayload& payload = VObjectInternal::payload(out);
+  payload.set_scalar(DT_NIL, 0);
   const uint8_t type = in.peek();
   if (type >= PTT_INT) {
     int64_t value;
     const bool complete = in.read_int(value);
-    out.put_inline(DT_INT, word_of(value));
+    payload.set_scalar(DT_INT, VObjectPayload::word_of(value));
     if (!complete) fail(ValueFault::underrun_int);
   } else {
     in.skip(1);
     switch (type) {
       case PTT_NIL: break;
-      case PTT_FALSE: out.put_inline(DT_BOOL, 0); break;
-      case PTT_TRUE: out.put_inline(DT_BOOL, 1); break;
+      case PTT_FALSE: payload.set_scalar(DT_BOOL, 0); break;
+      case PTT_TRUE: payload.set_scalar(DT_BOOL, 1); break;
       case PTT_FLOAT: deserialize_float(ctx, out); break;
       case PTT_DOUBLE: deserialize_double(ctx, out); break;
       case PTT_BINSTR:
@@ -130,60 +176,22 @@ void VObject::deserialize(DeserializeContext& ctx, VObject& out) {
   --ctx.depth;
 }
 
-void VObject::deserialize_hash(DeserializeContext& ctx, VObject& out) {
-  WireReader& in = ctx.in;
-  out.reset_hash();
-  VObjectHash& hash = out.as_hash();
-  for (;;) {
-    if (ctx.at_end()) fail(ValueFault::underrun_hash);
-    if (in.peek() == PTT_HASH_END) {
-      in.skip(1);
-      return;
-    }
-    if (!ctx.at_str()) {
-      VObject key;
-      deserialize(ctx, key);
-      fail_key_not_string();
-    }
-    if (ctx.depth >= ctx.maxdepth) fail(ValueFault::max_depth);
-    in.skip(1);
-    const std::string_view key = read_str(in);
-    // Keys mostly come in their order, so each is tried behind the last.
-    const auto element = hash.try_emplace(hash.end(), string_ref(key.data(), key.size()));
-    deserialize(ctx, element->second);
+}  // namespace
+
+void VObject::deserialize(PacketBuf& buf, uint64_t end, VObject& out, bool symbols_as_strings,
+                          uint32_t maxdepth) {
+  const int32_t limit = static_cast<int32_t>(maxdepth);
+  ArrayCounts counts;
+  WireReader scanner(buf);
+  // The bytes of strings are checked when they are taken: this pass skips them.
+  const ValueFault fault = scan_value(scanner, {limit, end, UINT64_MAX}, counts);
+  if (fault != ValueFault::none) {
+    scanner.commit(buf);
+    fail(fault);
   }
-}
-
-void VObject::deserialize_array(DeserializeContext& ctx, VObject& out) {
-  WireReader& in = ctx.in;
-  out.reset_vector(ctx.array_counts.next());
-  VObjectVector& elements = out.as_vec();
-  while (!ctx.at_end()) {
-    if (in.peek() == PTT_ARRAY_END) {
-      in.skip(1);
-      return;
-    }
-    elements.emplace_back();
-    deserialize(ctx, elements.back());
-  }
-  fail(ValueFault::underrun_array);
-}
-
-void VObject::deserialize_str(DeserializeContext& ctx, VObject& out) {
-  const std::string_view bytes = read_str(ctx.in);
-  out.put_shared(DT_STR, boost::make_shared<VObjectString>(bytes.data(), bytes.size()));
-}
-
-void VObject::deserialize_float(DeserializeContext& ctx, VObject& out) {
-  float value;
-  if (!ctx.in.read_float(value)) fail(ValueFault::underrun_float);
-  out.put_inline(DT_DOUBLE, word_of(double{value}));
-}
-
-void VObject::deserialize_double(DeserializeContext& ctx, VObject& out) {
-  double value;
-  if (!ctx.in.read_double(value)) fail(ValueFault::underrun_double);
-  out.put_inline(DT_DOUBLE, word_of(value));
+  CommittedReader in(buf);
+  DeserializeContext ctx{in, std::min(end, in.limit()), symbols_as_strings, limit, 0, counts};
+  deserialize_value(ctx, out);
 }
 
 }  // namespace VORN

@@ -1,7 +1,8 @@
 #include <algorithm>
+#include <cassert>
 #include <cmath>
 
-#include "vobject/vobject.h"
+#include "vobject/vobject_internal.h"
 
 namespace VORN {
 
@@ -22,42 +23,27 @@ bool farther_apart(double a, double b, double epsilon) {
   return std::isinf(distance) || std::max(a, b) > rounded(std::min(a, b) + epsilon);
 }
 
-}  // namespace
-
-bool VObject::diff(const VObject& a, VObject& out, const VObject& b, bool& structural, int parent_tag,
-                   double epsilon) {
-  // What `out` held is kept to the end: a and b may be part of it.
-  const VObject old(std::move(out.target()));
-  structural = false;
-  // Apart from `out`, which may be part of a or b: a patch that grew inside of what is compared might not end.
-  VObject patch;
-  if (!diff_into(a.target(), patch, b.target(), structural, parent_tag, epsilon)) return false;
-  out = std::move(patch);
-  return true;
-}
-
-bool VObject::diff(const VObject& a, VObject& out, const VObject& b, int parent_tag, double epsilon) {
-  bool structural;
-  return diff(a, out, b, structural, parent_tag, epsilon);
-}
+bool diff_targets(const VObject& a, VObject& out, const VObject& b, bool& structural, int parent_tag, double epsilon);
 
 /// REQUIRES: neither a nor b is a reference.
-bool VObject::diff_into(const VObject& a, VObject& out, const VObject& b, bool& structural, int parent_tag,
-                        double epsilon) {
-  if (a.tag_ != b.tag_) {
+bool diff_into(const VObject& a, VObject& out, const VObject& b, bool& structural, int parent_tag, double epsilon) {
+  assert(a.type() != DT_REF && b.type() != DT_REF);
+  if (a.type() != b.type()) {
     out = b;
     return true;
   }
   if (a == b) return false;
-  switch (a.tag_) {
+  const VObjectPayload& old = VObjectInternal::payload(a);
+  const VObjectPayload& wanted = VObjectInternal::payload(b);
+  switch (a.type()) {
     case DT_DOUBLE:
-      if (!farther_apart(a.as_double(), b.as_double(), epsilon)) return false;
+      if (!farther_apart(old.real(), wanted.real(), epsilon)) return false;
       out = b;
       return true;
 
     case DT_HASH: {
-      const VObjectHash& from = a.as_hash();
-      const VObjectHash& to = b.as_hash();
+      const VObjectHash& from = old.hash();
+      const VObjectHash& to = wanted.hash();
       out.reset_hash();
       VObjectHash& patch = out.gethash();
       for (const auto& [key, value] : to) {
@@ -67,7 +53,7 @@ bool VObject::diff_into(const VObject& a, VObject& out, const VObject& b, bool& 
           continue;
         }
         VObject change;
-        if (diff_into(found->second.target(), change, value.target(), structural, DT_HASH, epsilon)) {
+        if (diff_targets(found->second, change, value, structural, DT_HASH, epsilon)) {
           patch.try_emplace(patch.end(), key)->second = std::move(change);
         }
       }
@@ -79,8 +65,8 @@ bool VObject::diff_into(const VObject& a, VObject& out, const VObject& b, bool& 
     }
 
     case DT_VECTOR: {
-      const VObjectVector& from = a.as_vec();
-      const VObjectVector& to = b.as_vec();
+      const VObjectVector& from = old.vec();
+      const VObjectVector& to = wanted.vec();
       out.reset_vector(to.size());
       VObjectVector& patch = out.getvec();
       for (size_t i = 0; i < to.size(); ++i) {
@@ -89,10 +75,9 @@ bool VObject::diff_into(const VObject& a, VObject& out, const VObject& b, bool& 
           continue;
         }
         patch.emplace_back();
-        const VObject& value = to[i].target();
-        if (diff_into(from[i].target(), patch.back(), value, structural, DT_VECTOR, epsilon)) continue;
+        if (diff_targets(from[i], patch.back(), to[i], structural, DT_VECTOR, epsilon)) continue;
         // An element that merges into its counterpart without a change.
-        switch (value.tag_) {
+        switch (VObjectInternal::target(to[i]).type()) {
           case DT_HASH: patch.back().reset_hash(); break;
           case DT_VECTOR: patch.back().reset_vector(0); break;
           default: patch.back() = to[i]; break;
@@ -103,6 +88,29 @@ bool VObject::diff_into(const VObject& a, VObject& out, const VObject& b, bool& 
 
     default: out = b; return true;
   }
+}
+
+bool diff_targets(const VObject& a, VObject& out, const VObject& b, bool& structural, int parent_tag, double epsilon) {
+  return diff_into(VObjectInternal::target(a), out, VObjectInternal::target(b), structural, parent_tag, epsilon);
+}
+
+}  // namespace
+
+bool VObject::diff(const VObject& a, VObject& out, const VObject& b, bool& structural, int parent_tag,
+                   double epsilon) {
+  // What `out` held is kept to the end: a and b may be part of it.
+  const VObject old(std::move(out.target()));
+  structural = false;
+  // Apart from `out`, which may be part of a or b: a patch that grew inside of what is compared might not end.
+  VObject patch;
+  if (!diff_targets(a, patch, b, structural, parent_tag, epsilon)) return false;
+  out = std::move(patch);
+  return true;
+}
+
+bool VObject::diff(const VObject& a, VObject& out, const VObject& b, int parent_tag, double epsilon) {
+  bool structural;
+  return diff(a, out, b, structural, parent_tag, epsilon);
 }
 
 }  // namespace VORN

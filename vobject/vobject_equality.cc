@@ -1,36 +1,26 @@
-#include "vobject/vobject.h"
+#include <cassert>
+
+#include "vobject/vobject_internal.h"
 
 namespace VORN {
 
-bool operator==(const VObject& a, const VObject& b) {
-  const VObject* x = &a;
-  const VObject* y = &b;
-  while (x != y) {
-    if (x->tag_ == DT_REF) {
-      x = x->ref_.get();
-    } else if (y->tag_ == DT_REF) {
-      y = y->ref_.get();
-    } else {
-      return VObject::equal(*x, *y);
-    }
-  }
-  return true;
-}
+namespace {
 
-/// REQUIRES: neither is a reference.
-bool VObject::equal(const VObject& a, const VObject& b) {
-  if (a.tag_ != b.tag_) return false;
-  switch (a.tag_) {
+/// REQUIRES: neither is a reference, and user-defined values hold objects.
+bool equal(const VObjectPayload& a, const VObjectPayload& b) {
+  assert(a.tag() != DT_REF && b.tag() != DT_REF);
+  if (a.tag() != b.tag()) return false;
+  switch (a.tag()) {
     case DT_NIL: return true;
-    case DT_INT: return a.inline_.word == b.inline_.word;
-    case DT_DOUBLE: return a.as_double() == b.as_double();
-    case DT_BOOL: return (a.inline_.word != 0) == (b.inline_.word != 0);
-    case DT_SYMBOL: return a.as_symbol() == b.as_symbol();
-    case DT_STR: return a.as_str() == b.as_str();
-    case DT_UDT: return a.as_udt()->udt_equals(*b.as_udt());
+    case DT_INT: return a.integer() == b.integer();
+    case DT_DOUBLE: return a.real() == b.real();
+    case DT_BOOL: return a.boolean() == b.boolean();
+    case DT_SYMBOL: return a.symbol() == b.symbol();
+    case DT_STR: return a.str() == b.str();
+    case DT_UDT: assert(a.udt() != nullptr && b.udt() != nullptr); return a.udt()->udt_equals(*b.udt());
     case DT_HASH: {
-      const VObjectHash& x = a.as_hash();
-      const VObjectHash& y = b.as_hash();
+      const VObjectHash& x = a.hash();
+      const VObjectHash& y = b.hash();
       if (&x == &y) return true;  // each member is the same object as its counterpart
       if (x.size() != y.size()) return false;
       for (auto i = x.begin(), j = y.begin(); i != x.end(); ++i, ++j) {
@@ -39,8 +29,8 @@ bool VObject::equal(const VObject& a, const VObject& b) {
       return true;
     }
     case DT_VECTOR: {
-      const VObjectVector& x = a.as_vec();
-      const VObjectVector& y = b.as_vec();
+      const VObjectVector& x = a.vec();
+      const VObjectVector& y = b.vec();
       if (&x == &y) return true;
       if (x.size() != y.size()) return false;
       for (size_t i = 0; i < x.size(); ++i) {
@@ -50,6 +40,25 @@ bool VObject::equal(const VObject& a, const VObject& b) {
     }
     default: return false;
   }
+}
+
+}  // namespace
+
+bool operator==(const VObject& a, const VObject& b) {
+  const VObject* x = &a;
+  const VObject* y = &b;
+  while (x != y) {
+    const VObjectPayload& left = VObjectInternal::payload(*x);
+    const VObjectPayload& right = VObjectInternal::payload(*y);
+    if (left.tag() == DT_REF) {
+      x = left.referent().get();
+    } else if (right.tag() == DT_REF) {
+      y = right.referent().get();
+    } else {
+      return equal(left, right);
+    }
+  }
+  return true;
 }
 
 }  // namespace VORN

@@ -10,24 +10,21 @@ VObject& VObject::operator=(const boost::shared_ptr<VObject>& referent) {
     const VObject* const v = end->get();
     if (v == nullptr) throw VornRuntimeError("VObject::operator=: won't assign null reference");
     if (v == this) throw VornRuntimeError("VObject::operator=: won't assign reference to self");
-    if (v->tag_ != DT_REF) break;
-    end = &v->ref_;
+    if (v->type() != DT_REF) break;
+    end = &v->payload_.referent();
   }
-  VObject reference;
-  new (&reference.ref_) boost::shared_ptr<VObject>(*end);
-  reference.tag_ = DT_REF;
-  replace(std::move(reference));
+  payload_.replace(VObjectPayload(*end));
   return *this;
 }
 
 uint8_t VObject::get_ref_type() const {
-  if (tag_ != DT_REF) throw VornRuntimeError("VObject::get_ref_type called on non-reference");
-  return target().tag_;
+  if (type() != DT_REF) throw VornRuntimeError("VObject::get_ref_type called on non-reference");
+  return target().type();
 }
 
 boost::shared_ptr<VObject>& VObject::getref() {
-  if (tag_ != DT_REF) throw VornRuntimeError("VObject::getref called on non-reference");
-  return ref_;
+  if (type() != DT_REF) throw VornRuntimeError("VObject::getref called on non-reference");
+  return payload_.referent();
 }
 
 const boost::shared_ptr<VObject>& VObject::getref() const {
@@ -35,8 +32,8 @@ const boost::shared_ptr<VObject>& VObject::getref() const {
 }
 
 void VObject::unref() {
-  if (tag_ != DT_REF) throw VornRuntimeError("VObject::unref called on non-reference");
-  put_inline(DT_NIL, 0);
+  if (type() != DT_REF) throw VornRuntimeError("VObject::unref called on non-reference");
+  payload_.set_scalar(DT_NIL, 0);
 }
 
 }  // namespace VORN

@@ -19,9 +19,9 @@ uint32_t VObject::intern(const std::string& name) {
 
 VObject& VObject::intern() {
   VObject& t = target();
-  if (t.tag_ == DT_STR) {
-    t.put_inline(DT_SYMBOL, intern_string(string_ref(t.as_str())));
-  } else if (t.tag_ != DT_SYMBOL) {
+  if (t.type() == DT_STR) {
+    t.payload_.set_scalar(DT_SYMBOL, intern_string(string_ref(t.payload_.str())));
+  } else if (t.type() != DT_SYMBOL) {
     throw VornRuntimeError("VObject::intern: data type not DT_SYMBOL or DT_STR");
   }
   return t;
