@@ -6,6 +6,7 @@
 #
 #   --enable-werror      warnings of our own code are errors (for development)
 #   --enable-sanitize    with AddressSanitizer and UndefinedBehaviorSanitizer
+#   --enable-assertions  what contracts demand of callers is checked (on with --enable-sanitize)
 #   --enable-coverage    with counters for gcov
 #   CXX=...              in the environment: another compiler than the interpreter's
 
@@ -87,7 +88,9 @@ $CXXFLAGS << " -Werror" if enable_config("werror", false)
 version_script = "-Wl,--version-script=#{Shellwords.escape(File.join(ROOT, 'ext', 'vorn_rpc_ext.map'))}"
 $LDFLAGS << " " << version_script if compiles?("extern \"C\" void Init_vorn_rpc_ext() {}\n", version_script, true)
 
-if enable_config("sanitize", false)
+sanitized = enable_config("sanitize", false)
+$defs << "-DNDEBUG" unless enable_config("assertions", sanitized)
+if sanitized
   sanitize = " -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer"
   # Ruby's raise leaves our frames unseen by the sanitizer, which would go on to guard their locals' bounds.
   without_stack = ["--param=asan-stack=0", "-mllvm -asan-stack=0"].find { |option| compiles?("", "#{sanitize} #{option}") }

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -23,8 +24,9 @@ class ArrayCounts {
     return size_++;
   }
 
-  /// Checking pass: the array of that slot has so many members.
+  /// Checking pass: the array of that slot has so many members. REQUIRES: the slot came from add().
   void set(size_t slot, uint32_t count) {
+    assert(slot < size_);
     (slot < INLINE_SLOTS ? inline_[slot] : more_[slot - INLINE_SLOTS]) = count;
   }
 

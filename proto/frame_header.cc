@@ -1,5 +1,6 @@
 #include "proto/frame_header.h"
 
+#include <cassert>
 #include <cstddef>
 
 namespace VORN {
@@ -26,6 +27,7 @@ bool has_12byte_layout(std::string_view frame) {
 }  // namespace
 
 uint64_t encode_frame_header(const FrameHeader& header, bool twelve_bytes, char* out) {
+  assert(header.data_len <= (twelve_bytes ? PF12_MAX_DATA_LEN : PF8_MAX_DATA_LEN));
   put_big_endian(out, PF_START_MARKER, 1);
   put_big_endian(out + 1, twelve_bytes ? PF12_LAYOUT_BYTE : PF8_LAYOUT_BYTE, 1);
   put_big_endian(out + 2, header.seq, 2);

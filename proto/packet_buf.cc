@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstring>
-#include <functional>
 #include <stdexcept>
 
 namespace VORN {
@@ -45,18 +44,14 @@ bool PacketBuf::index_within_payload(uint64_t i) const {
 
 void PacketBuf::reserve(uint64_t n) {
   const uint64_t end = pos_ + n;
-  if (end < pos_ || end > data_.max_size()) throw std::length_error("PacketBuf::claim: position out of range");
+  if (end < pos_ || end > data_.max_size()) fail_out_of_range();
   if (end > data_.capacity()) data_.reserve(static_cast<size_t>(end));
 }
 
 void PacketBuf::write_bytes(const char* src, uint64_t n) {
   if (n == 0) return;
-  // Growing moves the bytes, so a source inside them is remembered by its index. std::less orders pointers
-  // into different objects, the operator does not.
-  const std::less<const char*> before;
-  const char* const first = data_.data();
-  if (!before(src, first) && before(src, first + data_.size())) {
-    const ptrdiff_t index = src - first;
+  if (holds(src)) {
+    const ptrdiff_t index = src - data_.data();  // growing moves the bytes
     char* const to = claim(n);
     std::memmove(to, data_.data() + index, static_cast<size_t>(n));
   } else {

@@ -5,8 +5,10 @@
 /// the bytes, so a buffer that is used again and again settles into overwriting its own storage.
 #pragma once
 
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "proto/export.h"
@@ -57,11 +59,13 @@ class VORN_API PacketBuf {
   /// moving what is there. Throws like claim().
   void reserve(uint64_t n);
 
-  /// The bytes at the position if n of them exist already, else null. The way around claim() for writers that
-  /// know a bound before they know their length: they store, then advance() past what they stored.
+  /// The way around claim() for writers that know a bound before they know their length. begin_write() gives the bytes
+  /// at the position if `most` of them exist already, else null; end_write() moves the position to where the writer has
+  /// come. REQUIRES: `end` lies between what begin_write() gave and the end of the stored bytes, and nothing was written
+  /// to the buffer in between.
   /// @{
-  char* room(uint64_t n);
-  void advance(uint64_t n) { pos_ += n; }
+  char* begin_write(uint64_t most);
+  void end_write(const char* end);
   /// @}
 
   /// The position may be set anywhere; a write beyond the stored bytes fills the gap with zeros.
@@ -73,6 +77,12 @@ class VORN_API PacketBuf {
   /// All stored bytes, from index 0. The reference is bound to this buffer, pointers into it to the next write.
   const std::string& data() const { return data_; }
 
+  /// Whether the pointer is to one of the stored bytes.
+  bool holds(const char* at) const {
+    const std::less<const char*> before;  // the operator does not order pointers into different objects
+    return !before(at, data_.data()) && before(at, data_.data() + data_.size());
+  }
+
  protected:
   /// Makes the first n bytes exist, the new ones zero. Never shrinks. Throws like claim().
   void grow_to(uint64_t n);
@@ -80,19 +90,27 @@ class VORN_API PacketBuf {
  private:
   char* claim_fallback(uint64_t n);
   /// The byte at the position. REQUIRES: it exists, or is the next one to come.
-  char* at_pos() { return &data_[static_cast<size_t>(pos_)]; }
+  char* at_pos() {
+    assert(pos_ <= data_.size());
+    return &data_[static_cast<size_t>(pos_)];
+  }
 
   std::string data_;
   uint64_t pos_ = 0;
 };
 
-inline char* PacketBuf::room(uint64_t n) {
+inline char* PacketBuf::begin_write(uint64_t most) {
   const uint64_t size = data_.size();
-  return size >= n && pos_ <= size - n ? at_pos() : nullptr;
+  return size >= most && pos_ <= size - most ? at_pos() : nullptr;
+}
+
+inline void PacketBuf::end_write(const char* end) {
+  assert(end >= at_pos() && end <= data_.data() + data_.size());
+  pos_ = static_cast<uint64_t>(end - data_.data());
 }
 
 inline char* PacketBuf::claim(uint64_t n) {
-  char* at = room(n);
+  char* at = begin_write(n);
   if (at == nullptr) at = claim_fallback(n);
   pos_ += n;
   return at;

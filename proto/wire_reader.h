@@ -11,6 +11,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cassert>
 #include <cstdint>
 #include <cstring>
 
@@ -48,13 +49,19 @@ class WireReader {
   bool readable() const { return pos_ < limit_; }
 
   /// The byte at the position, which stays. REQUIRES: readable().
-  uint8_t peek() const { return base_[pos_]; }
+  uint8_t peek() const {
+    assert(readable());
+    return base_[pos_];
+  }
 
   /// Moves past n bytes without a look at them.
   void skip(uint64_t n) { pos_ += n; }
 
-  /// The bytes at the position. REQUIRES: they lie below data_len().
-  const char* bytes() const { return reinterpret_cast<const char*>(base_ + pos_); }
+  /// The bytes at the position. REQUIRES: the position is at most data_len().
+  const char* bytes() const {
+    assert(pos_ <= data_len_);
+    return reinterpret_cast<const char*>(base_ + pos_);
+  }
 
   /// Readers that answer false where the bytes run out; what they read is then 0.
   /// @{

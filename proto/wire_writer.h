@@ -2,11 +2,11 @@
 /// buffer and stores without further checks. No pointer outlives the call, because other code, Ruby code
 /// included, may use the buffer between two values.
 ///
-/// All throw what PacketBuf::claim() throws; the buffer is then as before the call. Source bytes must not lie
-/// inside the buffer.
+/// All throw what PacketBuf::claim() throws; the buffer is then as before the call.
 #pragma once
 
 #include <algorithm>
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -102,8 +102,8 @@ inline void write_int(PacketBuf& buf, int64_t value) {
   const bool negative = value < 0;
   const uint64_t magnitude = magnitude_of(value);
   // In the middle of a buffer there is room for any integer, and no need to know its length beforehand.
-  if (char* const at = buf.room(MAX_GROUP_NUMBER_SIZE)) {
-    buf.advance(static_cast<uint64_t>(store_int(at, magnitude, negative) - at));
+  if (char* const at = buf.begin_write(MAX_GROUP_NUMBER_SIZE)) {
+    buf.end_write(store_int(at, magnitude, negative));
   } else {
     store_int(buf.claim(group_number_size(magnitude, INT_SHAPE)), magnitude, negative);
   }
@@ -132,6 +132,7 @@ using IntScratch = char[INT_BATCH * MAX_GROUP_NUMBER_SIZE];
 /// REQUIRES: at most INT_BATCH of them, and `at` starts an IntScratch.
 template <typename ValueAt>
 [[gnu::always_inline]] inline char* store_ints(char* at, size_t first, size_t last, ValueAt value_at) {
+  assert(first <= last && last - first <= INT_BATCH);
   for (size_t i = first; i < last; ++i) {
     const int64_t value = value_at(i);
     at = store_int_word(at, magnitude_of(value), value < 0);
@@ -200,8 +201,11 @@ inline void copy_string_bytes(char* to, const char* from, size_t n) {
   }
 }
 
-/// A type byte, the length and the bytes. `type` is PTT_BINSTR, PTT_SYMBOL or PTT_UTF8STR.
+/// A type byte, the length and the bytes.
+/// REQUIRES: `type` is PTT_BINSTR, PTT_SYMBOL or PTT_UTF8STR, and the bytes do not lie in the buffer.
 inline void write_string(PacketBuf& buf, TransportType type, const char* bytes, uint32_t length) {
+  assert(type >= PTT_BINSTR && type <= PTT_UTF8STR);
+  assert(!buf.holds(bytes));
   char* at = buf.claim(1 + group_number_size(length, LENGTH_SHAPE) + uint64_t{length});
   *at++ = static_cast<char>(type);
   at = store_group_number(at, length, false, 0, LENGTH_SHAPE);

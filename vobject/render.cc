@@ -1,6 +1,8 @@
 #include "vobject/render.h"
 
+#include <cassert>
 #include <cstdio>
+#include <functional>
 #include <string_view>
 
 #include "vobject/symbol_table.h"
@@ -21,8 +23,14 @@ void append_escaped(unsigned char c, std::string& out) {
   out += static_cast<char>(c);
 }
 
+[[maybe_unused]] bool lies_in(std::string_view bytes, const std::string& text) {
+  const std::less<const char*> before;
+  return !before(bytes.data(), text.data()) && before(bytes.data(), text.data() + text.size());
+}
+
 /// REQUIRES: the bytes do not lie in `out`.
 void append_escaped(std::string_view bytes, std::string& out, char quote) {
+  assert(!lies_in(bytes, out));
   if (quote != '\0') out += quote;
   for (const char c : bytes) append_escaped(static_cast<unsigned char>(c), out);
   if (quote != '\0') out += quote;

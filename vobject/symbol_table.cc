@@ -1,5 +1,6 @@
 #include "vobject/symbol_table.h"
 
+#include <cassert>
 #include <memory>
 
 namespace VORN {
@@ -38,7 +39,9 @@ uint32_t SymbolTable::create_symbol(const string_ref& name) {
   const uint32_t id = next_id_;
   std::unique_ptr<Name> made(new Name{VObjectString(name.data(), name.length()), newest_name});
   VObjectString& text = made->text;
-  const auto entry = symbol_ids_.emplace(string_ref::make_static(text.data(), text.size()), id).first;
+  [[maybe_unused]] const auto [entry, is_new] =
+      symbol_ids_.emplace(string_ref::make_static(text.data(), text.size()), id);
+  assert(is_new);
   try {
     symbol_names_[id] = &text;
   } catch (...) {

@@ -67,9 +67,9 @@ class VORN_API VObjectPayload {
 
   /// The tag.
   uint8_t tag() const noexcept { return tag_; }
-  /// A scalar's bits.
+  /// A scalar's bits. REQUIRES: the tag is a scalar's, or none of the kinds.
   uint64_t word() const {
-    assert(!is_shared_type(tag_));
+    assert(!is_shared_type(tag_) || tag_ > DT_REF);
     return scalar_.word;
   }
 

@@ -59,4 +59,15 @@ TEST(ArrayCounts, WithoutMemoryNoSlotIsAdded) {
   EXPECT_EQ(0U, counts.next());
 }
 
+#ifndef NDEBUG
+
+TEST(ArrayCountsDeathTest, SetsOnlySlotsThatWereAdded) {
+  ArrayCounts counts;
+  counts.add();
+  counts.set(0, 1);
+  EXPECT_DEATH(counts.set(1, 1), "slot < size_");
+}
+
+#endif
+
 }  // namespace

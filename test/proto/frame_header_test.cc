@@ -109,4 +109,16 @@ TEST(FrameHeader, MissingBytesReadAsZeroAndAreNotTouched) {
   }
 }
 
+#ifndef NDEBUG
+
+TEST(FrameHeaderDeathTest, AnnouncesNoMoreThanItsLayoutCan) {
+  char out[PF12_HEADER_LEN];
+  encode_frame_header({1, PF8_MAX_DATA_LEN}, false, out);
+  EXPECT_DEATH(encode_frame_header({1, PF8_MAX_DATA_LEN + 1}, false, out), "data_len <=");
+  encode_frame_header({1, PF12_MAX_DATA_LEN}, true, out);
+  EXPECT_DEATH(encode_frame_header({1, PF12_MAX_DATA_LEN + 1}, true, out), "data_len <=");
+}
+
+#endif
+
 }  // namespace

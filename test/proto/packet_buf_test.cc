@@ -127,22 +127,37 @@ TEST(PacketBuf, ClaimMakesRoomAndHandsItOut) {
   EXPECT_EQ(6U, buf.data().size());
 }
 
-TEST(PacketBuf, RoomIsWhatExistsAlready) {
+TEST(PacketBuf, HoldsPointersToItsBytes) {
   PacketBuf buf;
-  EXPECT_EQ(nullptr, buf.room(1));
+  const std::string other = "abc";
+  EXPECT_FALSE(buf.holds(other.data()));
+  EXPECT_FALSE(buf.holds(buf.data().data()));
   write(buf, "abc");
-  EXPECT_EQ(nullptr, buf.room(1));
+  const char* const first = buf.data().data();
+  EXPECT_TRUE(buf.holds(first));
+  EXPECT_TRUE(buf.holds(first + 2));
+  EXPECT_FALSE(buf.holds(first + 3));
+  EXPECT_FALSE(buf.holds(other.data()));
+}
+
+TEST(PacketBuf, AWriteBeginsOverWhatExistsAlready) {
+  PacketBuf buf;
+  EXPECT_EQ(nullptr, buf.begin_write(1));
+  write(buf, "abc");
+  EXPECT_EQ(nullptr, buf.begin_write(1));
   buf.set_pos(1);
-  EXPECT_EQ(buf.data().data() + 1, buf.room(2));
-  EXPECT_EQ(nullptr, buf.room(3));
-  EXPECT_EQ(nullptr, buf.room(MAX));
+  EXPECT_EQ(buf.data().data() + 1, buf.begin_write(2));
+  EXPECT_EQ(nullptr, buf.begin_write(3));
+  EXPECT_EQ(nullptr, buf.begin_write(MAX));
   EXPECT_EQ(1U, buf.pos());
-  buf.advance(2);
+  buf.end_write(buf.begin_write(2));
+  EXPECT_EQ(1U, buf.pos());
+  buf.end_write(buf.begin_write(2) + 2);
   EXPECT_EQ(3U, buf.pos());
   for (const uint64_t pos : {uint64_t{4}, uint64_t{1} << 63, MAX - 1, MAX}) {
     buf.set_pos(pos);
-    EXPECT_EQ(nullptr, buf.room(1));
-    EXPECT_EQ(nullptr, buf.room(3));
+    EXPECT_EQ(nullptr, buf.begin_write(1));
+    EXPECT_EQ(nullptr, buf.begin_write(3));
   }
   EXPECT_EQ("abc", buf.data());
 }
@@ -294,12 +309,12 @@ TEST(PacketBuf, NoByteFarBehindTheEndIsThere) {
     EXPECT_FALSE(buf.index_within_payload(i)) << i;
     buf.set_pos(i);
     for (const uint64_t n : {uint64_t{1}, uint64_t{3}, uint64_t{4096}, uint64_t{0} - i, uint64_t{3} - i, MAX}) {
-      EXPECT_EQ(nullptr, buf.room(n)) << i << ' ' << n;
+      EXPECT_EQ(nullptr, buf.begin_write(n)) << i << ' ' << n;
     }
     buf.set_pos(3);
-    EXPECT_EQ(nullptr, buf.room(i)) << i;
+    EXPECT_EQ(nullptr, buf.begin_write(i)) << i;
     buf.set_pos(0);
-    EXPECT_EQ(nullptr, buf.room(i)) << i;
+    EXPECT_EQ(nullptr, buf.begin_write(i)) << i;
   }
 }
 
@@ -332,5 +347,19 @@ TEST(PacketBuf, WithoutMemoryNoneIsMade) {
   }
   EXPECT_EQ(before, vorn_test::live_allocations());
 }
+
+#ifndef NDEBUG
+
+TEST(PacketBufDeathTest, AWriteEndsBetweenItsBeginAndTheStoredBytes) {
+  PacketBuf buf;
+  write(buf, "abc");
+  buf.set_pos(1);
+  char* const at = buf.begin_write(2);
+  ASSERT_NE(nullptr, at);
+  EXPECT_DEATH(buf.end_write(at - 1), "end >= at_pos");
+  EXPECT_DEATH(buf.end_write(at + 3), "end >= at_pos");
+}
+
+#endif
 
 }  // namespace

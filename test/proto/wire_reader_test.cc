@@ -304,4 +304,21 @@ TEST(WireReader, ResyncSeesBytesThatWereAddedInPlace) {
   EXPECT_EQ(2, n);
 }
 
+#ifndef NDEBUG
+
+TEST(WireReaderDeathTest, LooksAtBytesThatAreThere) {
+  PacketBuf buf;
+  buf.write_byte(7);
+  buf.set_pos(0);
+  WireReader in(buf);
+  EXPECT_EQ(7, in.peek());
+  in.skip(1);
+  EXPECT_DEATH(in.peek(), "readable");
+  in.bytes();
+  in.skip(1);
+  EXPECT_DEATH(in.bytes(), "data_len_");
+}
+
+#endif
+
 }  // namespace

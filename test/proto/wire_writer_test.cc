@@ -285,4 +285,23 @@ TEST(WireWriter, WithoutMemoryNothingIsWrittenAndNothingMoves) {
   }
 }
 
+#ifndef NDEBUG
+
+TEST(WireWriterDeathTest, AStringComesFromOutsideTheBufferUnderAStringsType) {
+  PacketBuf buf;
+  write_string(buf, PTT_UTF8STR, "abc", 3);
+  EXPECT_DEATH(write_string(buf, PTT_UTF8STR, buf.data().data(), 3), "holds");
+  EXPECT_DEATH(write_string(buf, PTT_DOUBLE, "abc", 3), "PTT_BINSTR");
+  EXPECT_DEATH(write_string(buf, PTT_HASH_START, "abc", 3), "PTT_UTF8STR");
+}
+
+TEST(WireWriterDeathTest, StoresOneBatchAtATime) {
+  IntScratch scratch;
+  const auto one = [](size_t) { return int64_t{1}; };
+  EXPECT_EQ(scratch + INT_BATCH, store_ints(scratch, 0, INT_BATCH, one));
+  EXPECT_DEATH(store_ints(scratch, 0, INT_BATCH + 1, one), "INT_BATCH");
+}
+
+#endif
+
 }  // namespace

@@ -149,4 +149,17 @@ TEST(EscapeStr, Quotes) {
   EXPECT_EQ("x\n\"x\\x0a\"", text);
 }
 
+#ifndef NDEBUG
+
+TEST(RenderDeathTest, BytesDoNotLieInTheTextThatTheyAreAppendedTo) {
+  std::string text = "xxx";
+  text.reserve(100);  // it stays where it is while it grows
+  VObject v = VObject::new_hash();
+  v.gethash().try_emplace(string_ref::make_static(text.data(), 3));
+  EXPECT_EQ("{\"xxx\"=>nil}", rendered(v));
+  EXPECT_DEATH(render(v, text), "lies_in");
+}
+
+#endif
+
 }  // namespace

@@ -563,4 +563,14 @@ TEST(DiffLaw, AReferenceInTheFirstValueHasNoDeepCopy) {
                deep_copy(vec({make_ref(1)}), copy));
 }
 
+#ifndef NDEBUG
+
+TEST(DiffDeathTest, UserDefinedValuesHoldObjects) {
+  const VObject none{boost::shared_ptr<VObjectUDT>()};
+  VObject patch;
+  EXPECT_DEATH(VObject::diff(none, patch, VObject(number(1)), DT_NIL, 0), "udt\\(\\) != nullptr");
+}
+
+#endif
+
 }  // namespace

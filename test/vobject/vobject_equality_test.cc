@@ -94,4 +94,16 @@ TEST(Equality, OfForeignTagsIsIdentity) {
   EXPECT_FALSE(a == b);
 }
 
+#ifndef NDEBUG
+
+TEST(EqualityDeathTest, UserDefinedValuesHoldObjects) {
+  const VObject none{boost::shared_ptr<VObjectUDT>()};
+  const VObject some(number(1));
+  EXPECT_EQ(none, none);  // never looked at
+  EXPECT_DEATH(static_cast<void>(none == some), "udt\\(\\) != nullptr");
+  EXPECT_DEATH(static_cast<void>(some == none), "udt\\(\\) != nullptr");
+}
+
+#endif
+
 }  // namespace

@@ -177,4 +177,16 @@ TEST(Reference, AccessorsRejectWhatIsNoReference) {
   }
 }
 
+#ifndef NDEBUG
+
+TEST(ReferenceDeathTest, ThePointerIsNotMadeNull) {
+  VObject x;
+  x = boost::make_shared<VObject>(7);
+  x.getref().reset();
+  EXPECT_DEATH(x = 5, "v != nullptr");
+  EXPECT_DEATH(x.to_i64(), "v != nullptr");
+}
+
+#endif
+
 }  // namespace
