@@ -52,7 +52,6 @@ Gem::Specification.new do |gem|
     proto/export.h
     proto/frame_header.cc
     proto/frame_header.h
-    proto/group_number.h
     proto/packet_buf.cc
     proto/packet_buf.h
     proto/packet_frame.cc
@@ -65,6 +64,7 @@ Gem::Specification.new do |gem|
     proto/value_scan.cc
     proto/value_scan.h
     proto/value_wire.h
+    proto/varint.h
     proto/vorn_exception.cc
     proto/vorn_exception.h
     proto/vorn_proto_exception.h

@@ -71,9 +71,9 @@ inline int32_t fixnum_value(VALUE fixnum) {
 /// write_string() in pieces. What is written is the string as it is now, whatever interrupts make of it.
 void write_pieces(SerializeContext& ctx, PROTO::TransportType type, VALUE str, uint32_t length) {
   VALUE bytes = rb_str_new_frozen(str);
-  ctx.buf.reserve(1 + PROTO::group_number_size(length, PROTO::LENGTH_SHAPE) + uint64_t{length});
+  ctx.buf.reserve(1 + PROTO::varint_size(length, PROTO::LENGTH_SHAPE) + uint64_t{length});
   PROTO::write_type(ctx.buf, type);
-  PROTO::write_group_number(ctx.buf, length, false, PROTO::LENGTH_SHAPE);
+  PROTO::write_varint(ctx.buf, length, false, PROTO::LENGTH_SHAPE);
   for (uint32_t written = 0; written < length;) {
     const uint32_t piece = std::min(STRING_PIECE, length - written);
     ctx.buf.write_bytes(RSTRING_PTR(bytes) + written, piece);

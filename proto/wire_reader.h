@@ -16,9 +16,9 @@
 #include <cstring>
 
 #include "proto/byte_order.h"
-#include "proto/group_number.h"
 #include "proto/packet_buf.h"
 #include "proto/transport_type.h"
+#include "proto/varint.h"
 
 namespace VORN {
 namespace PROTO {
@@ -68,7 +68,7 @@ class WireReader {
 
   /// Reads the general form behind integers and lengths. False: the bytes ran out before the last one; the
   /// position is then behind those that were consumed. Groups beyond bit 63 fold back to bit 0 on.
-  bool read_group_number(GroupShape shape, uint64_t& magnitude, bool& negative);
+  bool read_varint(VarintShape shape, uint64_t& magnitude, bool& negative);
 
   /// Reads an integer, its type byte included. Negative zero is 0.
   bool read_int(int64_t& value);
@@ -101,7 +101,7 @@ class WireReader {
   uint64_t data_len_;
 };
 
-inline bool WireReader::read_group_number(GroupShape shape, uint64_t& magnitude, bool& negative) {
+inline bool WireReader::read_varint(VarintShape shape, uint64_t& magnitude, bool& negative) {
   magnitude = 0;
   negative = false;
   if (pos_ >= limit_) return false;
@@ -109,11 +109,11 @@ inline bool WireReader::read_group_number(GroupShape shape, uint64_t& magnitude,
   negative = (first & shape.sign_flag()) != 0;
   uint64_t value = first & shape.first_data_mask();
   bool more = (first & shape.continuation_flag()) != 0;
-  for (unsigned shift = shape.first_data_bits(); more; shift += LATER_DATA_BITS) {
+  for (unsigned shift = shape.first_data_bits(); more; shift += CONTINUATION_BYTE_DATA_BITS) {
     if (pos_ >= limit_) return false;
     const unsigned byte = base_[pos_++];
-    value |= uint64_t{byte & LATER_DATA_MASK} << (shift & 63U);
-    more = (byte & LATER_CONTINUATION_FLAG) != 0;
+    value |= uint64_t{byte & CONTINUATION_BYTE_DATA_MASK} << (shift & 63U);
+    more = (byte & CONTINUATION_BYTE_FLAG) != 0;
   }
   magnitude = value;
   return true;
@@ -122,7 +122,7 @@ inline bool WireReader::read_group_number(GroupShape shape, uint64_t& magnitude,
 inline bool WireReader::read_int(int64_t& value) {
   uint64_t magnitude;
   bool negative;
-  const bool complete = read_group_number(INT_SHAPE, magnitude, negative);
+  const bool complete = read_varint(INT_SHAPE, magnitude, negative);
   value = static_cast<int64_t>(negative ? 0 - magnitude : magnitude);
   return complete;
 }
@@ -130,7 +130,7 @@ inline bool WireReader::read_int(int64_t& value) {
 inline bool WireReader::read_length(uint32_t& length) {
   uint64_t magnitude;
   bool negative;
-  const bool complete = read_group_number(LENGTH_SHAPE, magnitude, negative);
+  const bool complete = read_varint(LENGTH_SHAPE, magnitude, negative);
   length = static_cast<uint32_t>(magnitude);
   return complete;
 }

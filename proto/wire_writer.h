@@ -13,23 +13,23 @@
 #include <type_traits>
 
 #include "proto/byte_order.h"
-#include "proto/group_number.h"
 #include "proto/packet_buf.h"
 #include "proto/transport_type.h"
+#include "proto/varint.h"
 
 namespace VORN {
 namespace PROTO {
 
-/// Bytes that write_group_number() takes for this magnitude.
-inline unsigned group_number_size(uint64_t magnitude, GroupShape shape) {
+/// Bytes that write_varint() takes for this magnitude.
+inline unsigned varint_size(uint64_t magnitude, VarintShape shape) {
   unsigned size = 1;
-  for (uint64_t rest = magnitude >> shape.first_data_bits(); rest != 0; rest >>= LATER_DATA_BITS) ++size;
+  for (uint64_t rest = magnitude >> shape.first_data_bits(); rest != 0; rest >>= CONTINUATION_BYTE_DATA_BITS) ++size;
   return size;
 }
 
-/// Stores a number in group_number_size() bytes and returns the byte behind it.
-inline char* store_group_number(char* at, uint64_t magnitude, bool negative, unsigned first_byte_mark,
-                                GroupShape shape) {
+/// Stores a number in varint_size() bytes and returns the byte behind it.
+inline char* store_varint(char* at, uint64_t magnitude, bool negative, unsigned first_byte_mark,
+                                VarintShape shape) {
   uint64_t rest = magnitude >> shape.first_data_bits();
   const unsigned first = first_byte_mark | (negative ? shape.sign_flag() : 0) |
                          static_cast<unsigned>(magnitude & shape.first_data_mask());
@@ -38,17 +38,17 @@ inline char* store_group_number(char* at, uint64_t magnitude, bool negative, uns
     return at;
   }
   *at++ = static_cast<char>(first | shape.continuation_flag());
-  for (; rest > LATER_DATA_MASK; rest >>= LATER_DATA_BITS) {
-    *at++ = static_cast<char>((rest & LATER_DATA_MASK) | LATER_CONTINUATION_FLAG);
+  for (; rest > CONTINUATION_BYTE_DATA_MASK; rest >>= CONTINUATION_BYTE_DATA_BITS) {
+    *at++ = static_cast<char>((rest & CONTINUATION_BYTE_DATA_MASK) | CONTINUATION_BYTE_FLAG);
   }
   *at++ = static_cast<char>(rest);
   return at;
 }
 
 /// The general form behind integers and lengths. `negative` counts in a signed shape only.
-inline void write_group_number(PacketBuf& buf, uint64_t magnitude, bool negative, GroupShape shape) {
-  char* const at = buf.claim(group_number_size(magnitude, shape));
-  store_group_number(at, magnitude, negative, 0, shape);
+inline void write_varint(PacketBuf& buf, uint64_t magnitude, bool negative, VarintShape shape) {
+  char* const at = buf.claim(varint_size(magnitude, shape));
+  store_varint(at, magnitude, negative, 0, shape);
 }
 
 /// One byte: nil, false, true, or the start or end of a container.
@@ -56,7 +56,7 @@ inline void write_type(PacketBuf& buf, TransportType type) {
   *buf.claim(1) = static_cast<char>(type);
 }
 
-/// store_group_number() for integers, with the sizes that 32-bit numbers take spelled out: a word put together
+/// store_varint() for integers, with the sizes that 32-bit numbers take spelled out: a word put together
 /// in a register beats a loop over its bytes.
 [[gnu::always_inline]] inline char* store_int(char* at, uint64_t magnitude, bool negative) {
   const uint32_t low = static_cast<uint32_t>(magnitude);
@@ -87,7 +87,7 @@ inline void write_type(PacketBuf& buf, TransportType type) {
     at[4] = static_cast<char>(magnitude >> 26);
     return at + 5;
   }
-  return store_group_number(at, magnitude, negative, PTT_INT, INT_SHAPE);
+  return store_varint(at, magnitude, negative, PTT_INT, INT_SHAPE);
 }
 
 /// The magnitude of the most negative integer is 2^63, so it is taken in unsigned arithmetic: without a branch,
@@ -102,17 +102,17 @@ inline void write_int(PacketBuf& buf, int64_t value) {
   const bool negative = value < 0;
   const uint64_t magnitude = magnitude_of(value);
   // In the middle of a buffer there is room for any integer, and no need to know its length beforehand.
-  if (char* const at = buf.begin_write(MAX_GROUP_NUMBER_SIZE)) {
+  if (char* const at = buf.begin_write(MAX_VARINT_SIZE)) {
     buf.end_write(store_int(at, magnitude, negative));
   } else {
-    store_int(buf.claim(group_number_size(magnitude, INT_SHAPE)), magnitude, negative);
+    store_int(buf.claim(varint_size(magnitude, INT_SHAPE)), magnitude, negative);
   }
 }
 
 /// store_int() where what lies behind the integer may be overwritten, 8 bytes from `at` on: one word whatever the
 /// length, which is as good as random to the processor when integers follow one another.
 [[gnu::always_inline]] inline char* store_int_word(char* at, uint64_t magnitude, bool negative) {
-  if (magnitude >= uint64_t{1} << 33) return store_group_number(at, magnitude, negative, PTT_INT, INT_SHAPE);
+  if (magnitude >= uint64_t{1} << 33) return store_varint(at, magnitude, negative, PTT_INT, INT_SHAPE);
   const uint64_t groups = (magnitude & 0x1F) | (magnitude << 3 & 0x7F00) | (magnitude << 4 & 0x7F0000) |
                           (magnitude << 5 & 0x7F000000) | (magnitude << 6 & 0x7F00000000);
   const unsigned bits = 64 - static_cast<unsigned>(__builtin_clzll(magnitude | 1));
@@ -125,7 +125,7 @@ inline void write_int(PacketBuf& buf, int64_t value) {
 /// How many integers write_ints() encodes at once, and the memory that the longest of them take.
 /// @{
 constexpr size_t INT_BATCH = 64;
-using IntScratch = char[INT_BATCH * MAX_GROUP_NUMBER_SIZE];
+using IntScratch = char[INT_BATCH * MAX_VARINT_SIZE];
 /// @}
 
 /// Stores the results of value_at(first) to value_at(last - 1) and returns the byte behind them.
@@ -206,9 +206,9 @@ inline void copy_string_bytes(char* to, const char* from, size_t n) {
 inline void write_string(PacketBuf& buf, TransportType type, const char* bytes, uint32_t length) {
   assert(type >= PTT_BINSTR && type <= PTT_UTF8STR);
   assert(!buf.holds(bytes));
-  char* at = buf.claim(1 + group_number_size(length, LENGTH_SHAPE) + uint64_t{length});
+  char* at = buf.claim(1 + varint_size(length, LENGTH_SHAPE) + uint64_t{length});
   *at++ = static_cast<char>(type);
-  at = store_group_number(at, length, false, 0, LENGTH_SHAPE);
+  at = store_varint(at, length, false, 0, LENGTH_SHAPE);
   copy_string_bytes(at, bytes, length);
 }
 

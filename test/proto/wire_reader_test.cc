@@ -67,10 +67,10 @@ TEST(WireReader, IntegersOfTheTable) {
   EXPECT_GE(rows, 40);
 }
 
-TEST(WireReader, GroupNumbersOfTheTable) {
-  for (const auto& vector : vorn_test::group_number_vectors()) {
+TEST(WireReader, VarintsOfTheTable) {
+  for (const auto& vector : vorn_test::varint_vectors()) {
     SCOPED_TRACE(vector.name);
-    const GroupShape shape{vector.first_byte_bits, vector.is_signed};
+    const VarintShape shape{vector.first_byte_bits, vector.is_signed};
     PacketBuf buf;
     vorn_test::fill(buf, vector.bytes);
     uint64_t magnitude = 0;
@@ -78,7 +78,7 @@ TEST(WireReader, GroupNumbersOfTheTable) {
     {
       const vorn_test::PoisonedTail tail(buf);
       WireReader in(buf);
-      EXPECT_TRUE(in.read_group_number(shape, magnitude, negative));
+      EXPECT_TRUE(in.read_varint(shape, magnitude, negative));
       EXPECT_EQ(vector.magnitude, magnitude);
       EXPECT_EQ(vector.negative, negative);
       EXPECT_EQ(vector.bytes.size(), in.pos());
@@ -89,7 +89,7 @@ TEST(WireReader, GroupNumbersOfTheTable) {
       const vorn_test::PoisonedTail tail(shorter);
       WireReader in(shorter);
       magnitude = 1;
-      EXPECT_FALSE(in.read_group_number(shape, magnitude, negative));
+      EXPECT_FALSE(in.read_varint(shape, magnitude, negative));
       EXPECT_EQ(0U, magnitude);
       EXPECT_EQ(cut, in.pos()) << "behind the last byte that was consumed";
     }
@@ -171,10 +171,10 @@ TEST(WireReader, WhatDoesNotFitIsZero) {
     uint32_t length = 7;
     EXPECT_FALSE(WireReader(frame).read_length(length)) << pos;
     EXPECT_EQ(0U, length) << pos;
-    for (const GroupShape shape : {INT_SHAPE, LENGTH_SHAPE}) {
+    for (const VarintShape shape : {INT_SHAPE, LENGTH_SHAPE}) {
       uint64_t magnitude = 7;
       bool negative;
-      EXPECT_FALSE(WireReader(frame).read_group_number(shape, magnitude, negative)) << pos;
+      EXPECT_FALSE(WireReader(frame).read_varint(shape, magnitude, negative)) << pos;
       EXPECT_EQ(0U, magnitude) << pos;
     }
     float f = 7;

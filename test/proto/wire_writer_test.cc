@@ -164,28 +164,28 @@ TEST(WireWriter, SizesOfIntegers) {
   for (unsigned bits = 0; bits <= 64; ++bits) {
     const uint64_t magnitude = bits == 0 ? 0 : ~uint64_t{0} >> (64 - bits);
     const unsigned size = bits <= 5 ? 1 : 1 + (bits - 5 + 6) / 7;
-    EXPECT_EQ(size, group_number_size(magnitude, INT_SHAPE)) << bits;
+    EXPECT_EQ(size, varint_size(magnitude, INT_SHAPE)) << bits;
     if (bits > 0) {
-      EXPECT_EQ(size, group_number_size(uint64_t{1} << (bits - 1), INT_SHAPE)) << bits;
+      EXPECT_EQ(size, varint_size(uint64_t{1} << (bits - 1), INT_SHAPE)) << bits;
     }
     const unsigned length_size = bits <= 7 ? 1 : (bits + 6) / 7;
-    EXPECT_EQ(length_size, group_number_size(magnitude, LENGTH_SHAPE)) << bits;
+    EXPECT_EQ(length_size, varint_size(magnitude, LENGTH_SHAPE)) << bits;
   }
 }
 
-TEST(WireWriter, GroupNumbersOfTheTable) {
-  for (const auto& vector : vorn_test::group_number_vectors()) {
+TEST(WireWriter, VarintsOfTheTable) {
+  for (const auto& vector : vorn_test::varint_vectors()) {
     SCOPED_TRACE(vector.name);
-    const GroupShape shape{vector.first_byte_bits, vector.is_signed};
+    const VarintShape shape{vector.first_byte_bits, vector.is_signed};
     EXPECT_EQ(to_hex(vector.written), written([&](PacketBuf& buf) {
-                write_group_number(buf, vector.magnitude, vector.negative, shape);
+                write_varint(buf, vector.magnitude, vector.negative, shape);
               }));
-    EXPECT_EQ(vector.written.size(), group_number_size(vector.magnitude, shape));
+    EXPECT_EQ(vector.written.size(), varint_size(vector.magnitude, shape));
   }
 }
 
 TEST(WireWriter, ASignIsDroppedWhereTheShapeHasNone) {
-  EXPECT_EQ("05", written([](PacketBuf& buf) { write_group_number(buf, 5, true, LENGTH_SHAPE); }));
+  EXPECT_EQ("05", written([](PacketBuf& buf) { write_varint(buf, 5, true, LENGTH_SHAPE); }));
 }
 
 TEST(WireWriter, Doubles) {
@@ -278,7 +278,7 @@ TEST(WireWriter, WithoutMemoryNothingIsWrittenAndNothingMoves) {
       case 1: EXPECT_THROW(write_double(buf, 1), std::bad_alloc); break;
       case 2: EXPECT_THROW(write_float(buf, 1), std::bad_alloc); break;
       case 3: EXPECT_THROW(write_utf8str(buf, bytes.data(), 300), std::bad_alloc); break;
-      default: EXPECT_THROW(write_group_number(buf, 1000, false, LENGTH_SHAPE), std::bad_alloc);
+      default: EXPECT_THROW(write_varint(buf, 1000, false, LENGTH_SHAPE), std::bad_alloc);
     }
     EXPECT_EQ(old.size() - 1, buf.pos());
     EXPECT_EQ(old, buf.data());

@@ -95,10 +95,10 @@ std::vector<FrameVector> read_frames() {
   return out;
 }
 
-std::vector<GroupNumberVector> read_group_numbers() {
-  std::vector<GroupNumberVector> out;
+std::vector<VarintVector> read_varints() {
+  std::vector<VarintVector> out;
   for (const Cells& c : read_table("group_numbers.txt", 7)) {
-    GroupNumberVector v;
+    VarintVector v;
     v.name = c[0];
     v.first_byte_bits = static_cast<unsigned>(std::stoul(c[1]));
     v.is_signed = c[2] == "signed";
@@ -128,8 +128,8 @@ const std::vector<FrameVector>& frame_vectors() {
   return rows;
 }
 
-const std::vector<GroupNumberVector>& group_number_vectors() {
-  static const std::vector<GroupNumberVector> rows = read_group_numbers();
+const std::vector<VarintVector>& varint_vectors() {
+  static const std::vector<VarintVector> rows = read_varints();
   return rows;
 }
 
@@ -145,7 +145,7 @@ std::vector<size_t> cuts(size_t length) {
 std::ostream& operator<<(std::ostream& out, const ValueVector& v) { return out << "values.txt: " << v.name; }
 std::ostream& operator<<(std::ostream& out, const FaultVector& v) { return out << "faults.txt: " << v.name; }
 std::ostream& operator<<(std::ostream& out, const FrameVector& v) { return out << "frames.txt: " << v.name; }
-std::ostream& operator<<(std::ostream& out, const GroupNumberVector& v) {
+std::ostream& operator<<(std::ostream& out, const VarintVector& v) {
   return out << "group_numbers.txt: " << v.name;
 }
 

@@ -48,7 +48,7 @@ struct FrameVector {
 };
 
 /// Those of group_numbers.txt.
-struct GroupNumberVector {
+struct VarintVector {
   std::string name;
   unsigned first_byte_bits;
   bool is_signed;
@@ -61,7 +61,7 @@ struct GroupNumberVector {
 const std::vector<ValueVector>& value_vectors();
 const std::vector<FaultVector>& fault_vectors();
 const std::vector<FrameVector>& frame_vectors();
-const std::vector<GroupNumberVector>& group_number_vectors();
+const std::vector<VarintVector>& varint_vectors();
 
 /// Where to cut bytes of this length: everywhere, or, when they are many, near both ends.
 std::vector<size_t> cuts(size_t length);
@@ -70,6 +70,6 @@ std::vector<size_t> cuts(size_t length);
 std::ostream& operator<<(std::ostream& out, const ValueVector& v);
 std::ostream& operator<<(std::ostream& out, const FaultVector& v);
 std::ostream& operator<<(std::ostream& out, const FrameVector& v);
-std::ostream& operator<<(std::ostream& out, const GroupNumberVector& v);
+std::ostream& operator<<(std::ostream& out, const VarintVector& v);
 
 }  // namespace vorn_test

@@ -1,8 +1,8 @@
-/// The shape of a number cut into groups of bits, least significant group first. Integers and lengths are the
-/// two shapes in use.
+/// The shape of a varint: a number in groups of bits, least significant first, one group a byte. Integers and lengths
+/// are the two shapes in use.
 ///
-/// Counting the first byte from bit 0: data bits, a continuation flag, and, in a signed shape, a sign flag.
-/// Every later byte has seven data bits and its continuation flag in bit 7.
+/// Counting from bit 0, the first byte has data bits, a continuation flag, and, in a signed shape, a sign flag. Every
+/// continuation byte has seven data bits, and its continuation flag in bit 7.
 ///
 ///   integer  first byte 1SCddddd (bit 7 marks the type), then Cddddddd ...
 ///   length   first byte Cddddddd, then Cddddddd ...
@@ -13,8 +13,8 @@
 namespace VORN {
 namespace PROTO {
 
-/// How many bits of the first byte the number may use, and whether one of them is a sign.
-struct GroupShape {
+/// What the first byte of a varint has.
+struct VarintShape {
   unsigned first_byte_bits;  ///< bits that the number may use of its first byte: 2 to 8, signed 3 to 8
   bool is_signed;            ///< one of these bits is a sign flag
 
@@ -27,20 +27,20 @@ struct GroupShape {
   /// @}
 };
 
-/// No number takes more bytes than this: a 64-bit magnitude in the integers' shape.
-constexpr unsigned MAX_GROUP_NUMBER_SIZE = 10;
+/// The longest varint in the shape of integers, that of a 64-bit magnitude.
+constexpr unsigned MAX_VARINT_SIZE = 10;
 
 /// The two shapes in use.
 /// @{
-constexpr GroupShape INT_SHAPE{7, true};
-constexpr GroupShape LENGTH_SHAPE{8, false};
+constexpr VarintShape INT_SHAPE{7, true};
+constexpr VarintShape LENGTH_SHAPE{8, false};
 /// @}
 
-/// The parts of every later byte.
+/// The parts of every continuation byte.
 /// @{
-constexpr unsigned LATER_DATA_BITS = 7;
-constexpr unsigned LATER_DATA_MASK = 0x7F;
-constexpr unsigned LATER_CONTINUATION_FLAG = 0x80;
+constexpr unsigned CONTINUATION_BYTE_DATA_BITS = 7;
+constexpr unsigned CONTINUATION_BYTE_DATA_MASK = 0x7F;
+constexpr unsigned CONTINUATION_BYTE_FLAG = 0x80;
 /// @}
 
 }  // namespace PROTO
