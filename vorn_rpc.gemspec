@@ -61,8 +61,8 @@ Gem::Specification.new do |gem|
     proto/packet_frame_out.cc
     proto/packet_frame_out.h
     proto/transport_type.h
-    proto/value_scan.cc
-    proto/value_scan.h
+    proto/value_check.cc
+    proto/value_check.h
     proto/value_wire.h
     proto/varint.h
     proto/vorn_exception.cc

@@ -256,9 +256,9 @@ VALUE make_room(VALUE bytes) {
 // With nothing native left on return.
 ValueFault check(Decode& decode, bool keep_counts) {
   PROTO::ArrayCounts counts;
-  const PROTO::ScanRules rules{decode.options.maxdepth, UINT64_MAX, decode.in.data_len()};
+  const PROTO::CheckLimits rules{decode.options.maxdepth, UINT64_MAX, decode.in.data_len()};
   const WireReader start = decode.in;
-  const ValueFault fault = PROTO::scan_value(decode.in, rules, counts);
+  const ValueFault fault = PROTO::check_value(decode.in, rules, counts);
   if (fault != ValueFault::none || !keep_counts) return fault;
   decode.in = start;
   uint32_t* kept = decode.few_counts;

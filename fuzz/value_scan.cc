@@ -1,10 +1,10 @@
-/// The checking pass under the rules of both decoders, against the reference decoder's: the same fault, the
-/// same position, the same counts of elements.
+/// The checking pass with the limits of the variant's decoder and of Ruby's, against the reference decoder: the same
+/// fault, the same position, the same counts of elements.
 #include <string>
 
 #include "fuzz/check.h"
 #include "fuzz/decode_input.h"
-#include "proto/value_scan.h"
+#include "proto/value_check.h"
 #include "test/support/poisoned_tail.h"
 #include "test/support/reference_decoder.h"
 
@@ -30,12 +30,12 @@ const char* text_of(ValueFault fault) {
   return nullptr;
 }
 
-void compare(const PacketBuf& buf, const ScanRules& rules) {
-  const vorn_test::ReferenceScan expected = vorn_test::reference_scan(buf, rules.value_end, rules.string_end,
-                                                                      static_cast<uint32_t>(rules.maxdepth));
+void compare(const PacketBuf& buf, const CheckLimits& limits) {
+  const vorn_test::ReferenceScan expected = vorn_test::reference_scan(buf, limits.value_end, limits.string_end,
+                                                                      static_cast<uint32_t>(limits.maxdepth));
   WireReader in(buf);
   ArrayCounts counts;
-  const ValueFault fault = scan_value(in, rules, counts);
+  const ValueFault fault = check_value(in, limits, counts);
   VORN_CHECK(text_of(fault) == expected.failure);
   VORN_CHECK(in.pos() == expected.pos);
   if (fault != ValueFault::none) return;

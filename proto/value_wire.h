@@ -3,6 +3,6 @@
 #pragma once
 
 #include "proto/transport_type.h"
-#include "proto/value_scan.h"
+#include "proto/value_check.h"
 #include "proto/wire_reader.h"
 #include "proto/wire_writer.h"

@@ -1,4 +1,4 @@
-/// Reading a value takes two passes over its bytes: scan_value() checks it and counts the elements of its
+/// Reading a value takes two passes over its bytes: check_value() checks it and counts the elements of its
 /// arrays, the functions below build it. The building pass trusts the counts only as hints and keeps every
 /// check of bounds.
 #include <algorithm>
@@ -184,7 +184,7 @@ void VObject::deserialize(PacketBuf& buf, uint64_t end, VObject& out, bool symbo
   ArrayCounts counts;
   WireReader scanner(buf);
   // The bytes of strings are checked when they are taken: this pass skips them.
-  const ValueFault fault = scan_value(scanner, {limit, end, UINT64_MAX}, counts);
+  const ValueFault fault = check_value(scanner, {limit, end, UINT64_MAX}, counts);
   if (fault != ValueFault::none) {
     scanner.commit(buf);
     fail(fault);

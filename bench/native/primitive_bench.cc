@@ -95,7 +95,7 @@ void scan(benchmark::State& state) {
   for (auto _ : state) {
     ArrayCounts counts;
     WireReader in(buf);
-    if (scan_value(in, {64, UINT64_MAX, in.data_len()}, counts) != ValueFault::none) {
+    if (check_value(in, {64, UINT64_MAX, in.data_len()}, counts) != ValueFault::none) {
       state.SkipWithError("refused");
     }
   }

@@ -52,7 +52,7 @@ void primitives_make_the_round_trip() {
   in.set_pos(in.payload_start());
   WireReader reader(in);
   ArrayCounts counts;
-  const ValueFault fault = scan_value(reader, {64, in.payload_end(), in.payload_end()}, counts);
+  const ValueFault fault = check_value(reader, {64, in.payload_end(), in.payload_end()}, counts);
   expect(fault == ValueFault::none, "the value is whole");
   expect(counts.next() == 3, "the array has three members");
   reader = WireReader(in);

@@ -18,7 +18,7 @@ bool is_string(uint8_t type) {
 /// What the library's checking pass says.
 ValueFault check_value(WireReader& in, uint64_t end) {
   ArrayCounts counts;
-  return scan_value(in, {MAX_DEPTH, end, UINT64_MAX}, counts);
+  return check_value(in, {MAX_DEPTH, end, UINT64_MAX}, counts);
 }
 
 }  // namespace

@@ -54,7 +54,7 @@ class MessageReader {
 };
 
 /// Moves behind a value. False: a hash in it has a key that is no string; the cursor is then behind that key.
-/// REQUIRES: scan_value() has found no fault in it, at MAX_DEPTH.
+/// REQUIRES: check_value() has found no fault in it, at MAX_DEPTH.
 bool skip_value(VORN::PROTO::WireReader& in);
 
 /// Walks the messages in [offset, offset + size) of the window without building them, calling `at_start` with
@@ -71,7 +71,7 @@ bool walk_messages(StreamWindow& window, uint64_t offset, uint64_t size, uint64_
   while (fault == ValueFault::none && in.pos() < end) {
     at_start(window.offset_of(in.pos()));
     ArrayCounts counts;
-    fault = scan_value(in, {MAX_DEPTH, end, end}, counts);
+    fault = check_value(in, {MAX_DEPTH, end, end}, counts);
   }
   looked_at = window.offset_of(in.pos()) - offset;
   return fault == ValueFault::none;

@@ -1,4 +1,4 @@
-#include "proto/value_scan.h"
+#include "proto/value_check.h"
 
 #include <algorithm>
 #include <limits>
@@ -53,7 +53,7 @@ Result scan_stored(const PacketBuf& buf, int32_t maxdepth) {
   const vorn_test::PoisonedTail tail(buf);
   WireReader in(buf);
   ArrayCounts counts;
-  const std::string fault = name_of(scan_value(in, {maxdepth, NO_END, in.data_len()}, counts));
+  const std::string fault = name_of(check_value(in, {maxdepth, NO_END, in.data_len()}, counts));
   return {fault, in.pos() - buf.pos()};
 }
 
@@ -62,7 +62,7 @@ Result scan_unchecked(const PacketBuf& buf, int32_t maxdepth) {
   const vorn_test::PoisonedTail tail(buf);
   WireReader in(buf);
   ArrayCounts counts;
-  const std::string fault = name_of(scan_value(in, {maxdepth, buf.payload_end(), NO_END}, counts));
+  const std::string fault = name_of(check_value(in, {maxdepth, buf.payload_end(), NO_END}, counts));
   return {fault, in.pos() - buf.pos()};
 }
 
@@ -72,7 +72,7 @@ Result scan_bytes(const std::string& bytes, int32_t maxdepth = 64) {
   return scan_stored(buf, maxdepth);
 }
 
-TEST(ValueScan, StandsBehindEachValueOfTheTable) {
+TEST(ValueCheck, StandsBehindEachValueOfTheTable) {
   for (const auto& vector : vorn_test::value_vectors()) {
     SCOPED_TRACE(vector.name);
     const Result behind{"none", vector.bytes.size()};
@@ -87,7 +87,7 @@ TEST(ValueScan, StandsBehindEachValueOfTheTable) {
   }
 }
 
-TEST(ValueScan, EachTruncationOfEachValueIsAnUnderrunInsideTheBytes) {
+TEST(ValueCheck, EachTruncationOfEachValueIsAnUnderrunInsideTheBytes) {
   for (const auto& vector : vorn_test::value_vectors()) {
     for (const size_t size : vorn_test::cuts(vector.bytes.size())) {
       const Result result = scan_bytes(vector.bytes.substr(0, size));
@@ -99,7 +99,7 @@ TEST(ValueScan, EachTruncationOfEachValueIsAnUnderrunInsideTheBytes) {
 
 // The variant decoder's counting pass steps over a string unchecked, so a value that ends in a cut string passes;
 // its position is then beyond the bytes.
-TEST(ValueScan, EachTruncationIsFoundOrSteppedOver) {
+TEST(ValueCheck, EachTruncationIsFoundOrSteppedOver) {
   for (const auto& vector : vorn_test::value_vectors()) {
     for (const size_t size : vorn_test::cuts(vector.bytes.size())) {
       PacketBuf buf;
@@ -156,7 +156,7 @@ std::string shortest(unsigned type) {
 bool starts_a_value(unsigned type) { return type >= 0x80 || (type <= 0x0A && type != 0x09); }
 
 // Where each of the 256 type bytes may stand, what comes around it, and which end mark is at home there.
-TEST(ValueScan, EveryTypeByteInEveryPlace) {
+TEST(ValueCheck, EveryTypeByteInEveryPlace) {
   const struct {
     const char* place;
     std::string before, behind;
@@ -181,7 +181,7 @@ TEST(ValueScan, EveryTypeByteInEveryPlace) {
   }
 }
 
-TEST(ValueScan, EveryTypeByteAlone) {
+TEST(ValueCheck, EveryTypeByteAlone) {
   const std::map<unsigned, std::string> bodies = {{0x03, "underrun_float"},  {0x04, "underrun_double"},
                                                   {0x05, "underrun_length"}, {0x06, "underrun_length"},
                                                   {0x07, "underrun_length"}, {0x08, "underrun_hash"},
@@ -195,7 +195,7 @@ TEST(ValueScan, EveryTypeByteAlone) {
 }
 
 // 63 containers of each mixture around a scalar pass a limit of 64, one more does not.
-TEST(ValueScan, DepthIsCountedOverBothKindsOfContainers) {
+TEST(ValueCheck, DepthIsCountedOverBothKindsOfContainers) {
   for (unsigned pattern = 0; pattern < 8; ++pattern) {
     for (const size_t depth : {size_t{63}, size_t{64}}) {
       std::string open, close;
@@ -216,7 +216,7 @@ TEST(ValueScan, DepthIsCountedOverBothKindsOfContainers) {
   }
 }
 
-TEST(ValueScan, DepthCostsNoMachineStack) {
+TEST(ValueCheck, DepthCostsNoMachineStack) {
   const size_t depth = 3000000;
   const std::string arrays(depth, '\x0A');
   EXPECT_EQ((Result{"underrun_array", depth}), scan_bytes(arrays, INT32_MAX));
@@ -224,7 +224,7 @@ TEST(ValueScan, DepthCostsNoMachineStack) {
   EXPECT_EQ((Result{"max_depth", 1000000}), scan_bytes(arrays, 1000000));
 }
 
-TEST(ValueScan, NoValueStartsAtOrBehindTheGivenEnd) {
+TEST(ValueCheck, NoValueStartsAtOrBehindTheGivenEnd) {
   PacketBuf buf;
   vorn_test::fill(buf, from_hex("0A 81 A0 01 0B"));
   const struct {
@@ -236,12 +236,12 @@ TEST(ValueScan, NoValueStartsAtOrBehindTheGivenEnd) {
   for (const auto& row : rows) {
     WireReader in(buf);
     ArrayCounts counts;
-    const std::string fault = name_of(scan_value(in, {64, row.end, NO_END}, counts));
+    const std::string fault = name_of(check_value(in, {64, row.end, NO_END}, counts));
     EXPECT_EQ(row.expected, (Result{fault, in.pos()})) << row.end;
   }
 }
 
-TEST(ValueScan, APositionBeforeOrBehindThePayloadIsAnUnderrun) {
+TEST(ValueCheck, APositionBeforeOrBehindThePayloadIsAnUnderrun) {
   PacketFrameIn frame;
   vorn_test::fill_frame(frame, from_hex("80 81"), 1);
   for (const uint64_t pos : {uint64_t{0}, uint64_t{7}, uint64_t{9}, uint64_t{10}, uint64_t{1} << 40, NO_END}) {
@@ -257,7 +257,7 @@ std::vector<uint32_t> counts_of(const std::string& bytes) {
   vorn_test::fill(buf, bytes);
   WireReader in(buf);
   ArrayCounts counts;
-  EXPECT_EQ(ValueFault::none, scan_value(in, {INT32_MAX, NO_END, NO_END}, counts));
+  EXPECT_EQ(ValueFault::none, check_value(in, {INT32_MAX, NO_END, NO_END}, counts));
   std::vector<uint32_t> out;
   for (size_t i = 0; i < static_cast<size_t>(std::count(bytes.begin(), bytes.end(), '\x0A')); ++i) {
     out.push_back(counts.next());
@@ -266,7 +266,7 @@ std::vector<uint32_t> counts_of(const std::string& bytes) {
   return out;
 }
 
-TEST(ValueScan, CountsTheMembersOfEachArrayInTheOrderOfTheirStarts) {
+TEST(ValueCheck, CountsTheMembersOfEachArrayInTheOrderOfTheirStarts) {
   using Counts = std::vector<uint32_t>;
   EXPECT_EQ((Counts{}), counts_of(from_hex("08 81 82 09")));
   EXPECT_EQ((Counts{0}), counts_of(from_hex("0A 0B")));
@@ -278,7 +278,7 @@ TEST(ValueScan, CountsTheMembersOfEachArrayInTheOrderOfTheirStarts) {
   EXPECT_EQ((Counts(200, 1)), counts_of(from_hex("(200:0A) 81 (200:0B)")));
 }
 
-TEST(ValueScan, OrdinaryValuesNeedNoMemory) {
+TEST(ValueCheck, OrdinaryValuesNeedNoMemory) {
   PacketBuf buf;
   vorn_test::fill(buf, from_hex("0A (31:0A 08 81 82 09 07 01 61 0B) 0B"));
   const vorn_test::AllocationCount allocations;
@@ -286,7 +286,7 @@ TEST(ValueScan, OrdinaryValuesNeedNoMemory) {
   EXPECT_EQ(0U, allocations.count());
 }
 
-TEST(ValueScan, WithoutMemoryTheCursorStays) {
+TEST(ValueCheck, WithoutMemoryTheCursorStays) {
   PacketBuf buf;
   vorn_test::fill(buf, from_hex("(200:0A) 81 (200:0B)"));
   uint64_t nth = 0;
@@ -296,7 +296,7 @@ TEST(ValueScan, WithoutMemoryTheCursorStays) {
     ArrayCounts counts;
     const vorn_test::FailAllocation fail(nth);
     try {
-      EXPECT_EQ(ValueFault::none, scan_value(in, {1000, NO_END, NO_END}, counts));
+      EXPECT_EQ(ValueFault::none, check_value(in, {1000, NO_END, NO_END}, counts));
       done = true;
     } catch (const std::bad_alloc&) {
       EXPECT_EQ(0U, in.pos());

@@ -1,6 +1,6 @@
-/// The checking pass of both decoders: walks one encoded value without building anything, and counts the
-/// members of its arrays. It keeps the open containers in a list of its own, so that nesting costs no machine
-/// stack, however deep the caller's limit allows it to be.
+/// The checking pass of every decoder (Ruby's, the variant's, vorn-inspect's): walks one encoded value without building
+/// anything, and counts the members of its arrays. The open containers are kept in a list, so that nesting costs no
+/// machine stack, however deep the caller's limit allows it to be.
 #pragma once
 
 #include <cstdint>
@@ -27,8 +27,8 @@ enum class ValueFault : uint8_t {
   unknown_type     ///< no value starts with this byte
 };
 
-/// Where the two decoders differ.
-struct ScanRules {
+/// Where decoders differ.
+struct CheckLimits {
   int32_t maxdepth;     ///< levels, scalars included; nothing passes a limit of 0 or below
   uint64_t value_end;   ///< no value, member or end mark may start from here on, even if it is readable
   uint64_t string_end;  ///< the bytes of a string lie below this index
@@ -36,7 +36,7 @@ struct ScanRules {
 
 /// Walks the value at the cursor. On success the cursor stands behind the value; on a fault it stays where
 /// reading stopped. Throws std::bad_alloc.
-VORN_API ValueFault scan_value(WireReader& in, const ScanRules& rules, ArrayCounts& counts);
+VORN_API ValueFault check_value(WireReader& in, const CheckLimits& limits, ArrayCounts& counts);
 
 }  // namespace PROTO
 }  // namespace VORN

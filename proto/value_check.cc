@@ -1,4 +1,4 @@
-#include "proto/value_scan.h"
+#include "proto/value_check.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -46,11 +46,11 @@ class OuterContainers {
   uint64_t size_ = 0;
 };
 
-// Drawn into scan_value(), whose cursor then stays in registers, as `inner` does (event catalogue: 1,400 us with both
-// in memory, 1,030 so). Integers and strings, which are most of a message, are tested for ahead of the jump.
-[[gnu::always_inline]] inline ValueFault scan(WireReader& in, const ScanRules& rules, ArrayCounts& counts) {
-  const uint64_t value_end = std::min(in.limit(), rules.value_end);
-  const uint64_t max_open = rules.maxdepth > 0 ? static_cast<uint64_t>(rules.maxdepth) : 0;
+// Inlined into check_value(), whose cursor then stays in registers, as `inner` does (docs/performance.md: the checking
+// pass). Integers and strings, which are most of a message, are tested for ahead of the jump table.
+[[gnu::always_inline]] inline ValueFault check(WireReader& in, const CheckLimits& limits, ArrayCounts& counts) {
+  const uint64_t value_end = std::min(in.limit(), limits.value_end);
+  const uint64_t max_open = limits.maxdepth > 0 ? static_cast<uint64_t>(limits.maxdepth) : 0;
   OuterContainers outer;
   OpenContainer inner{HASH, 1};  // stands around the value: no end mark is due
   uint64_t depth = 0;
@@ -83,7 +83,7 @@ class OuterContainers {
     if (type >= PTT_BINSTR && type <= PTT_UTF8STR) {
       uint32_t length;
       if (!in.read_length(length)) return ValueFault::underrun_length;
-      if (length > 0 && in.pos() + (length - 1) >= rules.string_end) return ValueFault::underrun_string;
+      if (length > 0 && in.pos() + (length - 1) >= limits.string_end) return ValueFault::underrun_string;
       in.skip(length);
       continue;
     }
@@ -119,10 +119,10 @@ class OuterContainers {
 
 }  // namespace
 
-ValueFault scan_value(WireReader& in, const ScanRules& rules, ArrayCounts& counts) {
+ValueFault check_value(WireReader& in, const CheckLimits& limits, ArrayCounts& counts) {
   // A cursor of its own, whose address nobody has; the caller's is given back in one place.
   WireReader cursor = in;
-  const ValueFault fault = scan(cursor, rules, counts);
+  const ValueFault fault = check(cursor, limits, counts);
   in = cursor;
   return fault;
 }
