@@ -56,40 +56,6 @@ inline void write_type(PacketBuf& buf, TransportType type) {
   *buf.claim(1) = static_cast<char>(type);
 }
 
-/// store_varint() for integers, with the sizes that 32-bit numbers take spelled out: a word put together
-/// in a register beats a loop over its bytes.
-[[gnu::always_inline]] inline char* store_int(char* at, uint64_t magnitude, bool negative) {
-  const uint32_t low = static_cast<uint32_t>(magnitude);
-  const uint32_t first =
-      PTT_INT | uint32_t{negative} * INT_SHAPE.sign_flag() | (low & INT_SHAPE.first_data_mask());
-  const uint32_t second = (low << 3) & 0x7F00;
-  const uint32_t third = (low << 4) & 0x7F0000;
-  const uint32_t fourth = (low << 5) & 0x7F000000;
-  if (magnitude < 1U << 5) {
-    *at = static_cast<char>(first);
-    return at + 1;
-  }
-  if (magnitude < 1U << 12) {
-    store_little_endian(at, static_cast<uint16_t>(0x20 | first | second));
-    return at + 2;
-  }
-  if (magnitude < 1U << 19) {
-    store_little_endian(at, static_cast<uint16_t>(0x8020 | first | second));
-    at[2] = static_cast<char>(third >> 16);
-    return at + 3;
-  }
-  if (magnitude < 1U << 26) {
-    store_little_endian(at, 0x808020 | first | second | third | fourth);
-    return at + 4;
-  }
-  if (magnitude < uint64_t{1} << 33) {
-    store_little_endian(at, 0x80808020 | first | second | third | fourth);
-    at[4] = static_cast<char>(magnitude >> 26);
-    return at + 5;
-  }
-  return store_varint(at, magnitude, negative, PTT_INT, INT_SHAPE);
-}
-
 /// The magnitude of the most negative integer is 2^63, so it is taken in unsigned arithmetic: without a branch,
 /// since signs are hard to predict.
 inline uint64_t magnitude_of(int64_t value) {
@@ -103,14 +69,14 @@ inline void write_int(PacketBuf& buf, int64_t value) {
   const uint64_t magnitude = magnitude_of(value);
   // In the middle of a buffer there is room for any integer, and no need to know its length beforehand.
   if (char* const at = buf.begin_write(MAX_VARINT_SIZE)) {
-    buf.end_write(store_int(at, magnitude, negative));
+    buf.end_write(store_varint(at, magnitude, negative, PTT_INT, INT_SHAPE));
   } else {
-    store_int(buf.claim(varint_size(magnitude, INT_SHAPE)), magnitude, negative);
+    store_varint(buf.claim(varint_size(magnitude, INT_SHAPE)), magnitude, negative, PTT_INT, INT_SHAPE);
   }
 }
 
-/// store_int() where what lies behind the integer may be overwritten, 8 bytes from `at` on: one word whatever the
-/// length, which is as good as random to the processor when integers follow one another.
+/// Stores an integer and returns the byte behind it. Writes one word whatever the size, since the sizes of integers that
+/// follow one another are unpredictable. REQUIRES: there are 8 bytes at `at`, or 10 for magnitudes from 2^33 on.
 [[gnu::always_inline]] inline char* store_int_word(char* at, uint64_t magnitude, bool negative) {
   if (magnitude >= uint64_t{1} << 33) return store_varint(at, magnitude, negative, PTT_INT, INT_SHAPE);
   const uint64_t groups = (magnitude & 0x1F) | (magnitude << 3 & 0x7F00) | (magnitude << 4 & 0x7F0000) |
@@ -140,9 +106,9 @@ template <typename ValueAt>
   return at;
 }
 
-/// Writes integers that follow one another, `count` results of value_at(index). They are encoded beside the buffer,
-/// where nothing has to stay (20,000 Integers of a Ruby array: 141 us with write_int(), 77 so).
-/// A failure leaves those of earlier batches written.
+/// Writes integers that follow one another, `count` results of value_at(index). They are encoded in a scratch array,
+/// because a word would overwrite what lies behind an integer in the buffer. A failure leaves earlier batches written.
+/// Do not replace by a loop over write_int() without the experiment "runs of integers" of docs/performance.md.
 template <typename ValueAt>
 [[gnu::noinline]] void write_ints(PacketBuf& buf, size_t count, ValueAt value_at) {
   IntScratch batch;
