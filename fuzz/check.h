@@ -1,5 +1,4 @@
-/// What a target holds to be always true. A check that fails ends the process, which is what a fuzzer looks
-/// for.
+/// An invariant of a target. A check that fails aborts the process, which the fuzzer reports.
 #pragma once
 
 #include <cstdio>

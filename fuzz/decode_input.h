@@ -1,7 +1,7 @@
-/// What the decoding targets make of their input: a buffer with bytes of an unknown kind, and the arguments
+/// What the decoding targets make of their input: a buffer of arbitrary bytes, and the arguments
 /// of the decoder.
 ///
-///   flags              which of the following are there; what is not there has its everyday value
+///   flags              which of the following are there; what is not there has its default
 ///   [payload:number]   a frame whose payload is cut there, the other bytes being stored behind it
 ///   [start:number] [end:number] [maxdepth:number]
 ///   bytes              up to the end of the input
@@ -59,12 +59,12 @@ struct DecodeInput {
   }
 
  private:
-  /// Positive limits stay so low that the stack holds what they allow.
+  /// Positive limits are kept low enough for the stack.
   static uint32_t bounded(uint32_t maxdepth) {
     return maxdepth < 0x80000000U ? std::min<uint32_t>(maxdepth, 2000) : maxdepth;
   }
 
-  /// Names of symbols are never freed, so a process decodes only so many.
+  /// Names of symbols are never freed, so a process decodes a bounded number.
   static bool symbols_left(const std::string& bytes) {
     static int64_t left = 300000;
     left -= std::count(bytes.begin(), bytes.end(), static_cast<char>(VORN::PROTO::PTT_SYMBOL));

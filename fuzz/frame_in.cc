@@ -1,4 +1,4 @@
-/// A stream into an inbound frame: whole, in chunks, byte by byte, and with the position moved in between.
+/// A stream fed to an inbound frame: whole, in chunks, byte by byte, and with the position moved in between.
 ///
 ///   n:byte, n bytes of sizes and positions, then the stream
 #include <memory>
@@ -29,7 +29,7 @@ Seen feed(PacketFrameIn& frame, const std::string& stream, ChunkSize chunk_size)
   bool refused = false;
   while (offset < stream.size() && !frame.have_complete_frame() && !frame.is_error() && !refused) {
     const uint64_t n = std::min<uint64_t>(chunk_size(), stream.size() - offset);
-    const std::unique_ptr<char[]> chunk(new char[n]);  // of its own, so that it ends where it says
+    const std::unique_ptr<char[]> chunk(new char[n]);  // a block of its exact size, so that a sanitizer sees its end
     std::copy_n(stream.data() + offset, n, chunk.get());
     try {
       const uint64_t taken = frame.assemble(chunk.get(), n, 0);
@@ -84,8 +84,7 @@ void feed_moving(PacketFrameIn& frame, const std::string& stream, Input& moves) 
 
 }  // namespace
 
-// libFuzzer takes with one form of operator new what it gives back with another, of which allocations.cc
-// replaces only some.
+// libFuzzer allocates with one form of operator new and frees with another; allocations.cc replaces only some.
 extern "C" const char* __asan_default_options() {
   return "alloc_dealloc_mismatch=0";
 }

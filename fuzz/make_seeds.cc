@@ -14,7 +14,7 @@ using namespace vorn_fuzz;
 
 namespace {
 
-constexpr size_t LONGEST = 1024;  // longer rows hold nothing but repetition
+constexpr size_t LONGEST = 1024;  // longer rows are repetitions
 
 class Folder {
  public:
@@ -72,7 +72,7 @@ void add_frame_seeds(Folder& folder) {
   }
 }
 
-/// The targets that grow trees take any bytes for choices.
+/// The targets that grow trees read any bytes as choices.
 void add_tree_seeds(Folder& folder) {
   for (const auto& v : vorn_test::value_vectors()) folder.add(bytes_of({0, 1, 4, 3}) + v.bytes);
   for (unsigned seed = 0; seed < 64; ++seed) {

@@ -1,4 +1,4 @@
-/// Rendering never fails, keeps what was there, and says all that strings hold.
+/// Rendering never fails, keeps the text that was there, and shows every byte of a string.
 #include <string>
 
 #include "fuzz/check.h"

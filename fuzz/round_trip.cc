@@ -1,4 +1,4 @@
-/// Trees into an outbound frame, over an inbound one, and back.
+/// Trees encoded into an outbound frame, sent through an inbound one, and decoded.
 #include <string>
 #include <vector>
 

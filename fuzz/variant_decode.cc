@@ -1,4 +1,4 @@
-/// Bytes of an unknown kind into the variant decoder. What it reads it can write and read again.
+/// Arbitrary bytes into the variant decoder. What it decodes can be encoded and decoded again.
 #include <set>
 #include <string>
 
@@ -20,7 +20,7 @@ bool is_late(const std::string& text) {
          text == "VObject::deserialize_str: buffer underrun extracting data bytes";
 }
 
-/// Reads the same again, from a buffer of its own.
+/// Decodes the encoding from a second buffer.
 VObject reread(const std::string& bytes, const DecodeInput& in) {
   PROTO::PacketBuf buf;
   vorn_test::fill(buf, bytes);

@@ -1,5 +1,4 @@
-/// What holds for any two values without cycles, however much they share: the way over the wire, copies,
-/// patches.
+/// Laws for any two values without cycles, however much they share: encoding, copies, patches.
 #include <string>
 
 #include "fuzz/patch_law.h"
@@ -14,7 +13,7 @@ std::string failure_of_reading(PROTO::PacketBuf& buf, uint64_t end, VObject& out
   return failure_of([&] { VObject::deserialize(buf, end, out, false, maxdepth); });
 }
 
-/// As many levels as there are suffice both ways, and one less does not. All of the bytes are needed.
+/// The value's own depth is the least limit that passes, encoding and decoding; and every byte is needed.
 void check_wire(const VObject& v) {
   const uint32_t levels = levels_of(v);
   PROTO::PacketBuf buf;

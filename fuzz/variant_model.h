@@ -1,6 +1,6 @@
 /// A second model of variants, to hold the library against: plain, slow, and without any code of vobject/.
 /// Values are cells; copies of a cell have its contents in common. Nothing is freed before the model is, so a
-/// cycle does no harm here, and is_sound() says that there is one before the library is asked to build it.
+/// cycle is harmless here, and is_sound() finds it before the library is asked to build it.
 #pragma once
 
 #include <cmath>
@@ -68,8 +68,8 @@ class Model {
     return made;
   }
 
-  /// Whether no cell holds itself, and none more than what can be walked in no time. Cells that are gone
-  /// count too: a cycle that nobody reaches any more was built all the same.
+  /// Whether no cell holds itself, and none is too large to walk. Cells that are gone count too: an unreachable
+  /// cycle is a leak all the same.
   bool is_sound() {
     ++walk_;
     for (Cell& c : cells_) {
@@ -417,8 +417,8 @@ class Model {
   }
   static std::string quoted(const std::string& bytes) { return '"' + escaped(bytes) + '"'; }
 
-  /// Groups of bits from the lowest: `bits` in the first byte, whose other bits are `flags`, then seven each.
-  /// The bit above a group says that another follows.
+  /// A varint: `bits` data bits in the first byte, whose other bits are `flags`, then seven in each byte. The bit above
+  /// a group is its continuation flag.
   static void encode_groups(unsigned flags, unsigned bits, uint64_t value, std::string& out) {
     while (value >> bits != 0) {
       out += static_cast<char>(flags | 1U << bits | (value & ((1U << bits) - 1)));

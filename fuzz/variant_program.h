@@ -1,7 +1,7 @@
-/// An input as a program over a few variables: values are made, copied, moved, referred to, stored, merged,
-/// encoded, and taken apart again, so that they come to share what they hold in every way that there is. Each
-/// step is made on the model first; where that shows a cycle, the program ends before the library could build
-/// it. After each step the library's values must be the model's, down to what is shared with what.
+/// An input as a program over a few variables: values are made, copied, moved, referred to, stored, merged, encoded,
+/// and taken apart again, so that they share storage in every possible way. Each step is made on the model first; where
+/// that finds a cycle, the program ends before the library builds it. After each step the library's values must be the
+/// model's, down to what is shared with what.
 #pragma once
 
 #include <boost/make_shared.hpp>
@@ -32,7 +32,7 @@ inline double double_in(const VORN::VObject& v) {
   return Model::double_of(Input(reinterpret_cast<const uint8_t*>(bytes.data()) + 1, 8).word(8));
 }
 
-/// Holds variants against cells. Whatever exists once on one side exists once on the other.
+/// Compares variants with cells: what is shared on one side must be shared on the other.
 class SameGraph {
  public:
   void check(const VORN::VObject& v, const Model::Cell* c) {

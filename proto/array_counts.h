@@ -1,9 +1,9 @@
 /// Member counts of the arrays in one value, kept between the checking pass, which counts, and the building
-/// pass, which reserves. Both passes meet the arrays in the same order, so a plain list serves: four bytes an
-/// array, and no memory of its own for messages of few arrays.
+/// pass, which reserves. Both passes meet the arrays in the same order, so a plain list is enough: four bytes an array,
+/// and no allocation for messages of few arrays.
 ///
-/// The counts are hints for reserving. Should the bytes have changed between the passes, the hints are wrong
-/// and nothing else is.
+/// The counts are hints for reserving. If the bytes change between the passes, arrays are reserved badly and nothing
+/// else goes wrong.
 #pragma once
 
 #include <algorithm>
@@ -46,7 +46,7 @@ class ArrayCounts {
     return slot < INLINE_SLOTS ? inline_[slot] : more_[slot - INLINE_SLOTS];
   }
 
-  /// So many need no memory of their own.
+  /// Up to this many counts are kept without an allocation.
   static constexpr size_t INLINE_SLOTS = 32;
 
  private:

@@ -1,5 +1,5 @@
-/// Words to and from the order that they have on the wire, as one access each: compilers do not reliably put
-/// single bytes together (110,000 doubles: encode 790 us and decode 1,530 us byte by byte, 270 and 1,120 so).
+/// Words to and from the byte order of the wire, in one memory access each: compilers do not reliably combine accesses
+/// to single bytes (docs/performance.md: double bodies).
 #pragma once
 
 #include <cstdint>

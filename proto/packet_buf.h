@@ -2,7 +2,7 @@
 /// frame classes derive from it and narrow the payload range.
 ///
 /// Writing overwrites: it never inserts, and the buffer never shrinks. reset() moves the position and keeps
-/// the bytes, so a buffer that is used again and again settles into overwriting its own storage.
+/// the bytes, so a buffer that is reused stops allocating.
 #pragma once
 
 #include <cassert>
@@ -55,14 +55,14 @@ class VORN_API PacketBuf {
   /// and the bytes are then as before.
   char* claim(uint64_t n);
 
-  /// Makes room for n bytes from the position on, without storing any, so that as many can be written in pieces without
-  /// moving what is there. Throws like claim().
+  /// Reserves memory for n bytes from the position on and stores none, so that writing them in pieces moves the buffer
+  /// at most once. Throws like claim().
   void reserve(uint64_t n);
 
   /// The way around claim() for writers that know a bound before they know their length. begin_write() gives the bytes
   /// at the position if `most` of them exist already, else null; end_write() moves the position to where the writer has
-  /// come. REQUIRES: `end` lies between what begin_write() gave and the end of the stored bytes, and nothing was written
-  /// to the buffer in between.
+  /// come. REQUIRES: `end` lies between what begin_write() gave and the end of the stored bytes, and nothing was
+  /// written to the buffer in between.
   /// @{
   char* begin_write(uint64_t most);
   void end_write(const char* end);

@@ -21,8 +21,8 @@ uint64_t PacketFrameIn::reset() {
   return pos();
 }
 
-// While the header arrives, the position says how much of it is held. Behind that point the position is the
-// reader's and says nothing any more.
+// While the header arrives, the position counts its bytes. Afterwards the position belongs to whoever reads the
+// payload.
 bool PacketFrameIn::header_is_held() const {
   return state_ != nullptr && state_ != &PacketFrameIn::st_sync &&
          state_ != &PacketFrameIn::st_accept_header;

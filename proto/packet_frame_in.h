@@ -52,7 +52,7 @@ class VORN_API PacketFrameIn : public PacketFrame {
   /// many. While a frame is in progress at least one byte is consumed. A call without bytes (offset >= len)
   /// consumes nothing and makes have_complete_frame() and is_error() false until the next call with bytes.
   ///
-  /// The announced payload is given room at once: up to 2 GiB, at the peer's word.
+  /// The announced payload is allocated at once: up to 2 GiB, because the peer says so.
   ///
   /// Throws std::bad_alloc when there is no memory for that, std::length_error where no string can hold it (from
   /// about 1 GiB on if addresses have 32 bits), and VornRuntimeError when the caller moved the position in the middle

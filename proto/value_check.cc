@@ -26,7 +26,7 @@ class OuterContainers {
  public:
   void push(OpenContainer c) {
     if (size_ >= INLINE) more_.emplace_back();
-    // Not by push_back(), which takes a reference: c would have to be put together in memory.
+    // push_back() takes a reference, which would force c from registers into memory.
     (size_ < INLINE ? inline_[size_] : more_.back()) = c;
     ++size_;
   }
@@ -120,7 +120,7 @@ class OuterContainers {
 }  // namespace
 
 ValueFault check_value(WireReader& in, const CheckLimits& limits, ArrayCounts& counts) {
-  // A cursor of its own, whose address nobody has; the caller's is given back in one place.
+  // A copy whose address is not taken can stay in registers.
   WireReader cursor = in;
   const ValueFault fault = check(cursor, limits, counts);
   in = cursor;

@@ -17,13 +17,13 @@ enum class ValueFault : uint8_t {
   none,
   max_depth,        ///< nested deeper than the limit
   underrun,         ///< no byte where a value should start
-  underrun_int,     ///< an integer's continuation flags run on past the range
-  underrun_length,  ///< a string's length likewise
+  underrun_int,     ///< an integer's continuation flags lead past the range
+  underrun_length,  ///< the same for a string's length
   underrun_string,  ///< a string's bytes do not fit
   underrun_float,
   underrun_double,
   underrun_hash,   ///< no byte where a member or the end mark should be
-  underrun_array,  ///< likewise
+  underrun_array,  ///< the same
   unknown_type     ///< no value starts with this byte
 };
 

@@ -1,4 +1,4 @@
-/// The door to the value encoding: the type bytes, the primitive writers, the read cursor with the primitive
+/// All of the value encoding: the type bytes, the primitive writers, the read cursor with the primitive
 /// readers, and the checking pass.
 #pragma once
 

@@ -7,7 +7,7 @@ namespace VORN {
 
 VornException::VornException(const std::string& text) : message(text) {}
 
-// The destructors stand here so that each class's type information has one home.
+// Out of line, so that each class has one copy of its type information.
 VornException::~VornException() = default;
 VornRuntimeError::~VornRuntimeError() = default;
 PROTO::VornProtoException::~VornProtoException() = default;

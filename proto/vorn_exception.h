@@ -1,4 +1,4 @@
-/// The base of everything that the library throws on its own account. The message is the whole report: there
+/// The base of all exceptions that the library defines. The message is the whole report: there
 /// are no error codes.
 #pragma once
 
@@ -10,7 +10,7 @@
 namespace VORN {
 
 /// Catch this to catch any failure that the library itself detects. Failures of the standard library (running
-/// out of memory, say) are thrown as the standard has them.
+/// out of memory, say) are thrown as the standard library throws them.
 ///
 /// A message starts with the qualified name of the operation that failed, a colon and a blank; a failure that
 /// only a bug can cause ends in " (internal error)".

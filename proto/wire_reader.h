@@ -6,7 +6,7 @@
 ///
 ///   WireReader in(buf);
 ///   int64_t n;
-///   if (!in.readable() || !in.read_int(n)) ...     // a plain no; the caller words the error
+///   if (!in.readable() || !in.read_int(n)) ...     // no reason given; the caller words the error
 ///   in.commit(buf);
 #pragma once
 

@@ -67,7 +67,7 @@ inline uint64_t magnitude_of(int64_t value) {
 inline void write_int(PacketBuf& buf, int64_t value) {
   const bool negative = value < 0;
   const uint64_t magnitude = magnitude_of(value);
-  // In the middle of a buffer there is room for any integer, and no need to know its length beforehand.
+  // Inside a buffer that is reused there are bytes for any integer, and its length need not be known first.
   if (char* const at = buf.begin_write(MAX_VARINT_SIZE)) {
     buf.end_write(store_varint(at, magnitude, negative, PTT_INT, INT_SHAPE));
   } else {
@@ -75,8 +75,8 @@ inline void write_int(PacketBuf& buf, int64_t value) {
   }
 }
 
-/// Stores an integer and returns the byte behind it. Writes one word whatever the size, since the sizes of integers that
-/// follow one another are unpredictable. REQUIRES: there are 8 bytes at `at`, or 10 for magnitudes from 2^33 on.
+/// Stores an integer and returns the byte behind it. Writes one word whatever the size, since the sizes of integers
+/// that follow one another are unpredictable. REQUIRES: there are 8 bytes at `at`, or 10 for magnitudes from 2^33 on.
 [[gnu::always_inline]] inline char* store_int_word(char* at, uint64_t magnitude, bool negative) {
   if (magnitude >= uint64_t{1} << 33) return store_varint(at, magnitude, negative, PTT_INT, INT_SHAPE);
   const uint64_t groups = (magnitude & 0x1F) | (magnitude << 3 & 0x7F00) | (magnitude << 4 & 0x7F0000) |
@@ -143,8 +143,8 @@ inline void write_double(PacketBuf& buf, double value) {
 }
 /// @}
 
-/// memcpy, with the short strings that messages are made of copied in place of a call: two moves of a fixed size
-/// that overlap.
+/// memcpy without a call for short strings, which most of a message are: two overlapping moves of a fixed size
+/// (docs/performance.md: short strings).
 inline void copy_string_bytes(char* to, const char* from, size_t n) {
   const auto move_ends = [=](auto width) {
     std::memcpy(to, from, width);

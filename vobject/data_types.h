@@ -1,5 +1,5 @@
-/// The kinds of value that a VObject can hold, and the types of what it holds. The numbers are fixed: the text rendering
-/// prints one that it does not know, and the order is used (see is_shared_type).
+/// The kinds of value that a VObject can hold, and the types of what it holds. The numbers are fixed: the text
+/// rendering prints one that it does not know, and the order is used (see is_shared_type).
 #pragma once
 
 #include <cstdint>

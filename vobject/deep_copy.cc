@@ -5,7 +5,7 @@ namespace VORN {
 
 VObject& deep_copy(const VObject& source, VObject& target) {
   constexpr uint32_t MAXDEPTH = 64;
-  // What the target held is kept to the end: the source may be part of it.
+  // Holds what the target held until the end, since the source may be part of it.
   const VObject old(std::move(VObjectInternal::target(target)));
   PROTO::PacketBuf buf;
   source.serialize(buf, MAXDEPTH);

@@ -7,7 +7,7 @@ namespace PROTO {
 
 namespace {
 
-constexpr size_t ROOM = 256;  // spares small batches a reallocation
+constexpr size_t ROOM = 256;  // small batches never reallocate
 constexpr uint32_t MAXDEPTH = 64;
 
 }  // namespace

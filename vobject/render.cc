@@ -36,7 +36,7 @@ void append_escaped(std::string_view bytes, std::string& out, char quote) {
   if (quote != '\0') out += quote;
 }
 
-/// Out of line, or its buffer would take stack at every level of nesting.
+/// Out of line: its buffer would take stack at every level of nesting.
 [[gnu::noinline]] void render_double(double value, std::string& out) {
   // The longest: a sign, 309 digits, the point (of several bytes in some locales), six digits.
   char text[384];

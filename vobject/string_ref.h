@@ -1,5 +1,4 @@
-/// The key type of variant hashes and of the symbol table: bytes, by pointer and length, with a note of whose
-/// they are.
+/// The key type of variant hashes and of the symbol table: a pointer, a length, and who owns the bytes.
 ///
 /// A key made from a string only borrows its bytes: a lookup allocates nothing. Copying is what makes a key
 /// last: the copy of a borrowed or owned key owns a copy of the bytes, so a borrowed key that is inserted

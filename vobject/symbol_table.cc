@@ -13,11 +13,11 @@ struct Name {
   Name* previous;
 };
 
-/// Names are never freed. The chain keeps them within reach, so that leak checkers do not take them for lost.
+/// Names are never freed. The chain keeps them reachable for leak checkers.
 Name* newest_name = nullptr;
 
-/// Makes the table when the library is loaded, unless someone needed it before. Without the memory for that,
-/// the program ends before it has begun.
+/// Makes the table when the library is loaded, unless a static object used it before. If there is no memory for it,
+/// the program terminates before main().
 // NOLINTNEXTLINE(cert-err58-cpp)
 [[maybe_unused]] const SymbolTable& made_at_load = SymbolTable::instance();
 

@@ -2,8 +2,8 @@
 /// Names are never removed, and their strings are deliberately never freed, so that a name stays valid to the
 /// very end of the process, whoever still holds it.
 ///
-/// VObject::intern() and VObject::sym_lookup() are the everyday way in. What is left to this class is the
-/// lock, for who wants to do several steps under one.
+/// VObject::intern() and VObject::sym_lookup() are the everyday way in. This class adds the lock, for
+/// callers that need several steps under one.
 ///
 /// The table can be used while other files' static objects are being initialised, and from their destructors
 /// if they were constructed after its first use.

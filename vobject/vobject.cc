@@ -82,7 +82,7 @@ void VObject::set_nil() noexcept {
 void VObject::reset_hash() {
   VObject& t = target();
   if (t.type() == DT_HASH) {
-    VObjectHash old;  // clearing in place could end this very value half way
+    VObjectHash old;  // clearing in place may destroy this value half way
     old.swap(t.payload_.hash());
   } else {
     t.payload_.replace({DT_HASH, boost::make_shared<VObjectHash>()});
@@ -92,11 +92,11 @@ void VObject::reset_hash() {
 void VObject::reset_vector(size_t reserve) {
   VObject& t = target();
   if (t.type() == DT_VECTOR) {
-    const VObject held(t);  // likewise, and the storage is to be used again
+    const VObject held(t);  // emptying may destroy this value; its storage is reused
     VObjectVector& elements = held.payload_.vec();
     if (reserve > elements.capacity()) {
       VObjectVector room;
-      room.reserve(reserve);  // without the memory for it, nothing has changed
+      room.reserve(reserve);  // if this throws, nothing has changed
       elements.swap(room);
     } else {
       elements.clear();

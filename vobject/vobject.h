@@ -1,5 +1,5 @@
-/// The variant: nil, integer, double, boolean, symbol, byte string, hash, vector, user-defined object, or a reference to
-/// another value. Messages are decoded into it and encoded from it.
+/// The variant: nil, integer, double, boolean, symbol, byte string, hash, vector, user-defined object, or a reference
+/// to another value. Messages are decoded into it and encoded from it.
 ///
 ///   VObject msg = VObject::new_hash();
 ///   msg.store("id", 7);
@@ -14,12 +14,12 @@
 /// operation works on the value itself, its contract says so.
 ///
 /// The library takes no lock for a value, and finds no cycle: a value that contains itself is never freed, and walking
-/// it does not end. Nesting costs machine stack, when a value ends too. docs/native-guide.md explains references, cycles
-/// and threads by example.
+/// it does not end. Nesting costs machine stack, when a value ends too. docs/native-guide.md explains references,
+/// cycles and threads by example.
 ///
 /// All failures of the library are VornRuntimeError with the text that is given. Running out of memory is
-/// std::bad_alloc, and asking a string or vector for more than its max_size() is std::length_error; both leave values as
-/// they were, except where an operation says that it works step by step.
+/// std::bad_alloc, and asking a string or vector for more than its max_size() is std::length_error; both leave values
+/// as they were, except where an operation says that it works step by step.
 #pragma once
 
 #include <boost/smart_ptr/shared_ptr.hpp>
@@ -86,8 +86,8 @@ class VORN_API VObject {
   VObject(const VObjectString& text);
   /// @}
 
-  /// A vector with copies of the elements. Explicit, so that copying a std::vector<VObject> with braces does not wrap it
-  /// in a variant. Throws std::bad_alloc.
+  /// A vector with copies of the elements. Explicit, so that copying a std::vector<VObject> with braces does not wrap
+  /// it in a variant. Throws std::bad_alloc.
   explicit VObject(const VObjectVector& elements);
 
   /// A user-defined value, which shares the object; an empty pointer gives one that holds none.
@@ -137,8 +137,8 @@ class VORN_API VObject {
     return *this;
   }
 
-  /// Setters, on the target. The argument may be part of what is overwritten; a null pointer gives an empty string, or a
-  /// user-defined value that holds no object. Return this value. Throw std::bad_alloc unless they are noexcept.
+  /// Setters, on the target. The argument may be part of what is overwritten; a null pointer gives an empty string, or
+  /// a user-defined value that holds no object. Return this value. Throw std::bad_alloc unless they are noexcept.
   /// @{
   template <typename T, IfInteger<T> = 0>
   VObject& operator=(T value) noexcept {
@@ -226,8 +226,8 @@ class VORN_API VObject {
   /// not fit gives the most negative integer. Nil, symbol and everything else shared are 0.
   int64_t to_i64() const noexcept;
 
-  /// The target as a truth value. False are nil, 0, 0.0, false, a string of which atoi makes 0, and a user-defined value
-  /// without an object. Symbols, hashes and vectors are true, empty ones too.
+  /// The target as a truth value. False are nil, 0, 0.0, false, a string of which atoi makes 0, and a user-defined
+  /// value without an object. Symbols, hashes and vectors are true, empty ones too.
   bool to_bool() const noexcept;
 
   /// Whether the target is a hash that has the key. Allocates nothing.
@@ -237,8 +237,8 @@ class VORN_API VObject {
   /// Throws "non-const VObject::fetch called on non-hash object" and std::bad_alloc.
   VObject& fetch(const char* key);
 
-  /// The element under the key; a nil that lives as long as the process when there is none or when this is no hash. On a
-  /// reference, however, this is the other fetch() on the referent, insertion and failure included.
+  /// The element under the key; a nil that lives as long as the process when there is none or when this is no hash. On
+  /// a reference, however, this is the other fetch() on the referent, insertion and failure included.
   const VObject& fetch(const char* key) const;
 
   /// Assigns `value` to the element under the key, as operator= does, making it first if it is missing. `value` may be
@@ -251,8 +251,8 @@ class VORN_API VObject {
   VObject& at(int64_t index);
 
   /// Appends a copy of the value, or of all values in order; they may be elements of this vector, or all of them.
-  /// Returns the target. Throw "VObject::append called on non-vector object", std::bad_alloc, and std::length_error when
-  /// there would be more elements than a vector can hold.
+  /// Returns the target. Throw "VObject::append called on non-vector object", std::bad_alloc, and std::length_error
+  /// when there would be more elements than a vector can hold.
   /// @{
   VObject& append(const VObject& value);
   VObject& append(const VObjectVector& values);
@@ -269,8 +269,8 @@ class VORN_API VObject {
   /// container and/or user-defined types.", std::bad_alloc and std::length_error as append() does.
   VObject& merge(const VObject& src);
 
-  /// Makes `out` a patch: merge() of it into a deep copy of `a` gives `b`. Returns whether they differ; if not, `out` is
-  /// nil and no patch.
+  /// Makes `out` a patch: merge() of it into a deep copy of `a` gives `b`. Returns whether they differ; if not, `out`
+  /// is nil and no patch.
   ///
   /// Two doubles differ where both their distance is greater than `epsilon` and the greater one is greater than the sum
   /// of the lesser and `epsilon`, each in double arithmetic. An infinite distance is greater than every finite
@@ -282,8 +282,8 @@ class VORN_API VObject {
   /// structural, a patch fails to give `b` where a vector became shorter, where the kinds differ and one is a hash,
   /// vector or user-defined value and neither is nil, and where there are NaNs.
   ///
-  /// `out` becomes nil first (its target, if it is a reference). It may be part of `a` or of `b`, which then differ from
-  /// what they were; inside of `b` it may come to contain itself. The patch shares with `b`, not with `a`.
+  /// `out` becomes nil first (its target, if it is a reference). It may be part of `a` or of `b`, which then differ
+  /// from what they were; inside of `b` it may come to contain itself. The patch shares with `b`, not with `a`.
   /// Throws std::bad_alloc; `out` is then nil. REQUIRES: user-defined values that are compared hold objects.
   /// @{
   static bool diff(const VObject& a, VObject& out, const VObject& b, bool& structural, int parent_tag, double epsilon);
@@ -316,8 +316,8 @@ class VORN_API VObject {
   /// No value may start at or behind the index `end`. Symbols are interned, or come as strings.
   ///
   /// The value is checked before anything is built, and `out` stays as it was if the check fails; only a hash key that
-  /// is no string, a string that leaves the payload and the end of memory are found later, and leave `out` partly built.
-  /// Either way the position is where reading stopped.
+  /// is no string, a string that leaves the payload and the end of memory are found later, and leave `out` partly
+  /// built. Either way the position is where reading stopped.
   ///
   /// Each level of nesting takes up to 260 bytes of machine stack; `maxdepth` must not allow more than the thread's
   /// stack holds. A limit of 2^31 or more counts as negative, and nothing passes it. Throws std::bad_alloc and:
@@ -373,9 +373,9 @@ inline bool operator!=(const VObject& a, const VObject& b) {
 /// The same as dst.merge(src).
 VORN_API VObject& merge(VObject& dst, const VObject& src);
 
-/// Makes `target` an independent copy of `source`, by way of the encoding, and returns it. `target` becomes nil first (the
-/// end of its chain, if it is a reference), then itself the copy; with `source` as its own target the result is nil. At
-/// most 64 levels. Throws what serialize() and deserialize() throw; `target` is then nil or partly built.
+/// Makes `target` an independent copy of `source`, by way of the encoding, and returns it. `target` becomes nil first
+/// (the end of its chain, if it is a reference), then itself the copy; with `source` as its own target the result is
+/// nil. At most 64 levels. Throws what serialize() and deserialize() throw; `target` is then nil or partly built.
 VORN_API VObject& deep_copy(const VObject& source, VObject& target);
 
 }  // namespace VORN

@@ -121,7 +121,7 @@ void deserialize_double(DeserializeContext& ctx, VObject& out) {
     if (ctx.depth >= ctx.maxdepth) fail(ValueFault::max_depth);
     in.skip(1);
     const std::string_view key = read_str(in);
-    // Keys mostly come in their order, so each is tried behind the last.
+    // A peer writes keys in order, so the hint makes most insertions constant in time.
     const auto element = hash.try_emplace(hash.end(), string_ref(key.data(), key.size()));
     deserialize_value(ctx, element->second);
   }
@@ -183,7 +183,7 @@ void VObject::deserialize(PacketBuf& buf, uint64_t end, VObject& out, bool symbo
   const int32_t limit = static_cast<int32_t>(maxdepth);
   ArrayCounts counts;
   WireReader scanner(buf);
-  // The bytes of strings are checked when they are taken: this pass skips them.
+  // Where a string's bytes end is checked when they are read; this pass steps over them.
   const ValueFault fault = check_value(scanner, {limit, end, UINT64_MAX}, counts);
   if (fault != ValueFault::none) {
     scanner.commit(buf);

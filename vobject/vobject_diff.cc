@@ -8,7 +8,7 @@ namespace VORN {
 
 namespace {
 
-/// As a double, where the machine's registers may hold more: the same answer on every machine.
+/// Forces a double out of registers that are wider, as an x87's are: the same answer on every machine.
 double rounded(double value) {
   const volatile double stored = value;
   return stored;
@@ -98,10 +98,10 @@ bool diff_targets(const VObject& a, VObject& out, const VObject& b, bool& struct
 
 bool VObject::diff(const VObject& a, VObject& out, const VObject& b, bool& structural, int parent_tag,
                    double epsilon) {
-  // What `out` held is kept to the end: a and b may be part of it.
+  // Holds what `out` held until the end, since a and b may be part of it.
   const VObject old(std::move(out.target()));
   structural = false;
-  // Apart from `out`, which may be part of a or b: a patch that grew inside of what is compared might not end.
+  // Not built in `out`, which may be part of a or b: a patch that grows inside what is compared might not end.
   VObject patch;
   if (!diff_targets(a, patch, b, structural, parent_tag, epsilon)) return false;
   out = std::move(patch);

@@ -53,8 +53,8 @@ void merge_into(VObject& dst, const VObject& src) {
     return;
   }
 
-  // Either side may be part of the other, so merging members may move, overwrite or end both values. Their contents are
-  // held here, and neither value is looked at again.
+  // Either side may be part of the other, so merging members may move, overwrite or destroy both values: from here on
+  // only these copies of their payloads are used.
   const VObjectPayload into(VObjectInternal::payload(dst));
   const VObjectPayload from(VObjectInternal::payload(src));
   if (into.tag() == DT_HASH) {

@@ -25,7 +25,7 @@ void VObjectPayload::release() noexcept {
     case DT_VECTOR:
     case DT_UDT: shared_.~shared_ptr(); break;
     case DT_REF: ref_.~shared_ptr(); break;
-    default: break;  // a tag that nobody knows owns nothing
+    default: break;  // an unknown tag owns nothing
   }
 }
 

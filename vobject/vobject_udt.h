@@ -7,7 +7,7 @@
 namespace VORN {
 
 /// The base of user-defined objects that variants can hold. The library never makes one; it compares them,
-/// renders them and drops its shares of them.
+/// renders them and releases its shares of them.
 class VORN_API VObjectUDT {
  public:
   virtual ~VObjectUDT() = default;

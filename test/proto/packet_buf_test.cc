@@ -248,7 +248,7 @@ std::vector<uint64_t> edges(uint64_t least) {
   return out;
 }
 
-// What must come of writing n bytes at a position that is far from the stored ones, where no block may be large.
+// The outcome of writing n bytes far behind the stored ones, while large blocks are refused.
 template <typename Write>
 void expect_refused(PacketBuf& buf, uint64_t n, Write write) {
   const uint64_t pos = buf.pos();

@@ -197,8 +197,8 @@ TEST_P(EveryFrame, ACallWithoutBytesForgetsHowItEndedUntilTheNextCallWithBytes) 
   expect_state(GetParam(), frame);
 }
 
-// The position belongs to the caller too. Wherever it is put in the middle of a frame, what follows is an
-// exception or a frame, and after the next reset all is well.
+// The position belongs to the caller too. Wherever it is set in the middle of a frame, the result is an
+// exception or a frame, and the next reset recovers.
 TEST_P(EveryFrame, SurvivesAPositionThatIsMovedBetweenTwoPieces) {
   const std::string& stream = GetParam().stream;
   const uint64_t positions[] = {0,  1,  2,  3,  7,   8,   9,     11,        12,
@@ -292,7 +292,7 @@ TEST(PacketFrameIn, TheReadableRangeIsThePayloadAndNotWhatIsStoredBehindIt) {
   EXPECT_FALSE(frame.index_within_payload(9));
 }
 
-// A frame that fails for its length is not given room for it.
+// A frame over the soft limit allocates nothing for its payload.
 TEST(PacketFrameIn, AnAnnouncedPayloadThatIsNotStoredCannotBeRead) {
   PacketFrameIn frame;
   frame.reset();
@@ -304,7 +304,7 @@ TEST(PacketFrameIn, AnAnnouncedPayloadThatIsNotStoredCannotBeRead) {
   EXPECT_FALSE(frame.index_within_payload(1000));
 }
 
-// The header's length is known from its second byte on; bytes of an earlier frame say nothing.
+// The header's length is known from its second byte on; bytes of an earlier frame do not count.
 TEST(PacketFrameIn, ThePayloadRangeWhileTheHeaderArrives) {
   for (const bool used_before : {false, true}) {
     PacketFrameIn frame;

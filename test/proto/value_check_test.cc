@@ -48,7 +48,7 @@ struct Result {
 bool operator==(const Result& a, const Result& b) { return a.fault == b.fault && a.pos == b.pos; }
 std::ostream& operator<<(std::ostream& out, const Result& r) { return out << r.fault << " at " << r.pos; }
 
-// As Ruby's decoder scans: a string's bytes must be stored.
+// With the limits of Ruby's decoder: a string's bytes must be stored.
 Result scan_stored(const PacketBuf& buf, int32_t maxdepth) {
   const vorn_test::PoisonedTail tail(buf);
   WireReader in(buf);
@@ -57,7 +57,7 @@ Result scan_stored(const PacketBuf& buf, int32_t maxdepth) {
   return {fault, in.pos() - buf.pos()};
 }
 
-// As the variant decoder counts: over strings unchecked, up to the payload's end.
+// With the limits of the variant's decoder: the pass steps over strings unchecked, up to the payload's end.
 Result scan_unchecked(const PacketBuf& buf, int32_t maxdepth) {
   const vorn_test::PoisonedTail tail(buf);
   WireReader in(buf);
@@ -97,8 +97,7 @@ TEST(ValueCheck, EachTruncationOfEachValueIsAnUnderrunInsideTheBytes) {
   }
 }
 
-// The variant decoder's counting pass steps over a string unchecked, so a value that ends in a cut string passes;
-// its position is then beyond the bytes.
+// With the variant's limits a value that ends in a cut string passes, and the position is then beyond the bytes.
 TEST(ValueCheck, EachTruncationIsFoundOrSteppedOver) {
   for (const auto& vector : vorn_test::value_vectors()) {
     for (const size_t size : vorn_test::cuts(vector.bytes.size())) {
@@ -126,11 +125,11 @@ TEST_P(EveryFault, IsFoundWhereTheTableSays) {
   if (!vector.plain_buffer) vorn_test::fill_frame(frame, vector.bytes, vector.payload);
   const PacketBuf& buf = vector.plain_buffer ? plain : frame;
 
-  // Interning comes after scanning.
+  // Interning comes after the checking pass.
   const std::string ruby = vector.ruby == "symbol_encoding" ? "none" : vector.ruby;
   EXPECT_EQ((Result{ruby, vector.ruby_pos}), scan_stored(buf, vector.maxdepth));
 
-  // These two are found when the variant is built; counting gets by.
+  // These two are found by the building pass.
   if (vector.variant == "hash_key" || vector.variant == "underrun_string") {
     EXPECT_EQ("none", scan_unchecked(buf, vector.maxdepth).fault);
   } else {
@@ -155,7 +154,7 @@ std::string shortest(unsigned type) {
 
 bool starts_a_value(unsigned type) { return type >= 0x80 || (type <= 0x0A && type != 0x09); }
 
-// Where each of the 256 type bytes may stand, what comes around it, and which end mark is at home there.
+// Where each of the 256 type bytes may stand, what comes around it, and which end mark belongs there.
 TEST(ValueCheck, EveryTypeByteInEveryPlace) {
   const struct {
     const char* place;
@@ -209,7 +208,7 @@ TEST(ValueCheck, DepthIsCountedOverBothKindsOfContainers) {
       if (depth == 63) {
         EXPECT_EQ((Result{"none", bytes.size()}), scan_bytes(bytes));
       } else {
-        // In a hash its key is too deep already.
+        // In a hash the key alone is too deep.
         EXPECT_EQ((Result{"max_depth", open.size() - (hash ? 1 : 0)}), scan_bytes(bytes));
       }
     }

@@ -158,7 +158,7 @@ TEST(WireReader, AFloatThatDoesNotFitLeavesThePositionWhereItWas) {
   }
 }
 
-// What runs out of bytes is a number all the same, wherever reading starts.
+// Running out of bytes leaves a defined number, wherever reading starts.
 TEST(WireReader, WhatDoesNotFitIsZero) {
   PacketFrameIn frame;
   vorn_test::fill_frame(frame, from_hex("FF FF (6:FF) (8:FF)"), 2);

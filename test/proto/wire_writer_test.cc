@@ -71,7 +71,7 @@ TEST(WireWriter, IntegersOfTheTable) {
   EXPECT_GE(rows, 40);
 }
 
-// The format as it is told, one byte after the other.
+// The encoding as docs/value-encoding.md describes it, byte by byte.
 std::string plain_int(int64_t value) {
   const bool negative = value < 0;
   uint64_t magnitude = negative ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
@@ -117,7 +117,7 @@ TEST(WireWriter, IntegersThatFollowOneAnother) {
   }
 }
 
-// Between the sizes and at the ends of what fits a word.
+// The limits of each size, and of what fits a word.
 TEST(WireWriter, IntegersThatFollowOneAnotherOfEverySize) {
   for (unsigned shift = 0; shift < 64; ++shift) {
     const uint64_t power = uint64_t{1} << shift;
@@ -131,7 +131,7 @@ TEST(WireWriter, IntegersThatFollowOneAnotherOfEverySize) {
 }
 
 // The longest integers fill the scratch memory of a batch to its last byte, and shorter ones behind them are stored
-// as words: bytes that end, and start, at a page which may not be touched stand in for it.
+// as words: the scratch ends, and starts, at an unreadable page here.
 TEST(WireWriter, ABatchOfIntegersKeepsToItsScratchMemory) {
   const int64_t fillers[] = {INT64_MIN, INT64_MAX, -1, 0, 0xFFF, 0x1FFFFFFFF, 0x200000000};
   for (const auto guard : {vorn_test::GuardedBytes::BEHIND, vorn_test::GuardedBytes::BEFORE}) {
@@ -235,7 +235,7 @@ std::string distinct_bytes(size_t length) {
   return out;
 }
 
-// Each source and each target that ends, or starts, at a page which may not be touched.
+// Sources and targets that end, or start, at an unreadable page.
 TEST(WireWriter, StringBytesOfEveryLengthAreCopiedAndNothingElseIsTouched) {
   using vorn_test::GuardedBytes;
   for (size_t length = 0; length <= 130; ++length) {

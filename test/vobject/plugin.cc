@@ -1,4 +1,4 @@
-/// A plugin that brings the shared library along, for symbol_plugin_test.cc.
+/// A plugin that loads the shared library, for symbol_plugin_test.cc.
 #include "vobject/render.h"
 
 extern "C" {

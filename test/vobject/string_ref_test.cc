@@ -81,7 +81,7 @@ TEST(StringRef, OwnedBytesAreFreed) {
 
 TEST(StringRef, AFailedCopyFreesNothing) {
   const string_ref borrowed("abc");
-  const char* volatile seen = nullptr;  // a copy that nobody sees may be left out, with its allocation
+  const char* volatile seen = nullptr;  // the compiler may omit an unused copy and its allocation
   const vorn_test::FailAllocation failure(1);
   EXPECT_THROW(
       {
@@ -115,7 +115,7 @@ TEST(StringRef, TheOrderDoesNotStopAtZeroBytes) {
   EXPECT_TRUE(less("a", x));
 }
 
-// A length has 64 bits everywhere, and is never cut to what addresses have.
+// A length has 64 bits everywhere, and is never truncated to the size of an address.
 TEST(StringRef, ALengthThatNoMemoryHoldsIsRefused) {
   const uint64_t lengths[] = {0xFFFFFFFF, 0x100000000, 0x100000003, uint64_t{1} << 63, UINT64_MAX};
   for (const uint64_t length : lengths) {

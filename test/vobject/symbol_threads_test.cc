@@ -76,8 +76,8 @@ std::vector<std::function<bool()>> single_uses() {
   };
 }
 
-/// Half of the threads make names; each of the others does one thing only, so that no other step of its own
-/// puts its use of the table in order with theirs.
+/// Half of the threads make names. Each of the others does one thing only, so that no lock which it takes elsewhere
+/// orders its use of the table with theirs.
 TEST(SymbolThreads, EachUseIsSafeByItself) {
   const std::vector<std::function<bool()>> uses = single_uses();
   constexpr int MAKERS = 8;
@@ -100,7 +100,7 @@ TEST(SymbolThreads, EachUseIsSafeByItself) {
   EXPECT_EQ(0, faults);
 }
 
-/// Needs no sanitizer to see a lock that is not taken: the use would come to its end while another holds it.
+/// Finds a missing lock without a sanitizer: the use would finish while another thread holds the lock.
 TEST(SymbolThreads, EachUseWaitsForTheLock) {
   const std::vector<std::function<bool()>> uses = single_uses();
   for (size_t i = 0; i < uses.size(); ++i) {

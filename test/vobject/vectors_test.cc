@@ -41,7 +41,7 @@ std::string message_of(const std::string& fault) {
   return messages.at(fault);
 }
 
-// What the next value is, or what is wrong with it; the position moves.
+// Describes the next value, or its fault; moves the position.
 std::string decoded(PacketBuf& buf, bool symbols_as_strings, uint32_t maxdepth = MAXDEPTH) {
   const vorn_test::PoisonedTail tail(buf);
   VObject value;
@@ -79,7 +79,7 @@ TEST_P(EveryValue, IsDecodedAtTheEndOfAPayload) {
 }
 
 TEST_P(EveryValue, IsWrittenAsTheTableSays) {
-  if (GetParam().variant[0] == '!') return;  // there is no such value
+  if (GetParam().variant[0] == '!') return;  // the variant refuses it
   PacketBuf buf;
   vorn_test::fill(buf, GetParam().bytes);
   VObject value;
@@ -102,7 +102,7 @@ TEST_P(EveryValue, CutShortIsAnUnderrun) {
   }
 }
 
-// All bytes are stored, the payload ends too early: not even a string may reach behind it.
+// All bytes are stored, the payload ends too early: not even a string may run past its end.
 TEST_P(EveryValue, BehindThePayloadsEndIsAnUnderrun) {
   for (const size_t size : vorn_test::cuts(GetParam().bytes.size())) {
     PacketFrameIn frame;

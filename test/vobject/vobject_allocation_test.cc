@@ -37,7 +37,7 @@ struct Subject {
 template <typename Operation>
 void check(const char* name, Operation operation, bool unchanged = true, int64_t keeps = 0) {
   SCOPED_TRACE(name);
-  // Whatever is allocated once and for all is allocated now.
+  // A first run makes the allocations that a process makes once.
   for (uint64_t nth = 1;; ++nth) {
     ASSERT_LT(nth, 1000U);
     bool threw = false;
@@ -110,7 +110,7 @@ TEST(AllocationFailure, MergeAndDiff) {
   });
 }
 
-/// What a failure leaves of a merge is merged as far as it went: merging again completes it.
+/// A merge that fails is incomplete, and merging again completes it.
 TEST(AllocationFailure, AMergeCanBeTakenUpAgain) {
   Subject whole;
   const std::string expected = rendered(whole.v.merge(whole.other));
@@ -285,7 +285,7 @@ TEST(LengthError, LeavesValuesAsTheyWere) {
   EXPECT_THROW(VObject("text", largest), std::length_error);
 }
 
-/// The most that a container says it could hold is more than the machine has.
+/// max_size() elements are more than the machine has memory for.
 TEST(LengthError, IsBadAllocWithinTheMaximum) {
   const LimitAllocations limit(1 << 20);
   const size_t most = VObjectVector().max_size();

@@ -86,7 +86,7 @@ TEST(DiffEpsilon, CasesInBothOrders) {
       {-1.0, DBL_TRUE_MIN, 1.0, false},
       {-DBL_TRUE_MIN, 1.0, 1.0, false},
       {1.0, -1.0, std::nextafter(2.0, 0.0), true},
-      // Nothing is too near for an epsilon of 0, or for a negative one.
+      // With an epsilon of 0, or a negative one, any two unequal doubles differ.
       {1.0, next, 0.0, true},
       {1.0, next, ulp, false},
       {1.0, next, ulp / 4, true},
@@ -360,14 +360,11 @@ TEST(DiffOut, SharesWithTheNewValueOnly) {
 // Read off the rules, with both values followed through references:
 // - The values must differ at all. An equal pair has no patch; the nil that is left in `out` would make the
 //   copy nil. Inside containers an equal pair is left out (hash) or has an element without effect (vector).
-// - Kinds that differ: the patch is the new value. Merging assigns it if either side is nil (containers too),
-// or
-//   if neither is a hash, vector or user-defined value; otherwise it fails.
-// - Hashes: a key that went away is structural. Every key that both have must follow the law; what is added
-// is
-//   taken over as it is.
-// - Vectors: the new one must not be shorter. A pair of hashes among the elements must be equal, as its
-// change is
+// - Kinds that differ: the patch is the new value. Merging assigns it if either side is nil (containers too), or if
+//   neither is a hash, vector or user-defined value; otherwise it fails.
+// - Hashes: a key that went away is structural. Every key that both have must follow the law; what is added is taken
+//   over as it is.
+// - Vectors: the new one must not be shorter. A pair of hashes among the elements must be equal, as its change is
 //   structural. Every other pair must follow the law; elements behind the old end are taken over.
 // - Everything else, doubles without NaN included, is replaced.
 //

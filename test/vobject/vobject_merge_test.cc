@@ -109,7 +109,7 @@ TEST(MergeAliasing, IntoItselfChangesNothing) {
 }
 
 TEST(MergeAliasing, WhatBothSidesShareIsNotWalked) {
-  // 2^64 ways to the innermost, and one that never ends.
+  // 2^64 paths to the innermost value.
   VObject wide = vec({1});
   for (int i = 0; i < 64; ++i) wide = vec({wide, VObject(wide)});
   VObject same(wide);

@@ -114,7 +114,7 @@ TEST(Reference, TheMiddleOfAChainAssignedToItself) {
   unchanged(chain);
   EXPECT_FAILS("VObject::operator=: won't assign reference to self", *chain.middle = chain.middle);
   unchanged(chain);
-  // A chain that only leads through the value, and on.
+  // The chain leads through the value and beyond it.
   const auto head = boost::make_shared<VObject>(chain.x);
   ASSERT_EQ(chain.middle, head->getref());
   EXPECT_FAILS("VObject::operator=: won't assign reference to self", *chain.middle = head);

@@ -462,7 +462,7 @@ TEST(VObjectSharing, OverwritingReleasesTheOldContents) {
   }
 }
 
-// What is assigned may be part of what it overwrites, and live only there.
+// The source of an assignment may be part of what it overwrites, and be stored only there.
 
 TEST(VObjectAliasing, SelfAssignmentChangesNothing) {
   for (uint8_t tag = DT_NIL; tag <= DT_REF; ++tag) {
@@ -518,7 +518,7 @@ TEST(VObjectAliasing, AReferentAssignedThroughItsOnlyReference) {
   r = std::move(*r.getref());
   EXPECT_EQ(DT_REF, r.type());
   EXPECT_EQ("text", r.getstr());
-  // A source stored in place replaces the reference, and with it its own home.
+  // A scalar replaces the reference, and so destroys the referent in which it is stored.
   VObject s = make_ref(7);
   s = *s.getref();
   EXPECT_EQ(DT_INT, s.type());
@@ -539,7 +539,7 @@ TEST(VObjectAliasing, AValueThatLivesInWhatItOverwrites) {
   VObject* const x = &home->getvec()[0];
   *x = home;
   home.reset();
-  *x = VObject("text");  // ends x, the referent and all
+  *x = VObject("text");  // destroys x and the referent
   SUCCEED() << "the sanitizers say whether anything was touched after its end";
 
   home = boost::make_shared<VObject>(VObject::new_vector());
