@@ -14,7 +14,7 @@ require "mkmf"
 require "shellwords"
 
 ROOT = File.expand_path("..", __dir__)
-PARTS = %w[ext proto vobject]
+PARTS = %w[ext proto vobject].freeze
 
 # --- compiler ---------------------------------------------------------------------------------------------
 

@@ -29,7 +29,6 @@ constexpr uint32_t STRING_PIECE = 16 << 20;
 struct SerializeContext {
   VALUE owner;  ///< the Ruby object that keeps buf alive
   PacketBuf& buf;
-  const int32_t maxdepth;
   VALUE plain_hash_class;  ///< a class known to iterate with the built-in `each`; 0: none
   uint64_t check_at;       ///< the position from which on interrupts are due
 };
@@ -40,8 +39,8 @@ inline void after_ruby_code(SerializeContext& ctx) {
   ctx.check_at = ctx.buf.pos() + BYTES_BETWEEN_CHECKS;
 }
 
-inline SerializeContext context_for(VALUE owner, PacketBuf& buf, int32_t maxdepth) {
-  return {owner, buf, maxdepth, 0, buf.pos() + BYTES_BETWEEN_CHECKS};
+inline SerializeContext context_for(VALUE owner, PacketBuf& buf) {
+  return {owner, buf, 0, buf.pos() + BYTES_BETWEEN_CHECKS};
 }
 
 [[gnu::noinline, gnu::cold]] void check_interrupts(SerializeContext& ctx) {
@@ -119,7 +118,7 @@ void serialize_rbsym(VALUE sym, SerializeContext& ctx) {
 }
 
 [[gnu::always_inline]] inline void serialize_rbobj_to_packetbuf(VALUE obj, SerializeContext& ctx, int32_t depth) {
-  if (depth > ctx.maxdepth) rb_raise(rb_eRuntimeError, "serialize_rbobj_to_packetbuf: maxdepth exceeded");
+  if (depth > PROTO::DEFAULT_MAX_DEPTH) rb_raise(rb_eRuntimeError, "serialize_rbobj_to_packetbuf: maxdepth exceeded");
   switch (rb_type(obj)) {
     case T_NIL: PROTO::write_type(ctx.buf, PROTO::PTT_NIL); break;
     case T_FALSE: PROTO::write_type(ctx.buf, PROTO::PTT_FALSE); break;
@@ -152,8 +151,8 @@ void serialize_rbsym(VALUE sym, SerializeContext& ctx) {
   return count;
 }
 
-inline bool begins_with_fixnums(VALUE array, const SerializeContext& ctx, int32_t depth, long length) {
-  return length > 1 && FIXNUM_P(RARRAY_AREF(array, 0)) && depth < ctx.maxdepth;
+inline bool begins_with_fixnums(VALUE array, int32_t depth, long length) {
+  return length > 1 && FIXNUM_P(RARRAY_AREF(array, 0)) && depth < PROTO::DEFAULT_MAX_DEPTH;
 }
 
 /// Writes the Integers that a long array begins with, `length` at most, and returns how many they are.
@@ -177,7 +176,7 @@ long serialize_leading_fixnums(VALUE array, SerializeContext& ctx, long length) 
 }
 
 [[gnu::noinline]] void serialize_long_rbarray(VALUE array, SerializeContext& ctx, int32_t depth, long length) {
-  long i = begins_with_fixnums(array, ctx, depth, length) ? serialize_leading_fixnums(array, ctx, length) : 0;
+  long i = begins_with_fixnums(array, depth, length) ? serialize_leading_fixnums(array, ctx, length) : 0;
   for (; i < length; i += MEMBERS_BETWEEN_CHECKS) {
     serialize_elements(array, ctx, depth, i, std::min(length, i + MEMBERS_BETWEEN_CHECKS));
     heed_interrupts(ctx);
@@ -190,7 +189,7 @@ void serialize_rbarray(VALUE array, SerializeContext& ctx, int32_t depth) {
   if (__builtin_expect(length > MEMBERS_BETWEEN_CHECKS, false)) {
     serialize_long_rbarray(array, ctx, depth, length);
   } else {
-    const long i = begins_with_fixnums(array, ctx, depth, length) ? serialize_fixnums(array, ctx, 0, length) : 0;
+    const long i = begins_with_fixnums(array, depth, length) ? serialize_fixnums(array, ctx, 0, length) : 0;
     serialize_elements(array, ctx, depth, i, length);
   }
   PROTO::write_type(ctx.buf, PROTO::PTT_ARRAY_END);
@@ -222,7 +221,6 @@ int serialize_entry_of_large_hash(VALUE key, VALUE value, VALUE arg) {
 struct OverriddenEach {
   const VALUE owner;
   PacketBuf& buf;
-  const int32_t maxdepth;
   const int32_t depth;
   bool ended;
 };
@@ -254,7 +252,7 @@ const OverriddenEach& each_in_progress(VALUE handle) {
 
 void serialize_one_of_entry(VALUE obj, VALUE handle) {
   const OverriddenEach& each = each_in_progress(handle);
-  SerializeContext ctx = context_for(each.owner, each.buf, each.maxdepth);
+  SerializeContext ctx = context_for(each.owner, each.buf);
   native_guard([&] { serialize_rbobj_to_packetbuf(obj, ctx, each.depth + 1); });
   RB_GC_GUARD(handle);
 }
@@ -347,7 +345,7 @@ void serialize_overridden_each(VALUE hash, const SerializeContext& ctx, int32_t 
   OverriddenEach* memory;
   // Class 0: nobody finds it in ObjectSpace, and without a class nobody can copy it.
   const VALUE handle = TypedData_Make_Struct(0, OverriddenEach, overridden_each_type(), memory);
-  new (memory) OverriddenEach{ctx.owner, ctx.buf, ctx.maxdepth, depth, false};
+  new (memory) OverriddenEach{ctx.owner, ctx.buf, depth, false};
   EachCall call{hash, handle};
   rb_ensure(VORN_CALLBACK(call_each), reinterpret_cast<VALUE>(&call), VORN_CALLBACK(end_overridden_each), handle);
 }
@@ -368,8 +366,8 @@ void serialize_rbhash(VALUE hash, SerializeContext& ctx, int32_t depth) {
 
 }  // namespace
 
-void serialize_object(VALUE obj, VALUE owner, PROTO::PacketBuf& buf, int32_t maxdepth) {
-  SerializeContext ctx = context_for(owner, buf, maxdepth);
+void serialize_object(VALUE obj, VALUE owner, PROTO::PacketBuf& buf) {
+  SerializeContext ctx = context_for(owner, buf);
   native_guard([&] { serialize_rbobj_to_packetbuf(obj, ctx, 1); });
 }
 

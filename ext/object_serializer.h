@@ -7,10 +7,8 @@
 namespace VORN {
 namespace EXT {
 
-/// Every value counts one level, scalars included. Writing does not consult @maxdepth.
-constexpr int32_t SERIALIZE_MAX_DEPTH = 64;
-
-/// Writes `obj` and everything below it at the buffer's position.
+/// Writes `obj` and everything below it at the buffer's position, down to PROTO::DEFAULT_MAX_DEPTH levels whatever
+/// @maxdepth says, which is the reader's.
 ///
 /// Raises RuntimeError "serialize_rbobj_to_packetbuf: maxdepth exceeded", "... unsupported rb_type" or "... hash
 /// entry is not a [key, value] pair", RangeError for an Integer beyond 64 bits, RuntimeError "C++ exception: ..."
@@ -22,7 +20,7 @@ constexpr int32_t SERIALIZE_MAX_DEPTH = 64;
 /// A Hash subclass with its own `each` runs Ruby code in the middle of it, which may use the buffer. It may keep the
 /// block that it is given, and with it `owner`, the buffer's Ruby object.
 /// REQUIRES: the caller keeps `owner` alive until this returns.
-void serialize_object(VALUE obj, VALUE owner, PROTO::PacketBuf& buf, int32_t maxdepth);
+void serialize_object(VALUE obj, VALUE owner, PROTO::PacketBuf& buf);
 
 /// Called once by Init.
 void init_object_serializer();

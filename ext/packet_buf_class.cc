@@ -4,6 +4,7 @@
 #include "ext/object_decoder.h"
 #include "ext/object_serializer.h"
 #include "ext/vorn_rpc_ext.h"
+#include "proto/value_wire.h"
 
 namespace VORN {
 namespace EXT {
@@ -14,8 +15,6 @@ using PROTO::PacketBuf;
 
 ID id_preserve_symbols;
 ID id_maxdepth;
-
-constexpr int DEFAULT_MAX_DEPTH = 64;
 
 VALUE packetbuf_allocate(VALUE klass) {
   return allocate_native<PacketBuf>(klass, packet_buf_type, "failed newing PacketBuf",
@@ -42,7 +41,7 @@ DecodeOptions decode_options(VALUE self) {
  */
 VALUE packetbuf_initialize(VALUE self) {
   rb_ivar_set(self, id_preserve_symbols, Qfalse);
-  rb_ivar_set(self, id_maxdepth, INT2FIX(DEFAULT_MAX_DEPTH));
+  rb_ivar_set(self, id_maxdepth, INT2FIX(PROTO::DEFAULT_MAX_DEPTH));
   return self;
 }
 
@@ -241,7 +240,7 @@ struct WriteObject {
 
 VALUE write_object(VALUE arg) {
   const WriteObject& write = *reinterpret_cast<const WriteObject*>(arg);
-  serialize_object(write.obj, write.self, packet_buf_of(write.self), SERIALIZE_MAX_DEPTH);
+  serialize_object(write.obj, write.self, packet_buf_of(write.self));
   return write.self;
 }
 

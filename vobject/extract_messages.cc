@@ -1,5 +1,6 @@
 #include "vobject/extract_messages.h"
 
+#include "proto/value_wire.h"
 #include "proto/vorn_runtime_error.h"
 
 namespace VORN {
@@ -7,8 +8,7 @@ namespace PROTO {
 
 namespace {
 
-constexpr size_t ROOM = 256;  // small batches never reallocate
-constexpr uint32_t MAXDEPTH = 64;
+constexpr size_t ROOM = 256;  // spares small batches a reallocation
 
 }  // namespace
 
@@ -22,7 +22,7 @@ void proto_extract_messages(PacketFrameIn& frame, std::vector<VObject>& messages
   const uint64_t end = frame.payload_end();
   while (frame.pos() < end) {
     messages.emplace_back();
-    VObject::deserialize(frame, end, messages.back(), true, MAXDEPTH);
+    VObject::deserialize(frame, end, messages.back(), true, DEFAULT_MAX_DEPTH);
   }
 }
 

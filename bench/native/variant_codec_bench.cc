@@ -12,11 +12,10 @@
 namespace {
 
 using VORN::VObject;
+using VORN::PROTO::DEFAULT_MAX_DEPTH;
 using VORN::PROTO::PacketBuf;
 using Msgpack = msgpack::type::variant;
 using nlohmann::json;
-
-constexpr uint32_t MAX_DEPTH = 64;
 
 /// The variant gives a double away to the wire only.
 double double_of(const VObject& v) {
@@ -71,26 +70,26 @@ Msgpack to_msgpack(const json& j) {
 
 void encode_vorn(benchmark::State& state, const VObject& value) {
   PacketBuf buf;
-  value.serialize(buf, MAX_DEPTH);
+  value.serialize(buf, DEFAULT_MAX_DEPTH);
   for (auto _ : state) {
     buf.reset();
-    value.serialize(buf, MAX_DEPTH);
+    value.serialize(buf, DEFAULT_MAX_DEPTH);
     benchmark::DoNotOptimize(buf.data().data());
   }
 }
 
 void decode_vorn(benchmark::State& state, const VObject& value) {
   PacketBuf buf;
-  value.serialize(buf, MAX_DEPTH);
+  value.serialize(buf, DEFAULT_MAX_DEPTH);
   const uint64_t end = buf.pos();
   VObject again;
   buf.set_pos(0);
-  VObject::deserialize(buf, end, again, true, MAX_DEPTH);
+  VObject::deserialize(buf, end, again, true, DEFAULT_MAX_DEPTH);
   if (!(again == value)) state.SkipWithError("not the same value");
   for (auto _ : state) {
     VObject out;
     buf.set_pos(0);
-    VObject::deserialize(buf, end, out, true, MAX_DEPTH);
+    VObject::deserialize(buf, end, out, true, DEFAULT_MAX_DEPTH);
     benchmark::DoNotOptimize(out);
   }
 }

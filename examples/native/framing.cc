@@ -1,18 +1,14 @@
 #include "examples/native/framing.h"
 
 #include "proto/frame_header.h"
+#include "proto/value_wire.h"
 #include "proto/vorn_exception.h"
 #include "vobject/extract_messages.h"
 
 namespace rpc {
 
 using VORN::VObject;
-
-namespace {
-
-constexpr uint32_t MAX_DEPTH = 64;  // levels, as everywhere
-
-}  // namespace
+using VORN::PROTO::DEFAULT_MAX_DEPTH;
 
 FrameReader::FrameReader(uint32_t max_payload) : max_payload_(max_payload), inbound_{} {
   frame_.reset();  // it consumes nothing before
@@ -68,13 +64,13 @@ void FrameReader::deliver(const OnFrame& on_frame) {
 
 std::string_view FrameWriter::frame(const VObject& message, bool twelve_byte_header) {
   begin(twelve_byte_header);
-  message.serialize(frame_, MAX_DEPTH);
+  message.serialize(frame_, DEFAULT_MAX_DEPTH);
   return end();
 }
 
 std::string_view FrameWriter::frame(const std::vector<VObject>& messages, bool twelve_byte_header) {
   begin(twelve_byte_header);
-  for (const VObject& message : messages) message.serialize(frame_, MAX_DEPTH);
+  for (const VObject& message : messages) message.serialize(frame_, DEFAULT_MAX_DEPTH);
   return end();
 }
 

@@ -60,7 +60,7 @@ Reading library_reads(const std::string& payload) {
   try {
     while (window.pos() < window.payload_end()) {
       VORN::VObject value;
-      VORN::VObject::deserialize(window, window.payload_end(), value, true, MAX_DEPTH);
+      VORN::VObject::deserialize(window, window.payload_end(), value, true, VORN::PROTO::DEFAULT_MAX_DEPTH);
       std::string text, shown;
       VORN::render(value, text);
       for (const char c : text) c == '\x7F' ? shown += "\\x7f" : shown += c;

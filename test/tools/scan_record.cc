@@ -13,7 +13,7 @@ namespace {
 void render(const EncodedValue& encoded, std::string& out) {
   encoded.window.select(encoded.offset, encoded.size);
   VORN::VObject value;
-  VORN::VObject::deserialize(encoded.window, encoded.window.payload_end(), value, true, MAX_DEPTH);
+  VORN::VObject::deserialize(encoded.window, encoded.window.payload_end(), value, true, VORN::PROTO::DEFAULT_MAX_DEPTH);
   VORN::render(value, out);
 }
 

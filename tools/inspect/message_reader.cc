@@ -18,7 +18,7 @@ bool is_string(uint8_t type) {
 /// What the library's checking pass says.
 ValueFault check_value(WireReader& in, uint64_t end) {
   ArrayCounts counts;
-  return check_value(in, {MAX_DEPTH, end, UINT64_MAX}, counts);
+  return check_value(in, {DEFAULT_MAX_DEPTH, end, UINT64_MAX}, counts);
 }
 
 }  // namespace
@@ -43,7 +43,7 @@ bool MessageReader::next() {
 void MessageReader::ask_the_library() {
   try {
     VORN::VObject value;
-    VORN::VObject::deserialize(window_, window_.payload_end(), value, true, MAX_DEPTH);
+    VORN::VObject::deserialize(window_, window_.payload_end(), value, true, DEFAULT_MAX_DEPTH);
   } catch (const VORN::VornException& e) {
     fault_ = e.what();
   }

@@ -9,9 +9,6 @@
 
 namespace vorn_inspect {
 
-/// The deepest nesting that the library reads in a frame.
-constexpr int32_t MAX_DEPTH = 64;
-
 /// A value that the library reads, where it lies.
 struct EncodedValue {
   StreamWindow& window;
@@ -54,7 +51,7 @@ class MessageReader {
 };
 
 /// Moves behind a value. False: a hash in it has a key that is no string; the cursor is then behind that key.
-/// REQUIRES: check_value() has found no fault in it, at MAX_DEPTH.
+/// REQUIRES: check_value() has found no fault in it, at DEFAULT_MAX_DEPTH.
 bool skip_value(VORN::PROTO::WireReader& in);
 
 /// Walks the messages in [offset, offset + size) of the window without building them, calling `at_start` with
@@ -71,7 +68,7 @@ bool walk_messages(StreamWindow& window, uint64_t offset, uint64_t size, uint64_
   while (fault == ValueFault::none && in.pos() < end) {
     at_start(window.offset_of(in.pos()));
     ArrayCounts counts;
-    fault = check_value(in, {MAX_DEPTH, end, end}, counts);
+    fault = check_value(in, {DEFAULT_MAX_DEPTH, end, end}, counts);
   }
   looked_at = window.offset_of(in.pos()) - offset;
   return fault == ValueFault::none;

@@ -43,7 +43,7 @@ bool ValueScanner::read_value(bool ended) {
   const uint64_t start = window_.pos();
   WireReader in(window_);
   ArrayCounts counts;
-  const ValueFault fault = check_value(in, {MAX_DEPTH, window_.payload_end(), window_.payload_end()}, counts);
+  const ValueFault fault = check_value(in, {DEFAULT_MAX_DEPTH, window_.payload_end(), window_.payload_end()}, counts);
   const uint64_t size = in.pos() - start;
   if (size > max_length_ || (ran_out(fault) && held > max_length_)) {
     fail(pos_, VALUE_TOO_LONG);
