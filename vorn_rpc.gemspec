@@ -26,9 +26,12 @@ Gem::Specification.new do |gem|
     ext/arguments.h
     ext/extconf.rb
     ext/gc_memory_usage.cc
-    ext/hash_entries.h
+    ext/key_cache.cc
+    ext/key_cache.h
     ext/machine_stack.cc
     ext/machine_stack.h
+    ext/member_counts.cc
+    ext/member_counts.h
     ext/native_guard.cc
     ext/native_guard.h
     ext/native_object.cc
@@ -37,12 +40,12 @@ Gem::Specification.new do |gem|
     ext/object_decoder.h
     ext/object_serializer.cc
     ext/object_serializer.h
+    ext/overridden_each.cc
+    ext/overridden_each.h
     ext/packet_buf_class.cc
     ext/packet_frame_class.cc
     ext/packet_frame_in_class.cc
     ext/packet_frame_out_class.cc
-    ext/recent_keys.cc
-    ext/recent_keys.h
     ext/ruby_compat.h
     ext/vorn_rpc_ext.cc
     ext/vorn_rpc_ext.h

@@ -1,73 +1,16 @@
 #include "ext/machine_stack.h"
 
-#ifdef VORN_RUBY_OVERRUNS_THE_STACK
-#include <pthread.h>
-#endif
-
 namespace VORN {
 namespace EXT {
 
-#ifdef VORN_RUBY_OVERRUNS_THE_STACK
-
-// ruby_stack_check() says that there is room, whatever there is. So the end is found from the stack's bounds: a
-// thread's from the system, a fiber's from where the interpreter says that it begins and from the size that all have.
-
 namespace {
 
-// For what the interpreter does at the lowest frame, a collection and an exception included.
-constexpr size_t RESERVE = size_t{20} * 1024;
+// --- by the interpreter's own check -----------------------------------------------------------------------
 
-size_t fiber_size;
-
-struct Bounds {
-  uintptr_t low = 0;
-  uintptr_t high = 0;
-};
-
-Bounds bounds_of_thread() noexcept {
-  Bounds bounds;
-  pthread_attr_t attributes;
-  if (pthread_getattr_np(pthread_self(), &attributes) != 0) return bounds;
-  void* low;
-  size_t size;
-  if (pthread_attr_getstack(&attributes, &low, &size) == 0) {
-    bounds.low = reinterpret_cast<uintptr_t>(low);
-    bounds.high = bounds.low + size;
-  }
-  pthread_attr_destroy(&attributes);
-  return bounds;
-}
-
-// A thread's stack stays where it is.
-Bounds& own_bounds() {
-  thread_local Bounds bounds = bounds_of_thread();
-  return bounds;
-}
-
-}  // namespace
-
-bool MachineStack::find_room(uintptr_t here, size_t bytes) {
-  const Bounds& own = own_bounds();
-  uintptr_t low = own.low;
-  if (here < own.low || here >= own.high) low = here + ruby_stack_length(nullptr) * sizeof(VALUE) - fiber_size;
-  floor_ = low + RESERVE;
-  return here >= floor_ && here - floor_ >= bytes;
-}
-
-void init_machine_stack() {
-  const VALUE vm = rb_const_get(rb_cObject, rb_intern("RubyVM"));
-  const VALUE parameters = rb_const_get(vm, rb_intern("DEFAULT_PARAMS"));
-  fiber_size = NUM2SIZET(rb_hash_aref(parameters, ID2SYM(rb_intern("fiber_machine_stack_size"))));
-}
-
-#else
-
-namespace {
-
-// ruby_stack_check() itself leaves room for 16 KiB.
+// ruby_stack_check() itself leaves room for 16 KiB. Steps well within that cannot jump over its reserve.
 constexpr size_t STEP = size_t{12} * 1024;
 
-// Frames that are entered without another look. The first look is the shorter one: most values end above its floor.
+// Frames that are entered without another look: a dozen levels, far less than those 16 KiB.
 constexpr size_t STRIDE = size_t{4} * 1024;
 
 /// Goes down the stack step by step, each within the room that ruby_stack_check() has found above it.
@@ -79,18 +22,64 @@ constexpr size_t STRIDE = size_t{4} * 1024;
   return room;
 }
 
+// --- by the stack's bounds --------------------------------------------------------------------------------
+
+// A thread's are known to the system, a fiber's follow from where the interpreter says that it begins and from the
+// size that all have.
+
+// For what the interpreter does at the lowest frame, a collection and an exception included.
+constexpr size_t RESERVE = size_t{20} * 1024;
+
+size_t fiber_size;
+
+struct Bounds {
+  uintptr_t low = 0;
+  uintptr_t high = 0;
+};
+
+// A thread's stack stays where it is.
+const Bounds& bounds_of_thread() {
+  thread_local const Bounds bounds = []() noexcept {
+    void* low;
+    size_t size;
+    if (!get_thread_stack(&low, &size)) return Bounds();
+    const uintptr_t address = reinterpret_cast<uintptr_t>(low);
+    return Bounds{address, address + size};
+  }();
+  return bounds;
+}
+
+uintptr_t lowest_frame(uintptr_t here) {
+  const Bounds& thread = bounds_of_thread();
+  const bool in_fiber = here < thread.low || here >= thread.high;
+  const uintptr_t low = in_fiber ? here + ruby_stack_length(nullptr) * sizeof(VALUE) - fiber_size : thread.low;
+  return low + RESERVE;
+}
+
 }  // namespace
 
+void MachineStack::raise_too_deep() {
+  rb_raise(rb_eSysStackError, "stack level too deep");
+}
+
 bool MachineStack::find_room(uintptr_t here, size_t bytes) {
+  if (OVERRUNS_THE_STACK) {
+    floor_ = lowest_frame(here);
+    return here >= floor_ && here - floor_ >= bytes;
+  }
+  // The first look is the shorter one: most values end above its floor.
   const bool first = floor_ == UINTPTR_MAX;
   if (ruby_stack_check() != 0 || ((!first || bytes > 0) && !has_room_below(1 + bytes / STEP))) return false;
   floor_ = here - STRIDE;
   return true;
 }
 
-void init_machine_stack() {}
-
-#endif
+void init_machine_stack() {
+  if (!OVERRUNS_THE_STACK) return;
+  const VALUE vm = rb_const_get(rb_cObject, rb_intern("RubyVM"));
+  const VALUE parameters = rb_const_get(vm, rb_intern("DEFAULT_PARAMS"));
+  fiber_size = NUM2SIZET(rb_hash_aref(parameters, ID2SYM(rb_intern("fiber_machine_stack_size"))));
+}
 
 }  // namespace EXT
 }  // namespace VORN

@@ -1,5 +1,5 @@
-/// How much of the machine stack is left, for recursion whose depth a stranger chooses. Where the end of the stack is
-/// hit, Ruby 2.2 raises SystemStackError once and is killed the second time, 2.7 ends with "machine stack overflow in
+/// How much of the machine stack is left, for recursion whose depth a peer chooses. Where the end of the stack is hit,
+/// Ruby 2.2 raises SystemStackError once and is killed the second time, 2.7 ends with "machine stack overflow in
 /// critical region", and 3.1 with "system stack overflow during GC".
 #pragma once
 
@@ -15,6 +15,12 @@ namespace EXT {
 /// The stack that its maker runs on: a thread's or a fiber's.
 class MachineStack {
  public:
+  /// Enters a frame of a recursion that is `depth` levels deep: has_room(), or SystemStackError "stack level too deep".
+  /// So it is beyond MAX_DEPTH, however large the stack.
+  void enter(int32_t depth, const void* here) {
+    if (depth > MAX_DEPTH || !has_room(here)) raise_too_deep();
+  }
+
   /// Whether there is room below `here`, the address of the caller's local, for so many bytes and for what the
   /// interpreter does at their lowest, a collection included.
   bool has_room(const void* here, size_t bytes = 0) {
@@ -22,7 +28,16 @@ class MachineStack {
     return (address >= floor_ && address - floor_ >= bytes) || find_room(address, bytes);
   }
 
+  /// has_room(), or SystemStackError.
+  void require_room(const void* here, size_t bytes) {
+    if (!has_room(here, bytes)) raise_too_deep();
+  }
+
  private:
+  // Takes 3 MB of stack. Whatever `maxdepth` allows, a peer shall not have all that a main thread's 8 MB leave.
+  static constexpr int32_t MAX_DEPTH = 10000;
+
+  [[noreturn]] static void raise_too_deep();
   bool find_room(uintptr_t here, size_t bytes);
 
   uintptr_t floor_ = UINTPTR_MAX;  ///< frames down to here are known to have room

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 
-#include "ext/hash_entries.h"
+#include "ext/key_cache.h"
 #include "ext/machine_stack.h"
+#include "ext/member_counts.h"
 #include "ext/native_guard.h"
-#include "ext/recent_keys.h"
 #include "proto/value_wire.h"
 
 namespace VORN {
@@ -20,34 +20,18 @@ using PROTO::WireReader;
 int binary_index;
 int utf8_index;
 
-/// The member counts of the arrays, in the order of their starts.
-struct CountList {
-  const uint32_t* counts;
-  size_t size;
-
-  /// That of the next array; 0 when there is none.
-  uint32_t next() {
-    if (size == 0) return 0;
-    --size;
-    return *counts++;
-  }
-};
-
+/// One call's state. It may be left for ever or entered again, like the frames of the building pass, and owns nothing.
 struct DecodeContext {
-  const PacketBuf& buf;
-  WireReader& in;
-  CountList counts;
+  PacketBuf& buf;
   const DecodeOptions options;
+  WireReader in;
+  MemberCounts counts{};
+  KeyCache keys{};
   MachineStack stack{};
   HashingRoom hashing{};
-#ifdef VORN_RUBY_INTERNS_KEYS
-  RecentKeys* recent_keys = nullptr;
+  int jump_state = 0;  ///< for rb_jump_tag(), when the passes are behind us
 
-  RecentKeys& keys() {
-    if (recent_keys == nullptr) recent_keys = &RecentKeys::of_this_ractor();
-    return *recent_keys;
-  }
-#endif
+  DecodeContext(PacketBuf& b, DecodeOptions o) : buf(b), options(o), in(b) {}
 };
 
 const char* fault_text(ValueFault fault) {
@@ -146,37 +130,25 @@ inline VALUE decode_next_packetbuf_rbstr(DecodeContext& ctx, int encoding_index)
   }
 }
 
-// Some 3 MB. A larger limit is the caller's word, and the bytes are a stranger's.
-constexpr int32_t RECURSION_DEPTH = 10000;
-
-[[noreturn]] void raise_too_deep() {
-  rb_raise(rb_eSysStackError, "stack level too deep");
-}
-
-/// `here` is a local of the caller's.
-inline void check_machine_stack(DecodeContext& ctx, int32_t depth, const void* here) {
-  if (depth > RECURSION_DEPTH || !ctx.stack.has_room(here)) raise_too_deep();
-}
-
 VALUE decode_packetbuf_rbarray(DecodeContext& ctx, int32_t depth) {
   VALUE batch[ARRAY_BATCH];
-  check_machine_stack(ctx, depth, batch);
+  ctx.stack.enter(depth, batch);
   const size_t hashing_outer = ctx.hashing.begin();
   const uint32_t count = ctx.counts.next();
-  int gathered = 0;
+  int batched = 0;
   VALUE array = count > ARRAY_BATCH ? rb_ary_new_capa(static_cast<long>(count)) : Qnil;
   while (ctx.in.readable()) {
     if (ctx.in.peek() == PROTO::PTT_ARRAY_END) {
       ctx.in.skip(1);
       ctx.hashing.end(hashing_outer, HashingRoom::ARRAY);
-      return NIL_P(array) ? rb_ary_new_from_values(gathered, batch) : rb_ary_cat(array, batch, gathered);
+      return NIL_P(array) ? rb_ary_new_from_values(batched, batch) : rb_ary_cat(array, batch, batched);
     }
-    if (gathered == ARRAY_BATCH) {
+    if (batched == ARRAY_BATCH) {
       if (NIL_P(array)) array = rb_ary_new();
-      rb_ary_cat(array, batch, gathered);
-      gathered = 0;
+      rb_ary_cat(array, batch, batched);
+      batched = 0;
     }
-    batch[gathered++] = decode_next_packetbuf_rbobj(ctx, depth + 1);
+    batch[batched++] = decode_next_packetbuf_rbobj(ctx, depth + 1);
   }
   raise_fault(ValueFault::underrun_array);
 }
@@ -184,7 +156,6 @@ VALUE decode_packetbuf_rbarray(DecodeContext& ctx, int32_t depth) {
 /// A Hash's key: String keys as the Hash would keep them, anything else as it is. `hashing` becomes the room that a
 /// container needs, if that is more.
 inline VALUE decode_key(DecodeContext& ctx, int32_t depth, size_t& hashing) {
-#ifdef VORN_RUBY_INTERNS_KEYS
   if (depth <= ctx.options.maxdepth && ctx.in.readable()) {
     const uint8_t type = ctx.in.peek();
     const bool string = type == PROTO::PTT_UTF8STR || type == PROTO::PTT_BINSTR ||
@@ -193,10 +164,9 @@ inline VALUE decode_key(DecodeContext& ctx, int32_t depth, size_t& hashing) {
       ctx.in.skip(1);
       uint32_t length;
       const char* const bytes = read_string_bytes(ctx, length);
-      return ctx.keys().interned(bytes, length, type == PROTO::PTT_BINSTR ? binary_index : utf8_index);
+      return ctx.keys.find(bytes, length, type == PROTO::PTT_BINSTR ? binary_index : utf8_index);
     }
   }
-#endif
   const VALUE key = decode_next_packetbuf_rbobj(ctx, depth);
   if (RB_TYPE_P(key, T_ARRAY) || RB_TYPE_P(key, T_HASH)) hashing = std::max(hashing, ctx.hashing.latest());
   return key;
@@ -204,93 +174,64 @@ inline VALUE decode_key(DecodeContext& ctx, int32_t depth, size_t& hashing) {
 
 VALUE decode_packetbuf_rbhash(DecodeContext& ctx, int32_t depth) {
   VALUE batch[HASH_BATCH];
-  check_machine_stack(ctx, depth, batch);
+  ctx.stack.enter(depth, batch);
   const VALUE hash = rb_hash_new();
-  int gathered = 0;
+  int batched = 0;
   const size_t hashing_outer = ctx.hashing.begin();
   size_t hashing_keys = 0;
   const auto store = [&] {
-    if (hashing_keys > 0 && !ctx.stack.has_room(batch, hashing_keys)) raise_too_deep();
-    store_hash_entries(hash, batch, gathered);
-    gathered = 0;
+    if (hashing_keys > 0) ctx.stack.require_room(batch, hashing_keys);
+    KeyCache::store(hash, batch, batched);
+    batched = 0;
     ctx.in.resync(ctx.buf);  // a key's `hash` or `eql?` may have written to the buffer
   };
   while (ctx.in.readable()) {
     if (ctx.in.peek() == PROTO::PTT_HASH_END) {
       ctx.in.skip(1);
-      if (gathered > 0) store();
+      if (batched > 0) store();
       ctx.hashing.end(hashing_outer, HashingRoom::HASH);
       return hash;
     }
-    if (gathered == HASH_BATCH) {
+    if (batched == HASH_BATCH) {
       store();
       continue;
     }
-    batch[gathered] = decode_key(ctx, depth + 1, hashing_keys);
-    batch[gathered + 1] = decode_next_packetbuf_rbobj(ctx, depth + 1);
-    gathered += 2;
+    batch[batched] = decode_key(ctx, depth + 1, hashing_keys);
+    batch[batched + 1] = decode_next_packetbuf_rbobj(ctx, depth + 1);
+    batched += 2;
   }
   raise_fault(ValueFault::underrun_hash);
 }
 
-// One call's state. A fiber that is suspended in a key's `hash`, and never resumed, takes these frames with it, and a
-// continuation taken there may enter them again after they have returned. So while Ruby code can run they own nothing,
-// and what they look at stays as long as somebody can look: the counts are here, or in a String that nobody sees and
-// that is left to the collector.
-struct Decode {
-  PacketBuf& buf;
-  const DecodeOptions options;
-  WireReader in;
-  CountList counts{nullptr, 0};
-  VALUE many_counts = Qnil;
-  int jump_state = 0;
-  uint32_t few_counts[PROTO::ArrayCounts::INLINE_SLOTS];  // left as it is: most messages use little of it
-
-  Decode(PacketBuf& b, DecodeOptions o) : buf(b), options(o), in(b) {}
-};
-
-VALUE make_room(VALUE bytes) {
-  return rb_str_tmp_new(static_cast<long>(bytes));
-}
-
 // With nothing native left on return.
-ValueFault check(Decode& decode, bool keep_counts) {
+ValueFault check(DecodeContext& ctx, bool build_follows) {
   PROTO::ArrayCounts counts;
-  const PROTO::CheckLimits rules{decode.options.maxdepth, UINT64_MAX, decode.in.data_len()};
-  const WireReader start = decode.in;
-  const ValueFault fault = PROTO::check_value(decode.in, rules, counts);
-  if (fault != ValueFault::none || !keep_counts) return fault;
-  decode.in = start;
-  uint32_t* kept = decode.few_counts;
-  if (counts.size() > PROTO::ArrayCounts::INLINE_SLOTS) {
-    decode.many_counts = rb_protect(make_room, counts.size() * sizeof(uint32_t), &decode.jump_state);
-    if (decode.jump_state != 0) return fault;
-    kept = reinterpret_cast<uint32_t*>(RSTRING_PTR(decode.many_counts));
+  const PROTO::CheckLimits rules{ctx.options.maxdepth, UINT64_MAX, ctx.in.data_len()};
+  const WireReader start = ctx.in;
+  const ValueFault fault = PROTO::check_value(ctx.in, rules, counts);
+  if (fault == ValueFault::none && build_follows) {
+    ctx.in = start;
+    ctx.jump_state = ctx.counts.take(counts);
   }
-  counts.copy_to(kept);
-  decode.counts = {kept, counts.size()};
   return fault;
 }
 
 VALUE build(VALUE arg) {
-  Decode& decode = *reinterpret_cast<Decode*>(arg);
-  DecodeContext ctx{decode.buf, decode.in, decode.counts, decode.options};
-  return decode_next_packetbuf_rbobj(ctx, 1);
+  return decode_next_packetbuf_rbobj(*reinterpret_cast<DecodeContext*>(arg), 1);
 }
 
 }  // namespace
 
 VALUE deserialize_packetbuf_single_rbobj(PacketBuf& buf, DecodeOptions options, bool scan_only_result) {
-  Decode decode(buf, options);
-  const ValueFault fault = native_guard([&] { return check(decode, !scan_only_result); });
+  DecodeContext ctx(buf, options);
+  const ValueFault fault = native_guard([&] { return check(ctx, !scan_only_result); });
   VALUE result = Qnil;
-  if (fault == ValueFault::none && !scan_only_result && decode.jump_state == 0) {
-    result = rb_protect(build, reinterpret_cast<VALUE>(&decode), &decode.jump_state);
+  if (fault == ValueFault::none && !scan_only_result && ctx.jump_state == 0) {
+    result = rb_protect(build, reinterpret_cast<VALUE>(&ctx), &ctx.jump_state);
   }
-  decode.in.commit(buf);
-  if (decode.jump_state != 0) rb_jump_tag(decode.jump_state);
+  ctx.in.commit(buf);
+  if (ctx.jump_state != 0) rb_jump_tag(ctx.jump_state);
   if (fault != ValueFault::none) raise_fault(fault);
-  RB_GC_GUARD(decode.many_counts);
   return result;
 }
 

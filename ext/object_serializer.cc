@@ -2,10 +2,9 @@
 
 #include <algorithm>
 #include <cstring>
-#include <new>
-#include <type_traits>
 
 #include "ext/native_guard.h"
+#include "ext/overridden_each.h"
 #include "proto/value_wire.h"
 
 namespace VORN {
@@ -15,7 +14,6 @@ namespace {
 
 using PROTO::PacketBuf;
 
-ID id_each;
 int utf8_index;
 
 // A value may share its parts and be short in memory and endless in bytes, so interrupts are heeded on the way. How far
@@ -29,18 +27,18 @@ constexpr uint32_t STRING_PIECE = 16 << 20;
 struct SerializeContext {
   VALUE owner;  ///< the Ruby object that keeps buf alive
   PacketBuf& buf;
-  VALUE plain_hash_class;  ///< a class known to iterate with the built-in `each`; 0: none
-  uint64_t check_at;       ///< the position from which on interrupts are due
+  uint64_t check_at;  ///< the position from which on interrupts are due
+  BuiltinEach builtin_each{};
 };
 
 /// Ruby code may have redefined any `each`, and may have moved the position.
 inline void after_ruby_code(SerializeContext& ctx) {
-  ctx.plain_hash_class = 0;
+  ctx.builtin_each.forget();
   ctx.check_at = ctx.buf.pos() + BYTES_BETWEEN_CHECKS;
 }
 
 inline SerializeContext context_for(VALUE owner, PacketBuf& buf) {
-  return {owner, buf, 0, buf.pos() + BYTES_BETWEEN_CHECKS};
+  return {owner, buf, buf.pos() + BYTES_BETWEEN_CHECKS};
 }
 
 [[gnu::noinline, gnu::cold]] void check_interrupts(SerializeContext& ctx) {
@@ -216,149 +214,20 @@ int serialize_entry_of_large_hash(VALUE key, VALUE value, VALUE arg) {
   return ST_CONTINUE;
 }
 
-/// One call of an overridden `each`. The block given to it can be kept and called when everything here is long
-/// gone, even the machine stack: that of a fiber which nobody resumes. So a Ruby object holds what the block needs.
-struct OverriddenEach {
-  const VALUE owner;
-  PacketBuf& buf;
-  const int32_t depth;
-  bool ended;
-};
-
-void mark_overridden_each(void* data) {
-  rb_gc_mark(static_cast<const OverriddenEach*>(data)->owner);
-}
-
-const rb_data_type_t* overridden_each_type() {
-  static const rb_data_type_t type = [] {
-    rb_data_type_t t = rb_data_type_t();
-    t.wrap_struct_name = "VORN hash iteration";
-    t.function.dmark = mark_overridden_each;
-    t.function.dfree = RUBY_TYPED_DEFAULT_FREE;
-    return t;
-  }();
-  return &type;
-}
-
-OverriddenEach& overridden_each(VALUE handle) {
-  return *static_cast<OverriddenEach*>(rb_check_typeddata(handle, overridden_each_type()));
-}
-
-const OverriddenEach& each_in_progress(VALUE handle) {
-  const OverriddenEach& each = overridden_each(handle);
-  if (each.ended) rb_raise(rb_eRuntimeError, "serialize_rbobj_to_packetbuf: hash iteration has ended");
-  return each;
-}
-
-void serialize_one_of_entry(VALUE obj, VALUE handle) {
-  const OverriddenEach& each = each_in_progress(handle);
-  SerializeContext ctx = context_for(each.owner, each.buf);
-  native_guard([&] { serialize_rbobj_to_packetbuf(obj, ctx, each.depth + 1); });
-  RB_GC_GUARD(handle);
-}
-
-// An entry is one Array, of which what is missing is nil and what is too much does not count, or a key and a value.
-VALUE serialize_yielded_entry(RB_BLOCK_CALL_FUNC_ARGLIST(yielded, handle)) {
-  each_in_progress(handle);
-  VALUE key, value;
-  if (argc == 2) {  // yield key, value
-    key = argv[0];
-    value = argv[1];
-  } else if (argc == 1 && RB_TYPE_P(yielded, T_ARRAY)) {
-    key = rb_ary_entry(yielded, 0);
-    value = rb_ary_entry(yielded, 1);
-  } else {
-    rb_raise(rb_eRuntimeError, "serialize_rbobj_to_packetbuf: hash entry is not a [key, value] pair");
-  }
-  serialize_one_of_entry(key, handle);
-  serialize_one_of_entry(value, handle);  // by now the key's own iteration may have let this one end
-  rb_thread_check_ints();                 // an `each` in C, such as an alias of each_pair, never does
-  return Qnil;
-}
-
-struct EachCall {
-  VALUE hash;
-  VALUE handle;
-};
-
-VALUE call_each(VALUE arg) {
-  const EachCall& call = *reinterpret_cast<EachCall*>(arg);
-  return rb_block_call(call.hash, id_each, 0, nullptr, VORN_CALLBACK(serialize_yielded_entry), call.handle);
-}
-
-VALUE end_overridden_each(VALUE handle) {
-  overridden_each(handle).ended = true;
-  return Qnil;
-}
-
-#ifdef VORN_RUBY_ALIASES_PASS_FOR_BUILTIN
-
-/// The number of a class's method cache, which changes with every change of its methods. What stands before it is
-/// the same in all of 2.2, whose last release there has been.
-uint64_t method_cache_number(VALUE klass) {
-  struct ClassExtension {
-    const void* tables[3];
-    const void* subclasses[3];
-    unsigned LONG_LONG number;
-  };
-  return reinterpret_cast<const ClassExtension*>(RCLASS(klass)->ptr)->number;
-}
-
-ID id_original_name;
-bool cache_numbers_can_be_read = false;
-
-/// Asked for a plain Hash whose `each` passes for the built-in one. An answer takes 1 us, so it is kept until a method
-/// of Hash changes.
-bool each_is_no_alias(VALUE hash) {
-  static uint64_t builtin_at = 0;
-  const uint64_t number = method_cache_number(rb_cHash);
-  if (number == builtin_at && cache_numbers_can_be_read) return true;
-  const VALUE each = rb_obj_method(hash, ID2SYM(id_each));
-  if (rb_funcall(each, id_original_name, 0) != ID2SYM(id_each)) return false;
-  builtin_at = number;
-  return true;
-}
-
-void init_alias_check() {
-  id_original_name = rb_intern("original_name");
-  const uint64_t before = method_cache_number(rb_cHash);
-  rb_clear_method_cache_by_class(rb_cHash);
-  cache_numbers_can_be_read = method_cache_number(rb_cHash) > before;
-}
-
-#endif
-
-// The look-up takes as long as two entries, so it is made once for a run of hashes of one class.
-bool iterates_with_builtin_each(VALUE hash, SerializeContext& ctx) {
-  const VALUE klass = CLASS_OF(hash);
-  if (klass == ctx.plain_hash_class) return true;
-  if (!rb_method_basic_definition_p(klass, id_each)) return false;
-#ifdef VORN_RUBY_ALIASES_PASS_FOR_BUILTIN
-  if (klass != rb_cHash || !each_is_no_alias(hash)) return false;
-#endif
-  ctx.plain_hash_class = klass;
-  return true;
-}
-
-void serialize_overridden_each(VALUE hash, const SerializeContext& ctx, int32_t depth) {
-  static_assert(std::is_trivially_destructible<OverriddenEach>::value, "the collector frees its memory, no more");
-  OverriddenEach* memory;
-  // Class 0: nobody finds it in ObjectSpace, and without a class nobody can copy it.
-  const VALUE handle = TypedData_Make_Struct(0, OverriddenEach, overridden_each_type(), memory);
-  new (memory) OverriddenEach{ctx.owner, ctx.buf, depth, false};
-  EachCall call{hash, handle};
-  rb_ensure(VORN_CALLBACK(call_each), reinterpret_cast<VALUE>(&call), VORN_CALLBACK(end_overridden_each), handle);
+void serialize_member(VALUE member, const HashPlace& place) {
+  SerializeContext ctx = context_for(place.owner, place.buf);
+  native_guard([&] { serialize_rbobj_to_packetbuf(member, ctx, place.depth + 1); });
 }
 
 void serialize_rbhash(VALUE hash, SerializeContext& ctx, int32_t depth) {
   PROTO::write_type(ctx.buf, PROTO::PTT_HASH_START);
-  if (iterates_with_builtin_each(hash, ctx)) {
+  if (ctx.builtin_each.iterates(hash)) {
     HashIteration iteration{&ctx, depth};
     const bool large = RHASH_SIZE(hash) > static_cast<size_t>(MEMBERS_BETWEEN_CHECKS);
     each_hash_entry(hash, large ? serialize_entry_of_large_hash : serialize_hash_entry,
                     reinterpret_cast<VALUE>(&iteration));
   } else {
-    serialize_overridden_each(hash, ctx, depth);
+    call_overridden_each(hash, {ctx.owner, ctx.buf, depth}, serialize_member);
     after_ruby_code(ctx);
   }
   PROTO::write_type(ctx.buf, PROTO::PTT_HASH_END);
@@ -372,11 +241,7 @@ void serialize_object(VALUE obj, VALUE owner, PROTO::PacketBuf& buf) {
 }
 
 void init_object_serializer() {
-  id_each = rb_intern("each");
   utf8_index = rb_utf8_encindex();
-#ifdef VORN_RUBY_ALIASES_PASS_FOR_BUILTIN
-  init_alias_check();
-#endif
 }
 
 }  // namespace EXT

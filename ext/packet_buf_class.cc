@@ -268,7 +268,7 @@ VALUE packetbuf_write_object(VALUE self, VALUE obj) {
   packet_buf_of(self);  // the receiver check: behind it every receiver has storage to tell of
   // A failure leaves what was written before it, and the storage that this took.
   WriteObject write{self, obj};
-  return rb_ensure(VORN_CALLBACK(write_object), reinterpret_cast<VALUE>(&write), VORN_CALLBACK(end_write_object), self);
+  return rb_ensure(VALUEFUNC(write_object), reinterpret_cast<VALUE>(&write), VALUEFUNC(end_write_object), self);
 }
 
 /*
@@ -355,25 +355,25 @@ void init_packet_buf() {
   id_maxdepth = rb_intern("@maxdepth");
 
   cPacketBuf = define_proto_class("PacketBuf", rb_cObject, packetbuf_allocate);
-  rb_define_method(cPacketBuf, "initialize", VORN_CALLBACK(packetbuf_initialize), 0);
-  rb_define_method(cPacketBuf, "initialize_copy", VORN_CALLBACK(packetbuf_initialize_copy), 1);
-  rb_define_method(cPacketBuf, "reset", VORN_CALLBACK(packetbuf_reset), 0);
-  rb_define_method(cPacketBuf, "preserve_symbols_on_extract", VORN_CALLBACK(packetbuf_preserve_symbols), 0);
-  rb_define_method(cPacketBuf, "preserve_symbols_on_extract=", VORN_CALLBACK(packetbuf_set_preserve_symbols), 1);
-  rb_define_method(cPacketBuf, "maxdepth", VORN_CALLBACK(packetbuf_maxdepth), 0);
-  rb_define_method(cPacketBuf, "maxdepth=", VORN_CALLBACK(packetbuf_set_maxdepth), 1);
-  rb_define_method(cPacketBuf, "pos", VORN_CALLBACK(packetbuf_pos), 0);
-  rb_define_method(cPacketBuf, "pos=", VORN_CALLBACK(packetbuf_set_pos), 1);
+  rb_define_method(cPacketBuf, "initialize", VALUEFUNC(packetbuf_initialize), 0);
+  rb_define_method(cPacketBuf, "initialize_copy", VALUEFUNC(packetbuf_initialize_copy), 1);
+  rb_define_method(cPacketBuf, "reset", VALUEFUNC(packetbuf_reset), 0);
+  rb_define_method(cPacketBuf, "preserve_symbols_on_extract", VALUEFUNC(packetbuf_preserve_symbols), 0);
+  rb_define_method(cPacketBuf, "preserve_symbols_on_extract=", VALUEFUNC(packetbuf_set_preserve_symbols), 1);
+  rb_define_method(cPacketBuf, "maxdepth", VALUEFUNC(packetbuf_maxdepth), 0);
+  rb_define_method(cPacketBuf, "maxdepth=", VALUEFUNC(packetbuf_set_maxdepth), 1);
+  rb_define_method(cPacketBuf, "pos", VALUEFUNC(packetbuf_pos), 0);
+  rb_define_method(cPacketBuf, "pos=", VALUEFUNC(packetbuf_set_pos), 1);
   rb_define_alias(cPacketBuf, "seek", "pos=");
-  rb_define_method(cPacketBuf, "index_within_payload?", VORN_CALLBACK(packetbuf_index_within_payload), 1);
-  rb_define_method(cPacketBuf, "payload_size", VORN_CALLBACK(packetbuf_payload_size), 0);
-  rb_define_method(cPacketBuf, "seek_payload_start", VORN_CALLBACK(packetbuf_seek_payload_start), 0);
-  rb_define_method(cPacketBuf, "write_raw", VORN_CALLBACK(packetbuf_write_raw), 1);
-  rb_define_method(cPacketBuf, "write_object", VORN_CALLBACK(packetbuf_write_object), 1);
+  rb_define_method(cPacketBuf, "index_within_payload?", VALUEFUNC(packetbuf_index_within_payload), 1);
+  rb_define_method(cPacketBuf, "payload_size", VALUEFUNC(packetbuf_payload_size), 0);
+  rb_define_method(cPacketBuf, "seek_payload_start", VALUEFUNC(packetbuf_seek_payload_start), 0);
+  rb_define_method(cPacketBuf, "write_raw", VALUEFUNC(packetbuf_write_raw), 1);
+  rb_define_method(cPacketBuf, "write_object", VALUEFUNC(packetbuf_write_object), 1);
   rb_define_alias(cPacketBuf, "<<", "write_object");
-  rb_define_method(cPacketBuf, "extract_object", VORN_CALLBACK(packetbuf_extract_object), 0);
-  rb_define_method(cPacketBuf, "copy_object", VORN_CALLBACK(packetbuf_copy_object), 1);
-  rb_define_method(cPacketBuf, "to_str", VORN_CALLBACK(packetbuf_to_str), 0);
+  rb_define_method(cPacketBuf, "extract_object", VALUEFUNC(packetbuf_extract_object), 0);
+  rb_define_method(cPacketBuf, "copy_object", VALUEFUNC(packetbuf_copy_object), 1);
+  rb_define_method(cPacketBuf, "to_str", VALUEFUNC(packetbuf_to_str), 0);
 }
 
 }  // namespace EXT

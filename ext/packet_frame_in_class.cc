@@ -85,10 +85,10 @@ VALUE packetframein_seq(VALUE self) {
 
 void init_packet_frame_in() {
   cPacketFrameIn = define_proto_class("PacketFrameIn", cPacketFrame, packetframein_allocate);
-  rb_define_method(cPacketFrameIn, "initialize", VORN_CALLBACK(packetbuf_initialize), 0);
-  rb_define_method(cPacketFrameIn, "assemble", VORN_CALLBACK(packetframein_assemble), 2);
-  rb_define_method(cPacketFrameIn, "have_complete_frame?", VORN_CALLBACK(packetframein_have_complete_frame), 0);
-  rb_define_method(cPacketFrameIn, "seq", VORN_CALLBACK(packetframein_seq), 0);
+  rb_define_method(cPacketFrameIn, "initialize", VALUEFUNC(packetbuf_initialize), 0);
+  rb_define_method(cPacketFrameIn, "assemble", VALUEFUNC(packetframein_assemble), 2);
+  rb_define_method(cPacketFrameIn, "have_complete_frame?", VALUEFUNC(packetframein_have_complete_frame), 0);
+  rb_define_method(cPacketFrameIn, "seq", VALUEFUNC(packetframein_seq), 0);
 }
 
 }  // namespace EXT

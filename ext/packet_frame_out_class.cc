@@ -136,15 +136,15 @@ VALUE packetframeout_configured_max_data_len(VALUE self) {
 
 void init_packet_frame_out() {
   cPacketFrameOut = define_proto_class("PacketFrameOut", cPacketFrame, packetframeout_allocate);
-  rb_define_method(cPacketFrameOut, "initialize", VORN_CALLBACK(packetbuf_initialize), 0);
-  rb_define_method(cPacketFrameOut, "next_seq", VORN_CALLBACK(packetframeout_next_seq), 0);
-  rb_define_method(cPacketFrameOut, "next_seq=", VORN_CALLBACK(packetframeout_set_next_seq), 1);
-  rb_define_method(cPacketFrameOut, "inc_seq", VORN_CALLBACK(packetframeout_inc_seq), 0);
-  rb_define_method(cPacketFrameOut, "compute_frame_header", VORN_CALLBACK(packetframeout_compute_frame_header), 0);
-  rb_define_method(cPacketFrameOut, "use_12byte_header=", VORN_CALLBACK(packetframeout_set_use_12byte_header), 1);
-  rb_define_method(cPacketFrameOut, "using_12byte_header?", VORN_CALLBACK(packetframeout_using_12byte_header), 0);
-  rb_define_method(cPacketFrameOut, "configured_header_len", VORN_CALLBACK(packetframeout_configured_header_len), 0);
-  rb_define_method(cPacketFrameOut, "configured_max_data_len", VORN_CALLBACK(packetframeout_configured_max_data_len), 0);
+  rb_define_method(cPacketFrameOut, "initialize", VALUEFUNC(packetbuf_initialize), 0);
+  rb_define_method(cPacketFrameOut, "next_seq", VALUEFUNC(packetframeout_next_seq), 0);
+  rb_define_method(cPacketFrameOut, "next_seq=", VALUEFUNC(packetframeout_set_next_seq), 1);
+  rb_define_method(cPacketFrameOut, "inc_seq", VALUEFUNC(packetframeout_inc_seq), 0);
+  rb_define_method(cPacketFrameOut, "compute_frame_header", VALUEFUNC(packetframeout_compute_frame_header), 0);
+  rb_define_method(cPacketFrameOut, "use_12byte_header=", VALUEFUNC(packetframeout_set_use_12byte_header), 1);
+  rb_define_method(cPacketFrameOut, "using_12byte_header?", VALUEFUNC(packetframeout_using_12byte_header), 0);
+  rb_define_method(cPacketFrameOut, "configured_header_len", VALUEFUNC(packetframeout_configured_header_len), 0);
+  rb_define_method(cPacketFrameOut, "configured_max_data_len", VALUEFUNC(packetframeout_configured_max_data_len), 0);
 }
 
 }  // namespace EXT

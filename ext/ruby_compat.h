@@ -1,21 +1,39 @@
-/// Ruby's headers, and every shim that the supported interpreters need. Each names the version that makes it
-/// needed, so that a later reader knows when to delete it.
+/// Ruby's headers, and all that the extension knows of Ruby's versions: no other file of ours asks for one. What
+/// extconf.rb probes for or tells by the version becomes a function or a constant here.
+///
+///   of the interpreter                  | where            | elsewhere
+///   ------------------------------------|------------------|------------------------------------------------
+///   callbacks with their real types     | since 2.7        | VALUEFUNC() casts them
+///   RARRAY_CONST_PTR_TRANSIENT          | 2.6 to 3.2       | RARRAY_CONST_PTR
+///   OBJ_TAINT                           | until 2.6        | nothing is tainted
+///   rb_gc_adjust_memory_usage           | since 2.4        | gc_memory_usage.cc counts, and starts collections
+///   rb_method_basic_definition_p        | exact since 2.3  | overridden_each.cc looks for aliases itself
+///   ruby_stack_check                    | sure since 2.7   | machine_stack.cc looks at the stack's bounds
+///   rb_hash_bulk_insert                 | since 2.7        | key_cache.cc stores pair by pair
+///   rb_enc_interned_str                 | since 3.0        | likewise, and a Hash makes its own keys
+///   rb_ext_ractor_safe, Ractor's locals | since 3.0        | there are no Ractors
 #pragma once
 
 #include <ruby.h>
 #include <ruby/encoding.h>
 
-// Before 2.7 the headers declare callbacks with unnamed parameters, f(...), which in C++ no real function
-// matches. From 2.7 on they know the callbacks' real types, and the old cast is deprecated.
-#ifdef VORN_RUBY_HAS_TYPED_CALLBACKS
-#define VORN_CALLBACK(function) (function)
-#else
-#define VORN_CALLBACK(function) (reinterpret_cast<VALUE (*)(ANYARGS)>(function))
-#endif
+#include <cstddef>
+#include <cstdint>
 
-// Since 3.0, like Ractors: the frozen String that a Hash keeps for a key can be had from its bytes.
 #if defined(HAVE_RB_ENC_INTERNED_STR) && defined(HAVE_RB_HASH_BULK_INSERT)
 #define VORN_RUBY_INTERNS_KEYS
+#include <ruby/ractor.h>
+#endif
+#ifdef VORN_RUBY_OVERRUNS_THE_STACK
+#include <pthread.h>
+#endif
+
+// Before 2.7 the headers declare callbacks with unnamed parameters, f(...), which in C++ no real function
+// matches. From 2.7 on they know the callbacks' real types, and the old cast is deprecated. RDoc reads this name.
+#ifdef VORN_RUBY_HAS_TYPED_CALLBACKS
+#define VALUEFUNC(function) (function)
+#else
+#define VALUEFUNC(function) (reinterpret_cast<VALUE (*)(ANYARGS)>(function))
 #endif
 
 namespace VORN {
@@ -31,8 +49,8 @@ inline void each_hash_entry(VALUE hash, HashEntryFunction function, VALUE arg) {
 #endif
 }
 
-/// The members of an Array, valid until Ruby runs next. From 2.6 to 3.2 the plain accessor moves them to another
-/// heap first, for callers that keep the pointer.
+/// The members of an Array, valid until Ruby runs next. Where arrays may be transient, the plain accessor moves them
+/// to another heap first, for callers that keep the pointer.
 inline const VALUE* array_members(VALUE array) {
 #ifdef RARRAY_CONST_PTR_TRANSIENT
   return RARRAY_CONST_PTR_TRANSIENT(array);
@@ -41,7 +59,7 @@ inline const VALUE* array_members(VALUE array) {
 #endif
 }
 
-/// Marks what came from outside. Tainting ended with 2.7.
+/// Marks what came from outside.
 inline VALUE taint(VALUE obj) {
 #ifdef VORN_RUBY_TAINTS
   OBJ_TAINT(obj);
@@ -49,15 +67,131 @@ inline VALUE taint(VALUE obj) {
   return obj;
 }
 
-/// Tells the collector of native memory that it does not see, so that it runs in time. The function that does
-/// it came with 2.4; before, gc_memory_usage.cc starts a collection itself.
-#ifdef HAVE_RB_GC_ADJUST_MEMORY_USAGE
+/// For an interpreter that takes no such reports: starts a collection when enough native memory has come. REQUIRES:
+/// as adjust_gc_memory_usage(), which calls it.
+void count_native_memory(int64_t difference);
+
+/// Tells the collector of native memory that it does not see, so that it runs in time. May start a collection when
+/// there is more than before; with less it may be called from within one.
 inline void adjust_gc_memory_usage(int64_t difference) {
+#ifdef HAVE_RB_GC_ADJUST_MEMORY_USAGE
   rb_gc_adjust_memory_usage(static_cast<ssize_t>(difference));
-}
 #else
-void adjust_gc_memory_usage(int64_t difference);
+  count_native_memory(difference);
 #endif
+}
+
+/// Whether rb_method_basic_definition_p() takes an alias of a built-in method for the method.
+#ifdef VORN_RUBY_ALIASES_PASS_FOR_BUILTIN
+constexpr bool ALIASES_PASS_FOR_BUILTIN = true;
+#else
+constexpr bool ALIASES_PASS_FOR_BUILTIN = false;
+#endif
+
+/// The number of a class's method cache, which changes with every change of its methods; 0 where it is not to be had.
+/// What stands before it is the same in all of 2.2, whose last release there has been.
+inline uint64_t method_cache_number(VALUE klass) {
+#ifdef VORN_RUBY_ALIASES_PASS_FOR_BUILTIN
+  struct ClassExtension {
+    const void* tables[3];
+    const void* subclasses[3];
+    unsigned LONG_LONG number;
+  };
+  return reinterpret_cast<const ClassExtension*>(RCLASS(klass)->ptr)->number;
+#else
+  static_cast<void>(klass);
+  return 0;
+#endif
+}
+
+/// Raises method_cache_number() where there is one.
+inline void clear_method_cache(VALUE klass) {
+#ifdef VORN_RUBY_ALIASES_PASS_FOR_BUILTIN
+  rb_clear_method_cache_by_class(klass);
+#else
+  static_cast<void>(klass);
+#endif
+}
+
+/// Whether ruby_stack_check() says that there is room on the stack whatever there is.
+#ifdef VORN_RUBY_OVERRUNS_THE_STACK
+constexpr bool OVERRUNS_THE_STACK = true;
+#else
+constexpr bool OVERRUNS_THE_STACK = false;
+#endif
+
+/// The bounds of this thread's machine stack, where the interpreter overruns it. False: not to be had.
+inline bool get_thread_stack(void** low, size_t* size) noexcept {
+#ifdef VORN_RUBY_OVERRUNS_THE_STACK
+  pthread_attr_t attributes;
+  if (pthread_getattr_np(pthread_self(), &attributes) != 0) return false;
+  const bool known = pthread_attr_getstack(&attributes, low, size) == 0;
+  pthread_attr_destroy(&attributes);
+  return known;
+#else
+  static_cast<void>(low);
+  static_cast<void>(size);
+  return false;
+#endif
+}
+
+/// Whether the frozen String that all Hashes share for a key can be had from its bytes.
+#ifdef VORN_RUBY_INTERNS_KEYS
+constexpr bool INTERNS_KEYS = true;
+#else
+constexpr bool INTERNS_KEYS = false;
+#endif
+
+/// A String for a key of these bytes: the one that all Hashes share, or one of which a Hash makes its own.
+inline VALUE key_string(const char* bytes, long length, int encoding_index) {
+#ifdef VORN_RUBY_INTERNS_KEYS
+  return rb_enc_interned_str(bytes, length, rb_enc_from_index(encoding_index));
+#else
+  const VALUE str = rb_str_new(bytes, length);
+  ENCODING_SET_INLINED(str, encoding_index);
+  return taint(str);
+#endif
+}
+
+/// Stores keys and values that alternate in a Hash, all at once. False: that cannot be, and nothing is stored.
+/// REQUIRES: String keys come from key_string().
+inline bool insert_in_bulk(VALUE hash, const VALUE* pairs, int count) {
+#ifdef VORN_RUBY_INTERNS_KEYS
+  rb_hash_bulk_insert(count, pairs, hash);
+#else
+  static_cast<void>(hash);
+  static_cast<void>(pairs);
+  static_cast<void>(count);
+#endif
+  return INTERNS_KEYS;
+}
+
+/// A Ruby object that each Ractor has of its own, or the process where there are no Ractors.
+class RactorLocal {
+ public:
+#ifdef VORN_RUBY_INTERNS_KEYS
+  void init() { key_ = rb_ractor_local_storage_value_newkey(); }
+  bool find(VALUE* obj) const { return rb_ractor_local_storage_value_lookup(key_, obj); }
+  void set(VALUE obj) { rb_ractor_local_storage_value_set(key_, obj); }
+
+ private:
+  rb_ractor_local_key_t key_;
+#else
+  void init() { rb_gc_register_address(&obj_); }
+  bool find(VALUE* obj) const { return RTEST(*obj = obj_); }
+  void set(VALUE obj) { obj_ = obj; }
+
+ private:
+  VALUE obj_ = Qnil;
+#endif
+};
+
+/// Says that the extension may be used by several Ractors.
+inline void declare_ractor_safe() {
+#ifdef HAVE_RB_EXT_RACTOR_SAFE
+  rb_ext_ractor_safe(true);
+#endif
+}
 
 }  // namespace EXT
 }  // namespace VORN

@@ -1,9 +1,10 @@
 #include "ext/vorn_rpc_ext.h"
 
+#include "ext/key_cache.h"
 #include "ext/machine_stack.h"
 #include "ext/object_decoder.h"
 #include "ext/object_serializer.h"
-#include "ext/recent_keys.h"
+#include "ext/overridden_each.h"
 
 namespace VORN {
 namespace EXT {
@@ -80,15 +81,12 @@ VALUE define_proto_class(const char* name, VALUE superclass, VALUE (*allocate)(V
 
 extern "C" __attribute__((visibility("default"))) void Init_vorn_rpc_ext() {
   using namespace VORN::EXT;
-#ifdef HAVE_RB_EXT_RACTOR_SAFE  // since 3.0
-  rb_ext_ractor_safe(true);
-#endif
+  declare_ractor_safe();
   mVorn = rb_define_module("VORN");
   mProto = rb_define_module_under(mVorn, "PROTO");
-#ifdef VORN_RUBY_INTERNS_KEYS
-  init_recent_keys();
-#endif
+  init_key_cache();
   init_machine_stack();
+  init_overridden_each();
   init_object_serializer();
   init_object_decoder();
   init_packet_buf();

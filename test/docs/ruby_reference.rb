@@ -21,7 +21,7 @@ def readable_source
     File.join(ROOT, "ext/packet_#{name}_class.cc")
   end
   files.map { |file| File.read(file, encoding: "UTF-8") }.join("\n")
-    .gsub(/VORN_CALLBACK\((\w+)\)/, '\1')
+    .gsub(/VALUEFUNC\((\w+)\)/, '\1')
     .gsub(/define_proto_class\(("\w+", \w+), \w+\)/, 'rb_define_class_under(mProto, \1)')
     .gsub(/^.*"initialize_copy".*\n/, "")
 end
