@@ -127,6 +127,27 @@ class GcTest < ExtTest
     end
   end
 
+  # What native memory is used in a finalizer, which runs in the collection that native memory has started, is collected.
+  def test_storage_is_collected_while_a_finalizer_runs
+    skip_without_proc
+    skip_under_sanitizers
+    rounds, peak = run_ruby(<<-'RUBY').split.map { |number| Integer(number) }
+      MEGABYTE = "x" * 1_048_576
+      $rounds = 0
+      def churn(megabytes)
+        megabytes.times { PacketBuf.new.write_raw(MEGABYTE) }
+      end
+      def churning
+        proc { churn(500) if ($rounds += 1) < 3 }
+      end
+      10.times { ObjectSpace.define_finalizer(Object.new, churning) }
+      churn(500)
+      puts $rounds, File.read("/proc/self/status")[/^VmHWM:\s+(\d+)/, 1].to_i / 1024
+    RUBY
+    assert_operator rounds, :>, 0
+    assert_operator peak, :<, 300, "MB"
+  end
+
   FAILURES = {
     "an unsupported value" => -> { PacketBuf.new << ["a", { "b" => Object.new }] },
     "a large integer" => -> { PacketBuf.new << ["a", 2**64] },
