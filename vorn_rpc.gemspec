@@ -24,6 +24,8 @@ Gem::Specification.new do |gem|
     lib/vorn_rpc/version.rb
     sig/vorn_rpc.rbs
     ext/arguments.h
+    ext/buffer_handle.cc
+    ext/buffer_handle.h
     ext/extconf.rb
     ext/gc_memory_usage.cc
     ext/key_cache.cc
@@ -34,8 +36,6 @@ Gem::Specification.new do |gem|
     ext/member_counts.h
     ext/native_guard.cc
     ext/native_guard.h
-    ext/native_object.cc
-    ext/native_object.h
     ext/object_decoder.cc
     ext/object_decoder.h
     ext/object_serializer.cc

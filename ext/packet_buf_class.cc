@@ -1,6 +1,6 @@
 #include "ext/arguments.h"
 #include "ext/native_guard.h"
-#include "ext/native_object.h"
+#include "ext/buffer_handle.h"
 #include "ext/object_decoder.h"
 #include "ext/object_serializer.h"
 #include "ext/vorn_rpc_ext.h"
@@ -229,7 +229,7 @@ VALUE packetbuf_write_raw(VALUE self, VALUE str) {
   }
   native_guard([&] { buf.write_bytes(RSTRING_PTR(str), static_cast<uint32_t>(RSTRING_LEN(str))); });
   RB_GC_GUARD(str);
-  tell_gc_of_storage(self);
+  report_storage(self);
   return self;
 }
 
@@ -245,7 +245,7 @@ VALUE write_object(VALUE arg) {
 }
 
 VALUE end_write_object(VALUE self) {
-  tell_gc_of_storage(self);
+  report_storage(self);
   return Qnil;
 }
 
@@ -323,7 +323,7 @@ VALUE packetbuf_copy_object(VALUE self, VALUE dest) {
   }
   native_guard([&] { to.write_bytes(buf.data().data() + start, end - start); });
   RB_GC_GUARD(self);
-  tell_gc_of_storage(dest);
+  report_storage(dest);
   return self;
 }
 

@@ -1,6 +1,6 @@
 #include "ext/arguments.h"
 #include "ext/native_guard.h"
-#include "ext/native_object.h"
+#include "ext/buffer_handle.h"
 #include "ext/vorn_rpc_ext.h"
 
 namespace VORN {
@@ -51,7 +51,7 @@ VALUE packetframein_assemble(VALUE self, VALUE data, VALUE offset) {
     return frame.assemble(RSTRING_PTR(data), static_cast<uint64_t>(RSTRING_LEN(data)), static_cast<uint64_t>(from));
   });
   RB_GC_GUARD(data);
-  tell_gc_of_storage(self);
+  report_storage(self);
   return ULL2NUM(consumed);
 }
 

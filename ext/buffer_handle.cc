@@ -1,4 +1,4 @@
-#include "ext/native_object.h"
+#include "ext/buffer_handle.h"
 
 #include <cstddef>
 
@@ -9,15 +9,15 @@ namespace {
 
 void free_native(void* data) {
   if (data == nullptr) return;
-  NativeObject* const native = static_cast<NativeObject*>(data);
-  adjust_gc_memory_usage(-native->told_gc);
+  BufferHandle* const native = static_cast<BufferHandle*>(data);
+  adjust_gc_memory_usage(-native->reported_bytes);
   delete native->buf;
   delete native;
 }
 
 size_t size_of_native(const void* data) {
   if (data == nullptr) return 0;
-  const NativeObject* const native = static_cast<const NativeObject*>(data);
+  const BufferHandle* const native = static_cast<const BufferHandle*>(data);
   return sizeof *native + sizeof *native->buf + native->buf->data().capacity();
 }
 
@@ -38,18 +38,18 @@ const rb_data_type_t packet_buf_type = data_type("PacketBuf", nullptr);
 const rb_data_type_t packet_frame_in_type = data_type("PacketFrameIn", &packet_buf_type);
 const rb_data_type_t packet_frame_out_type = data_type("PacketFrameOut", &packet_buf_type);
 
-NativeObject& native_object(VALUE obj, const rb_data_type_t& type) {
+BufferHandle& buffer_handle(VALUE obj, const rb_data_type_t& type) {
   void* const data = rb_check_typeddata(obj, &type);
   if (data == nullptr) rb_raise(rb_eRuntimeError, "NULL object DATA pointer, wanted PacketBuf");
-  return *static_cast<NativeObject*>(data);
+  return *static_cast<BufferHandle*>(data);
 }
 
-void tell_gc_of_storage(VALUE obj) {
-  NativeObject& native = *static_cast<NativeObject*>(DATA_PTR(obj));
+void report_storage(VALUE obj) {
+  BufferHandle& native = *static_cast<BufferHandle*>(DATA_PTR(obj));
   const int64_t capacity = static_cast<int64_t>(native.buf->data().capacity());
-  if (capacity == native.told_gc) return;
-  const int64_t difference = capacity - native.told_gc;
-  native.told_gc = capacity;
+  if (capacity == native.reported_bytes) return;
+  const int64_t difference = capacity - native.reported_bytes;
+  native.reported_bytes = capacity;
   adjust_gc_memory_usage(difference);
   RB_GC_GUARD(obj);
 }

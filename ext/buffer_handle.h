@@ -13,9 +13,9 @@ namespace VORN {
 namespace EXT {
 
 /// What a Ruby object owns. It holds no Ruby values, so the collector has nothing to mark in it.
-struct NativeObject {
+struct BufferHandle {
   PROTO::PacketBuf* buf;
-  int64_t told_gc;  ///< bytes of storage that the collector has been told of
+  int64_t reported_bytes;  ///< storage that the collector has been told of
 };
 
 extern const rb_data_type_t packet_buf_type;
@@ -25,30 +25,30 @@ extern const rb_data_type_t packet_frame_out_type;
 /// The receiver check. Raises TypeError for what is no object of this library, and RuntimeError "NULL object
 /// DATA pointer, wanted PacketBuf" for one without its native object. The result lives as long as the Ruby
 /// object: a method that still uses it after its last use of the VALUE needs RB_GC_GUARD.
-NativeObject& native_object(VALUE obj, const rb_data_type_t& type);
+BufferHandle& buffer_handle(VALUE obj, const rb_data_type_t& type);
 
 /// The same for any of the classes, without a call where there is nothing to raise.
 inline PROTO::PacketBuf& packet_buf_of(VALUE obj) {
   if (RB_TYPE_P(obj, T_DATA) && RTYPEDDATA_P(obj) && DATA_PTR(obj) != nullptr) {
     const rb_data_type_t* const type = RTYPEDDATA_TYPE(obj);
     if (type == &packet_buf_type || type->parent == &packet_buf_type) {
-      return *static_cast<NativeObject*>(DATA_PTR(obj))->buf;
+      return *static_cast<BufferHandle*>(DATA_PTR(obj))->buf;
     }
   }
-  return *native_object(obj, packet_buf_type).buf;
+  return *buffer_handle(obj, packet_buf_type).buf;
 }
 
 inline PROTO::PacketFrameIn& packet_frame_in_of(VALUE obj) {
-  return static_cast<PROTO::PacketFrameIn&>(*native_object(obj, packet_frame_in_type).buf);
+  return static_cast<PROTO::PacketFrameIn&>(*buffer_handle(obj, packet_frame_in_type).buf);
 }
 
 inline PROTO::PacketFrameOut& packet_frame_out_of(VALUE obj) {
-  return static_cast<PROTO::PacketFrameOut&>(*native_object(obj, packet_frame_out_type).buf);
+  return static_cast<PROTO::PacketFrameOut&>(*buffer_handle(obj, packet_frame_out_type).buf);
 }
 
-/// Tells the collector how the native storage has changed since it was last told. Called where a method may
+/// Reports to the collector how the native storage has changed since the last report. Called where a method may
 /// have grown it. May start a collection.
-void tell_gc_of_storage(VALUE obj);
+void report_storage(VALUE obj);
 
 /// The body of an allocation function. The Ruby object comes first and its native object after, so that nothing
 /// native is lost when Ruby runs out of memory. Raises RuntimeError `failed` when allocation yields nothing,
@@ -57,9 +57,9 @@ template <typename Native>
 VALUE allocate_native(VALUE klass, const rb_data_type_t& type, const char* failed, const char* threw) {
   const VALUE obj = TypedData_Wrap_Struct(klass, &type, nullptr);
   bool thrown = false;
-  NativeObject* native = nullptr;
+  BufferHandle* native = nullptr;
   try {
-    native = new (std::nothrow) NativeObject{nullptr, 0};
+    native = new (std::nothrow) BufferHandle{nullptr, 0};
     if (native != nullptr) native->buf = new (std::nothrow) Native();
   } catch (...) {
     thrown = true;
@@ -69,7 +69,7 @@ VALUE allocate_native(VALUE klass, const rb_data_type_t& type, const char* faile
     rb_raise(rb_eRuntimeError, "%s", thrown ? threw : failed);
   }
   DATA_PTR(obj) = native;
-  tell_gc_of_storage(obj);
+  report_storage(obj);
   return obj;
 }
 
