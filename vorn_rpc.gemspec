@@ -43,6 +43,8 @@ Gem::Specification.new do |gem|
     ext/overridden_each.cc
     ext/overridden_each.h
     ext/packet_buf_class.cc
+    ext/packet_buf_codec.cc
+    ext/packet_buf_codec.h
     ext/packet_frame_class.cc
     ext/packet_frame_in_class.cc
     ext/packet_frame_out_class.cc

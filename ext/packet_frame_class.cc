@@ -4,6 +4,13 @@
 namespace VORN {
 namespace EXT {
 
+/*
+ * Document-class: VORN::PROTO::PacketFrame < VORN::PROTO::PacketBuf
+ *
+ * What the two frames have in common. It cannot be instantiated.
+ */
+VALUE cPacketFrame;
+
 namespace {
 
 using PROTO::PacketFrame;
@@ -16,7 +23,10 @@ VALUE packetframe_allocate(VALUE) {
 }  // namespace
 
 void init_packet_frame() {
-  cPacketFrame = define_proto_class("PacketFrame", cPacketBuf, packetframe_allocate);
+  const VALUE mVorn = rb_define_module("VORN");
+  const VALUE mProto = rb_define_module_under(mVorn, "PROTO");
+  cPacketFrame = rb_define_class_under(mProto, "PacketFrame", cPacketBuf);
+  keep_class(cPacketFrame, packetframe_allocate);
   /* Bytes of the 8-byte header. */
   rb_define_const(cPacketFrame, "PF8_HEADER_LEN", ULONG2NUM(PacketFrame::PF8_HEADER_LEN));
   /* The most payload bytes behind an 8-byte header. */

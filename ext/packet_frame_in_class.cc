@@ -6,6 +6,14 @@
 namespace VORN {
 namespace EXT {
 
+/*
+ * Document-class: VORN::PROTO::PacketFrameIn < VORN::PROTO::PacketFrame
+ *
+ * Finds one frame in a byte stream that arrives in chunks of any size, and holds it. Needs a reset before each frame,
+ * the first one included.
+ */
+VALUE cPacketFrameIn;
+
 namespace {
 
 using PROTO::PacketFrameIn;
@@ -84,7 +92,10 @@ VALUE packetframein_seq(VALUE self) {
 }  // namespace
 
 void init_packet_frame_in() {
-  cPacketFrameIn = define_proto_class("PacketFrameIn", cPacketFrame, packetframein_allocate);
+  const VALUE mVorn = rb_define_module("VORN");
+  const VALUE mProto = rb_define_module_under(mVorn, "PROTO");
+  cPacketFrameIn = rb_define_class_under(mProto, "PacketFrameIn", cPacketFrame);
+  keep_class(cPacketFrameIn, packetframein_allocate);
   rb_define_method(cPacketFrameIn, "initialize", VALUEFUNC(packetbuf_initialize), 0);
   rb_define_method(cPacketFrameIn, "assemble", VALUEFUNC(packetframein_assemble), 2);
   rb_define_method(cPacketFrameIn, "have_complete_frame?", VALUEFUNC(packetframein_have_complete_frame), 0);

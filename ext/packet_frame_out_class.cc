@@ -6,6 +6,14 @@
 namespace VORN {
 namespace EXT {
 
+/*
+ * Document-class: VORN::PROTO::PacketFrameOut < VORN::PROTO::PacketFrame
+ *
+ * One frame to send, built in place: reset leaves room for the header, values follow, compute_frame_header writes the
+ * header in front of them.
+ */
+VALUE cPacketFrameOut;
+
 namespace {
 
 using PROTO::PacketFrameOut;
@@ -135,7 +143,10 @@ VALUE packetframeout_configured_max_data_len(VALUE self) {
 }  // namespace
 
 void init_packet_frame_out() {
-  cPacketFrameOut = define_proto_class("PacketFrameOut", cPacketFrame, packetframeout_allocate);
+  const VALUE mVorn = rb_define_module("VORN");
+  const VALUE mProto = rb_define_module_under(mVorn, "PROTO");
+  cPacketFrameOut = rb_define_class_under(mProto, "PacketFrameOut", cPacketFrame);
+  keep_class(cPacketFrameOut, packetframeout_allocate);
   rb_define_method(cPacketFrameOut, "initialize", VALUEFUNC(packetbuf_initialize), 0);
   rb_define_method(cPacketFrameOut, "next_seq", VALUEFUNC(packetframeout_next_seq), 0);
   rb_define_method(cPacketFrameOut, "next_seq=", VALUEFUNC(packetframeout_set_next_seq), 1);

@@ -7,8 +7,6 @@ namespace VORN {
 namespace EXT {
 
 // Set once by Init and alive as long as the process.
-extern VALUE mVorn;
-extern VALUE mProto;
 extern VALUE cPacketBuf;
 extern VALUE cPacketFrame;
 extern VALUE cPacketFrameIn;
@@ -22,8 +20,8 @@ void init_packet_frame_out();
 /// PacketBuf#initialize, which the frame classes register too.
 VALUE packetbuf_initialize(VALUE self);
 
-/// Defines a class under VORN::PROTO and keeps it alive, whatever becomes of its constant.
-VALUE define_proto_class(const char* name, VALUE superclass, VALUE (*allocate)(VALUE));
+/// Keeps a class alive, whatever becomes of its constant, and says how its objects are made.
+void keep_class(VALUE klass, VALUE (*allocate)(VALUE));
 
 }  // namespace EXT
 }  // namespace VORN

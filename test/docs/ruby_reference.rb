@@ -5,39 +5,23 @@
 # Makes the pages of the Ruby classes from the comments in ext/ and lib/. Fails on any warning, and where a class,
 # constant or public method that the built extension has does not appear with a text of its own.
 
-require "fileutils"
 require "rdoc/rdoc"
 require "stringio"
-require "tmpdir"
 require "vorn_rpc"
 
 ROOT = File.expand_path("../..", __dir__)
 TITLE = "Vorn RPC #{VORN::VERSION}"
 
-# What RDoc can read: it looks for the classes of a file in that file, and knows neither our helper nor our macro.
-# `initialize_copy` is private and only refuses.
-def readable_source
-  files = [File.join(ROOT, "ext/vorn_rpc_ext.cc")] + %w[buf frame frame_in frame_out].map do |name|
-    File.join(ROOT, "ext/packet_#{name}_class.cc")
-  end
-  files.map { |file| File.read(file, encoding: "UTF-8") }.join("\n")
-    .gsub(/VALUEFUNC\((\w+)\)/, '\1')
-    .gsub(/define_proto_class\(("\w+", \w+), \w+\)/, 'rb_define_class_under(mProto, \1)')
-    .gsub(/^.*"initialize_copy".*\n/, "")
-end
-
 # Returns the store of what was read, and what RDoc had to say.
 def document(folder)
-  Dir.mktmpdir do |sources|
-    FileUtils.cp_r(File.join(ROOT, "lib/vorn_rpc"), sources)
-    File.write(File.join(sources, "vorn_rpc_ext.cc"), readable_source)
-    Dir.chdir(sources) do
-      rdoc = RDoc::RDoc.new
-      heard = heard_from do
-        rdoc.document(["--quiet", "--force-output", "--title", TITLE, "--main", "VORN::PROTO", "--output", folder, "."])
-      end
-      [rdoc.store, heard]
-    end
+  Dir.chdir(ROOT) do
+    heard, $stderr = $stderr, StringIO.new
+    rdoc = RDoc::RDoc.new
+    sources = Dir["ext/*.cc"].sort + Dir["lib/**/*.rb"].sort
+    rdoc.document(["--quiet", "--force-output", "--title", TITLE, "--main", "VORN::PROTO", "--output", folder, *sources])
+    [rdoc.store, $stderr.string]
+  ensure
+    $stderr = heard
   end
 end
 
