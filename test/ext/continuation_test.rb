@@ -1,6 +1,7 @@
 # frozen_string_literal: true
 
 require_relative "helper"
+require_relative "own_each"
 require_relative "ruby_process"
 
 # Continuations bring frames back that have long returned, with the machine stack as it was and everything else as it is.
@@ -10,16 +11,6 @@ class ContinuationTest < ExtTest
   START = <<-'RUBY'
     require "continuation" # which is called obsolete, hence no warnings
     ENDED = "serialize_rbobj_to_packetbuf: hash iteration has ended"
-    class OwnEach < Hash
-      def initialize(&body)
-        super()
-        @body = body
-      end
-
-      def each(&block)
-        @body.call(block)
-      end
-    end
     def text(buf)
       buf.to_str.unpack("H*")[0]
     end
@@ -158,6 +149,6 @@ class ContinuationTest < ExtTest
   }.freeze
 
   PROGRAMS.each do |name, (code, lines)|
-    define_method("test_#{name.tr(" ", "_")}") { assert_equal lines, run_ruby(START + code, "-W0").split("\n") }
+    define_method("test_#{name.tr(" ", "_")}") { assert_equal lines, run_ruby(START + code, "-W0", OwnEach::OPTION).split("\n") }
   end
 end

@@ -37,9 +37,14 @@ class InterruptTest < ExtTest
     end
   RUBY
 
+  # The code runs to its end, within the bounds.
+  def assert_runs(code)
+    assert_equal "well\n", run_ruby("#{BOUNDS}\n#{code}\nputs :well")
+  end
+
   PARTS.each do |name, part|
     define_method("test_#{name.tr(' ', '_')}_written_without_end") do
-      assert_equal "well\n", run_ruby(BOUNDS + <<-RUBY)
+      assert_runs(<<-RUBY)
         value = sharing(#{part})
         buf = PacketBuf.new
         bounded(buf) do
@@ -49,7 +54,6 @@ class InterruptTest < ExtTest
           rescue Timeout::Error
           end
         end
-        puts "well"
       RUBY
     end
   end
@@ -61,7 +65,7 @@ class InterruptTest < ExtTest
 
   WAYS.each do |name, stop|
     define_method("test_#{name.gsub(/\W+/, '_')}_while_a_value_is_written") do
-      assert_equal "well\n", run_ruby(BOUNDS + <<-RUBY)
+      assert_runs(<<-RUBY)
         value = sharing([1.5, "text"])
         5.times do
           buf = PacketBuf.new
@@ -78,7 +82,6 @@ class InterruptTest < ExtTest
             end
           end
         end
-        puts "well"
       RUBY
     end
   end
@@ -146,7 +149,7 @@ class InterruptTest < ExtTest
 
   CHANGES.each do |name, (value, change)|
     define_method("test_#{name.gsub(/\W+/, '_')}_changed_while_they_are_written") do
-      assert_equal "well\n", run_ruby(<<-RUBY)
+      assert_runs(<<-RUBY)
         $VERBOSE = false # methods are redefined
         class Hash
           alias_method :plain, :each
@@ -180,14 +183,13 @@ class InterruptTest < ExtTest
         end
         done = true
         changing.join
-        puts "well"
       RUBY
     end
   end
 
   # A handler runs in the middle of the value, in the very thread that writes it.
   def test_a_handler_that_uses_the_buffer
-    assert_equal "well\n", run_ruby(<<-'RUBY')
+    assert_runs(<<-'RUBY')
       buf = PacketBuf.new
       blocks = []
       uses = [-> { buf.write_raw("\x00") }, -> { buf << [nil] }, -> { buf.seek(buf.pos) }, -> { buf.to_str }, -> { GC.start },
@@ -211,7 +213,6 @@ class InterruptTest < ExtTest
         abort "shorter" unless length >= 20_080_000
       end
       abort "use" unless (buf.reset << 1).to_str == "\x81".b
-      puts "well"
     RUBY
   end
 

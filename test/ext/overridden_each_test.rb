@@ -1,6 +1,7 @@
 # frozen_string_literal: true
 
 require_relative "helper"
+require_relative "own_each"
 require_relative "ruby_process"
 
 # Hashes with an `each` of their own, which is Ruby code in the middle of writing. Whatever it does ends in a Ruby exception
@@ -11,18 +12,6 @@ class OverriddenEachTest < ExtTest
   NO_PAIR = "serialize_rbobj_to_packetbuf: hash entry is not a [key, value] pair"
   ENDED = "serialize_rbobj_to_packetbuf: hash iteration has ended"
   UNSUPPORTED = "serialize_rbobj_to_packetbuf: unsupported rb_type"
-
-  # A Hash whose `each` hands its block to a callable.
-  class OwnEach < Hash
-    def initialize(&body)
-      super()
-      @body = body
-    end
-
-    def each(&block)
-      @body.call(block)
-    end
-  end
 
   def setup
     @buf = PacketBuf.new

@@ -1,0 +1,16 @@
+# frozen_string_literal: true
+
+# A Hash whose `each` hands its block to a callable.
+class OwnEach < Hash
+  # For a process of its own: an option that loads this file.
+  OPTION = "-r#{File.expand_path(__FILE__)}".freeze
+
+  def initialize(&body)
+    super()
+    @body = body
+  end
+
+  def each(&block)
+    @body.call(block)
+  end
+end
