@@ -27,7 +27,7 @@ extern const rb_data_type_t packet_frame_out_type;
 /// object: a method that still uses it after its last use of the VALUE needs RB_GC_GUARD.
 BufferHandle& buffer_handle(VALUE obj, const rb_data_type_t& type);
 
-/// The same for any of the classes, without a call where there is nothing to raise.
+/// The same for any of the classes. The fast path is inlined.
 inline PROTO::PacketBuf& packet_buf_of(VALUE obj) {
   if (RB_TYPE_P(obj, T_DATA) && RTYPEDDATA_P(obj) && DATA_PTR(obj) != nullptr) {
     const rb_data_type_t* const type = RTYPEDDATA_TYPE(obj);

@@ -56,10 +56,11 @@ def ruby_before?(version)
   Gem::Version.new(RUBY_VERSION) < Gem::Version.new(version)
 end
 
-have_func("rb_gc_adjust_memory_usage", "ruby.h")           # since 2.4
-have_func("rb_ext_ractor_safe", "ruby.h")                  # since 3.0
-have_func("rb_enc_interned_str", "ruby/encoding.h")       # since 3.0
-have_func("rb_hash_bulk_insert", "ruby.h")                # in the public headers since 2.7
+# The table at the head of ruby_compat.h says what each is for.
+have_func("rb_gc_adjust_memory_usage", "ruby.h")     # since 2.4
+have_func("rb_ext_ractor_safe", "ruby.h")            # since 3.0
+have_func("rb_enc_interned_str", "ruby/encoding.h")  # since 3.0
+have_func("rb_hash_bulk_insert", "ruby.h")           # in the public headers since 2.7
 $defs << "-DVORN_RUBY_HAS_TYPED_CALLBACKS" unless ruby_before?("2.7") # <ruby/backward/cxxanyargs.hpp>
 $defs << "-DVORN_RUBY_ALIASES_PASS_FOR_BUILTIN" if ruby_before?("2.3") # to rb_method_basic_definition_p
 # In 2.2 ruby_stack_check() is the constant 0; where it is no more, between that and 2.7, was not tried.
@@ -74,8 +75,8 @@ $defs << "-DVORN_RUBY_TAINTS" if ruby_before?("2.7") # later the calls remain an
 $INCFLAGS = $INCFLAGS.gsub(/-I(?=\S*hdrdir)/, "-isystem ") << " -I#{Shellwords.escape(ROOT)}"
 
 # Ruby 2.2 leaves its C++ flags empty. Its headers say `register`, which C++17 has not.
-# -O3 draws the writers into their callers (5,000 strings, encode: 45 us with -O2, 34), and Ruby's functions are called
-# once a value, too often for a detour over the linkage table.
+# -O3 inlines the writers into their callers (with -O2: 5,000 strings, encode, 34 to 45 us). Ruby's functions are called
+# for each value, too often for the indirection of a linkage table.
 $CXXFLAGS = ["-g", $CXXFLAGS, STANDARD, "-O3 -fno-plt -fvisibility=hidden -Wall -Wextra -Wpedantic"].compact.join(" ")
 $CXXFLAGS << " -Wno-register" if compiles?("", "-Wno-register")
 # From g++ 16 on (15 was not tried) Boost's counted pointers of one type are taken for those of another, and their

@@ -62,11 +62,12 @@ const char* fault_text(ValueFault fault) {
 // checking pass. It allocates nothing native and throws nothing. `depth` counts the levels around a value, itself
 // included.
 
-// Members are gathered on the machine stack, where the collector finds them, and go into their container by the
-// dozen.
+// Members are batched on the machine stack, where the collector finds them, and stored in their container together.
+
+// Sixteen pairs: more than most messages' hashes have, so that bulk insertion gets all of them.
 constexpr int HASH_BATCH = 32;
 
-// For more than 16 at once the interpreter marks the whole Array for another visit of the collector, which during an
+// With more than 16 at once the interpreter queues the whole Array for another visit of the collector, which during an
 // incremental collection comes soon: an Array of 1,800,000 Hashes was visited so often that its decode took 12 to
 // 163 ns a byte, by chance, and takes 11 to 19.
 constexpr int ARRAY_BATCH = 16;
@@ -89,7 +90,7 @@ inline VALUE decode_next_packetbuf_rbstr(DecodeContext& ctx, int encoding_index)
   uint32_t length;
   const char* const bytes = read_string_bytes(ctx, length);
   const VALUE str = rb_str_new(bytes, static_cast<long>(length));
-  // The object is new and its encoding one of those kept in its flags: no need to go through rb_enc_associate().
+  // rb_enc_associate() would check what is known of a new String, and of an index small enough for its flags.
   ENCODING_SET_INLINED(str, encoding_index);
   return taint(str);
 }
@@ -153,8 +154,7 @@ VALUE decode_packetbuf_rbarray(DecodeContext& ctx, int32_t depth) {
   raise_fault(ValueFault::underrun_array);
 }
 
-/// A Hash's key: String keys as the Hash would keep them, anything else as it is. `hashing` becomes the room that a
-/// container needs, if that is more.
+/// A Hash's key, a String from the cache. `hashing` is raised to the stack that hashing a container takes.
 inline VALUE decode_key(DecodeContext& ctx, int32_t depth, size_t& hashing) {
   if (depth <= ctx.options.maxdepth && ctx.in.readable()) {
     const uint8_t type = ctx.in.peek();

@@ -117,8 +117,8 @@ VALUE end_write_object(VALUE self) {
  *   buf.to_str.unpack("H*")[0]  # => "8108" + "07036b6579" + "0a00043ff80000000000000b" + "09"
  */
 VALUE packetbuf_write_object(VALUE self, VALUE obj) {
-  packet_buf_of(self);  // the receiver check: behind it every receiver has storage to tell of
-  // A failure leaves what was written before it, and the storage that this took.
+  packet_buf_of(self);  // raises here: end_write_object() must not
+  // A failure leaves what was written before it, and the storage of that is reported too.
   WriteObject write{self, obj};
   return rb_ensure(VALUEFUNC(write_object), reinterpret_cast<VALUE>(&write), VALUEFUNC(end_write_object), self);
 }
