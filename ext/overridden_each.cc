@@ -70,6 +70,7 @@ void write_yielded(VALUE member, VALUE handle) {
 
 // An Array's missing members are nil, and those behind the second do not count.
 VALUE write_yielded_entry(RB_BLOCK_CALL_FUNC_ARGLIST(yielded, handle)) {
+  static_cast<void>(blockarg);
   each_call_in_progress(handle);
   VALUE key, value;
   if (argc == 2) {  // yield key, value
