@@ -21,7 +21,7 @@ class MemberCounts {
   MemberCounts(const MemberCounts&) = delete;
   MemberCounts& operator=(const MemberCounts&) = delete;
 
-  /// Takes over what the checking pass has counted. Never jumps: returns the state for rb_jump_tag(), 0 when all is well.
+  /// Takes over what the checking pass has counted. Never jumps: returns the state for rb_jump_tag(), 0 for success.
   int take(const PROTO::ArrayCounts& counts) noexcept;
 
   /// The count of the next array, in the order of their starts; 0 when there is none.

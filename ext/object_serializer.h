@@ -14,8 +14,8 @@ namespace EXT {
 /// entry is not a [key, value] pair", RangeError for an Integer beyond 64 bits, RuntimeError "C++ exception: ..."
 /// when memory runs out, and whatever an overridden `each` raises. What was written by then stays.
 ///
-/// Every 16 KiB, interrupts are heeded: other threads run, and signal handlers; what Timeout, Thread#kill and Thread#raise
-/// raise leaves what a failure leaves.
+/// Checks for interrupts every 16 KiB: other threads run, and signal handlers. What Timeout, Thread#kill and
+/// Thread#raise raise leaves what a failure leaves.
 ///
 /// A Hash subclass with its own `each` runs Ruby code in the middle of it, which may use the buffer. It may keep the
 /// block that it is given, and with it `owner`, the buffer's Ruby object.

@@ -1,5 +1,5 @@
-/// Hashes with an `each` of their own, which is Ruby code in the middle of writing, and the look-up that tells them from
-/// the others.
+/// Hashes with an `each` of their own, which is Ruby code in the middle of writing, and the look-up that tells them
+/// from the others.
 #pragma once
 
 #include <cstdint>

@@ -171,7 +171,8 @@ VALUE packetbuf_copy_object(VALUE self, VALUE dest) {
   deserialize_packetbuf_single_rbobj(buf, options, true);
   const uint64_t end = buf.pos();
   if (end <= start) {
-    rb_raise(rb_eRuntimeError, "packetbuf_copy_object: internal error: deserialize_packetbuf_single_rbobj did not advance pos");
+    rb_raise(rb_eRuntimeError,
+             "packetbuf_copy_object: internal error: deserialize_packetbuf_single_rbobj did not advance pos");
   }
   native_guard([&] { to.write_bytes(buf.data().data() + start, end - start); });
   RB_GC_GUARD(self);

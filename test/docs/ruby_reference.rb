@@ -18,7 +18,8 @@ def document(folder)
     heard, $stderr = $stderr, StringIO.new
     rdoc = RDoc::RDoc.new
     sources = Dir["ext/*.cc"].sort + Dir["lib/**/*.rb"].sort
-    rdoc.document(["--quiet", "--force-output", "--title", TITLE, "--main", "VORN::PROTO", "--output", folder, *sources])
+    rdoc.document(["--quiet", "--force-output", "--title", TITLE, "--main", "VORN::PROTO", "--output", folder,
+                   *sources])
     [rdoc.store, $stderr.string]
   ensure
     $stderr = heard
