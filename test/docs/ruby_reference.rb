@@ -15,14 +15,13 @@ TITLE = "Vorn RPC #{VORN::VERSION}"
 # Returns the store of what was read, and what RDoc had to say.
 def document(folder)
   Dir.chdir(ROOT) do
-    heard, $stderr = $stderr, StringIO.new
     rdoc = RDoc::RDoc.new
     sources = Dir["ext/*.cc"].sort + Dir["lib/**/*.rb"].sort
-    rdoc.document(["--quiet", "--force-output", "--title", TITLE, "--main", "VORN::PROTO", "--output", folder,
-                   *sources])
-    [rdoc.store, $stderr.string]
-  ensure
-    $stderr = heard
+    heard = heard_from do
+      rdoc.document(["--quiet", "--force-output", "--title", TITLE, "--main", "VORN::PROTO", "--output", folder,
+                     *sources])
+    end
+    [rdoc.store, heard]
   end
 end
 
