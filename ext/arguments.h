@@ -10,8 +10,7 @@ namespace EXT {
 
 /// The low 32 bits of an Integer.
 inline uint32_t to_uint32(VALUE number) {
-  return static_cast<uint32_t>(FIXNUM_P(number) ? static_cast<unsigned long>(FIX2LONG(number))
-                                                : rb_num2ulong(number));
+  return static_cast<uint32_t>(FIXNUM_P(number) ? static_cast<unsigned long>(FIX2LONG(number)) : rb_num2ulong(number));
 }
 
 /// The low 16 bits of an Integer.

@@ -34,7 +34,7 @@ class MemberCounts {
  private:
   const uint32_t* next_ = nullptr;
   size_t left_ = 0;
-  VALUE many_ = Qnil;                                // a hidden String of counts that `few_` has no room for
+  VALUE many_ = Qnil;                               // a hidden String of counts that `few_` has no room for
   uint32_t few_[PROTO::ArrayCounts::INLINE_SLOTS];  // left as it is: most messages use little of it
 };
 

@@ -39,16 +39,13 @@ const char* fault_text(ValueFault fault) {
     case ValueFault::max_depth: return "decode_next_packetbuf_rbobj: maxdepth exceeded";
     case ValueFault::underrun: return "decode_next_packetbuf_rbobj: buffer underrun";
     case ValueFault::underrun_int: return "decode_next_packetbuf_rbobj: buffer underrun decoding integer";
-    case ValueFault::underrun_length:
-      return "decode_next_packetbuf_rbstr: buffer underrun decoding data length";
-    case ValueFault::underrun_string:
-      return "decode_next_packetbuf_rbstr: buffer underrun extracting data bytes";
+    case ValueFault::underrun_length: return "decode_next_packetbuf_rbstr: buffer underrun decoding data length";
+    case ValueFault::underrun_string: return "decode_next_packetbuf_rbstr: buffer underrun extracting data bytes";
     case ValueFault::underrun_float: return "decode_packetbuf_rbfloat: buffer underrun";
     case ValueFault::underrun_double: return "decode_packetbuf_rbdouble: buffer underrun";
     case ValueFault::underrun_hash: return "decode_packetbuf_rbhash: buffer underrun";
     case ValueFault::underrun_array: return "decode_packetbuf_rbarray: buffer underrun";
-    case ValueFault::unknown_type:
-      return "decode_next_packetbuf_rbobj: unrecognized protocol transport type";
+    case ValueFault::unknown_type: return "decode_next_packetbuf_rbobj: unrecognized protocol transport type";
     case ValueFault::none: break;
   }
   return "decode_next_packetbuf_rbobj: no fault (internal error)";
@@ -72,7 +69,8 @@ constexpr int HASH_BATCH = 32;
 // 163 ns a byte, by chance, and takes 11 to 19.
 constexpr int ARRAY_BATCH = 16;
 
-// Scalars are inlined into the loops over their containers (without it: 20,000 Integers take a fifth more instructions).
+// Scalars are inlined into the loops over their containers (without it: 20,000 Integers take a fifth more
+// instructions).
 [[gnu::noinline]] VALUE decode_packetbuf_rbarray(DecodeContext& ctx, int32_t depth);
 [[gnu::noinline]] VALUE decode_packetbuf_rbhash(DecodeContext& ctx, int32_t depth);
 

@@ -112,8 +112,7 @@ void serialize_rbsym(VALUE sym, SerializeContext& ctx) {
   const char* const bytes = RSTRING_PTR(name);
   const long length = RSTRING_LEN(name);
   const void* const zero = std::memchr(bytes, 0, static_cast<size_t>(length));
-  write_rbstr_bytes(ctx, PROTO::PTT_SYMBOL, name,
-                    zero == nullptr ? length : static_cast<const char*>(zero) - bytes);
+  write_rbstr_bytes(ctx, PROTO::PTT_SYMBOL, name, zero == nullptr ? length : static_cast<const char*>(zero) - bytes);
 }
 
 [[gnu::always_inline]] inline void serialize_rbobj_to_packetbuf(VALUE obj, SerializeContext& ctx, int32_t depth) {

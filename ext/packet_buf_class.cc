@@ -1,6 +1,6 @@
 #include "ext/arguments.h"
-#include "ext/native_guard.h"
 #include "ext/buffer_handle.h"
+#include "ext/native_guard.h"
 #include "ext/packet_buf_codec.h"
 #include "ext/vorn_rpc_ext.h"
 
@@ -24,8 +24,7 @@ namespace {
 using PROTO::PacketBuf;
 
 VALUE packetbuf_allocate(VALUE klass) {
-  return allocate_native<PacketBuf>(klass, packet_buf_type, "failed newing PacketBuf",
-                                    "exception newing PacketBuf");
+  return allocate_native<PacketBuf>(klass, packet_buf_type, "failed newing PacketBuf", "exception newing PacketBuf");
 }
 
 }  // namespace

@@ -160,8 +160,8 @@ VALUE packetbuf_extract_object(VALUE self) {
  */
 VALUE packetbuf_copy_object(VALUE self, VALUE dest) {
   PacketBuf& buf = packet_buf_of(self);
-  const bool accepted = RB_TYPE_P(dest, T_DATA) &&
-                        (rb_obj_class(dest) == cPacketBuf || rb_obj_class(dest) == cPacketFrameOut);
+  const bool accepted =
+      RB_TYPE_P(dest, T_DATA) && (rb_obj_class(dest) == cPacketBuf || rb_obj_class(dest) == cPacketFrameOut);
   if (!accepted) {
     rb_raise(rb_eRuntimeError, "packetbuf_copy_object: destination buffer must be PacketBuf or PacketFrameOut");
   }

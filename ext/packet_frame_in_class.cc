@@ -1,6 +1,6 @@
 #include "ext/arguments.h"
-#include "ext/native_guard.h"
 #include "ext/buffer_handle.h"
+#include "ext/native_guard.h"
 #include "ext/vorn_rpc_ext.h"
 
 namespace VORN {

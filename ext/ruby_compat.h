@@ -170,16 +170,28 @@ inline bool insert_in_bulk(VALUE hash, const VALUE* pairs, int count) {
 class RactorLocal {
  public:
 #ifdef VORN_RUBY_INTERNS_KEYS
-  void init() { key_ = rb_ractor_local_storage_value_newkey(); }
-  bool find(VALUE* obj) const { return rb_ractor_local_storage_value_lookup(key_, obj); }
-  void set(VALUE obj) { rb_ractor_local_storage_value_set(key_, obj); }
+  void init() {
+    key_ = rb_ractor_local_storage_value_newkey();
+  }
+  bool find(VALUE* obj) const {
+    return rb_ractor_local_storage_value_lookup(key_, obj);
+  }
+  void set(VALUE obj) {
+    rb_ractor_local_storage_value_set(key_, obj);
+  }
 
  private:
   rb_ractor_local_key_t key_;
 #else
-  void init() { rb_gc_register_address(&obj_); }
-  bool find(VALUE* obj) const { return RTEST(*obj = obj_); }
-  void set(VALUE obj) { obj_ = obj; }
+  void init() {
+    rb_gc_register_address(&obj_);
+  }
+  bool find(VALUE* obj) const {
+    return RTEST(*obj = obj_);
+  }
+  void set(VALUE obj) {
+    obj_ = obj;
+  }
 
  private:
   VALUE obj_ = Qnil;

@@ -21,13 +21,7 @@
 
 namespace vorn_fuzz {
 
-enum DecodeFlag : uint8_t {
-  IN_FRAME = 1,
-  WITH_START = 2,
-  WITH_END = 4,
-  WITH_MAXDEPTH = 8,
-  SYMBOLS_AS_STRINGS = 16
-};
+enum DecodeFlag : uint8_t { IN_FRAME = 1, WITH_START = 2, WITH_END = 4, WITH_MAXDEPTH = 8, SYMBOLS_AS_STRINGS = 16 };
 
 struct DecodeInput {
   std::unique_ptr<VORN::PROTO::PacketBuf> buf;

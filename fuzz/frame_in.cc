@@ -103,7 +103,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   PacketFrameIn used;
   feed_moving(used, stream, moves);
   VORN_CHECK(feed(used, stream, [] { return 1; }) == whole);
-  VORN_CHECK(feed(used, stream, [&] { return sizes.empty() ? stream.size() : 1 + sizes.byte() % 32; }) ==
-             whole);
+  VORN_CHECK(feed(used, stream, [&] { return sizes.empty() ? stream.size() : 1 + sizes.byte() % 32; }) == whole);
   return 0;
 }

@@ -18,16 +18,13 @@ constexpr size_t LONGEST = 1024;  // longer rows are repetitions
 
 class Folder {
  public:
-  explicit Folder(const std::filesystem::path& path) : path_(path) {
-    std::filesystem::create_directories(path);
-  }
+  explicit Folder(const std::filesystem::path& path) : path_(path) { std::filesystem::create_directories(path); }
 
   void add(const std::string& bytes) {
     if (bytes.size() > LONGEST) return;
     const std::filesystem::path file = path_ / std::to_string(++files_);
     std::ofstream(file, std::ios::binary) << bytes;
-    if (std::filesystem::file_size(file) != bytes.size())
-      throw std::runtime_error("cannot write " + file.string());
+    if (std::filesystem::file_size(file) != bytes.size()) throw std::runtime_error("cannot write " + file.string());
   }
 
  private:

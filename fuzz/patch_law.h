@@ -71,8 +71,7 @@ inline bool merges(VObject& dst, const VObject& src) {
     VORN_CHECK(&dst.merge(src) == &target(dst));
     return true;
   } catch (const VornRuntimeError& e) {
-    VORN_CHECK(std::string(e.what()) ==
-               "VObject::merge: Won't merge disparate container and/or user-defined types.");
+    VORN_CHECK(std::string(e.what()) == "VObject::merge: Won't merge disparate container and/or user-defined types.");
     return false;
   }
 }

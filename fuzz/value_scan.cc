@@ -19,8 +19,7 @@ const char* text_of(ValueFault fault) {
     case ValueFault::underrun: return "VObject::deserialize: buffer underrun";
     case ValueFault::underrun_int: return "VObject::deserialize: buffer underrun decoding integer";
     case ValueFault::underrun_length: return "VObject::deserialize_str: buffer underrun decoding data length";
-    case ValueFault::underrun_string:
-      return "VObject::deserialize_str: buffer underrun extracting data bytes";
+    case ValueFault::underrun_string: return "VObject::deserialize_str: buffer underrun extracting data bytes";
     case ValueFault::underrun_float: return "VObject::deserialize_float: buffer underrun";
     case ValueFault::underrun_double: return "VObject::deserialize_double: buffer underrun";
     case ValueFault::underrun_hash: return "VObject::deserialize_hash: buffer underrun";
@@ -31,8 +30,8 @@ const char* text_of(ValueFault fault) {
 }
 
 void compare(const PacketBuf& buf, const CheckLimits& limits) {
-  const vorn_test::ReferenceScan expected = vorn_test::reference_scan(buf, limits.value_end, limits.string_end,
-                                                                      static_cast<uint32_t>(limits.maxdepth));
+  const vorn_test::ReferenceScan expected =
+      vorn_test::reference_scan(buf, limits.value_end, limits.string_end, static_cast<uint32_t>(limits.maxdepth));
   WireReader in(buf);
   ArrayCounts counts;
   const ValueFault fault = check_value(in, limits, counts);

@@ -26,8 +26,7 @@ void check_wire(const VObject& v) {
   VORN_CHECK(back == VObject("before"));
   VORN_CHECK(failure_of_reading(buf, end, back, levels).empty() && buf.pos() == end);
   VORN_CHECK(encoded(back) == encoded(v) && rendered(back) == rendered(v));
-  if (is_guarded(v))
-    VORN_CHECK(!failure_of_reading(buf, end - 1, back, levels).empty() && buf.pos() == end - 1);
+  if (is_guarded(v)) VORN_CHECK(!failure_of_reading(buf, end - 1, back, levels).empty() && buf.pos() == end - 1);
 }
 
 /// Equal but for doubles whose distance is no change. REQUIRES: no NaN.

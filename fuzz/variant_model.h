@@ -24,9 +24,8 @@ class Model {
 
   struct Cell {
     uint8_t tag = VORN::DT_NIL;
-    uint64_t word = 0;  ///< integer, the bits of a double, boolean
-    Contents* contents =
-        nullptr;  ///< from DT_SYMBOL to DT_UDT; null for a user-defined value that holds no object
+    uint64_t word = 0;             ///< integer, the bits of a double, boolean
+    Contents* contents = nullptr;  ///< from DT_SYMBOL to DT_UDT; null for a user-defined value that holds no object
     Cell* referent = nullptr;
     unsigned walk = 0;  ///< the last one that came by, and what it found
     unsigned weight = 0;
@@ -214,8 +213,7 @@ class Model {
     if (a->contents == nullptr) return a->word == b->word;
     const Contents& x = *a->contents;
     const Contents& y = *b->contents;
-    if (x.bytes != y.bytes || x.members.size() != y.members.size() ||
-        x.elements.size() != y.elements.size()) {
+    if (x.bytes != y.bytes || x.members.size() != y.members.size() || x.elements.size() != y.elements.size()) {
       return false;
     }
     for (size_t i = 0; i < x.elements.size(); ++i) {
@@ -342,9 +340,7 @@ class Model {
 
   [[noreturn]] static void fail(const std::string& text) { throw VORN::VornRuntimeError(text); }
 
-  static bool is_guarded(uint8_t tag) {
-    return tag == VORN::DT_HASH || tag == VORN::DT_VECTOR || tag == VORN::DT_UDT;
-  }
+  static bool is_guarded(uint8_t tag) { return tag == VORN::DT_HASH || tag == VORN::DT_VECTOR || tag == VORN::DT_UDT; }
 
   unsigned weight(Cell& c) {
     if (c.walk == walk_) return c.weight;
@@ -362,8 +358,7 @@ class Model {
     b = target(b);
     if (a->tag == b->tag) {
       if (equal(a, b)) return false;
-      if (a->tag == VORN::DT_DOUBLE && !is_change(double_of(a->word), double_of(b->word), epsilon))
-        return false;
+      if (a->tag == VORN::DT_DOUBLE && !is_change(double_of(a->word), double_of(b->word), epsilon)) return false;
     }
     if (a->tag != b->tag || (a->tag != VORN::DT_HASH && a->tag != VORN::DT_VECTOR)) {
       assign(out, b);

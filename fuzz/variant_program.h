@@ -44,9 +44,7 @@ class SameGraph {
       case VORN::DT_DOUBLE: VORN_CHECK(Model::word_of(double_in(v)) == c->word); break;
       case VORN::DT_BOOL: VORN_CHECK(v.to_bool() == (c->word != 0)); break;
       case VORN::DT_SYMBOL: VORN_CHECK(*VORN::VObject::sym_lookup(v.intern()) == c->contents->bytes); break;
-      case VORN::DT_STR:
-        VORN_CHECK(!is_new(&v.getstr(), c->contents) || v.getstr() == c->contents->bytes);
-        break;
+      case VORN::DT_STR: VORN_CHECK(!is_new(&v.getstr(), c->contents) || v.getstr() == c->contents->bytes); break;
       case VORN::DT_HASH: {
         if (!is_new(&v.gethash(), c->contents)) break;
         VORN_CHECK(v.gethash().size() == c->contents->members.size());
@@ -139,8 +137,7 @@ class Program {
   }
 
   std::string key() {
-    static const std::string keys[] = {
-        "", "a", "b", "ab", "\xFF", std::string("a\0b", 3), std::string(1, '\0')};
+    static const std::string keys[] = {"", "a", "b", "ab", "\xFF", std::string("a\0b", 3), std::string(1, '\0')};
     const unsigned i = in_.below(9);
     return i < 7 ? keys[i] : in_.bytes(in_.below(4));
   }
@@ -201,8 +198,7 @@ class Program {
       case 5: {
         const unsigned number = in_.below(4);
         if (number == 3) {
-          return {VObject(boost::shared_ptr<VORN::VObjectUDT>()),
-                  model_.make({VORN::DT_UDT, 0, nullptr, nullptr})};
+          return {VObject(boost::shared_ptr<VORN::VObjectUDT>()), model_.make({VORN::DT_UDT, 0, nullptr, nullptr})};
         }
         return {VObject(boost::shared_ptr<VORN::VObjectUDT>(boost::make_shared<Numbered>(number))),
                 model_.make(VORN::DT_UDT, std::to_string(number))};
@@ -264,32 +260,22 @@ class Program {
     Model::Cell* const set = Model::target(dst.cell);
     const Model::Cell* const from = Model::target(src.cell);
     switch (from->tag) {
-      case VORN::DT_INT:
-        both([&] { *set = Model::Cell(*from); }, [&] { dst.value = src.value.to_i64(); });
-        break;
+      case VORN::DT_INT: both([&] { *set = Model::Cell(*from); }, [&] { dst.value = src.value.to_i64(); }); break;
       case VORN::DT_DOUBLE: {
         const double near = Model::double_of(from->word) + 0.03;
-        both(
-            [&] {
-              *set = {VORN::DT_DOUBLE, Model::word_of(near), nullptr, nullptr};
-            },
-            [&] { dst.value = near; });
+        both([&] { *set = {VORN::DT_DOUBLE, Model::word_of(near), nullptr, nullptr}; }, [&] { dst.value = near; });
         break;
       }
-      case VORN::DT_BOOL:
-        both([&] { *set = Model::Cell(*from); }, [&] { dst.value = src.value.to_bool(); });
-        break;
+      case VORN::DT_BOOL: both([&] { *set = Model::Cell(*from); }, [&] { dst.value = src.value.to_bool(); }); break;
       case VORN::DT_STR:
         both([&] { *set = *model_.make(VORN::DT_STR, from->contents->bytes); },
              [&] { dst.value = static_cast<const std::string&>(src.value.getstr()); });
         break;
       case VORN::DT_VECTOR:
-        both([&] { *set = *model_.make_vector(from->contents->elements); },
-             [&] { dst.value = src.value.getvec(); });
+        both([&] { *set = *model_.make_vector(from->contents->elements); }, [&] { dst.value = src.value.getvec(); });
         break;
       default:
-        both([&] { *set = *model_.make(VORN::DT_STR); },
-             [&] { dst.value = static_cast<const char*>(nullptr); });
+        both([&] { *set = *model_.make(VORN::DT_STR); }, [&] { dst.value = static_cast<const char*>(nullptr); });
         break;
     }
   }
@@ -373,8 +359,7 @@ class Program {
     const Place src = place();
     const Model::Cell* const from = Model::target(src.cell);
     if (from->tag != VORN::DT_VECTOR) return;
-    both([&] { model_.append(dst.cell, from->contents->elements); },
-         [&] { dst.value.append(src.value.getvec()); });
+    both([&] { model_.append(dst.cell, from->contents->elements); }, [&] { dst.value.append(src.value.getvec()); });
   }
 
   void take_out() {
@@ -382,8 +367,7 @@ class Program {
     Model::Cell* const target = Model::target(at.cell);
     if (target->tag == VORN::DT_HASH) {
       const std::string k = key();
-      both([&] { target->contents->members.erase(k); },
-           [&] { at.value.gethash().erase(VORN::string_ref(k)); });
+      both([&] { target->contents->members.erase(k); }, [&] { at.value.gethash().erase(VORN::string_ref(k)); });
     } else if (target->tag == VORN::DT_VECTOR && !target->contents->elements.empty()) {
       both([&] { target->contents->elements.pop_back(); }, [&] { at.value.getvec().pop_back(); });
     }
@@ -468,8 +452,7 @@ class Program {
     }
     Model::Cell* const made = model_.make(v.type());
     if (v.type() == VORN::DT_HASH) {
-      for (const auto& [key, value] : v.gethash())
-        made->contents->members[std::string(key.view())] = adopted(value);
+      for (const auto& [key, value] : v.gethash()) made->contents->members[std::string(key.view())] = adopted(value);
     } else {
       for (const VORN::VObject& element : v.getvec()) made->contents->elements.push_back(adopted(element));
     }
@@ -483,8 +466,8 @@ class Program {
     const uint32_t maxdepth = in_.below(4) != 0 ? 64 : in_.byte() - 4;
     std::string bytes;
     VORN::PROTO::PacketBuf written;
-    const bool is_whole = both([&] { Model::encode(src.cell, maxdepth, bytes); },
-                               [&] { src.value.serialize(written, maxdepth); });
+    const bool is_whole =
+        both([&] { Model::encode(src.cell, maxdepth, bytes); }, [&] { src.value.serialize(written, maxdepth); });
     VORN_CHECK(written.data().substr(0, written.pos()) == bytes);
     if (!is_whole) return;
 
@@ -498,8 +481,7 @@ class Program {
     const vorn_test::PoisonedTail tail(buf);
     const VORN::VObject untouched{boost::shared_ptr<VORN::VObjectUDT>()};
     VORN::VObject expected(untouched);
-    const std::string failure =
-        vorn_test::reference_deserialize(buf, end, expected, symbols_as_strings, maxdepth);
+    const std::string failure = vorn_test::reference_deserialize(buf, end, expected, symbols_as_strings, maxdepth);
     const uint64_t expected_pos = buf.pos();
     buf.set_pos(0);
     both(
@@ -542,8 +524,7 @@ class Program {
     const Model::Cell* const target = Model::target(at.cell);
     both(
         [&] {
-          if (target->tag != VORN::DT_STR)
-            throw VORN::VornRuntimeError("VObject::getstr: data type not DT_STR");
+          if (target->tag != VORN::DT_STR) throw VORN::VornRuntimeError("VObject::getstr: data type not DT_STR");
           target->contents->bytes += bytes;
         },
         [&] { at.value.getstr() += bytes; });

@@ -24,8 +24,7 @@ uint64_t PacketFrameIn::reset() {
 // While the header arrives, the position counts its bytes. Afterwards the position belongs to whoever reads the
 // payload.
 bool PacketFrameIn::header_is_held() const {
-  return state_ != nullptr && state_ != &PacketFrameIn::st_sync &&
-         state_ != &PacketFrameIn::st_accept_header;
+  return state_ != nullptr && state_ != &PacketFrameIn::st_sync && state_ != &PacketFrameIn::st_accept_header;
 }
 
 uint64_t PacketFrameIn::payload_start() const {

@@ -27,14 +27,13 @@ void PacketFrameOut::compute_frame_header() {
   const uint64_t end = pos();
   const uint64_t header_len = configured_header_len();
   if (end < header_len) {
-    throw VornRuntimeError(
-        "PacketFrameOut::compute_frame_header: data pos inside header (negative data length)");
+    throw VornRuntimeError("PacketFrameOut::compute_frame_header: data pos inside header (negative data length)");
   }
   const uint64_t data_len = end - header_len;
   const uint64_t max = configured_max_data_len();
   if (data_len > max) {
-    throw VornProtoException("PacketFrameOut::compute_frame_header: oversize: data_len " +
-                             std::to_string(data_len) + " > max " + std::to_string(max));
+    throw VornProtoException("PacketFrameOut::compute_frame_header: oversize: data_len " + std::to_string(data_len) +
+                             " > max " + std::to_string(max));
   }
   char header[PF12_HEADER_LEN];
   encode_frame_header({next_seq_, static_cast<uint32_t>(data_len)}, use_12byte_header_, header);

@@ -82,9 +82,7 @@ class WireReader {
   /// @}
 
  private:
-  static const uint8_t* bytes_of(const PacketBuf& buf) {
-    return reinterpret_cast<const uint8_t*>(buf.data().data());
-  }
+  static const uint8_t* bytes_of(const PacketBuf& buf) { return reinterpret_cast<const uint8_t*>(buf.data().data()); }
 
   void take_range(const PacketBuf& buf) {
     base_ = bytes_of(buf);

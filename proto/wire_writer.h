@@ -28,11 +28,10 @@ inline unsigned varint_size(uint64_t magnitude, VarintShape shape) {
 }
 
 /// Stores a number in varint_size() bytes and returns the byte behind it.
-inline char* store_varint(char* at, uint64_t magnitude, bool negative, unsigned first_byte_mark,
-                                VarintShape shape) {
+inline char* store_varint(char* at, uint64_t magnitude, bool negative, unsigned first_byte_mark, VarintShape shape) {
   uint64_t rest = magnitude >> shape.first_data_bits();
-  const unsigned first = first_byte_mark | (negative ? shape.sign_flag() : 0) |
-                         static_cast<unsigned>(magnitude & shape.first_data_mask());
+  const unsigned first =
+      first_byte_mark | (negative ? shape.sign_flag() : 0) | static_cast<unsigned>(magnitude & shape.first_data_mask());
   if (rest == 0) {
     *at++ = static_cast<char>(first);
     return at;

@@ -22,8 +22,7 @@ VObject::VObject(const std::string& bytes) : payload_(DT_STR, boost::make_shared
 
 VObject::VObject(const VObjectString& text) : VObject(text.c_str()) {}
 
-VObject::VObject(const VObjectVector& elements)
-    : payload_(DT_VECTOR, boost::make_shared<VObjectVector>(elements)) {}
+VObject::VObject(const VObjectVector& elements) : payload_(DT_VECTOR, boost::make_shared<VObjectVector>(elements)) {}
 
 VObject::VObject(const boost::shared_ptr<VObjectUDT>& object) noexcept
     : payload_(DT_UDT, boost::shared_ptr<void>(object)) {}

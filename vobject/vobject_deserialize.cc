@@ -19,8 +19,7 @@ namespace {
   switch (fault) {
     case ValueFault::max_depth: throw VornRuntimeError("VObject::deserialize: maxdepth exceeded");
     case ValueFault::underrun: throw VornRuntimeError("VObject::deserialize: buffer underrun");
-    case ValueFault::underrun_int:
-      throw VornRuntimeError("VObject::deserialize: buffer underrun decoding integer");
+    case ValueFault::underrun_int: throw VornRuntimeError("VObject::deserialize: buffer underrun decoding integer");
     case ValueFault::underrun_length:
       throw VornRuntimeError("VObject::deserialize_str: buffer underrun decoding data length");
     case ValueFault::underrun_string:
@@ -178,8 +177,7 @@ void deserialize_value(DeserializeContext& ctx, VObject& out) {
 
 }  // namespace
 
-void VObject::deserialize(PacketBuf& buf, uint64_t end, VObject& out, bool symbols_as_strings,
-                          uint32_t maxdepth) {
+void VObject::deserialize(PacketBuf& buf, uint64_t end, VObject& out, bool symbols_as_strings, uint32_t maxdepth) {
   const int32_t limit = static_cast<int32_t>(maxdepth);
   ArrayCounts counts;
   WireReader scanner(buf);

@@ -96,8 +96,7 @@ bool diff_targets(const VObject& a, VObject& out, const VObject& b, bool& struct
 
 }  // namespace
 
-bool VObject::diff(const VObject& a, VObject& out, const VObject& b, bool& structural, int parent_tag,
-                   double epsilon) {
+bool VObject::diff(const VObject& a, VObject& out, const VObject& b, bool& structural, int parent_tag, double epsilon) {
   // Holds what `out` held until the end, since a and b may be part of it.
   const VObject old(std::move(out.target()));
   structural = false;

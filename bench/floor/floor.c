@@ -7,10 +7,10 @@
 #include <ruby/encoding.h>
 #include <string.h>
 
-static char *out;
+static char* out;
 static size_t room, used;
 
-static void put(const void *bytes, size_t n) {
+static void put(const void* bytes, size_t n) {
   if (used + n > room) {
     room = (used + n) * 2;
     out = xrealloc(out, room);

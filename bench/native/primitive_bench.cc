@@ -20,8 +20,8 @@ void fill(PacketBuf& buf, int bytes) {
 }
 
 void per_value(benchmark::State& state) {
-  state.counters["per_value"] = benchmark::Counter(VALUES, benchmark::Counter::kIsIterationInvariantRate |
-                                                               benchmark::Counter::kInvert);
+  state.counters["per_value"] =
+      benchmark::Counter(VALUES, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
 void write_int_over(benchmark::State& state) {

@@ -144,9 +144,9 @@ const bool registered = [] {
   for (const bench::Document& document : bench::documents()) {
     const auto add = [&](const char* name, auto body) {
       const VObject& value = document.value;
-      benchmark::RegisterBenchmark((name + ("/" + document.name)).c_str(),
-                                   [&value, body](benchmark::State& state) { body(state, value); })
-          ->Unit(benchmark::kMicrosecond);
+      benchmark::RegisterBenchmark((name + ("/" + document.name)).c_str(), [&value, body](benchmark::State& state) {
+        body(state, value);
+      })->Unit(benchmark::kMicrosecond);
     };
     add("encode/vorn", encode_vorn);
     add("encode/nlohmann", encode_nlohmann);

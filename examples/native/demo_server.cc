@@ -138,8 +138,7 @@ int main() try {
   rpc::Socket client = rpc::accept_from(listener);
   if (client.fd() < 0) throw std::runtime_error("the client went away again");
   const size_t records = serve(client);
-  std::cerr << "server: " << records << " records checked, read in chunks of " << chunk_sizes()
-            << " bytes at most\n";
+  std::cerr << "server: " << records << " records checked, read in chunks of " << chunk_sizes() << " bytes at most\n";
   return 0;
 } catch (const std::exception& e) {
   std::cerr << "server: " << e.what() << "\n";

@@ -61,7 +61,7 @@ class FrameReader {
 
   const uint32_t max_payload_;
   VORN::PROTO::PacketFrameIn frame_;
-  std::string header_;             ///< of the frame in progress, as far as it has arrived
+  std::string header_;  ///< of the frame in progress, as far as it has arrived
   bool header_is_whole_ = false;
   InboundFrame inbound_;
 };

@@ -25,8 +25,8 @@ void check_answer(const std::vector<VObject>& messages) {
     if (answer.type() != VORN::DT_VECTOR || answer.getvec().size() != 3) return false;
     const VObject& error = answer.getvec()[1];
     if (error.type() == VORN::DT_NIL) return true;
-    return error.type() == VORN::DT_VECTOR && error.getvec().size() == 2 &&
-           error.getvec()[0].type() == VORN::DT_STR && error.getvec()[1].type() == VORN::DT_STR;
+    return error.type() == VORN::DT_VECTOR && error.getvec().size() == 2 && error.getvec()[0].type() == VORN::DT_STR &&
+           error.getvec()[1].type() == VORN::DT_STR;
   };
   if (messages.size() != 1 || !is_answer(messages[0])) throw BadFrame("not an answer");
 }

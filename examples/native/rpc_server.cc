@@ -6,6 +6,7 @@
 // ADDRESS is tcp:127.0.0.1:0 (the kernel chooses the port) unless given. The first line of output tells where it
 // listens. TERM and INT end it once the requests that were begun are answered.
 
+#include <poll.h>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -16,7 +17,6 @@
 #include <list>
 #include <memory>
 #include <mutex>
-#include <poll.h>
 #include <stdexcept>
 #include <string>
 #include <system_error>

@@ -95,8 +95,8 @@ VObject call(const std::string& name, const VObjectVector& arguments) {
   }
   const Method& method = found->second;
   if (arguments.size() != method.arity) {
-    throw Refused("bad arguments", name + " takes " + std::to_string(method.arity) + ", not " +
-                                       std::to_string(arguments.size()));
+    throw Refused("bad arguments",
+                  name + " takes " + std::to_string(method.arity) + ", not " + std::to_string(arguments.size()));
   }
   return method.body(arguments);
 }

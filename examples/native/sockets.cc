@@ -1,17 +1,17 @@
 #include "examples/native/sockets.h"
 
 #include <arpa/inet.h>
-#include <cerrno>
 #include <fcntl.h>
-#include <memory>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <stdexcept>
 #include <sys/socket.h>
-#include <system_error>
 #include <unistd.h>
+#include <cerrno>
+#include <memory>
+#include <stdexcept>
+#include <system_error>
 #include <utility>
 
 namespace rpc {
@@ -89,7 +89,9 @@ Socket::~Socket() {
   if (fd_ >= 0) close(fd_);
 }
 
-bool Socket::wait_readable(Clock::time_point deadline) const { return wait_for(fd_, POLLIN, deadline); }
+bool Socket::wait_readable(Clock::time_point deadline) const {
+  return wait_for(fd_, POLLIN, deadline);
+}
 
 bool Socket::receive(std::string& bytes) {
   char chunk[65536];
@@ -121,7 +123,9 @@ void Socket::shutdown() noexcept {
   ::shutdown(fd_, SHUT_RDWR);  // fails only where the connection has ended already
 }
 
-void Socket::shutdown_receive() noexcept { ::shutdown(fd_, SHUT_RD); }
+void Socket::shutdown_receive() noexcept {
+  ::shutdown(fd_, SHUT_RD);
+}
 
 Socket listen_at(const std::string& address) {
   const AddressList where = resolve(address);

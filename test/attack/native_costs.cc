@@ -1,5 +1,5 @@
-// What bytes of a peer cost a C++ program: the figures of docs/operations/threat-model.md. Each row is measured in a process of
-// its own, which has nothing else to do. See bin/attack --help.
+// What bytes of a peer cost a C++ program: the figures of docs/operations/threat-model.md. Each row is measured in a
+// process of its own, which has nothing else to do. See bin/attack --help.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,12 +27,15 @@ double status(const std::string& name) {
   std::ifstream file("/proc/self/status");
   std::string line;
   while (std::getline(file, line)) {
-    if (line.compare(0, name.size() + 1, name + ":") == 0) return std::strtod(line.c_str() + name.size() + 1, nullptr) * 1024;
+    if (line.compare(0, name.size() + 1, name + ":") == 0)
+      return std::strtod(line.c_str() + name.size() + 1, nullptr) * 1024;
   }
   return 0;
 }
 
-double processor_seconds() { return static_cast<double>(std::clock()) / CLOCKS_PER_SEC; }
+double processor_seconds() {
+  return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
+}
 
 /// Runs the work and prints its row. The work's result has to outlive it.
 void measure(const std::string& name, size_t payload, const std::function<void()>& work) {

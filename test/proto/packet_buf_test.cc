@@ -18,7 +18,9 @@ using VORN::PROTO::PacketBuf;
 
 constexpr uint64_t MAX = std::numeric_limits<uint64_t>::max();
 
-void write(PacketBuf& buf, const std::string& bytes) { buf.write_bytes(bytes.data(), bytes.size()); }
+void write(PacketBuf& buf, const std::string& bytes) {
+  buf.write_bytes(bytes.data(), bytes.size());
+}
 
 TEST(PacketBuf, IsEmptyAtFirst) {
   const PacketBuf buf;

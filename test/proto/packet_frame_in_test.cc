@@ -32,7 +32,9 @@ uint64_t feed(PacketFrameIn& frame, const std::string& bytes) {
   return frame.assemble(chunk.data(), chunk.size(), 0);
 }
 
-uint64_t feed_hex(PacketFrameIn& frame, const char* hex) { return feed(frame, from_hex(hex)); }
+uint64_t feed_hex(PacketFrameIn& frame, const char* hex) {
+  return feed(frame, from_hex(hex));
+}
 
 std::string what_of_feeding(PacketFrameIn& frame, const std::string& bytes) {
   try {
@@ -201,7 +203,7 @@ TEST_P(EveryFrame, ACallWithoutBytesForgetsHowItEndedUntilTheNextCallWithBytes) 
 // exception or a frame, and the next reset recovers.
 TEST_P(EveryFrame, SurvivesAPositionThatIsMovedBetweenTwoPieces) {
   const std::string& stream = GetParam().stream;
-  const uint64_t positions[] = {0,  1,  2,  3,  7,   8,   9,     11,        12,
+  const uint64_t positions[] = {0,  1,  2,  3,  7,   8,   9,     11,         12,
                                 13, 20, 30, 99, 307, 308, 70000, 1ULL << 40, std::numeric_limits<uint64_t>::max()};
   const vorn_test::LimitAllocations limit(1 << 20);  // a header made of other bytes may announce gigabytes
   for (const size_t cut : vorn_test::cuts(stream.size())) {

@@ -18,7 +18,9 @@ using namespace VORN::PROTO;
 using vorn_test::to_hex;
 
 // The frame as it would be sent.
-std::string sent(const PacketFrameOut& frame) { return to_hex(frame.data().substr(0, frame.pos())); }
+std::string sent(const PacketFrameOut& frame) {
+  return to_hex(frame.data().substr(0, frame.pos()));
+}
 
 template <typename Exception>
 std::string what_of(PacketFrameOut& frame) {

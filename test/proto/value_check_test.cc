@@ -45,8 +45,12 @@ struct Result {
   uint64_t pos;  ///< from where the value started
 };
 
-bool operator==(const Result& a, const Result& b) { return a.fault == b.fault && a.pos == b.pos; }
-std::ostream& operator<<(std::ostream& out, const Result& r) { return out << r.fault << " at " << r.pos; }
+bool operator==(const Result& a, const Result& b) {
+  return a.fault == b.fault && a.pos == b.pos;
+}
+std::ostream& operator<<(std::ostream& out, const Result& r) {
+  return out << r.fault << " at " << r.pos;
+}
 
 // With the limits of Ruby's decoder: a string's bytes must be stored.
 Result scan_stored(const PacketBuf& buf, int32_t maxdepth) {
@@ -152,7 +156,9 @@ std::string shortest(unsigned type) {
   }
 }
 
-bool starts_a_value(unsigned type) { return type >= 0x80 || (type <= 0x0A && type != 0x09); }
+bool starts_a_value(unsigned type) {
+  return type >= 0x80 || (type <= 0x0A && type != 0x09);
+}
 
 // Where each of the 256 type bytes may stand, what comes around it, and which end mark belongs there.
 TEST(ValueCheck, EveryTypeByteInEveryPlace) {
@@ -181,10 +187,9 @@ TEST(ValueCheck, EveryTypeByteInEveryPlace) {
 }
 
 TEST(ValueCheck, EveryTypeByteAlone) {
-  const std::map<unsigned, std::string> bodies = {{0x03, "underrun_float"},  {0x04, "underrun_double"},
-                                                  {0x05, "underrun_length"}, {0x06, "underrun_length"},
-                                                  {0x07, "underrun_length"}, {0x08, "underrun_hash"},
-                                                  {0x0A, "underrun_array"}};
+  const std::map<unsigned, std::string> bodies = {
+      {0x03, "underrun_float"},  {0x04, "underrun_double"}, {0x05, "underrun_length"}, {0x06, "underrun_length"},
+      {0x07, "underrun_length"}, {0x08, "underrun_hash"},   {0x0A, "underrun_array"}};
   for (unsigned type = 0; type < 256; ++type) {
     std::string expected = starts_a_value(type) ? "none" : "unknown_type";
     if (bodies.count(type) != 0) expected = bodies.at(type);

@@ -100,9 +100,13 @@ TEST(WireReader, LengthsKeepTheirLow32Bits) {
   const struct {
     const char* hex;
     uint32_t length;
-  } rows[] = {{"00", 0},        {"7F", 127},      {"80 01", 128},
-              {"FF FF FF FF 0F", 0xFFFFFFFF},     {"81 80 80 80 10", 1},
-              {"(9:FF) 01", 0xFFFFFFFF},          {"(9:80) 01", 0}};
+  } rows[] = {{"00", 0},
+              {"7F", 127},
+              {"80 01", 128},
+              {"FF FF FF FF 0F", 0xFFFFFFFF},
+              {"81 80 80 80 10", 1},
+              {"(9:FF) 01", 0xFFFFFFFF},
+              {"(9:80) 01", 0}};
   for (const auto& row : rows) {
     PacketBuf buf;
     vorn_test::fill(buf, from_hex(row.hex));

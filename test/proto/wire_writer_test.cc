@@ -126,7 +126,8 @@ TEST(WireWriter, IntegersThatFollowOneAnotherOfEverySize) {
     std::string expected;
     for (const int64_t value : values) expected += plain_int(value);
     ASSERT_EQ(to_hex(expected),
-              written([&](PacketBuf& buf) { write_ints(buf, 4, [&](size_t i) { return values[i]; }); })) << shift;
+              written([&](PacketBuf& buf) { write_ints(buf, 4, [&](size_t i) { return values[i]; }); }))
+        << shift;
   }
 }
 
@@ -155,7 +156,8 @@ TEST(WireWriter, TheLongestIntegersFollowOneAnother) {
       std::string expected;
       for (size_t i = 0; i < count; ++i) expected += plain_int(value);
       ASSERT_EQ(to_hex(expected),
-                written([&](PacketBuf& buf) { write_ints(buf, count, [=](size_t) { return value; }); })) << count;
+                written([&](PacketBuf& buf) { write_ints(buf, count, [=](size_t) { return value; }); }))
+          << count;
     }
   }
 }
@@ -177,9 +179,8 @@ TEST(WireWriter, VarintsOfTheTable) {
   for (const auto& vector : vorn_test::varint_vectors()) {
     SCOPED_TRACE(vector.name);
     const VarintShape shape{vector.first_byte_bits, vector.is_signed};
-    EXPECT_EQ(to_hex(vector.written), written([&](PacketBuf& buf) {
-                write_varint(buf, vector.magnitude, vector.negative, shape);
-              }));
+    EXPECT_EQ(to_hex(vector.written),
+              written([&](PacketBuf& buf) { write_varint(buf, vector.magnitude, vector.negative, shape); }));
     EXPECT_EQ(vector.written.size(), varint_size(vector.magnitude, shape));
   }
 }
@@ -192,9 +193,8 @@ TEST(WireWriter, Doubles) {
   EXPECT_EQ("04 3F F8 00 00 00 00 00 00", written([](PacketBuf& buf) { write_double(buf, 1.5); }));
   EXPECT_EQ("04 80 00 00 00 00 00 00 00", written([](PacketBuf& buf) { write_double(buf, -0.0); }));
   EXPECT_EQ("04 3F B9 99 99 99 99 99 9A", written([](PacketBuf& buf) { write_double(buf, 0.1); }));
-  EXPECT_EQ("04 FF F0 00 00 00 00 00 00", written([](PacketBuf& buf) {
-              write_double(buf, -std::numeric_limits<double>::infinity());
-            }));
+  EXPECT_EQ("04 FF F0 00 00 00 00 00 00",
+            written([](PacketBuf& buf) { write_double(buf, -std::numeric_limits<double>::infinity()); }));
 }
 
 TEST(WireWriter, Floats) {
@@ -258,8 +258,8 @@ TEST(WireWriter, StringBytesOfEveryLengthAreCopiedAndNothingElseIsTouched) {
 TEST(WireWriter, StringsOfEveryShortLength) {
   for (uint32_t length = 0; length <= 130; ++length) {
     const std::string bytes = distinct_bytes(length);
-    const std::string prefix = length < 128 ? std::string(1, static_cast<char>(length))
-                                            : std::string{static_cast<char>(length), '\x01'};
+    const std::string prefix =
+        length < 128 ? std::string(1, static_cast<char>(length)) : std::string{static_cast<char>(length), '\x01'};
     ASSERT_EQ(to_hex("\x05" + prefix + bytes),
               written([&](PacketBuf& buf) { write_binstr(buf, bytes.data(), length); }));
   }

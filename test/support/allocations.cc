@@ -34,29 +34,55 @@ void release(void* block) noexcept {
 
 }  // namespace
 
-void* operator new(std::size_t size) { return allocate(size); }
-void* operator new[](std::size_t size) { return allocate(size); }
-void operator delete(void* block) noexcept { release(block); }
-void operator delete[](void* block) noexcept { release(block); }
-void operator delete(void* block, std::size_t) noexcept { release(block); }
-void operator delete[](void* block, std::size_t) noexcept { release(block); }
+void* operator new(std::size_t size) {
+  return allocate(size);
+}
+void* operator new[](std::size_t size) {
+  return allocate(size);
+}
+void operator delete(void* block) noexcept {
+  release(block);
+}
+void operator delete[](void* block) noexcept {
+  release(block);
+}
+void operator delete(void* block, std::size_t) noexcept {
+  release(block);
+}
+void operator delete[](void* block, std::size_t) noexcept {
+  release(block);
+}
 
 namespace vorn_test {
 
 AllocationCount::AllocationCount() : count_(allocated), bytes_(allocated_bytes) {}
-uint64_t AllocationCount::count() const { return allocated - count_; }
-uint64_t AllocationCount::bytes() const { return allocated_bytes - bytes_; }
+uint64_t AllocationCount::count() const {
+  return allocated - count_;
+}
+uint64_t AllocationCount::bytes() const {
+  return allocated_bytes - bytes_;
+}
 
-int64_t live_allocations() { return live.load(std::memory_order_relaxed); }
+int64_t live_allocations() {
+  return live.load(std::memory_order_relaxed);
+}
 
 FailAllocation::FailAllocation(uint64_t nth, bool with_standard_exception) {
   until_failure = nth;
   standard_exception = with_standard_exception;
 }
-FailAllocation::~FailAllocation() { until_failure = 0; }
-bool FailAllocation::failed() const { return until_failure == 0; }
+FailAllocation::~FailAllocation() {
+  until_failure = 0;
+}
+bool FailAllocation::failed() const {
+  return until_failure == 0;
+}
 
-LimitAllocations::LimitAllocations(size_t bytes) { largest = bytes; }
-LimitAllocations::~LimitAllocations() { largest = SIZE_MAX; }
+LimitAllocations::LimitAllocations(size_t bytes) {
+  largest = bytes;
+}
+LimitAllocations::~LimitAllocations() {
+  largest = SIZE_MAX;
+}
 
 }  // namespace vorn_test

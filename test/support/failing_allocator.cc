@@ -1,5 +1,6 @@
-// The replaced operator new of allocations.h for a Ruby process: preloaded, so that the extension finds it, and required,
-// so that a test can call it. It knows no data of the interpreter, which is not there yet when it is preloaded.
+// The replaced operator new of allocations.h for a Ruby process: preloaded, so that the extension finds it, and
+// required, so that a test can call it. It knows no data of the interpreter, which is not there yet when it is
+// preloaded.
 #include <ruby.h>
 
 #include <optional>

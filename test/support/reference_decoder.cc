@@ -22,8 +22,7 @@ struct Number {
 
 class ReferenceDecoder {
  public:
-  ReferenceDecoder(const PacketBuf& buf, uint64_t end, uint64_t string_end, bool symbols_as_strings,
-                   uint32_t maxdepth)
+  ReferenceDecoder(const PacketBuf& buf, uint64_t end, uint64_t string_end, bool symbols_as_strings, uint32_t maxdepth)
       : buf_(buf),
         end_(end),
         string_end_(string_end),
@@ -91,8 +90,7 @@ class ReferenceDecoder {
     const unsigned first = peek();
     if (first >= 0x80) {
       const Number n = number(5, true, "VObject::deserialize: buffer underrun decoding integer");
-      if (!counting_)
-        out = VObject(static_cast<int64_t>(n.negative ? uint64_t{0} - n.magnitude : n.magnitude));
+      if (!counting_) out = VObject(static_cast<int64_t>(n.negative ? uint64_t{0} - n.magnitude : n.magnitude));
     } else {
       ++pos_;
       body(first, out);

@@ -21,8 +21,7 @@ struct ReferenceScan {
 
 /// Walks the value at the buffer's position without building it. No value starts at or behind `end`; the
 /// bytes of a string must lie below `string_end`.
-ReferenceScan reference_scan(const VORN::PROTO::PacketBuf& buf, uint64_t end, uint64_t string_end,
-                             uint32_t maxdepth);
+ReferenceScan reference_scan(const VORN::PROTO::PacketBuf& buf, uint64_t end, uint64_t string_end, uint32_t maxdepth);
 
 /// Does what VObject::deserialize() does, but returns the text of a failure instead of throwing it; empty
 /// when there is none. Uses the machine stack without a bound of its own.

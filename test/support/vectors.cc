@@ -142,9 +142,15 @@ std::vector<size_t> cuts(size_t length) {
   return out;
 }
 
-std::ostream& operator<<(std::ostream& out, const ValueVector& v) { return out << "values.txt: " << v.name; }
-std::ostream& operator<<(std::ostream& out, const FaultVector& v) { return out << "faults.txt: " << v.name; }
-std::ostream& operator<<(std::ostream& out, const FrameVector& v) { return out << "frames.txt: " << v.name; }
+std::ostream& operator<<(std::ostream& out, const ValueVector& v) {
+  return out << "values.txt: " << v.name;
+}
+std::ostream& operator<<(std::ostream& out, const FaultVector& v) {
+  return out << "faults.txt: " << v.name;
+}
+std::ostream& operator<<(std::ostream& out, const FrameVector& v) {
+  return out << "frames.txt: " << v.name;
+}
 std::ostream& operator<<(std::ostream& out, const VarintVector& v) {
   return out << "group_numbers.txt: " << v.name;
 }

@@ -92,9 +92,7 @@ void Capture::damage() {
     if (bytes_[i].value != static_cast<char>(byte)) bytes_[i] = {static_cast<char>(byte), -1};
   };
   const auto here = bytes_.begin() + static_cast<std::ptrdiff_t>(at);
-  const auto end_of = [&](size_t n) {
-    return here + static_cast<std::ptrdiff_t>(std::min(n, bytes_.size() - at));
-  };
+  const auto end_of = [&](size_t n) { return here + static_cast<std::ptrdiff_t>(std::min(n, bytes_.size() - at)); };
   switch (pick(9)) {
     case 0: put(at, random_()); break;
     case 1: put(at, static_cast<uint8_t>(bytes_[at].value) ^ 1U << pick(8)); break;
@@ -107,8 +105,7 @@ void Capture::damage() {
     }
     case 4: {  // a part of the stream once more
       const std::vector<Byte> part(here, end_of(1 + pick(80)));
-      bytes_.insert(bytes_.begin() + static_cast<std::ptrdiff_t>(pick(bytes_.size())), part.begin(),
-                    part.end());
+      bytes_.insert(bytes_.begin() + static_cast<std::ptrdiff_t>(pick(bytes_.size())), part.begin(), part.end());
       break;
     }
     case 5: {

@@ -93,8 +93,8 @@ TEST(JsonValue, ParsesToTheSameText) {
                static_cast<char>(0x80 | (c >> 6 & 0x3F)), static_cast<char>(0x80 | (c & 0x3F))};
     }
     const std::string text = "x" + bytes + "y";
-    const std::string json = vorn_test::written<vorn_inspect::JsonValueWriter>(
-        std::string("\x07") + static_cast<char>(text.size()) + text);
+    const std::string json =
+        vorn_test::written<vorn_inspect::JsonValueWriter>(std::string("\x07") + static_cast<char>(text.size()) + text);
     ASSERT_EQ(text, nlohmann::json::parse(json).get<std::string>()) << c;
   }
 }
@@ -104,10 +104,9 @@ TEST(JsonValue, WritesLongStrings) {
   std::string text;
   for (int i = 0; i < 40000; ++i) text += i % 7 == 0 ? "\xE2\x80\xAE" : "a\x7F\xC3\xA4";
   std::string bytes = "\x07";
-  for (size_t n = text.size(); n != 0; n >>= 7)
-    bytes += static_cast<char>((n & 0x7F) | (n > 0x7F ? 0x80 : 0));
-  EXPECT_EQ(text, nlohmann::json::parse(vorn_test::written<vorn_inspect::JsonValueWriter>(bytes + text))
-                      .get<std::string>());
+  for (size_t n = text.size(); n != 0; n >>= 7) bytes += static_cast<char>((n & 0x7F) | (n > 0x7F ? 0x80 : 0));
+  EXPECT_EQ(text,
+            nlohmann::json::parse(vorn_test::written<vorn_inspect::JsonValueWriter>(bytes + text)).get<std::string>());
 }
 
 }  // namespace

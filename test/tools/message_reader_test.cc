@@ -80,13 +80,11 @@ TEST(MessageReader, FindsAndWritesWhatTheLibraryDoes) {
   const char* const count = std::getenv("VORN_PAYLOADS");
   const uint64_t payloads = count == nullptr ? 20000 : std::strtoull(count, nullptr, 10);
   uint64_t faults = 0, messages = 0;
-  for (const std::string& value : values)
-    ASSERT_EQ(library_reads(value), read(value)) << vorn_test::to_hex(value);
+  for (const std::string& value : values) ASSERT_EQ(library_reads(value), read(value)) << vorn_test::to_hex(value);
   for (uint64_t n = 0; n < payloads; ++n) {
     std::string payload;
     for (uint64_t pieces = random() % 8; pieces > 0; --pieces) {
-      static constexpr std::string_view MARKS[] = {"\x08",         "\x09",      "\x0A", "\x0B",
-                                                   "\x05\x01\x7F", "\x07\x01k", "\x81"};
+      static constexpr std::string_view MARKS[] = {"\x08", "\x09", "\x0A", "\x0B", "\x05\x01\x7F", "\x07\x01k", "\x81"};
       const std::string& value = values[random() % values.size()];
       if (random() % 2 == 0)
         payload += MARKS[random() % std::size(MARKS)];

@@ -67,8 +67,7 @@ bool reported(const ScanRecord& record, const Capture::Span& frame) {
 bool inside_a_trusted_frame(const ScanRecord& record, const std::string& stream, uint64_t offset) {
   for (const auto& span : record.spans) {
     if (span.is_frame && span.offset < offset && offset < span.end &&
-        library_reads(stream.substr(span.offset, span.end - span.offset)) &&
-        header_stands_at(stream, span.end)) {
+        library_reads(stream.substr(span.offset, span.end - span.offset)) && header_stands_at(stream, span.end)) {
       return true;
     }
   }
@@ -99,8 +98,8 @@ class MutatedCaptures : public testing::Test {
     StatsReport json_stats(out, true, false);
     bool first = true;
     bool damage = false;
-    for (Report* const report : {static_cast<Report*>(&text), static_cast<Report*>(&json),
-                                 static_cast<Report*>(&stats), static_cast<Report*>(&json_stats)}) {
+    for (Report* const report : {static_cast<Report*>(&text), static_cast<Report*>(&json), static_cast<Report*>(&stats),
+                                 static_cast<Report*>(&json_stats)}) {
       StreamScanner scanner(*report, MAX_LENGTH);
       scanner.feed(stream);
       scanner.finish();
@@ -136,18 +135,16 @@ TEST_F(MutatedCaptures, EveryUndamagedFrameIsFound) {
       if (reported(record, frame)) {
         ++found;
       } else {
-        ASSERT_TRUE(inside_a_trusted_frame(record, stream, frame.offset))
-            << "lost: frame at " << frame.offset;
+        ASSERT_TRUE(inside_a_trusted_frame(record, stream, frame.offset)) << "lost: frame at " << frame.offset;
         ++hidden;
       }
     }
     report_all_ways(stream);
     if (HasFailure()) return;
   }
-  std::printf(
-      "%llu captures, %llu undamaged frames, %llu found, %llu inside frames that nothing speaks against\n",
-      static_cast<unsigned long long>(captures), static_cast<unsigned long long>(undamaged),
-      static_cast<unsigned long long>(found), static_cast<unsigned long long>(hidden));
+  std::printf("%llu captures, %llu undamaged frames, %llu found, %llu inside frames that nothing speaks against\n",
+              static_cast<unsigned long long>(captures), static_cast<unsigned long long>(undamaged),
+              static_cast<unsigned long long>(found), static_cast<unsigned long long>(hidden));
   RecordProperty("undamaged", std::to_string(undamaged));
   RecordProperty("hidden", std::to_string(hidden));
   EXPECT_GT(undamaged, captures);

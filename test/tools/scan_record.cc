@@ -33,9 +33,8 @@ ScanRecord scan_with(std::string_view stream, size_t piece, uint32_t max_length)
 }  // namespace
 
 void ScanRecord::on_frame(const Frame& frame) {
-  std::string line = "frame " + std::to_string(frame.offset) + " layout " + std::to_string(frame.header_len) +
-                     " seq " + std::to_string(frame.header.seq) + " length " +
-                     std::to_string(frame.header.data_len);
+  std::string line = "frame " + std::to_string(frame.offset) + " layout " + std::to_string(frame.header_len) + " seq " +
+                     std::to_string(frame.header.seq) + " length " + std::to_string(frame.header.data_len);
   if (frame.overlaps) line += " overlaps " + std::to_string(frame.overlapped);
   line += ":";
   MessageReader messages = frame.messages();
@@ -49,8 +48,7 @@ void ScanRecord::on_frame(const Frame& frame) {
 }
 
 void ScanRecord::on_skipped(const Skipped& skipped) {
-  std::string line =
-      "skipped " + std::to_string(skipped.size) + " at " + std::to_string(skipped.offset) + ":";
+  std::string line = "skipped " + std::to_string(skipped.size) + " at " + std::to_string(skipped.offset) + ":";
   for (const FailedStart& start : skipped.failed_starts) {
     line += " " + std::to_string(start.offset) + " " + start.reason + ";";
   }
@@ -60,15 +58,14 @@ void ScanRecord::on_skipped(const Skipped& skipped) {
 }
 
 void ScanRecord::on_value(const Value& value) {
-  std::string line =
-      "value " + std::to_string(value.offset) + " size " + std::to_string(value.bytes.size()) + ": ";
+  std::string line = "value " + std::to_string(value.offset) + " size " + std::to_string(value.bytes.size()) + ": ";
   render(value.encoded(), line);
   lines.push_back(line);
 }
 
 void ScanRecord::on_failed_value(const FailedValue& failed) {
-  lines.push_back("failed " + std::to_string(failed.offset) + ": " + std::to_string(failed.fault_offset) +
-                  " " + failed.reason);
+  lines.push_back("failed " + std::to_string(failed.offset) + ": " + std::to_string(failed.fault_offset) + " " +
+                  failed.reason);
 }
 
 ScanRecord scan(std::string_view stream, size_t piece, uint32_t max_length) {

@@ -24,8 +24,7 @@ using Lines = std::vector<std::string>;
 /// Scans the stream whole and in pieces, which must come to the same.
 Lines lines(const std::string& stream, uint32_t max_length = 1 << 20) {
   const Lines whole = scan(stream, 0, max_length).lines;
-  for (const size_t piece : {1, 2, 7, 11, 64})
-    EXPECT_EQ(whole, scan(stream, piece, max_length).lines) << piece;
+  for (const size_t piece : {1, 2, 7, 11, 64}) EXPECT_EQ(whole, scan(stream, piece, max_length).lines) << piece;
   return whole;
 }
 
@@ -40,8 +39,7 @@ TEST(StreamScanner, BelievesWhatTheAssemblerBelieves) {
   for (const auto& row : vorn_test::frame_vectors()) {
     SCOPED_TRACE(row.name);
     // Of a frame alone; what stands before or behind one is another test's.
-    if (!row.is_complete() || row.consumed != row.stream.size() || row.data_len + row.layout != row.consumed)
-      continue;
+    if (!row.is_complete() || row.consumed != row.stream.size() || row.data_len + row.layout != row.consumed) continue;
     const auto record = scan(row.stream);
     ASSERT_FALSE(record.spans.empty());
     EXPECT_TRUE(record.spans[0].is_frame);
@@ -82,8 +80,7 @@ TEST(StreamScanner, SaysWhyAFrameFailed) {
   const std::string good = frame(4, from_hex("82"));
   EXPECT_EQ((Lines{"skipped 34 at 0: 0 Bad Header CRC; 13 Bad Payload Data CRC; 26 Payload size exceeds soft "
                    "limit; of 3",
-                   "frame 34 layout 8 seq 4 length 1: 2",
-                   "skipped 9 at 43: 43 cut off by the end of the input; of 1"}),
+                   "frame 34 layout 8 seq 4 length 1: 2", "skipped 9 at 43: 43 cut off by the end of the input; of 1"}),
             lines(header + word + length + good + frame(5, "12").substr(0, 9)));
 }
 
@@ -98,8 +95,7 @@ TEST(StreamScanner, UsesTheTextsOfTheLibrary) {
     in.reset();
     in.assemble(stream.data(), stream.size(), 0);
     EXPECT_STREQ(in.error_message(), reason);
-    EXPECT_EQ((Lines{"skipped " + std::to_string(stream.size()) + " at 0: 0 " + reason + "; of 1"}),
-              lines(stream));
+    EXPECT_EQ((Lines{"skipped " + std::to_string(stream.size()) + " at 0: 0 " + reason + "; of 1"}), lines(stream));
   }
 }
 
@@ -131,9 +127,8 @@ TEST(StreamScanner, FindsTheFramesThatAWrongLengthSwallowed) {
 TEST(StreamScanner, MarksFramesThatOverlap) {
   std::string stream = frame(1, from_hex("81"));
   stream[7] = 4;  // reaches into the next header
-  EXPECT_EQ(
-      (Lines{"frame 0 layout 8 seq 1 length 4: 1 37 nil", "frame 9 layout 8 seq 2 length 1 overlaps 0: 2"}),
-      lines(stream + frame(2, from_hex("82"))));
+  EXPECT_EQ((Lines{"frame 0 layout 8 seq 1 length 4: 1 37 nil", "frame 9 layout 8 seq 2 length 1 overlaps 0: 2"}),
+            lines(stream + frame(2, from_hex("82"))));
 }
 
 TEST(StreamScanner, DoesNotLookIntoFramesThatNothingSpeaksAgainst) {
@@ -154,8 +149,8 @@ TEST(StreamScanner, ReportsBothReadingsOfAFrameThatEndsLikeAnother) {
 TEST(StreamScanner, LooksBehindACutFrame) {
   std::string stream = frame(1, from_hex("81"));
   stream[5] = 1;
-  EXPECT_EQ((Lines{"skipped 9 at 0: 0 cut off by the end of the input; of 1",
-                   "frame 9 layout 8 seq 2 length 1: 2", "frame 18 layout 12 seq 3 length 0:"}),
+  EXPECT_EQ((Lines{"skipped 9 at 0: 0 cut off by the end of the input; of 1", "frame 9 layout 8 seq 2 length 1: 2",
+                   "frame 18 layout 12 seq 3 length 0:"}),
             lines(stream + frame(2, from_hex("82")) + frame(3, "", 12)));
 }
 
@@ -164,9 +159,8 @@ TEST(StreamScanner, TakesNoNoiseForAFrameWhereNoneIsExpected) {
                    "frame 16 layout 8 seq 1 length 0:"}),
             lines(from_hex("00 A5 01 00 00 00 00 00 05 0C 0C 0C 0C 0C 00 00") + frame(1, "")));
   // The check fields of the 12-byte layout are evidence enough.
-  EXPECT_EQ(
-      "frame 1 layout 12 seq 1 length 1: ! 14 VObject::deserialize: unrecognized protocol transport type",
-      scan("x" + frame(1, from_hex("0C"), 12)).lines.at(1));
+  EXPECT_EQ("frame 1 layout 12 seq 1 length 1: ! 14 VObject::deserialize: unrecognized protocol transport type",
+            scan("x" + frame(1, from_hex("0C"), 12)).lines.at(1));
 }
 
 TEST(StreamScanner, ListsTheFirstStartMarkersOfARange) {
@@ -217,8 +211,7 @@ TEST(StreamScanner, HostileStreamsCostLinearWork) {
     while (stream.size() < 8U << 20) stream += part;
     Load load;
     StreamScanner scanner(load, MAX);
-    for (size_t at = 0; at < stream.size(); at += 65536)
-      scanner.feed(std::string_view(stream).substr(at, 65536));
+    for (size_t at = 0; at < stream.size(); at += 65536) scanner.feed(std::string_view(stream).substr(at, 65536));
     scanner.finish();
     EXPECT_LE(load.bytes, 5 * stream.size() + 2 * size_t{MAX}) << vorn_test::to_hex(part);
   }

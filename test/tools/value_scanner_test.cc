@@ -18,8 +18,7 @@ using Lines = std::vector<std::string>;
 
 Lines lines(const std::string& stream, uint32_t max_length = 1 << 20) {
   const Lines whole = scan_values(stream, 0, max_length).lines;
-  for (const size_t piece : {1, 3, 17})
-    EXPECT_EQ(whole, scan_values(stream, piece, max_length).lines) << piece;
+  for (const size_t piece : {1, 3, 17}) EXPECT_EQ(whole, scan_values(stream, piece, max_length).lines) << piece;
   return whole;
 }
 
@@ -30,9 +29,8 @@ TEST(ValueScanner, ReportsValues) {
 }
 
 TEST(ValueScanner, StopsAtAValueWhoseEndCannotBeTold) {
-  EXPECT_EQ(
-      (Lines{"value 0 size 1: 1", "failed 1: 3 VObject::deserialize: unrecognized protocol transport type"}),
-      lines(from_hex("81 0A 0C 0B 81")));
+  EXPECT_EQ((Lines{"value 0 size 1: 1", "failed 1: 3 VObject::deserialize: unrecognized protocol transport type"}),
+            lines(from_hex("81 0A 0C 0B 81")));
   EXPECT_EQ((Lines{"failed 0: 2 VObject::deserialize_array: buffer underrun"}), lines(from_hex("0A 81")));
 }
 
@@ -46,8 +44,7 @@ TEST(ValueScanner, BoundsWhatAValueMayNeed) {
   const std::string string = from_hex("05 10") + std::string(16, 'x');
   EXPECT_EQ(Lines{"value 0 size 18: \"xxxxxxxxxxxxxxxx\""}, lines(string, 18));
   EXPECT_EQ(Lines{"failed 0: 0 value longer than the limit"}, lines(string, 17));
-  EXPECT_EQ(Lines{"failed 0: 0 value longer than the limit"},
-            lines(from_hex("05 FF FF FF FF 07") + string, 10));
+  EXPECT_EQ(Lines{"failed 0: 0 value longer than the limit"}, lines(from_hex("05 FF FF FF FF 07") + string, 10));
 }
 
 // A value that comes in small pieces is not walked anew with each: that would take hours.

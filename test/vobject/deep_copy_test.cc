@@ -54,8 +54,7 @@ TEST(DeepCopy, RejectsWhatHasNoEncoding) {
   VObject copy("old");
   EXPECT_FAILS("VObject::serialize: serialization of DT_REF not yet supported", deep_copy(make_ref(1), copy));
   EXPECT_EQ(DT_NIL, copy.type()) << "cleared first";
-  EXPECT_FAILS("VObject::serialize: serialization of DT_UDT not yet supported",
-               deep_copy(VObject(number(1)), copy));
+  EXPECT_FAILS("VObject::serialize: serialization of DT_UDT not yet supported", deep_copy(VObject(number(1)), copy));
   VObject deep = VObject::new_vector();
   for (int i = 1; i < 64; ++i) deep = vec({VObject(deep)});
   EXPECT_EQ(deep, deep_copy(deep, copy));

@@ -61,8 +61,7 @@ TEST(SymbolTable, NamesAreCopiedAndStay) {
 }
 
 TEST(SymbolTable, LookupRejectsWhatWasNeverGiven) {
-  EXPECT_FAILS("VObject::sym_lookup: supplied symbol value not found in map",
-               VObject::sym_lookup(0xFFFFFFF0));
+  EXPECT_FAILS("VObject::sym_lookup: supplied symbol value not found in map", VObject::sym_lookup(0xFFFFFFF0));
 }
 
 VObject forged_symbol(uint32_t id) {
@@ -124,8 +123,8 @@ TEST(MemberIntern, ConvertsTheReferent) {
 }
 
 TEST(MemberIntern, RejectsOtherKinds) {
-  for (VObject v : {VObject(), VObject(1), VObject(1.5), VObject(true), VObject::new_hash(),
-                    VObject::new_vector(), VObject(number(1)), make_ref(1)}) {
+  for (VObject v : {VObject(), VObject(1), VObject(1.5), VObject(true), VObject::new_hash(), VObject::new_vector(),
+                    VObject(number(1)), make_ref(1)}) {
     const std::string before = rendered(v);
     EXPECT_FAILS("VObject::intern: data type not DT_SYMBOL or DT_STR", v.intern());
     EXPECT_EQ(before, rendered(v));

@@ -24,9 +24,8 @@ TEST(TypedAccess, FollowsReferences) {
 }
 
 TEST(TypedAccess, RejectsOtherKinds) {
-  const VObject values[] = {VObject(),         VObject(1),      VObject(1.5),        VObject(true),
-                            symbol("s"),       VObject("text"), VObject::new_hash(), VObject::new_vector(),
-                            VObject(number(1))};
+  const VObject values[] = {VObject(),       VObject(1),          VObject(1.5),          VObject(true),     symbol("s"),
+                            VObject("text"), VObject::new_hash(), VObject::new_vector(), VObject(number(1))};
   for (const VObject& v : values) {
     for (const VObject& x : {v, make_ref(v)}) {
       VObject y(x);
@@ -56,8 +55,8 @@ TEST(StrOrSymbolName, GivesTextsAndNames) {
 TEST(StrOrSymbolName, IsEmptyForOtherKindsAndAlwaysTheSame) {
   const VObjectString* const none = &VObject().str_or_symbol_name();
   EXPECT_EQ("", *none);
-  for (const VObject& v : {VObject(1), VObject(1.5), VObject(true), VObject::new_hash(),
-                           VObject::new_vector(), VObject(number(1))}) {
+  for (const VObject& v :
+       {VObject(1), VObject(1.5), VObject(true), VObject::new_hash(), VObject::new_vector(), VObject(number(1))}) {
     EXPECT_EQ(none, &v.str_or_symbol_name());
   }
 }

@@ -83,8 +83,7 @@ TEST(AllocationFailure, Construction) {
 TEST(AllocationFailure, Setters) {
   check("text", [](Subject& s) { s.v = LONG_TEXT; });
   check("string", [](Subject& s) { s.v = s.text; });
-  check("text through a reference",
-        [](Subject& s) { s.ref = "another text, also too long to be stored in place"; });
+  check("text through a reference", [](Subject& s) { s.ref = "another text, also too long to be stored in place"; });
   check("elements", [](Subject& s) { s.v = s.other.getvec(); });
   check("own elements", [](Subject& s) { s.v = s.v.getvec(); });
   check("reset_hash", [](Subject& s) { s.v.reset_hash(); });
@@ -94,8 +93,7 @@ TEST(AllocationFailure, Setters) {
 
 TEST(AllocationFailure, Containers) {
   check("fetch", [](Subject& s) { s.v.at(1).fetch("missing, with a long key that needs its own storage"); });
-  check("store",
-        [](Subject& s) { s.v.at(1).store("missing, with a long key that needs its own storage", s.other); });
+  check("store", [](Subject& s) { s.v.at(1).store("missing, with a long key that needs its own storage", s.other); });
   check("append", [](Subject& s) { s.v.append(s.other); });
   check("append many", [](Subject& s) { s.v.append(s.other.getvec()); });
   check("append itself", [](Subject& s) { s.v.append(s.v.getvec()); });

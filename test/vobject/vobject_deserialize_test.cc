@@ -103,8 +103,7 @@ TEST(Deserialize, SymbolKeysOnlyAsStrings) {
 }
 
 TEST(Deserialize, OtherKeysAreFoundInTheBuildingPass) {
-  for (const char* bytes :
-       {"08 81 81 09", "08 00 81 09", "08 0A 0B 81 09", "08 08 09 81 09", "08 02 81 09"}) {
+  for (const char* bytes : {"08 81 81 09", "08 00 81 09", "08 0A 0B 81 09", "08 08 09 81 09", "08 02 81 09"}) {
     Source buf(bytes);
     VObject out("old");
     EXPECT_FAILS("VObject::deserialize_hash: only hash keys of type string are supported",
@@ -197,8 +196,7 @@ TEST(Deserialize, TheEndStopsValuesNotBodies) {
   Source scalar("81");
   EXPECT_FAILS("VObject::deserialize: buffer underrun", VObject::deserialize(scalar, 0, out, false, 64));
   Source hash_end("08 09");
-  EXPECT_FAILS("VObject::deserialize_hash: buffer underrun",
-               VObject::deserialize(hash_end, 1, out, false, 64));
+  EXPECT_FAILS("VObject::deserialize_hash: buffer underrun", VObject::deserialize(hash_end, 1, out, false, 64));
 }
 
 TEST(Deserialize, AnEndInsideAValueIsFoundBeforeAnythingIsBuilt) {
@@ -219,11 +217,9 @@ TEST(Deserialize, AnEndBehindTheDataReadsNothingThere) {
   VObject out;
   for (const uint64_t end : {uint64_t{100}, UINT64_MAX}) {
     Source array("0A 81");
-    EXPECT_FAILS("VObject::deserialize_array: buffer underrun",
-                 VObject::deserialize(array, end, out, false, 64));
+    EXPECT_FAILS("VObject::deserialize_array: buffer underrun", VObject::deserialize(array, end, out, false, 64));
     Source hash("08 05 01 6B 81");
-    EXPECT_FAILS("VObject::deserialize_hash: buffer underrun",
-                 VObject::deserialize(hash, end, out, false, 64));
+    EXPECT_FAILS("VObject::deserialize_hash: buffer underrun", VObject::deserialize(hash, end, out, false, 64));
     Source empty("");
     EXPECT_FAILS("VObject::deserialize: buffer underrun", VObject::deserialize(empty, end, out, false, 64));
     Source whole("81");
@@ -285,8 +281,7 @@ TEST(Deserialize, SixtyFourLevels) {
 }
 
 TEST(Deserialize, DeeplyNestedArraysKeepTheirOrderOfCounts) {
-  EXPECT_EQ(vec({vec({1, 2}), vec({vec({3}), 4, 5}), vec({})}),
-            read("0A 0A 81 82 0B 0A 0A 83 0B 84 85 0B 0A 0B 0B"));
+  EXPECT_EQ(vec({vec({1, 2}), vec({vec({3}), 4, 5}), vec({})}), read("0A 0A 81 82 0B 0A 0A 83 0B 84 85 0B 0A 0B 0B"));
 }
 
 TEST(Deserialize, ADecodedVectorHasExactlyTheCapacityThatItNeeds) {
@@ -365,8 +360,7 @@ TEST(Deserialize, RandomBytesEndInAValueOrAFailure) {
   for (int i = 0; i < 50000; ++i) {
     PROTO::PacketBuf buf;
     const unsigned n = random() % 24;
-    for (unsigned j = 0; j < n; ++j)
-      buf.write_byte(static_cast<uint8_t>(random() % 3 == 0 ? random() : random() % 12));
+    for (unsigned j = 0; j < n; ++j) buf.write_byte(static_cast<uint8_t>(random() % 3 == 0 ? random() : random() % 12));
     buf.set_pos(0);
     VObject out;
     try {

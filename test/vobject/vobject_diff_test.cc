@@ -189,9 +189,9 @@ TEST(DiffEpsilon, AgreesWithExactArithmetic) {
     if (distance == 0) continue;
     // Mostly the distance itself, or a step or two beside it.
     const Exact step = std::max<Exact>(1, ulp_of(nearest(distance)));
-    const double epsilon =
-        random() % 8 == 0 ? std::fabs(nearest(number()))
-                          : std::fabs(nearest(distance + step * (static_cast<int>(random() % 5) - 2)));
+    const double epsilon = random() % 8 == 0
+                               ? std::fabs(nearest(number()))
+                               : std::fabs(nearest(distance + step * (static_cast<int>(random() % 5) - 2)));
 
     const double lesser = std::min(x, y);
     const double greater = std::max(x, y);
@@ -269,8 +269,7 @@ TEST(DiffPatch, TheCallersParentTagCountsAtTheTop) {
 
 TEST(DiffPatch, WithinEpsilonInsideContainers) {
   EXPECT_EQ(VObject::new_hash(), Diff(hash({{"x", 1.0}}), hash({{"x", 1.25}}), 0.5).patch);
-  EXPECT_EQ(vec({1.25}), Diff(vec({1.0}), vec({1.25}), 0.5).patch)
-      << "a no-op element is the new value itself";
+  EXPECT_EQ(vec({1.25}), Diff(vec({1.0}), vec({1.25}), 0.5).patch) << "a no-op element is the new value itself";
 }
 
 TEST(DiffPatch, AHashInAVectorThatStaysWithinEpsilonIsNotStructural) {
@@ -299,8 +298,7 @@ TEST(DiffPatch, FollowsReferences) {
   const Diff same(vec({make_ref(hash({})), 1}), vec({make_ref(hash({})), 2}));
   EXPECT_EQ(DT_HASH, same.patch.getvec()[0].type());
   const VObject r = make_ref(1);
-  EXPECT_EQ(r.getref(), Diff(vec({1, 1}), vec({r, 2})).patch.getvec()[0].getref())
-      << "a copy of the element itself";
+  EXPECT_EQ(r.getref(), Diff(vec({1, 1}), vec({r, 2})).patch.getvec()[0].getref()) << "a copy of the element itself";
 }
 
 TEST(DiffOut, IsClearedFirst) {
@@ -556,8 +554,7 @@ TEST(DiffLaw, MergingIntoTheOriginalChangesWhatItSharesWithinItself) {
 
 TEST(DiffLaw, AReferenceInTheFirstValueHasNoDeepCopy) {
   VObject copy;
-  EXPECT_FAILS("VObject::serialize: serialization of DT_REF not yet supported",
-               deep_copy(vec({make_ref(1)}), copy));
+  EXPECT_FAILS("VObject::serialize: serialization of DT_REF not yet supported", deep_copy(vec({make_ref(1)}), copy));
 }
 
 #ifndef NDEBUG

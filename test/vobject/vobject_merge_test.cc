@@ -23,8 +23,7 @@ TEST(Merge, ReplacesScalarsAndStrings) {
 }
 
 TEST(Merge, WithNilOnEitherSideAssigns) {
-  for (const VObject& v :
-       {VObject(1), VObject("a"), hash({{"a", 1}}), vec({1}), VObject(number(1)), VObject()}) {
+  for (const VObject& v : {VObject(1), VObject("a"), hash({{"a", 1}}), vec({1}), VObject(number(1)), VObject()}) {
     EXPECT_EQ(v, merged(VObject(), v));
     EXPECT_EQ(storage_of(v), storage_of(merged(VObject(), v)));
     EXPECT_EQ(DT_NIL, merged(v, VObject()).type());
@@ -51,8 +50,7 @@ TEST(Merge, OfVectorsGoesByIndexAndNeverShrinks) {
 }
 
 TEST(Merge, OfHashesGoesByKey) {
-  EXPECT_EQ(hash({{"a", 1}, {"b", 2}, {"c", 3}}),
-            merged(hash({{"a", 0}, {"b", 2}}), hash({{"a", 1}, {"c", 3}})));
+  EXPECT_EQ(hash({{"a", 1}, {"b", 2}, {"c", 3}}), merged(hash({{"a", 0}, {"b", 2}}), hash({{"a", 1}, {"c", 3}})));
   EXPECT_EQ(hash({{"h", hash({{"x", 1}, {"y", 2}})}}),
             merged(hash({{"h", hash({{"x", 1}})}}), hash({{"h", hash({{"y", 2}})}})));
 }
@@ -232,7 +230,7 @@ TEST(MergeAliasing, OfAnyPartOfATreeWithItsWholeEndsEitherWay) {
       ASSERT_STREQ(DISPARATE, failure.what());
     }
     std::function<bool(const VObject&, std::set<const void*>)> is_cyclic = [&](const VObject& v,
-                                                                              std::set<const void*> above) {
+                                                                               std::set<const void*> above) {
       if (v.type() != DT_HASH && v.type() != DT_VECTOR) return false;
       if (!above.insert(storage_of(v)).second) return true;
       if (v.type() == DT_HASH) {

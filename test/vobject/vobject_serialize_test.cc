@@ -87,12 +87,10 @@ TEST(Serialize, SixtyFourLevels) {
 
 TEST(Serialize, RejectsWhatHasNoEncoding) {
   PROTO::PacketBuf buf;
-  EXPECT_FAILS("VObject::serialize: serialization of DT_UDT not yet supported",
-               VObject(number(1)).serialize(buf, 64));
+  EXPECT_FAILS("VObject::serialize: serialization of DT_UDT not yet supported", VObject(number(1)).serialize(buf, 64));
   EXPECT_FAILS("VObject::serialize: serialization of DT_UDT not yet supported",
                VObject(boost::shared_ptr<VObjectUDT>()).serialize(buf, 64));
-  EXPECT_FAILS("VObject::serialize: serialization of DT_REF not yet supported",
-               make_ref(1).serialize(buf, 64));
+  EXPECT_FAILS("VObject::serialize: serialization of DT_REF not yet supported", make_ref(1).serialize(buf, 64));
   VObject foreign(1);
   force_tag(foreign, 12);
   EXPECT_FAILS("VObject::serialize: unrecognized data type", foreign.serialize(buf, 64));

@@ -16,8 +16,7 @@ static_assert(std::is_nothrow_copy_constructible<VObject>::value, "sharing canno
 static_assert(std::is_nothrow_copy_assignable<VObject>::value, "sharing cannot fail");
 static_assert(std::is_nothrow_move_constructible<VObject>::value, "a growing vector moves its elements");
 static_assert(std::is_nothrow_move_assignable<VObject>::value, "a growing vector moves its elements");
-static_assert(!std::is_constructible<VObject, boost::shared_ptr<VObject>>::value,
-              "never made as a reference");
+static_assert(!std::is_constructible<VObject, boost::shared_ptr<VObject>>::value, "never made as a reference");
 static_assert(!std::is_constructible<VObject, int*>::value, "a pointer is no boolean");
 static_assert(!std::is_assignable<VObject&, int*>::value, "a pointer is no boolean");
 static_assert(!std::is_convertible<VObjectVector, VObject>::value, "only explicitly");
@@ -56,8 +55,7 @@ TEST(VObjectConstruction, FromEachKind) {
 TEST(VObjectConstruction, OfStrings) {
   EXPECT_EQ(std::string("a\0b", 3), VObject("a\0bc", 3).getstr());
   EXPECT_EQ(std::string("a\0b", 3), VObject(std::string("a\0b", 3)).getstr());
-  EXPECT_EQ("a", VObject(VObjectString("a\0b", 3)).getstr())
-      << "the string class stops at the first zero byte";
+  EXPECT_EQ("a", VObject(VObjectString("a\0b", 3)).getstr()) << "the string class stops at the first zero byte";
   EXPECT_EQ("", VObject("").getstr());
   EXPECT_EQ("", VObject(static_cast<const char*>(nullptr)).getstr());
   EXPECT_EQ("", VObject("abc", 0).getstr());
@@ -170,16 +168,16 @@ TEST(VObjectSetters, TakeTheElementsOfAVectorOfBooleans) {
 }
 
 /// Name<T>::value: whether `t = ...` compiles. Name<T>::result(): what it makes of 5.
-#define ASSIGNMENT(Name, ...)                                                                            \
-  template <typename T, typename = void>                                                                 \
-  struct Name : std::false_type {};                                                                      \
-  template <typename T>                                                                                  \
-  struct Name<T, std::void_t<decltype(std::declval<T&>() = __VA_ARGS__)>> : std::true_type {             \
-    static T result() {                                                                                  \
-      T t(5);                                                                                            \
-      EXPECT_EQ(&t, &(t = __VA_ARGS__));                                                                 \
-      return t;                                                                                          \
-    }                                                                                                    \
+#define ASSIGNMENT(Name, ...)                                                                \
+  template <typename T, typename = void>                                                     \
+  struct Name : std::false_type {};                                                          \
+  template <typename T>                                                                      \
+  struct Name<T, std::void_t<decltype(std::declval<T&>() = __VA_ARGS__)>> : std::true_type { \
+    static T result() {                                                                      \
+      T t(5);                                                                                \
+      EXPECT_EQ(&t, &(t = __VA_ARGS__));                                                     \
+      return t;                                                                              \
+    }                                                                                        \
   };
 
 ASSIGNMENT(NoBraces, 0)

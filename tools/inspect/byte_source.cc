@@ -28,10 +28,7 @@ constexpr int FOLLOW_MILLISECONDS = 100;
 }  // namespace
 
 ByteSource::ByteSource(const std::string& path, bool follow, int output_fd)
-    : name_(path == "-" ? "standard input" : path),
-      close_(path != "-"),
-      output_fd_(output_fd),
-      follow_(false) {
+    : name_(path == "-" ? "standard input" : path), close_(path != "-"), output_fd_(output_fd), follow_(false) {
   fd_ = close_ ? ::open(path.c_str(), O_RDONLY | O_CLOEXEC) : STDIN_FILENO;
   if (fd_ < 0) fail(name_);
   struct stat status;
@@ -80,8 +77,7 @@ bool ByteSource::wait(bool for_input, int milliseconds) {
   pollfd watched[] = {{output_fd_, 0, 0}, {for_input ? fd_ : -1, POLLIN, 0}};
   const timespec limit{milliseconds / 1000, milliseconds % 1000 * 1000000L};
   for (;;) {
-    const int ready =
-        ::ppoll(watched, 2, milliseconds < 0 ? nullptr : &limit, stop_ ? stop_->waiting_mask() : nullptr);
+    const int ready = ::ppoll(watched, 2, milliseconds < 0 ? nullptr : &limit, stop_ ? stop_->waiting_mask() : nullptr);
     if (stop_ && stop_->came()) return false;
     if (ready < 0 && errno == EINTR) continue;
     if (ready < 0) fail(name_);

@@ -58,8 +58,7 @@ bool skip_value(VORN::PROTO::WireReader& in);
 /// the offset of each. Returns whether they are readable to the end; a hash key that is no string passes.
 /// Sets `looked_at` to the count of bytes that this took. Throws std::bad_alloc.
 template <typename AtStart>
-bool walk_messages(StreamWindow& window, uint64_t offset, uint64_t size, uint64_t& looked_at,
-                   AtStart at_start) {
+bool walk_messages(StreamWindow& window, uint64_t offset, uint64_t size, uint64_t& looked_at, AtStart at_start) {
   using namespace VORN::PROTO;
   window.select(offset, size);
   const uint64_t end = window.payload_end();

@@ -16,8 +16,7 @@ std::optional<Options> parse_options(int argc, char** argv, int& status) {
   app.add_option("FILE", options.input, "The captured bytes; - or nothing: standard input")->option_text(" ");
   app.add_flag("--json", options.json, "One JSON object a line");
   CLI::Option* const hex = app.add_flag("--hex", options.hex, "Show the bytes too");
-  app.add_flag("--stats", options.stats, "Counts, sizes and sequence numbers in place of contents")
-      ->excludes(hex);
+  app.add_flag("--stats", options.stats, "Counts, sizes and sequence numbers in place of contents")->excludes(hex);
   app.add_flag("--values", options.values, "The input has values without frames");
   app.add_flag("--follow", options.follow, "Go on at the end of the file as it grows");
   app.add_option("--max-length", max_length,

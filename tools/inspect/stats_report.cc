@@ -101,8 +101,7 @@ void StatsReport::write_text(uint64_t input_size) {
 }
 
 void StatsReport::add_faults(std::string& text) const {
-  add_counts(values_ ? "values that cannot be read\n" : "frames with messages that cannot be read\n", faults_,
-             text);
+  add_counts(values_ ? "values that cannot be read\n" : "frames with messages that cannot be read\n", faults_, text);
   add_counts("start markers that begin no frame\n", failed_starts_, text);
 }
 
@@ -110,9 +109,8 @@ void StatsReport::add_histogram(std::string& text) const {
   if (sizes_.count() == 0) return;
   const auto width = static_cast<double>(bar_width());
   const auto end = std::back_inserter(text);
-  fmt::format_to(end, "{}: {} to {} bytes, {:.1f} on average\n",
-                 values_ ? "sizes of values" : "sizes of payloads", sizes_.min(), sizes_.max(),
-                 static_cast<double>(sizes_.sum()) / static_cast<double>(sizes_.count()));
+  fmt::format_to(end, "{}: {} to {} bytes, {:.1f} on average\n", values_ ? "sizes of values" : "sizes of payloads",
+                 sizes_.min(), sizes_.max(), static_cast<double>(sizes_.sum()) / static_cast<double>(sizes_.count()));
   uint64_t most = 0;
   for (unsigned i = sizes_.first(); i <= sizes_.last(); ++i) most = std::max(most, sizes_.range(i).count);
   for (unsigned i = sizes_.first(); i <= sizes_.last(); ++i) {
@@ -120,15 +118,13 @@ void StatsReport::add_histogram(std::string& text) const {
     const double share = static_cast<double>(range.count) / static_cast<double>(most);
     uint64_t bar = static_cast<uint64_t>(share * width);
     if (bar == 0 && range.count != 0) bar = 1;
-    fmt::format_to(end, "  {:>10} to {:<10} {:>12} {}\n", range.from, range.to, range.count,
-                   std::string(bar, '#'));
+    fmt::format_to(end, "  {:>10} to {:<10} {:>12} {}\n", range.from, range.to, range.count, std::string(bar, '#'));
   }
 }
 
 void StatsReport::add_sequence(std::string& text) const {
   const auto end = std::back_inserter(text);
-  fmt::format_to(end,
-                 "sequence numbers: {} gaps ({} numbers missing), {} repeats, {} returns to earlier ones\n",
+  fmt::format_to(end, "sequence numbers: {} gaps ({} numbers missing), {} repeats, {} returns to earlier ones\n",
                  sequence_.gaps(), sequence_.missing(), sequence_.repeats(), sequence_.returns());
   for (const SequenceCheck::Jump& jump : sequence_.jumps()) {
     fmt::format_to(end, "  {} is followed by {} at offset {}\n", jump.from, jump.to, jump.offset);

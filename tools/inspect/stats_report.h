@@ -39,7 +39,7 @@ class StatsReport : public Report {
   uint64_t messages_ = 0;  ///< or values
   uint64_t skipped_ranges_ = 0;
   uint64_t skipped_bytes_ = 0;
-  std::map<std::string, uint64_t> faults_;  ///< by text: frames whose messages cannot be read, and values
+  std::map<std::string, uint64_t> faults_;         ///< by text: frames whose messages cannot be read, and values
   std::map<std::string, uint64_t> failed_starts_;  ///< by reason
   Histogram sizes_;                                ///< of payloads or values
   SequenceCheck sequence_;

@@ -49,8 +49,7 @@ bool StreamScanner::step_search() {
   const bool bounded = searched_end_ >= pos_ && searched_end_ != 0;
   const uint64_t end = bounded ? searched_end_ : window_.end();
   const std::string_view bytes = window_.view(pos_, end - pos_);
-  const void* const marker =
-      bytes.empty() ? nullptr : std::memchr(bytes.data(), PF_START_MARKER, bytes.size());
+  const void* const marker = bytes.empty() ? nullptr : std::memchr(bytes.data(), PF_START_MARKER, bytes.size());
   if (marker != nullptr) {
     pos_ += static_cast<uint64_t>(static_cast<const char*>(marker) - bytes.data());
     return step_candidate();
@@ -134,10 +133,10 @@ bool StreamScanner::look_into(const Candidate& candidate) {
   const uint64_t end = pos_ + candidate.size();
   uint64_t inner_end = 0;
   uint64_t looked_at;
-  const bool readable = walk_messages(window_, pos_ + candidate.header_len, candidate.header.data_len,
-                                      looked_at, [&](uint64_t start) {
-                                        if (start >= inner_end) inner_end = end_of_frames(start, end);
-                                      });
+  const bool readable =
+      walk_messages(window_, pos_ + candidate.header_len, candidate.header.data_len, looked_at, [&](uint64_t start) {
+        if (start >= inner_end) inner_end = end_of_frames(start, end);
+      });
   const bool credible = readable || state_ == State::expect || candidate.header_len == PF12_HEADER_LEN;
   // Whoever gets the report reads the frame to its end.
   const uint64_t size = credible ? candidate.size() : candidate.header_len + looked_at;
@@ -177,9 +176,8 @@ void StreamScanner::report(const Candidate& candidate) {
   const bool overlaps = pos_ < covered_;
   if (!overlaps) report_skipped();
   frame_end_ = pos_ + candidate.size();
-  const Frame frame{
-      pos_,     candidate.header_len,           candidate.header, window_.view(pos_, candidate.size()),
-      overlaps, overlaps ? covering_frame_ : 0, window_};
+  const Frame frame{pos_,     candidate.header_len,           candidate.header, window_.view(pos_, candidate.size()),
+                    overlaps, overlaps ? covering_frame_ : 0, window_};
   if (frame_end_ > covered_) {
     covered_ = frame_end_;
     covering_frame_ = pos_;
@@ -192,8 +190,8 @@ void StreamScanner::report(const Candidate& candidate) {
 bool StreamScanner::reject(const Candidate& candidate, const char* reason) {
   if (pos_ >= covered_) {
     if (skipped_.failed_start_count++ < Skipped::MAX_STARTS) {
-      skipped_.failed_starts.push_back({pos_, reason, static_cast<unsigned>(candidate.header_len),
-                                        candidate.has_header, candidate.header});
+      skipped_.failed_starts.push_back(
+          {pos_, reason, static_cast<unsigned>(candidate.header_len), candidate.has_header, candidate.header});
     }
   }
   ++pos_;

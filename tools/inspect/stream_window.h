@@ -24,9 +24,7 @@ class StreamWindow : public VORN::PROTO::PacketBuf {
 
   /// Bytes of the stream, valid until the next append().
   /// REQUIRES: they lie between start() and end().
-  std::string_view view(uint64_t offset, uint64_t size) const {
-    return {data().data() + (offset - origin_), size};
-  }
+  std::string_view view(uint64_t offset, uint64_t size) const { return {data().data() + (offset - origin_), size}; }
 
   /// Makes [offset, offset + size) the range that values are read from, and puts the position at its
   /// beginning. Valid until the next append(). REQUIRES: it lies between start() and end().

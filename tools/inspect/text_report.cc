@@ -10,8 +10,8 @@ namespace vorn_inspect {
 
 void TextReport::on_frame(const Frame& frame) {
   const auto text = std::back_inserter(text_);
-  fmt::format_to(text, "offset {}  layout {}  seq {}  length {}", frame.offset, frame.header_len,
-                 frame.header.seq, frame.header.data_len);
+  fmt::format_to(text, "offset {}  layout {}  seq {}  length {}", frame.offset, frame.header_len, frame.header.seq,
+                 frame.header.data_len);
   if (frame.overlaps) {
     note_damage();
     fmt::format_to(text, "  (overlaps the frame at offset {})", frame.overlapped);
@@ -66,8 +66,8 @@ void TextReport::on_value(const Value& value) {
 
 void TextReport::on_failed_value(const FailedValue& failed) {
   note_damage();
-  fmt::format_to(std::back_inserter(text_), "! value at offset {}: offset {}: {}\n", failed.offset,
-                 failed.fault_offset, failed.reason);
+  fmt::format_to(std::back_inserter(text_), "! value at offset {}: offset {}: {}\n", failed.offset, failed.fault_offset,
+                 failed.reason);
   write();
 }
 

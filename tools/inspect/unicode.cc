@@ -7,9 +7,7 @@ namespace vorn_inspect {
 bool is_utf8(std::string_view bytes) {
   const auto in = [](unsigned char c, unsigned low, unsigned high) { return c >= low && c <= high; };
   for (size_t i = 0; i < bytes.size();) {
-    const auto at = [&](size_t n) {
-      return i + n < bytes.size() ? static_cast<unsigned char>(bytes[i + n]) : 0;
-    };
+    const auto at = [&](size_t n) { return i + n < bytes.size() ? static_cast<unsigned char>(bytes[i + n]) : 0; };
     const unsigned char first = at(0);
     size_t size;
     unsigned low = 0x80;  // of the second byte
@@ -42,8 +40,7 @@ bool is_utf8(std::string_view bytes) {
 
 bool is_control(char32_t c) {
   const auto in = [c](char32_t low, char32_t high) { return c >= low && c <= high; };
-  return c < 0x20 || in(0x7F, 0x9F) || c == 0x061C || in(0x200E, 0x200F) || in(0x2028, 0x202E) ||
-         in(0x2066, 0x2069);
+  return c < 0x20 || in(0x7F, 0x9F) || c == 0x061C || in(0x200E, 0x200F) || in(0x2028, 0x202E) || in(0x2066, 0x2069);
 }
 
 char32_t take_character(std::string_view& bytes) {

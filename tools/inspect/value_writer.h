@@ -32,8 +32,7 @@ class ValueWriter {
   void write(const EncodedValue& value);
 
  protected:
-  ValueWriter(Output& out, const char* nil, const char* separator)
-      : out_(out), nil_(nil), separator_(separator) {}
+  ValueWriter(Output& out, const char* nil, const char* separator) : out_(out), nil_(nil), separator_(separator) {}
 
   virtual void write_double(double number) = 0;
   virtual void write_string(std::string_view bytes) = 0;
