@@ -37,7 +37,7 @@ class RegistrationTest < ExtTest
   end
 
   def test_no_other_constants
-    code = 'p VORN.constants, VORN::PROTO.constants.sort, VORN::PROTO::PacketBuf.constants'
+    code = "p VORN.constants, VORN::PROTO.constants.sort, VORN::PROTO::PacketBuf.constants"
     assert_equal "[:PROTO]\n[:PacketBuf, :PacketFrame, :PacketFrameIn, :PacketFrameOut]\n[]\n", run_ruby(code)
   end
 

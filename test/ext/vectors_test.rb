@@ -1,22 +1,24 @@
-require_relative 'helper'
-require 'support/notation'
-require 'support/vectors'
+# frozen_string_literal: true
+
+require_relative "helper"
+require "support/notation"
+require "support/vectors"
 
 # The tables that both codecs are held to.
 class VectorsTest < Minitest::Test
   PROTO = VORN::PROTO
 
   MESSAGES = {
-    'max_depth' => 'decode_next_packetbuf_rbobj: maxdepth exceeded',
-    'underrun' => 'decode_next_packetbuf_rbobj: buffer underrun',
-    'underrun_int' => 'decode_next_packetbuf_rbobj: buffer underrun decoding integer',
-    'underrun_length' => 'decode_next_packetbuf_rbstr: buffer underrun decoding data length',
-    'underrun_string' => 'decode_next_packetbuf_rbstr: buffer underrun extracting data bytes',
-    'underrun_float' => 'decode_packetbuf_rbfloat: buffer underrun',
-    'underrun_double' => 'decode_packetbuf_rbdouble: buffer underrun',
-    'underrun_hash' => 'decode_packetbuf_rbhash: buffer underrun',
-    'underrun_array' => 'decode_packetbuf_rbarray: buffer underrun',
-    'unknown_type' => 'decode_next_packetbuf_rbobj: unrecognized protocol transport type'
+    "max_depth" => "decode_next_packetbuf_rbobj: maxdepth exceeded",
+    "underrun" => "decode_next_packetbuf_rbobj: buffer underrun",
+    "underrun_int" => "decode_next_packetbuf_rbobj: buffer underrun decoding integer",
+    "underrun_length" => "decode_next_packetbuf_rbstr: buffer underrun decoding data length",
+    "underrun_string" => "decode_next_packetbuf_rbstr: buffer underrun extracting data bytes",
+    "underrun_float" => "decode_packetbuf_rbfloat: buffer underrun",
+    "underrun_double" => "decode_packetbuf_rbdouble: buffer underrun",
+    "underrun_hash" => "decode_packetbuf_rbhash: buffer underrun",
+    "underrun_array" => "decode_packetbuf_rbarray: buffer underrun",
+    "unknown_type" => "decode_next_packetbuf_rbobj: unrecognized protocol transport type"
   }
 
   # Who reads a table leaves no row out.
@@ -85,9 +87,9 @@ class VectorsTest < Minitest::Test
       buf.instance_variable_set(:@preserve_symbols_on_extract, true)
       buf.instance_variable_set(:@maxdepth, vector.maxdepth)
       case vector.fault
-      when 'none'
+      when "none"
         buf.extract_object
-      when 'symbol_encoding'
+      when "symbol_encoding"
         assert_raises(EncodingError) { buf.extract_object }
       else
         error = assert_raises(RuntimeError) { buf.extract_object }
@@ -147,7 +149,7 @@ class VectorsTest < Minitest::Test
     frame = PROTO::PacketFrameIn.new
     [bytes.size, payload].each do |size|
       frame.reset
-      frame.assemble([0xA5, 1, 0, size].pack('CCnN') + bytes[0, size], 0)
+      frame.assemble([0xA5, 1, 0, size].pack("CCnN") + bytes[0, size], 0)
     end
     frame.seek_payload_start
   end
@@ -156,7 +158,7 @@ class VectorsTest < Minitest::Test
   def decoded(buf)
     Notation.of(buf.extract_object)
   rescue EncodingError
-    '!symbol_encoding'
+    "!symbol_encoding"
   end
 
   def check_frame(vector, frame)
