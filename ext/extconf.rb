@@ -94,7 +94,9 @@ $defs << "-DNDEBUG" unless enable_config("assertions", sanitized)
 if sanitized
   sanitize = " -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer"
   # Ruby's raise leaves our frames unseen by the sanitizer, which would go on to guard their locals' bounds.
-  without_stack = ["--param=asan-stack=0", "-mllvm -asan-stack=0"].find { |option| compiles?("", "#{sanitize} #{option}") }
+  without_stack = ["--param=asan-stack=0", "-mllvm -asan-stack=0"].find do |option|
+    compiles?("", "#{sanitize} #{option}")
+  end
   sanitize += " #{without_stack}"
   $CXXFLAGS << sanitize
   $LDFLAGS << sanitize

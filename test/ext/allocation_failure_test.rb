@@ -21,7 +21,9 @@ class AllocationFailureTest < ExtTest
       Minitest.after_run { FileUtils.rm_rf(folder) }
       library = File.join(folder, "failing_allocator.#{RbConfig::CONFIG["DLEXT"]}")
       includes = %w[rubyhdrdir rubyarchhdrdir].map { |dir| "-isystem #{Shellwords.escape(RbConfig::CONFIG[dir])}" }
-      sources = %w[failing_allocator.cc allocations.cc].map { |name| Shellwords.escape(File.join(ROOT, "test/support", name)) }
+      sources = %w[failing_allocator.cc allocations.cc].map do |name|
+        Shellwords.escape(File.join(ROOT, "test/support", name))
+      end
       system("#{ENV["CXX"] || "g++"} -std=c++17 -Wno-register -shared -fPIC -Wl,-z,lazy -I#{Shellwords.escape(ROOT)} " \
              "#{includes.join(" ")} #{sources.join(" ")} -o #{Shellwords.escape(library)}") or raise "no allocator"
       library
@@ -198,7 +200,8 @@ class AllocationFailureTest < ExtTest
       frame.reset
       stream = frame.write_raw("x" * 100_000).compute_frame_header.to_str
       works = [-> { PacketBuf.new }, -> { PacketFrameIn.new }, -> { PacketFrameOut.new },
-               -> { PacketBuf.new << ["a", "x" * 100_000] }, -> { PacketBuf.new.write_raw(arrays).seek(0).extract_object },
+               -> { PacketBuf.new << ["a", "x" * 100_000] },
+               -> { PacketBuf.new.write_raw(arrays).seek(0).extract_object },
                -> { PacketFrameIn.new.assemble(stream, 0) }, -> { PacketFrameOut.new.compute_frame_header }]
       run = lambda do
         works.each do |work|

@@ -2,8 +2,8 @@
 
 require_relative "helper"
 
-# The `to_int` of an argument, which is Ruby code between the call of a method and its work. Whatever it does ends in a Ruby
-# exception or in the right result.
+# `to_int` of an argument is Ruby code that runs after a method has been called and before it does its work: it can
+# change the buffer, the frame and the other arguments. The method raises a Ruby exception or returns the right result.
 class ArgumentConversionTest < ExtTest
   # A number whose conversion does something first.
   class OwnInteger
@@ -29,7 +29,8 @@ class ArgumentConversionTest < ExtTest
     frame = PacketFrameIn.new.reset
     [->(chunk) { chunk.clear }, ->(chunk) { chunk.replace("abc") }, ->(chunk) { chunk.slice!(4..-1) }].each do |change|
       chunk = FRAME * 1000
-      assert_raises_with(ArgumentError, out_of_range) { frame.assemble(chunk, OwnInteger.new(4) { change.call(chunk) }) }
+      offset = OwnInteger.new(4) { change.call(chunk) }
+      assert_raises_with(ArgumentError, out_of_range) { frame.assemble(chunk, offset) }
     end
     chunk = "x".dup
     assert_equal 10, frame.assemble(chunk, OwnInteger.new(1) { chunk << FRAME << MEGABYTES })
@@ -52,8 +53,11 @@ class ArgumentConversionTest < ExtTest
     frame_in = PacketFrameIn.new.reset
     decoding = buf_of("\x81")
     calls = {
-      "pos=" => ->(n) { @buf.pos = n }, "seek" => ->(n) { @buf.seek(n) }, "next_seq=" => ->(n) { frame_out.next_seq = n },
-      "index_within_payload?" => ->(n) { @buf.index_within_payload?(n) }, "assemble" => ->(n) { frame_in.assemble(FRAME, n) },
+      "pos=" => ->(n) { @buf.pos = n },
+      "seek" => ->(n) { @buf.seek(n) },
+      "next_seq=" => ->(n) { frame_out.next_seq = n },
+      "index_within_payload?" => ->(n) { @buf.index_within_payload?(n) },
+      "assemble" => ->(n) { frame_in.assemble(FRAME, n) },
       "extract_object" => ->(n) { decoding.maxdepth = n; decoding.extract_object },
       "copy_object" => ->(n) { decoding.maxdepth = n; decoding.copy_object(@buf) }
     }

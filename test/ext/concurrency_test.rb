@@ -213,8 +213,8 @@ class ConcurrencyTest < ExtTest
 
   def ractors(code)
     skip "no Ractor in Ruby #{RUBY_VERSION}" unless defined?(Ractor)
-    run_ruby("#{'Ractor.class_eval { alias value take } unless Ractor.method_defined?(:value)' if RUBY_VERSION < '3.5'}\n" + code,
-             "-W:no-experimental")
+    value_as_in_3_5 = "Ractor.class_eval { alias value take } unless Ractor.method_defined?(:value)"
+    run_ruby("#{value_as_in_3_5 if RUBY_VERSION < "3.5"}\n#{code}", "-W:no-experimental")
   end
 
   def test_ractors_that_encode_and_decode_at_once
@@ -226,8 +226,8 @@ class ConcurrencyTest < ExtTest
           frame = PacketFrameIn.new
           buf.preserve_symbols_on_extract = true
           (0...2_000).all? do |i|
-            value = { "ractor" => number, "shared key" => [i, i * 0.5, :"symbol#{i % 7}"], "own key #{number}" => "text" * (i % 50),
-                      "key #{i % 300}" => { [i] => nil } }
+            value = { "ractor" => number, "shared key" => [i, i * 0.5, :"symbol#{i % 7}"],
+                      "own key #{number}" => "text" * (i % 50), "key #{i % 300}" => { [i] => nil } }
             out.reset
             stream = (out << value).compute_frame_header.to_str
             frame.reset
@@ -247,7 +247,9 @@ class ConcurrencyTest < ExtTest
     kept = ractors(<<-'RUBY').to_i
       200.times do |n|
         Ractor.new(n) do |number|
-          (0...50).each { |i| (PacketBuf.new << { "ractor #{number} key #{i} ".ljust(100, ".") => 1 }).seek(0).extract_object }
+          50.times do |i|
+            (PacketBuf.new << { "ractor #{number} key #{i} ".ljust(100, ".") => 1 }).seek(0).extract_object
+          end
           nil
         end.value
       end

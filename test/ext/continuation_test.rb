@@ -4,7 +4,7 @@ require_relative "helper"
 require_relative "own_each"
 require_relative "ruby_process"
 
-# Continuations bring frames back that have long returned, with the machine stack as it was and everything else as it is.
+# A continuation resumes frames that have already returned: the machine stack is as it was then, the heap as it is now.
 class ContinuationTest < ExtTest
   include RubyProcess
 
@@ -23,6 +23,7 @@ class ContinuationTest < ExtTest
   RUBY
 
   ENDED = "serialize_rbobj_to_packetbuf: hash iteration has ended"
+  UNSUPPORTED = "serialize_rbobj_to_packetbuf: unsupported rb_type"
 
   # Each program goes on in the middle of a value that is already written.
   PROGRAMS = {
@@ -96,7 +97,7 @@ class ContinuationTest < ExtTest
       $again.call if ($times += 1) < 5
       puts $times, others.all? { |buf| buf.pos == 50_004 }
     RUBY
-    "a failure is raised again" => [<<-'RUBY', ["serialize_rbobj_to_packetbuf: unsupported rb_type", ENDED, ENDED, "0881"]],
+    "a failure is raised again" => [<<-'RUBY', [UNSUPPORTED, ENDED, ENDED, "0881"]],
       $times = 0
       $buf = PacketBuf.new
       message = worded do
@@ -149,6 +150,8 @@ class ContinuationTest < ExtTest
   }.freeze
 
   PROGRAMS.each do |name, (code, lines)|
-    define_method("test_#{name.tr(" ", "_")}") { assert_equal lines, run_ruby(START + code, "-W0", OwnEach::OPTION).split("\n") }
+    define_method("test_#{name.tr(" ", "_")}") do
+      assert_equal lines, run_ruby(START + code, "-W0", OwnEach::OPTION).split("\n")
+    end
   end
 end

@@ -86,7 +86,8 @@ class CopyObjectTest < ExtTest
   def test_nothing_is_written_when_the_value_is_refused
     to = PacketBuf.new << 7
     from = buf_of(hex("0a 81 0a 7f"))
-    assert_raises_with(RuntimeError, "decode_next_packetbuf_rbobj: unrecognized protocol transport type") { from.copy_object(to) }
+    unknown = "decode_next_packetbuf_rbobj: unrecognized protocol transport type"
+    assert_raises_with(RuntimeError, unknown) { from.copy_object(to) }
     assert_equal [4, 1, "87"], [from.pos, to.pos, to_hex(to.to_str)]
     assert_equal 1, to.payload_size
   end

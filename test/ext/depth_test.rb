@@ -11,12 +11,16 @@ class DepthTest < ExtTest
   # that are equal.
   DEEP = <<-'RUBY'
     KINDS = {
-      array: ->(n) { "\x0a" * n + "\x0b" * n }, hash: ->(n) { "\x08\x80" * n + "\x80" + "\x09" * n },
-      array_key: ->(n) { "\x08" + "\x0a" * n + "\x0b" * n + "\x80\x09" }, hash_keys: ->(n) { "\x08" * n + "\x80" + "\x80\x09" * n },
+      array: ->(n) { "\x0a" * n + "\x0b" * n },
+      hash: ->(n) { "\x08\x80" * n + "\x80" + "\x09" * n },
+      array_key: ->(n) { "\x08" + "\x0a" * n + "\x0b" * n + "\x80\x09" },
+      hash_keys: ->(n) { "\x08" * n + "\x80" + "\x80\x09" * n },
       equal_keys: ->(n) { "\x08" + ("\x0a" * n + "\x08\x80\x80\x09" + "\x0b" * n + "\x80") * 2 + "\x09" }
     }
     WHERE = {
-      main: ->(&work) { work.call }, thread: ->(&work) { Thread.new(&work).value }, fiber: ->(&work) { Fiber.new(&work).resume }
+      main: ->(&work) { work.call },
+      thread: ->(&work) { Thread.new(&work).value },
+      fiber: ->(&work) { Fiber.new(&work).resume }
     }
     def outcome
       GC.stress = STRESS
@@ -46,7 +50,8 @@ class DepthTest < ExtTest
   RUBY
   CALM = "STRESS = false\n#{DEEP}".freeze
   STRESSED = "STRESS = true\n#{DEEP}".freeze
-  SMALL = { "RUBY_THREAD_MACHINE_STACK_SIZE" => "1", "RUBY_FIBER_MACHINE_STACK_SIZE" => "1" }.freeze # as small as may be
+  # Ruby takes its minimum for a size below that.
+  SMALL = { "RUBY_THREAD_MACHINE_STACK_SIZE" => "1", "RUBY_FIBER_MACHINE_STACK_SIZE" => "1" }.freeze
 
   LITTLE = "--disable-gems".freeze # to collect
 
@@ -54,7 +59,7 @@ class DepthTest < ExtTest
     assert_equal "[]\n", run_ruby("#{CALM} read_all([200, 1000, 3000, 100_000], [:array, :hash])")
   end
 
-  # Deeper ones are refused, or their keys take the interpreter long to hash: the time grows with the square of the depth.
+  # Deeper keys exceed maxdepth, or take the interpreter too long: hashing nested keys is quadratic in their depth.
   def test_keys_that_exhaust_the_stack
     assert_equal "[]\n", run_ruby("#{CALM} read_all([200, 600, 30_000], [:array_key, :hash_keys])")
     assert_equal "[]\n", run_ruby("#{CALM} read_all([400, 1000, 2000, 4000], [:array_key, :equal_keys])")
@@ -88,7 +93,10 @@ class DepthTest < ExtTest
       end
     end
     WHERE.each_value do |where|
-      2.times { abort "no end" unless check(where.call { Array.new(2) { outcome { [].hash } } }) == [SystemStackError] * 2 }
+      2.times do
+        outcomes = where.call { Array.new(2) { outcome { [].hash } } }
+        abort "no end" unless check(outcomes) == [SystemStackError] * 2
+      end
     end
     puts :done
   RUBY

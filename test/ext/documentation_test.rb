@@ -53,8 +53,8 @@ class DocumentationTest < ExtTest
   end
 
   def test_every_method_is_documented
-    documented = COMMENTS.flat_map do |comment|
-      comment.signatures.map { |signature| signature[/\A(?:\w+ (<<)|(?:[\w:]+)\.(\w+[?]?(?: =)?))/] && ($1 || $2.delete(" ")) }
+    documented = COMMENTS.flat_map(&:signatures).map do |signature|
+      signature[/\A(?:\w+ (<<)|(?:[\w:]+)\.(\w+[?]?(?: =)?))/] && ($1 || $2.delete(" "))
     end
     methods = [PacketBuf, PacketFrameIn, PacketFrameOut].flat_map { |klass| klass.public_instance_methods(false) }
     assert_equal (methods.map(&:to_s) + ["new"]).sort, documented.sort

@@ -127,7 +127,8 @@ class GcTest < ExtTest
     end
   end
 
-  # What native memory is used in a finalizer, which runs in the collection that native memory has started, is collected.
+  # A collection that native memory has triggered runs finalizers, and these can use native memory too: it has to
+  # trigger collections as well, or it would pile up until all finalizers are done.
   def test_storage_is_collected_while_a_finalizer_runs
     skip_without_proc
     skip_under_sanitizers

@@ -60,7 +60,9 @@ class InterruptTest < ExtTest
 
   # How a program interrupts itself. The thread that writes is there when `there` has something.
   WAYS = {
-    "Thread#kill" => "thread.kill", "Thread#raise" => "thread.raise(IOError, 'stop')", "a fault" => "thread.raise(NoMemoryError)"
+    "Thread#kill" => "thread.kill",
+    "Thread#raise" => "thread.raise(IOError, 'stop')",
+    "a fault" => "thread.raise(NoMemoryError)"
   }.freeze
 
   WAYS.each do |name, stop|
@@ -141,10 +143,13 @@ class InterruptTest < ExtTest
   CHANGES = {
     "Integers" => ["[7] * 200_000", "it.clear; it.concat([8] * 100_000); it.push(*[9] * 100)"],
     "members" => ["['t', nil, 2.5] * 20_000", "it.pop(30_000); it.concat([[1]] * 40_000)"],
-    "arrays" => ["Array.new(2_000) { [0.5] * 50 }", "it.each { |a| a.replace([1]) }; it.shift(100); it.concat([[nil] * 70] * 100)"],
-    "entries" => ["Hash[(0...60_000).map { |i| [[i], 'text'] }]", "it.each_key { |k| it.delete(k) if k[0] % 7 == 0 }; GC.start"],
+    "arrays" => ["Array.new(2_000) { [0.5] * 50 }",
+                 "it.each { |a| a.replace([1]) }; it.shift(100); it.concat([[nil] * 70] * 100)"],
+    "entries" => ["Hash[(0...60_000).map { |i| [[i], 'text'] }]",
+                  "it.each_key { |k| it.delete(k) if k[0] % 7 == 0 }; GC.start"],
     "a long String" => ["'t' * 50_000_000", "it.replace('u' * 50_000_000); it.clear; it << 't' * 50_000_000"],
-    "a Hash's each" => ["[{ 1 => 2 }, nil] * 40_000", "Hash.class_eval { alias_method :each, :each_value; alias_method :each, :plain }"]
+    "a Hash's each" => ["[{ 1 => 2 }, nil] * 40_000",
+                        "Hash.class_eval { alias_method :each, :each_value; alias_method :each, :plain }"]
   }.freeze
 
   CHANGES.each do |name, (value, change)|
@@ -192,8 +197,8 @@ class InterruptTest < ExtTest
     assert_runs(<<-'RUBY')
       buf = PacketBuf.new
       blocks = []
-      uses = [-> { buf.write_raw("\x00") }, -> { buf << [nil] }, -> { buf.seek(buf.pos) }, -> { buf.to_str }, -> { GC.start },
-              -> { PacketBuf.new << [1] * 40_000 }, -> { blocks.clear }]
+      uses = [-> { buf.write_raw("\x00") }, -> { buf << [nil] }, -> { buf.seek(buf.pos) }, -> { buf.to_str },
+              -> { GC.start }, -> { PacketBuf.new << [1] * 40_000 }, -> { blocks.clear }]
       value = [[nil] * 30_000, { "k" => [1] * 50_000 }, "t" * 20_000_000]
       20.times do |round|
         count = 0

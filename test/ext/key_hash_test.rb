@@ -2,8 +2,8 @@
 
 require_relative "helper"
 
-# The `hash` of a key, which is Ruby code in the middle of reading. Whatever it does ends in a Ruby exception or in the right
-# result.
+# `hash` of a key is Ruby code that runs in the middle of decoding: it can change the buffer that is being read.
+# Decoding raises a Ruby exception or returns the right result.
 class KeyHashTest < ExtTest
   # Array#hash that does something first, once.
   module HashHook
@@ -69,7 +69,8 @@ class KeyHashTest < ExtTest
 
   # Storage that moves under a reader, and changes where it is now: behind the Hash of the key, in its outer containers.
   def test_keys_that_move_the_buffer_and_change_it
-    { "0a 08 0a 81 0b 82 09 87 0b" => [[{ [1] => 2 }, 9], 7], "0a 08 0a 81 0b 82 09 07 01 61 0b" => [[{ [1] => 2 }, "!"], 9],
+    { "0a 08 0a 81 0b 82 09 87 0b" => [[{ [1] => 2 }, 9], 7],
+      "0a 08 0a 81 0b 82 09 07 01 61 0b" => [[{ [1] => 2 }, "!"], 9],
       "08 88 08 0a 81 0b 82 09 87 81 09" => [{ 8 => { [1] => 2 }, 9 => 1 }, 8] }.each do |text, (expected, index)|
       buf = buf_of(hex(text))
       HashHook.body = lambda do
@@ -94,9 +95,11 @@ class KeyHashTest < ExtTest
 
   # Lengths and depths are checked again where bytes have become others since the first check.
   def test_keys_that_overwrite_up_to_the_bounds
-    { "0a 08 0a 81 0b 82 09 07 01 61 0b" => [8, "03", "decode_next_packetbuf_rbstr: buffer underrun extracting data bytes"],
+    underrun = "decode_next_packetbuf_rbstr: buffer underrun extracting data bytes"
+    too_deep = "decode_next_packetbuf_rbobj: maxdepth exceeded"
+    { "0a 08 0a 81 0b 82 09 07 01 61 0b" => [8, "03", underrun],
       "08 81 08 0a 81 0b 82 09 83 07 06 61 61 61 61 61 61 09" =>
-        [9, "0a 0a 0a 0a 0b 0b 0b 0b", "decode_next_packetbuf_rbobj: maxdepth exceeded"] }.each do |text, (index, bytes, error)|
+        [9, "0a 0a 0a 0a 0b 0b 0b 0b", too_deep] }.each do |text, (index, bytes, error)|
       buf = buf_of(hex(text))
       buf.maxdepth = 4
       HashHook.body = -> { buf.seek(index).write_raw(hex(bytes)) }

@@ -67,8 +67,9 @@ class MemoryTest < ExtTest
     assert_operator told[1], :<=, 200_000
   end
 
-  # What buffers that are gone had stored counts no longer: full collections would come ever again for it. (Where the
-  # extension counts by itself, before 2.4, they would come ever more rarely: it lets grow what it believes to be in use.)
+  # The memory of freed buffers must be taken off the account, or it would trigger full collections over and over.
+  # (Before Ruby 2.4, where the extension keeps the account, collections would become too rare instead: its threshold
+  # follows the memory that it takes to be in use.)
   def test_freed_storage_is_taken_off_the_account
     skip_under_sanitizers
     full, all = run_ruby(<<-'RUBY').split.map { |number| Integer(number) }
@@ -140,8 +141,8 @@ class MemoryTest < ExtTest
 
   def test_failing_decodes
     assert_grows_little <<-RUBY
-      bytes = ["", "\\xa0", "\\x07\\x05ab", "\\x03", "\\x04", "\\x08\\x81\\x82", "\\x0a\\x81", "\\x7f", "\\x0a" * 65, "\\x07",
-               "\\x0a\\x07\\x01a\\x06\\x01\\xff\\x0b", "\\x0a" + "\\x0a\\x0b" * 100]
+      bytes = ["", "\\xa0", "\\x07\\x05ab", "\\x03", "\\x04", "\\x08\\x81\\x82", "\\x0a\\x81", "\\x7f",
+               "\\x0a" * 65, "\\x07", "\\x0a\\x07\\x01a\\x06\\x01\\xff\\x0b", "\\x0a" + "\\x0a\\x0b" * 100]
       bufs = bytes.map do |b|
         buf = PacketBuf.new.write_raw(b)
         buf.preserve_symbols_on_extract = true
@@ -270,7 +271,8 @@ class MemoryTest < ExtTest
       no_memory { buf.seek(2**32 - 1).write_raw("x") }
       own = Class.new(Hash) { def each; yield 1, 2; end }.new
       no_memory { buf.seek(2**32 - 1) << own }
-      no_memory { buf.seek(0) << Class.new(Hash) { define_method(:each) { |&block| buf.seek(2**32 - 1); block.call(1, 2) } }.new }
+      moving = Class.new(Hash) { define_method(:each) { |&block| buf.seek(2**32 - 1); block.call(1, 2) } }.new
+      no_memory { buf.seek(0) << moving }
       abort "lost" unless buf.payload_size == 6 && buf.seek(6).to_str == "\\x08\\x04kept".b
       frame = PacketFrameOut.new
       no_memory { frame.seek(2**32 - 1) << 1 }
@@ -300,7 +302,8 @@ class MemoryTest < ExtTest
       no_memory { frame.assemble("more", 0) }
       abort "complete" if frame.have_complete_frame?
       frame.reset
-      abort "unusable" unless frame.assemble("\\xa5\\x01\\0\\x07\\0\\0\\0\\x01\\x81", 0) == 9 && frame.have_complete_frame?
+      consumed = frame.assemble("\\xa5\\x01\\0\\x07\\0\\0\\0\\x01\\x81", 0)
+      abort "unusable" unless consumed == 9 && frame.have_complete_frame?
       abort "value" unless frame.seek_payload_start.extract_object == 1
     RUBY
   end

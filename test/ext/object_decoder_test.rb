@@ -166,8 +166,8 @@ class ObjectDecoderTest < ExtTest
     end
   end
 
-  # A Hash that is indexed anew for every few pairs costs the square of its pairs, or, with keys that all look the same to
-  # it, their cube. Stored one by one, each key is compared with those before it, once.
+  # Inserting pair by pair compares each key once with those before it. Inserting in batches, each of which makes the
+  # Hash rehash all its keys, would be quadratic in the pairs, and cubic if all hashes of the keys collide.
   def test_the_cost_of_large_hashes
     comparisons = run_ruby(<<-'RUBY').to_i
       $compared = 0
@@ -363,7 +363,8 @@ class ObjectDecoderTest < ExtTest
   # --- every cut, and anything at all --------------------------------------------------------------------
 
   SAMPLES = [
-    [1, -2**63, 2**62, 1.5, nil, [true, [false]], "text", "bytes".b, :symbol], { "key" => { [1] => "x" * 130 }, 2 => [] },
+    [1, -2**63, 2**62, 1.5, nil, [true, [false]], "text", "bytes".b, :symbol],
+    { "key" => { [1] => "x" * 130 }, 2 => [] },
     [[[[]]], {}, { {} => {} }], "x" * 200, { "a" => 1.5, "b" => -2**31, :c => "\u00e9" }
   ].freeze
 

@@ -60,6 +60,7 @@ class ObjectStateTest < ExtTest
       end
       puts frame.to_str.unpack("H*")
     RUBY
-    assert_equal "packetbuf_copy_object: destination buffer must be PacketBuf or PacketFrameOut\n0a810b\n", run_ruby(code)
+    refusal = "packetbuf_copy_object: destination buffer must be PacketBuf or PacketFrameOut"
+    assert_equal "#{refusal}\n0a810b\n", run_ruby(code)
   end
 end

@@ -4,8 +4,8 @@ require_relative "helper"
 require_relative "own_each"
 require_relative "ruby_process"
 
-# Hashes with an `each` of their own, which is Ruby code in the middle of writing. Whatever it does ends in a Ruby exception
-# or in the right result.
+# An overridden `each` of a Hash is Ruby code that runs in the middle of encoding: it can change the buffer and the
+# containers that are being written. Encoding raises a Ruby exception or writes the right bytes.
 class OverriddenEachTest < ExtTest
   include RubyProcess
 
@@ -40,7 +40,8 @@ class OverriddenEachTest < ExtTest
     "yield [1, 2], 3" => "08 0a 81 82 0b 83 09", "yield [1, 2].freeze" => "08 81 82 09",
     "yield [1, 2, 3]" => "08 81 82 09", "yield [1]" => "08 81 00 09", "yield []" => "08 00 00 09",
     "yield [[1, 2]]" => "08 0a 81 82 0b 00 09", "yield [nil, 2, [3]]; yield [4]" => "08 00 82 84 00 09",
-    "yield [1, 2] + [Object.new] * 1000" => "08 81 82 09", "yield nil, nil" => "08 00 00 09", "yield [[1, 2], { 3 => 4 }]" => "08 0a 81 82 0b 08 83 84 09 09",
+    "yield [1, 2] + [Object.new] * 1000" => "08 81 82 09", "yield nil, nil" => "08 00 00 09",
+    "yield [[1, 2], { 3 => 4 }]" => "08 0a 81 82 0b 08 83 84 09 09",
     "[[1, 2], [3, 4]].each { |pair| yield pair; break }" => "08 81 82 09",
     "[[1, 2], [3, 4]].each { |pair| yield pair; return }" => "08 81 82 09",
     "{ 1 => 2 }.each { |*pair| yield(*pair) }" => "08 81 82 09",
@@ -72,7 +73,8 @@ class OverriddenEachTest < ExtTest
     def singleton.each; yield 5, 6; end
     extended = { 1 => 2 }.extend(Module.new { def each; yield 7, 8; end })
     prepended = Class.new(Hash) { prepend(Module.new { def each; yield 7, 8; end }) }[1, 2]
-    assert_equal ["08 85 86 09", "08 87 88 09", "08 87 88 09"], [singleton, extended, prepended].map { |hash| encode(hash) }
+    assert_equal ["08 85 86 09", "08 87 88 09", "08 87 88 09"],
+                 [singleton, extended, prepended].map { |hash| encode(hash) }
   end
 
   def test_each_that_is_an_alias
@@ -85,13 +87,16 @@ class OverriddenEachTest < ExtTest
     assert_raises_with(RuntimeError, NO_PAIR) { @buf << keys[1, 2] }
   end
 
-  # Every built-in way of walking a Hash passes for `each` somewhere. What each does stands beside it, for { [1] => [2] }.
+  # Any method of Hash that iterates can be made its `each` by an alias: the encoding of { [1] => [2] } shows which one
+  # was called. nil: the method calls `each` itself, without end.
   ALIASES = {
-    "class Hash; alias_method :each, :each_key; end" => "08810009", "class Hash; alias each each_value; end" => "08820009",
+    "class Hash; alias_method :each, :each_key; end" => "08810009",
+    "class Hash; alias each each_value; end" => "08820009",
     "class Hash; alias_method :each, :each_pair; end" => "080a810b0a820b09",
     "class Hash; alias old each; alias each each_key; alias each old; end" => "080a810b0a820b09",
     "Hash.prepend(Module.new { include Enumerable; alias_method :each, :each_entry })" => nil,
-    "Walking = Module.new { include Enumerable }; Hash.prepend(Walking); Walking.class_eval { alias each reverse_each }" => nil,
+    "Walking = Module.new { include Enumerable }; Hash.prepend(Walking); " \
+      "Walking.class_eval { alias each reverse_each }" => nil,
     "class << HASH; alias_method :each, :each_key; end" => "08810009",
     "HASH.extend(Module.new { def each; each_value { |v| yield v }; end })" => "08820009"
   }.freeze
@@ -212,7 +217,8 @@ class OverriddenEachTest < ExtTest
   end
 
   def test_each_that_never_ends_is_timed_out
-    assert_raises(Timeout::Error) { Timeout.timeout(0.1) { @buf << OwnEach.new { |block| loop { @buf.reset; block.call(1, 2) } } } }
+    endless = OwnEach.new { |block| loop { @buf.reset; block.call(1, 2) } }
+    assert_raises(Timeout::Error) { Timeout.timeout(0.1) { @buf << endless } }
     assert_usable @buf
   end
 
@@ -436,10 +442,12 @@ class OverriddenEachTest < ExtTest
   # --- containers changed while they are written ---------------------------------------------------------
 
   def test_array_changed_while_it_is_written
-    { ->(array) { array.clear } => "0a 08 09 00 00 0b", ->(array) { array.pop } => "0a 08 09 82 00 0b",
-      ->(array) { array.concat([7] * 10_000) } => "0a 08 09 82 83 0b", ->(array) { array[1] = "x" } => "0a 08 09 07 01 78 83 0b",
-      ->(array) { array.replace([5, 6, 7, 8]) } => "0a 08 09 86 87 0b", ->(array) { array.shift } => "0a 08 09 83 00 0b"
-    }.each do |change, bytes|
+    { ->(array) { array.clear } => "0a 08 09 00 00 0b",
+      ->(array) { array.pop } => "0a 08 09 82 00 0b",
+      ->(array) { array.concat([7] * 10_000) } => "0a 08 09 82 83 0b",
+      ->(array) { array[1] = "x" } => "0a 08 09 07 01 78 83 0b",
+      ->(array) { array.replace([5, 6, 7, 8]) } => "0a 08 09 86 87 0b",
+      ->(array) { array.shift } => "0a 08 09 83 00 0b" }.each do |change, bytes|
       array = []
       array.push(OwnEach.new { change.call(array) }, 2, 3)
       assert_equal bytes, encode(array)
@@ -447,9 +455,10 @@ class OverriddenEachTest < ExtTest
   end
 
   def test_hash_changed_while_it_is_written
-    { ->(hash) { hash.delete(2) } => "08 81 08 09 83 84 09", ->(hash) { hash.delete(1) } => "08 81 08 09 82 83 83 84 09",
-      ->(hash) { hash.clear } => "08 81 08 09 09", ->(hash) { hash[2] = 9 } => "08 81 08 09 82 89 83 84 09"
-    }.each do |change, bytes|
+    { ->(hash) { hash.delete(2) } => "08 81 08 09 83 84 09",
+      ->(hash) { hash.delete(1) } => "08 81 08 09 82 83 83 84 09",
+      ->(hash) { hash.clear } => "08 81 08 09 09",
+      ->(hash) { hash[2] = 9 } => "08 81 08 09 82 89 83 84 09" }.each do |change, bytes|
       hash = {}
       hash.update(1 => OwnEach.new { change.call(hash) }, 2 => 3, 3 => 4)
       assert_equal bytes, encode(hash)
@@ -500,7 +509,11 @@ class OverriddenEachTest < ExtTest
     frame.reset << OwnEach.new { |block| frame.compute_frame_header; block.call(1, 2) }
     assert_equal 16, frame.pos
     inbound = PacketFrameIn.new.reset
-    inbound << OwnEach.new { |block| inbound.reset; inbound.assemble(hex("a5 01 00 00 00 00 00 01 81"), 0); block.call(1, 2) }
+    inbound << OwnEach.new do |block|
+      inbound.reset
+      inbound.assemble(hex("a5 01 00 00 00 00 00 01 81"), 0)
+      block.call(1, 2)
+    end
     assert_predicate inbound, :have_complete_frame?
   end
 

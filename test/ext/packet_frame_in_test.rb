@@ -327,7 +327,8 @@ class PacketFrameInTest < ExtTest
   def test_values_are_read_inside_the_payload_only
     @frame.assemble(AB, 0)
     [0, 7, 10, 2**32 - 1].each do |pos|
-      assert_raises_with(RuntimeError, "decode_next_packetbuf_rbobj: buffer underrun") { @frame.seek(pos).extract_object }
+      underrun = "decode_next_packetbuf_rbobj: buffer underrun"
+      assert_raises_with(RuntimeError, underrun) { @frame.seek(pos).extract_object }
       assert_equal pos, @frame.pos
     end
   end

@@ -144,7 +144,8 @@ class PacketFrameOutTest < ExtTest
     @frame.write_raw("x")
     assert_raises_with(RuntimeError, oversize(16_777_216, 16_777_215)) { @frame.compute_frame_header }
     assert_equal 16_777_228, @frame.pos
-    assert_equal "a5 00 00 00 ff ff ff de ad be ef 5a 78", to_hex(@frame.to_str[0, 13]), "an oversize frame is left alone"
+    assert_equal "a5 00 00 00 ff ff ff de ad be ef 5a 78", to_hex(@frame.to_str[0, 13]),
+                 "the header before the failure is kept"
   end
 
   # The header is computed from the position alone: no payload has to exist for that.

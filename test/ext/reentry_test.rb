@@ -28,7 +28,8 @@ class ReentryTest < ExtTest
     BYTES = "\x0a\x08\x0a\x81\x0b\x81\x09".b + "\x0a\x81\x82\x83\x0b".b * ARRAYS + "\x08\x0a\x82\x0b\x82\x09\x0b".b
     BUF = PacketBuf.new.write_raw(BYTES)
     def right?(value)
-      value.first == { [1] => 1 } && value.last == { [2] => 2 } && value[1...-1].all? { |it| it == [1, 2, 3] || it.is_a?(Hash) }
+      value.first == { [1] => 1 } && value.last == { [2] => 2 } &&
+        value[1...-1].all? { |it| it == [1, 2, 3] || it.is_a?(Hash) }
     end
     # What would be handed out again, were it free.
     def fill
@@ -158,7 +159,8 @@ class ReentryTest < ExtTest
     assert_equal "done\n", run_ruby(<<-RUBY)
       #{TAKE}
       verify = -> { GC.verify_compaction_references(toward: :empty) }
-      bytes = (PacketBuf.new << [{ "a" * 40 => 1, ["key"] => { [2.5e300] => "v" * 40 }, { 1 => 2 } => [["x"]], [1] => 2 }] * 3).to_str
+      keyed = { "a" * 40 => 1, ["key"] => { [2.5e300] => "v" * 40 }, { 1 => 2 } => [["x"]], [1] => 2 }
+      bytes = (PacketBuf.new << [keyed] * 3).to_str
       5.times do
         buf = PacketBuf.new.write_raw(bytes).seek(0)
         plain = buf.extract_object
@@ -193,14 +195,17 @@ class ReentryTest < ExtTest
     plain = PacketBuf.new.write_raw(bytes).seek(0).extract_object
     collect = [-> { GC.start }]
     collect << -> { GC.compact } if GC.respond_to?(:compact) && (GC.compact rescue nil)
-    collect << -> { GC.verify_compaction_references(toward: :empty) } if collect.size > 1 && GC.respond_to?(:verify_compaction_references)
+    if collect.size > 1 && GC.respond_to?(:verify_compaction_references)
+      collect << -> { GC.verify_compaction_references(toward: :empty) }
+    end
     waiting = []
     counts = Hash.new(0)
     buf = nil
     after = lambda { |n, work| lambda { n == 0 ? work.call : Hook.body = after.call(n - 1, work) } }
     actions = {
       raise: -> { raise IOError, "key" }, throw: -> { throw :out, :thrown }, yield: -> { Fiber.yield :left },
-      read: -> { buf.seek(0).extract_object }, reset: -> { buf.reset }, copy: -> { buf.seek(0).copy_object(PacketBuf.new) },
+      read: -> { buf.seek(0).extract_object }, reset: -> { buf.reset },
+      copy: -> { buf.seek(0).copy_object(PacketBuf.new) },
       grow: -> { buf.seek(bytes.bytesize).write_raw("g" * 200_000) },
       write: -> { buf.seek(random.rand(bytes.bytesize)).write_raw(random.bytes(1 + random.rand(9))) },
       collect: -> { collect[random.rand(20) == 0 ? random.rand(collect.size) : 0].call }, drop: -> { buf = nil },
@@ -244,7 +249,10 @@ class ReentryTest < ExtTest
               end
       abort "step #{i}, #{name}: #{found.inspect[0, 200]}" unless right
       if waiting.size > 20 # some go on, the others are dropped
-        waiting.shuffle!(random: random).pop(5).each { |f, _| abort "resumed" unless [plain, FiberError].any? { |w| w === f.resume } if f.alive? }
+        waiting.shuffle!(random: random).pop(5).map(&:first).select(&:alive?).each do |fiber|
+          result = fiber.resume
+          abort "resumed" unless [plain, FiberError].any? { |wanted| wanted === result }
+        end
         waiting.clear
       end
       Hook.body = nil
@@ -255,7 +263,8 @@ class ReentryTest < ExtTest
 
   def test_random_keys
     steps = ENV.fetch("VORN_STEPS", "3000").to_i
-    out, = run_ruby_with_errors("#{TAKE}SEED = #{ENV.fetch('VORN_SEED', '1')}\nSTEPS = #{steps}\n#{STEPS}", "-W0", "-rcontinuation")
+    code = "#{TAKE}SEED = #{ENV.fetch("VORN_SEED", "1")}\nSTEPS = #{steps}\n#{STEPS}"
+    out, = run_ruby_with_errors(code, "-W0", "-rcontinuation")
     assert_equal "#{steps}\n", out
   end
 
@@ -280,7 +289,8 @@ class ReentryTest < ExtTest
           found = frame.extract_object
           assert_equal [kept, 10 + length], [found.b, frame.pos], "length #{length}"
         else
-          assert_raises_with(RuntimeError, "decode_next_packetbuf_rbstr: buffer underrun extracting data bytes") { frame.extract_object }
+          underrun = "decode_next_packetbuf_rbstr: buffer underrun extracting data bytes"
+          assert_raises_with(RuntimeError, underrun) { frame.extract_object }
         end
       end
     end

@@ -7,7 +7,12 @@ require_relative "ruby_process"
 class RegistrationTest < ExtTest
   include RubyProcess
 
-  TREE = { PacketBuf => Object, PacketFrame => PacketBuf, PacketFrameIn => PacketFrame, PacketFrameOut => PacketFrame }.freeze
+  TREE = {
+    PacketBuf => Object,
+    PacketFrame => PacketBuf,
+    PacketFrameIn => PacketFrame,
+    PacketFrameOut => PacketFrame
+  }.freeze
 
   PUBLIC_METHODS = {
     PacketBuf => {
@@ -33,7 +38,8 @@ class RegistrationTest < ExtTest
   def test_class_tree
     TREE.each { |klass, superclass| assert_equal [Class, superclass], [klass.class, klass.superclass], klass }
     assert_equal [Module, Module], [VORN.class, VORN::PROTO.class]
-    assert_equal TREE.keys.map(&:name), %w[PacketBuf PacketFrame PacketFrameIn PacketFrameOut].map { |n| "VORN::PROTO::#{n}" }
+    assert_equal TREE.keys.map(&:name),
+                 %w[PacketBuf PacketFrame PacketFrameIn PacketFrameOut].map { |name| "VORN::PROTO::#{name}" }
   end
 
   def test_no_other_constants
@@ -103,13 +109,15 @@ class RegistrationTest < ExtTest
     [PacketBuf, PacketFrameIn, PacketFrameOut, OwnBuf].each do |klass|
       buf = klass.new << 1
       [:dup, :clone].each { |name| assert_raises_with(TypeError, "can't copy #{klass}") { buf.send(name) } }
-      assert_match(/no _dump_data is defined for class #{klass}/, assert_raises(TypeError) { Marshal.dump(buf) }.message)
+      refusal = assert_raises(TypeError) { Marshal.dump(buf) }
+      assert_match(/no _dump_data is defined for class #{klass}/, refusal.message)
     end
   end
 
   def test_nothing_is_copied_over_an_object
     buf = PacketBuf.new << 1
-    assert_raises_with(TypeError, "can't copy VORN::PROTO::PacketBuf") { buf.send(:initialize_copy, PacketBuf.new << 2) }
+    other = PacketBuf.new << 2
+    assert_raises_with(TypeError, "can't copy VORN::PROTO::PacketBuf") { buf.send(:initialize_copy, other) }
     assert_equal "\x81".b, buf.to_str
   end
 

@@ -11,10 +11,12 @@ end
 # The signatures in sig/ and the methods that there are say the same, both ways.
 class SignaturesTest < Minitest::Test
   FOLDER = File.expand_path("../../sig", __dir__)
-  CLASSES = [VORN::PROTO::PacketBuf, VORN::PROTO::PacketFrame, VORN::PROTO::PacketFrameOut, VORN::PROTO::PacketFrameIn].freeze
+  CLASSES = [
+    VORN::PROTO::PacketBuf, VORN::PROTO::PacketFrame, VORN::PROTO::PacketFrameOut, VORN::PROTO::PacketFrameIn
+  ].freeze
 
-  # Read before the first test: the parser of rbs 2.1 does not survive it when the collector moves objects, as other tests
-  # make it do.
+  # Parsed before the first test runs: other tests compact the heap, and the parser of rbs 2.1 crashes when its objects
+  # are moved.
   if defined?(RBS::EnvironmentLoader)
     loader = RBS::EnvironmentLoader.new
     loader.add(path: Pathname(FOLDER))
@@ -42,7 +44,9 @@ class SignaturesTest < Minitest::Test
 
   def test_every_type_is_known
     builder = self.builder
-    CLASSES.each { |mod| builder.build_instance(type_name(mod)).each_type { |type| builder.validate_type_presence(type) } }
+    CLASSES.each do |mod|
+      builder.build_instance(type_name(mod)).each_type { |type| builder.validate_type_presence(type) }
+    end
   end
 
   def test_methods
@@ -71,7 +75,8 @@ class SignaturesTest < Minitest::Test
 
   def test_superclasses_and_constants
     CLASSES.each do |mod|
-      assert_equal mod.superclass.name, builder.ancestor_builder.one_instance_ancestors(type_name(mod)).super_class.name.to_s.sub(/\A::/, ""), mod.name
+      declared = builder.ancestor_builder.one_instance_ancestors(type_name(mod)).super_class.name.to_s
+      assert_equal mod.superclass.name, declared.sub(/\A::/, ""), mod.name
     end
     declared = ENVIRONMENT.constant_decls.keys.map(&:to_s).grep(/\A::VORN::/).sort
     own = [VORN, VORN::PROTO, *CLASSES].flat_map { |mod| mod.constants(false).map { |name| "::#{mod}::#{name}" } }
@@ -94,8 +99,9 @@ class SignaturesTest < Minitest::Test
       [buf, :to_str], [buf, :seek_payload_start], [buf, :index_within_payload?, 0], [buf, :payload_size],
       [buf, :maxdepth], [buf, :maxdepth=, 3], [buf, :preserve_symbols_on_extract],
       [buf, :preserve_symbols_on_extract=, true], [out, :next_seq], [out, :next_seq=, 7], [out, :inc_seq],
-      [out, :use_12byte_header=, nil], [out, :compute_frame_header], [out, :using_12byte_header?], [out, :configured_header_len],
-      [out, :configured_max_data_len], [frame, :assemble, stream, 0], [frame, :have_complete_frame?], [frame, :seq]
+      [out, :use_12byte_header=, nil], [out, :compute_frame_header], [out, :using_12byte_header?],
+      [out, :configured_header_len], [out, :configured_max_data_len], [frame, :assemble, stream, 0],
+      [frame, :have_complete_frame?], [frame, :seq]
     ]
     checked = calls.map do |receiver, name, *arguments|
       result = receiver.__send__(name, *arguments)
@@ -112,7 +118,8 @@ class SignaturesTest < Minitest::Test
     when "bool" then [true, false].include?(result)
     when "Integer", "::Integer" then result.is_a?(Integer)
     when "String", "::String" then result.is_a?(String)
-    when "::VORN::value" then [NilClass, TrueClass, FalseClass, Integer, Float, String, Symbol, Array, Hash].any? { |c| c === result }
+    when "::VORN::value"
+      [NilClass, TrueClass, FalseClass, Integer, Float, String, Symbol, Array, Hash].any? { |c| c === result }
     when "untyped" then true
     end
   end
