@@ -1,6 +1,7 @@
 # frozen_string_literal: true
 
 require "vorn_rpc_ext"
+require_relative "../support/hex"
 require_relative "cost_meter"
 
 # What docs/operations/threat-model.md gives a figure for. Each row is measured in a process of its own, whose program
@@ -11,10 +12,6 @@ module CostRows
   include VORN::PROTO
 
   class << self
-    def bytes(hex)
-      [hex.delete(" ")].pack("H*")
-    end
-
     # An array of so many of these that it takes `size` bytes.
     def array_of(unit, size)
       "\x0A".b + unit * [(size - 2) / unit.bytesize, 1].max + "\x0B".b
@@ -66,7 +63,7 @@ module CostRows
   }.freeze
 
   MEMORY = UNITS.map do |name, unit|
-    [name, ->(size, _) { decode(array_of(bytes(unit), size)) }]
+    [name, ->(size, _) { decode(array_of(Hex.decode(unit), size)) }]
   end.to_h
 
   # Names of three bytes, no two the same.

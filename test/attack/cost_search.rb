@@ -16,7 +16,7 @@ class CostSearch
     tried = (1..longest).flat_map { |bytes| values(bytes) }.map { |value| [times(value), value] }
     puts "Ruby #{RUBY_VERSION}, #{tried.size} values, each filling #{@size} bytes; the worst:"
     tried.sort.reverse.first(SHOWN).each do |times, value|
-      puts format("%7.1f times  %s", times, value.unpack("H*")[0].scan(/../).join(" ").upcase)
+      puts format("%7.1f times  %s", times, Hex.encode(value).upcase)
     end
   end
 

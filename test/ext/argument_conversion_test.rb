@@ -75,7 +75,7 @@ class ArgumentConversionTest < ExtTest
   end
 
   def test_maxdepth_that_uses_the_buffer
-    buf = buf_of(hex("0a 81 82 0b 83"))
+    buf = buf_of(Hex.decode("0a 81 82 0b 83"))
     buf.maxdepth = OwnInteger.new(64) { buf.seek(4) }
     assert_equal 3, buf.extract_object, "the position counts after the conversion"
     buf.maxdepth = OwnInteger.new(64) { buf.seek(5).write_raw(MEGABYTES).seek(0) }

@@ -74,7 +74,7 @@ class ConcurrencyTest < ExtTest
     fiber.resume
     buf << [6] * 40_000
     fiber.resume
-    assert_equal "08 85 81 82 0a #{'86 ' * 40_000}0b 83 84 09", to_hex(buf.to_str)
+    assert_equal "08 85 81 82 0a #{'86 ' * 40_000}0b 83 84 09", Hex.encode(buf.to_str)
   end
 
   def test_a_buffer_of_several_threads
@@ -167,7 +167,7 @@ class ConcurrencyTest < ExtTest
     frame.assemble(stream[0, stream.bytesize / 2], 0)
     finish = lambda do |name|
       frame.assemble(stream[stream.bytesize / 2..-1], 0)
-      [frame.seek_payload_start.extract_object, to_hex((out << name).compute_frame_header.to_str)]
+      [frame.seek_payload_start.extract_object, Hex.encode((out << name).compute_frame_header.to_str)]
     end
     child = in_a_fork { finish.call("child") }
     assert_equal [PAIRS, out_frame("first", "child")], child
@@ -182,7 +182,7 @@ class ConcurrencyTest < ExtTest
     parent = Process.pid
     written = catch(:child) { (buf << value).to_str }
     assert_equal parent, Process.pid
-    assert_equal ["08 81 82 09", :in_the_child], [to_hex(written), child]
+    assert_equal ["08 81 82 09", :in_the_child], [Hex.encode(written), child]
   end
 
   # What the block returns in a child process.
@@ -206,7 +206,7 @@ class ConcurrencyTest < ExtTest
     frame = PacketFrameOut.new
     frame.reset
     values.each { |value| frame << value }
-    to_hex(frame.compute_frame_header.to_str)
+    Hex.encode(frame.compute_frame_header.to_str)
   end
 
   # --- Ractors -------------------------------------------------------------------------------------------

@@ -12,12 +12,12 @@ class CopyObjectTest < ExtTest
   end
 
   def test_copies_byte_for_byte
-    from = buf_of(hex("0a 81 0b 82"))
+    from = buf_of(Hex.decode("0a 81 0b 82"))
     to = PacketBuf.new
     assert_same from, from.copy_object(to)
-    assert_equal ["0a 81 0b", 3, 3], [to_hex(to.to_str), from.pos, to.pos]
+    assert_equal ["0a 81 0b", 3, 3], [Hex.encode(to.to_str), from.pos, to.pos]
     from.copy_object(to)
-    assert_equal ["0a 81 0b 82", 4, 4], [to_hex(to.to_str), from.pos, to.pos]
+    assert_equal ["0a 81 0b 82", 4, 4], [Hex.encode(to.to_str), from.pos, to.pos]
   end
 
   # Forms that reading and writing again would change: negative zero, floats of 32 bits, needless groups, symbols,
@@ -25,8 +25,8 @@ class CopyObjectTest < ExtTest
   def test_copies_what_the_writer_would_write_otherwise
     ["c0", "03 3f c0 00 00", "a5 80 00", "06 01 61", "07 81 00 61", "08 81 82 81 83 09", "06 01 ff"].each do |text|
       to = PacketBuf.new
-      buf_of(hex(text)).copy_object(to)
-      assert_equal text, to_hex(to.to_str)
+      buf_of(Hex.decode(text)).copy_object(to)
+      assert_equal text, Hex.encode(to.to_str)
     end
   end
 
@@ -41,17 +41,17 @@ class CopyObjectTest < ExtTest
 
   def test_writes_at_the_destinations_position
     to = PacketBuf.new.write_raw("------").seek(2)
-    buf_of(hex("07 01 61")).copy_object(to)
+    buf_of(Hex.decode("07 01 61")).copy_object(to)
     assert_equal 5, to.pos
-    assert_equal "2d 2d 07 01 61 2d", to_hex(to.seek(6).to_str)
-    buf_of(hex("81")).copy_object(to.seek(8))
-    assert_equal "2d 2d 07 01 61 2d 00 00 81", to_hex(to.to_str)
+    assert_equal "2d 2d 07 01 61 2d", Hex.encode(to.seek(6).to_str)
+    buf_of(Hex.decode("81")).copy_object(to.seek(8))
+    assert_equal "2d 2d 07 01 61 2d 00 00 81", Hex.encode(to.to_str)
   end
 
   def test_copies_into_an_outbound_frame
     frame = PacketFrameOut.new.reset
-    buf_of(hex("07 01 61")).copy_object(frame)
-    assert_equal "a5 01 00 00 00 00 00 03 07 01 61", to_hex(frame.compute_frame_header.to_str)
+    buf_of(Hex.decode("07 01 61")).copy_object(frame)
+    assert_equal "a5 01 00 00 00 00 00 03 07 01 61", Hex.encode(frame.compute_frame_header.to_str)
   end
 
   def test_copies_from_any_class
@@ -59,7 +59,7 @@ class CopyObjectTest < ExtTest
     (OwnBuf.new << 1).seek(0).copy_object(into)
     frame = PacketFrameOut.new.reset << 2
     frame.seek(8).copy_object(into)
-    assert_equal "81 82", to_hex(into.to_str)
+    assert_equal "81 82", Hex.encode(into.to_str)
   end
 
   def test_refuses_other_destinations
@@ -85,15 +85,15 @@ class CopyObjectTest < ExtTest
 
   def test_nothing_is_written_when_the_value_is_refused
     to = PacketBuf.new << 7
-    from = buf_of(hex("0a 81 0a 7f"))
+    from = buf_of(Hex.decode("0a 81 0a 7f"))
     unknown = "decode_next_packetbuf_rbobj: unrecognized protocol transport type"
     assert_raises_with(RuntimeError, unknown) { from.copy_object(to) }
-    assert_equal [4, 1, "87"], [from.pos, to.pos, to_hex(to.to_str)]
+    assert_equal [4, 1, "87"], [from.pos, to.pos, Hex.encode(to.to_str)]
     assert_equal 1, to.payload_size
   end
 
   def test_follows_the_limit_of_the_receiver
-    from = buf_of(hex("0a 0a 81 0b 0b"))
+    from = buf_of(Hex.decode("0a 0a 81 0b 0b"))
     to = PacketBuf.new
     to.maxdepth = 0
     from.maxdepth = 2
@@ -116,15 +116,15 @@ class CopyObjectTest < ExtTest
   # --- a buffer into itself ------------------------------------------------------------------------------
 
   def test_a_buffer_may_be_its_own_destination
-    buf = buf_of(hex("0a 81 0b"))
+    buf = buf_of(Hex.decode("0a 81 0b"))
     assert_same buf, buf.copy_object(buf)
-    assert_equal ["0a 81 0b 0a 81 0b", 6], [to_hex(buf.to_str), buf.pos]
+    assert_equal ["0a 81 0b 0a 81 0b", 6], [Hex.encode(buf.to_str), buf.pos]
   end
 
   def test_its_own_bytes_may_be_overwritten
-    buf = buf_of(hex("0a 81 0b 82 83 84 85"))
+    buf = buf_of(Hex.decode("0a 81 0b 82 83 84 85"))
     buf.copy_object(buf)
-    assert_equal "0a 81 0b 0a 81 0b 85", to_hex(buf.seek(7).to_str)
+    assert_equal "0a 81 0b 0a 81 0b 85", Hex.encode(buf.seek(7).to_str)
   end
 
   # Storage moves while the bytes are copied out of it: at the end of the first 65536 bytes, and at that of the

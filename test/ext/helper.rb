@@ -18,20 +18,7 @@ end
 require "minitest/autorun"
 require "timeout"
 require "vorn_rpc_ext"
-
-module Bytes
-  module_function
-
-  # The bytes that "08 09" stands for.
-  def hex(text)
-    [text.delete(" ")].pack("H*")
-  end
-
-  # "08 09" for the bytes.
-  def to_hex(bytes)
-    bytes.unpack("H*")[0].scan(/../).join(" ")
-  end
-end
+require_relative "../support/hex"
 
 module CollectorLevel
   LEVEL = ENV.fetch("VORN_GC", "normal")
@@ -62,7 +49,6 @@ module CollectorLevel
 end
 
 class ExtTest < Minitest::Test
-  include Bytes
   include CollectorLevel
   include VORN::PROTO
 
@@ -84,15 +70,15 @@ class ExtTest < Minitest::Test
 
   # The encoding of a value, as hex text.
   def encode(obj)
-    to_hex(at_level { PacketBuf.new.write_object(obj).to_str })
+    Hex.encode(at_level { PacketBuf.new.write_object(obj).to_str })
   end
 
   # The value that hex text stands for. All of it must be used up.
   def decode(text, options = {})
-    buf = buf_of(hex(text))
+    buf = buf_of(Hex.decode(text))
     options.each { |name, value| buf.public_send("#{name}=", value) }
     value = at_level { buf.extract_object }
-    assert_equal hex(text).size, buf.pos, "position behind the value"
+    assert_equal Hex.decode(text).size, buf.pos, "position behind the value"
     value
   end
 

@@ -26,7 +26,7 @@ class KeyHashTest < ExtTest
 
   # Reads { [1] => 2, [3] => [4, "five"] } while the first key's hash does something.
   def read_while
-    buf = buf_of(hex("08 0a 81 0b 82 0a 83 0b 0a 84 07 04 66 69 76 65 0b 09"))
+    buf = buf_of(Hex.decode("08 0a 81 0b 82 0a 83 0b 0a 84 07 04 66 69 76 65 0b 09"))
     HashHook.body = -> { yield buf }
     buf.extract_object
   end
@@ -72,10 +72,10 @@ class KeyHashTest < ExtTest
     { "0a 08 0a 81 0b 82 09 87 0b" => [[{ [1] => 2 }, 9], 7],
       "0a 08 0a 81 0b 82 09 07 01 61 0b" => [[{ [1] => 2 }, "!"], 9],
       "08 88 08 0a 81 0b 82 09 87 81 09" => [{ 8 => { [1] => 2 }, 9 => 1 }, 8] }.each do |text, (expected, index)|
-      buf = buf_of(hex(text))
+      buf = buf_of(Hex.decode(text))
       HashHook.body = lambda do
         buf.seek(100).write_raw(MEGABYTES)
-        buf.seek(index).write_raw(expected.to_s.include?("!") ? "!" : hex("89"))
+        buf.seek(index).write_raw(expected.to_s.include?("!") ? "!" : Hex.decode("89"))
       end
       assert_equal expected, buf.extract_object, text
     end
@@ -84,8 +84,8 @@ class KeyHashTest < ExtTest
   # An Array that was counted with one member, a String, and has 99 when it is built: the String's bytes are nils by
   # then. And one that was counted with 99 and has one.
   def test_keys_that_change_how_many_members_follow
-    few = hex("0a 08 0a 81 0b 82 09 0a 07 61") + "x" * 97 + hex("0b 0b")
-    many = hex("0a 08 0a 81 0b 82 09 0a") + "\0" * 99 + hex("0b 0b")
+    few = Hex.decode("0a 08 0a 81 0b 82 09 0a 07 61") + "x" * 97 + Hex.decode("0b 0b")
+    many = Hex.decode("0a 08 0a 81 0b 82 09 0a") + "\0" * 99 + Hex.decode("0b 0b")
     [[few, many, [{ [1] => 2 }, [nil] * 99]], [many, few, [{ [1] => 2 }, ["x" * 97]]]].each do |before, after, expected|
       buf = buf_of(before)
       HashHook.body = -> { buf.seek(8).write_raw(after.byteslice(8..-1)) }
@@ -100,9 +100,9 @@ class KeyHashTest < ExtTest
     { "0a 08 0a 81 0b 82 09 07 01 61 0b" => [8, "03", underrun],
       "08 81 08 0a 81 0b 82 09 83 07 06 61 61 61 61 61 61 09" =>
         [9, "0a 0a 0a 0a 0b 0b 0b 0b", too_deep] }.each do |text, (index, bytes, error)|
-      buf = buf_of(hex(text))
+      buf = buf_of(Hex.decode(text))
       buf.maxdepth = 4
-      HashHook.body = -> { buf.seek(index).write_raw(hex(bytes)) }
+      HashHook.body = -> { buf.seek(index).write_raw(Hex.decode(bytes)) }
       assert_raises_with(RuntimeError, error) { buf.extract_object }
     end
   end
@@ -119,7 +119,7 @@ class KeyHashTest < ExtTest
   end
 
   def test_keys_that_read_the_frame_anew
-    value = hex("08 0a 81 0b 82 09")
+    value = Hex.decode("08 0a 81 0b 82 09")
     bytes = [0xA5, 1, 7, value.size].pack("CCnN") + value
     frame = PacketFrameIn.new.reset
     assert_equal bytes.size, frame.assemble(bytes, 0)

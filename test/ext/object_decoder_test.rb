@@ -18,7 +18,7 @@ class ObjectDecoderTest < ExtTest
 
   # The fault, and where reading stopped.
   def assert_fault(message, pos, text, options = {})
-    buf = buf_of(hex(text))
+    buf = buf_of(Hex.decode(text))
     options.each { |name, value| buf.public_send("#{name}=", value) }
     assert_raises_with(RuntimeError, message, text) { buf.extract_object }
     assert_equal pos, buf.pos, "position after #{text}"
@@ -35,7 +35,7 @@ class ObjectDecoderTest < ExtTest
     rescue RuntimeError => error
       [nil, error.message]
     end
-    assert_equal [Model.signature(value), fault, pos], [*outcome, buf.pos], to_hex(bytes)
+    assert_equal [Model.signature(value), fault, pos], [*outcome, buf.pos], Hex.encode(bytes)
   end
 
   # --- scalars -------------------------------------------------------------------------------------------
@@ -95,7 +95,7 @@ class ObjectDecoderTest < ExtTest
   end
 
   def test_symbols_are_never_broken
-    buf = buf_of(hex("0a 06 01 ff 0b"))
+    buf = buf_of(Hex.decode("0a 06 01 ff 0b"))
     buf.preserve_symbols_on_extract = true
     assert_match(/invalid (encoding|symbol)/, assert_raises(EncodingError) { buf.extract_object }.message)
     assert_equal 4, buf.pos, "behind the symbol"
@@ -235,7 +235,7 @@ class ObjectDecoderTest < ExtTest
     { nil => TypeError, "64" => TypeError, :x => TypeError, [] => TypeError, true => TypeError, Object.new => TypeError,
       2**63 => RangeError, 2**64 => RangeError, Float::INFINITY => RangeError,
       Struct.new(:to_int).new(nil) => TypeError }.each do |maxdepth, error|
-      buf = buf_of(hex("81"))
+      buf = buf_of(Hex.decode("81"))
       buf.maxdepth = maxdepth
       assert_raises(error, maxdepth.inspect) { buf.extract_object }
       assert_raises(error, maxdepth.inspect) { buf.copy_object(PacketBuf.new) }
@@ -246,7 +246,7 @@ class ObjectDecoderTest < ExtTest
   end
 
   def test_options_are_the_instance_variables
-    buf = buf_of(hex("06 01 61"))
+    buf = buf_of(Hex.decode("06 01 61"))
     buf.instance_variable_set(:@preserve_symbols_on_extract, true)
     assert_equal :a, buf.extract_object
     buf.instance_variable_set(:@maxdepth, 0)
@@ -294,7 +294,7 @@ class ObjectDecoderTest < ExtTest
   end
 
   def test_a_fault_leaves_the_buffer_usable
-    buf = buf_of(hex("0a 81 7f 82"))
+    buf = buf_of(Hex.decode("0a 81 7f 82"))
     assert_raises_with(RuntimeError, UNKNOWN) { buf.extract_object }
     assert_equal 2, buf.extract_object
     assert_equal 1, buf.seek(1).extract_object
@@ -344,7 +344,7 @@ class ObjectDecoderTest < ExtTest
         if valid?(type)
           assert_decodes around.call(meaning(type)), format(place, value)
         elsif ends[place] != type
-          assert_fault UNKNOWN, hex(place.split("%s").first.to_s).size + 1, format(place, value)
+          assert_fault UNKNOWN, Hex.decode(place.split("%s").first.to_s).size + 1, format(place, value)
         end
       end
     end
@@ -369,7 +369,8 @@ class ObjectDecoderTest < ExtTest
   ].freeze
 
   def samples
-    SAMPLES.map { |value| PacketBuf.new.write_object(value).to_str } + [hex("0a 03 3f c0 00 00 a0 80 80 00 c0 0b")]
+    SAMPLES.map { |value| PacketBuf.new.write_object(value).to_str } +
+      [Hex.decode("0a 03 3f c0 00 00 a0 80 80 00 c0 0b")]
   end
 
   def test_every_truncation

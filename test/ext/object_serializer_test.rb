@@ -16,12 +16,12 @@ class ObjectSerializerTest < ExtTest
     assert_raises_with(error, text) { buf << obj }
     bytes = buf.to_str
     assert_equal bytes.size, buf.payload_size
-    to_hex(bytes)
+    Hex.encode(bytes)
   end
 
   def test_constants
     assert_equal %w[00 01 02], [nil, false, true].map { |value| encode(value) }
-    assert_equal "02 01", to_hex((PacketBuf.new << true << false).to_str)
+    assert_equal "02 01", Hex.encode((PacketBuf.new << true << false).to_str)
   end
 
   # --- integers ------------------------------------------------------------------------------------------
@@ -60,7 +60,7 @@ class ObjectSerializerTest < ExtTest
     [2**63, -2**63 - 1, 2**64 - 1, 2**64, -2**64, 2**200].each do |number|
       buf = PacketBuf.new
       assert_match(/too big/, assert_raises(RangeError, number.to_s) { buf << [1, number] }.message)
-      assert_equal "0a 81", to_hex(buf.to_str)
+      assert_equal "0a 81", Hex.encode(buf.to_str)
     end
   end
 
@@ -80,7 +80,7 @@ class ObjectSerializerTest < ExtTest
     assert_equal "04 3f f8 00 00 00 00 00 00", encode(1.5)
     # Those between 1e-77 and 1e77 are immediate.
     [0.0, -0.0, 1e-320, Float::MIN, 1e-78, 0.1, -2.5, 1e78, Float::MAX, Float::INFINITY, -Float::INFINITY,
-     Float::NAN].each { |float| assert_equal "04 #{to_hex([float].pack('G'))}", encode(float), float }
+     Float::NAN].each { |float| assert_equal "04 #{Hex.encode([float].pack('G'))}", encode(float), float }
   end
 
   # --- strings -------------------------------------------------------------------------------------------
@@ -111,7 +111,7 @@ class ObjectSerializerTest < ExtTest
   def test_lengths_of_strings
     STRING_LENGTHS.each do |length, bytes|
       written = PacketBuf.new.write_object("x" * length).to_str
-      prefix = hex("07 #{bytes}")
+      prefix = Hex.decode("07 #{bytes}")
       assert_equal [prefix, length + prefix.size], [written[0, prefix.size], written.size]
       assert written.end_with?("x" * length)
     end
@@ -132,16 +132,16 @@ class ObjectSerializerTest < ExtTest
     def singleton.encoding; Encoding::BINARY; end
     strings = { "abc".dup.freeze => "abc", shared[150..-1] => "0123456789" * 5, shared[15, 3] => "567",
                 Text.new("abc") => "abc", singleton => "abc" }
-    strings.each { |string, bytes| assert_equal "07 #{to_hex([bytes.size].pack('C') + bytes)}", encode(string) }
+    strings.each { |string, bytes| assert_equal "07 #{Hex.encode([bytes.size].pack('C') + bytes)}", encode(string) }
   end
 
   # --- symbols -------------------------------------------------------------------------------------------
 
   def test_symbols
     dynamic = "dynamic #{object_id}"
-    { abc: "06 03 61 62 63", :"" => "06 00", :[]= => "06 03 5b 5d 3d", :"with space" => "06 0a #{to_hex("with space")}",
+    { abc: "06 03 61 62 63", :"" => "06 00", :[]= => "06 03 5b 5d 3d", :"a b" => "06 03 61 20 62",
       :"\u00e9" => "06 02 c3 a9", "\xff".b.to_sym => "06 01 ff", "\u00e9".encode("ISO-8859-1").to_sym => "06 01 e9",
-      dynamic.to_sym => "06 #{to_hex([dynamic.size].pack("C") + dynamic)}" }.each do |symbol, bytes|
+      dynamic.to_sym => "06 #{Hex.encode([dynamic.size].pack("C") + dynamic)}" }.each do |symbol, bytes|
       assert_equal bytes, encode(symbol), symbol.inspect
     end
   end
@@ -155,7 +155,7 @@ class ObjectSerializerTest < ExtTest
 
   def test_long_symbols
     name = "x" * 70_000
-    assert PacketBuf.new.write_object(name.to_sym).to_str == hex("06 f0 a2 04") + name
+    assert PacketBuf.new.write_object(name.to_sym).to_str == Hex.decode("06 f0 a2 04") + name
   end
 
   # --- containers ----------------------------------------------------------------------------------------
@@ -263,7 +263,7 @@ class ObjectSerializerTest < ExtTest
     assert_equal "0a " + "08 81 82 09 " * 200 + "0b", encode([{ 1 => 2 }] * 200)
     buf = PacketBuf.new
     3.times { assert_raises(RuntimeError) { buf << nested(64, 1) } }
-    assert_equal "0a 81 0b", to_hex((buf.reset << [1]).to_str)
+    assert_equal "0a 81 0b", Hex.encode((buf.reset << [1]).to_str)
   end
 
   def test_values_that_contain_themselves
@@ -278,7 +278,7 @@ class ObjectSerializerTest < ExtTest
     [0, 1, nil, 2**31 - 1].each do |maxdepth|
       buf = PacketBuf.new
       buf.maxdepth = maxdepth
-      assert_equal "0a 0a 81 0b 0b", to_hex((buf << [[1]]).to_str)
+      assert_equal "0a 0a 81 0b 0b", Hex.encode((buf << [[1]]).to_str)
       assert_raises_with(RuntimeError, MAX_DEPTH) { buf << nested(64, 1) }
     end
   end
@@ -317,13 +317,13 @@ class ObjectSerializerTest < ExtTest
     buf = PacketBuf.new
     assert_same buf, buf << 1
     assert_same buf, buf.write_object(2)
-    assert_equal "81 82", to_hex(buf.to_str)
+    assert_equal "81 82", Hex.encode(buf.to_str)
   end
 
   def test_values_overwrite_what_is_stored
     buf = PacketBuf.new.write_raw("-" * 10).seek(2)
     buf << "ab" << 32
-    assert_equal "2d 2d 07 02 61 62 a0 01 2d 2d", to_hex(buf.seek(10).to_str)
+    assert_equal "2d 2d 07 02 61 62 a0 01 2d 2d", Hex.encode(buf.seek(10).to_str)
   end
 
   # Every kind of value across the end of the first storage.

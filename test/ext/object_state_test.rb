@@ -34,7 +34,7 @@ class ObjectStateTest < ExtTest
     assert_raises(frozen) { buf.maxdepth = 1 }
     assert_raises(frozen) { buf.preserve_symbols_on_extract = true }
     assert_equal 1, buf.extract_object
-    assert_equal "81 82", to_hex((buf << 2).to_str), "freezing holds the options, not the bytes"
+    assert_equal "81 82", Hex.encode((buf << 2).to_str), "freezing holds the options, not the bytes"
   end
 
   def test_buffers_are_equal_to_themselves_only

@@ -18,7 +18,7 @@ class OverriddenEachTest < ExtTest
   end
 
   def written
-    to_hex(@buf.to_str)
+    Hex.encode(@buf.to_str)
   end
 
   # A Hash whose class defines `each` with this source.
@@ -268,7 +268,7 @@ class OverriddenEachTest < ExtTest
   def test_block_called_by_the_writing_of_another_buffer
     other = PacketBuf.new
     @buf << OwnEach.new { |outer| other << OwnEach.new { |inner| outer.call(1, 2); inner.call(3, 4) } }
-    assert_equal ["08 81 82 09", "08 83 84 09"], [written, to_hex(other.to_str)]
+    assert_equal ["08 81 82 09", "08 83 84 09"], [written, Hex.encode(other.to_str)]
   end
 
   # The key's `each` lets the iteration end that it belongs to.
@@ -498,20 +498,20 @@ class OverriddenEachTest < ExtTest
 
   def test_each_that_grows_the_buffer
     @buf << [0, OwnEach.new { |block| @buf.write_raw(MEGABYTES); block.call(MEGABYTES, 1) }, 2]
-    bytes = hex("0a 80 08") + MEGABYTES + hex("07 c0 8d b7 01") + MEGABYTES + hex("81 09 82 0b")
+    bytes = Hex.decode("0a 80 08") + MEGABYTES + Hex.decode("07 c0 8d b7 01") + MEGABYTES + Hex.decode("81 09 82 0b")
     assert @buf.to_str == bytes, "bytes around those of a growing buffer"
   end
 
   def test_each_that_uses_the_frame
     frame = PacketFrameOut.new.reset
     frame << OwnEach.new { |block| frame.use_12byte_header = true; block.call(1, 2) }
-    assert_equal "a5 00 00 00 00 00 03 de ad be ef 5a 81 82 09", to_hex(frame.compute_frame_header.to_str)
+    assert_equal "a5 00 00 00 00 00 03 de ad be ef 5a 81 82 09", Hex.encode(frame.compute_frame_header.to_str)
     frame.reset << OwnEach.new { |block| frame.compute_frame_header; block.call(1, 2) }
     assert_equal 16, frame.pos
     inbound = PacketFrameIn.new.reset
     inbound << OwnEach.new do |block|
       inbound.reset
-      inbound.assemble(hex("a5 01 00 00 00 00 00 01 81"), 0)
+      inbound.assemble(Hex.decode("a5 01 00 00 00 00 00 01 81"), 0)
       block.call(1, 2)
     end
     assert_predicate inbound, :have_complete_frame?

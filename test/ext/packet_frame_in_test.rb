@@ -3,19 +3,16 @@
 require_relative "helper"
 
 class PacketFrameInTest < ExtTest
-  include Bytes
-  extend Bytes
-
   NOT_A_STRING = "packetframein_assemble: data argument should be T_STRING"
   OUT_OF_RANGE = "packetframein_assemble: offset argument out of range"
 
-  AB = hex("a5 01 00 07 00 00 00 02 41 42")
-  AB12 = hex("a5 00 00 08 00 00 02 de ad be ef 5a 43 44")
-  EMPTY = hex("a5 01 00 09 00 00 00 00")
-  EMPTY12 = hex("a5 00 00 0a 00 00 00 de ad be ef 5a")
-  BAD_HEADER_CHECK = hex("a5 00 00 08 00 00 02 de ad be ef 59 43 44")
-  BAD_PAYLOAD_CHECK = hex("a5 00 00 08 00 00 02 de ad be ee 5a 43 44")
-  TOO_LONG = hex("a5 01 00 08 80 00 00 00")
+  AB = Hex.decode("a5 01 00 07 00 00 00 02 41 42")
+  AB12 = Hex.decode("a5 00 00 08 00 00 02 de ad be ef 5a 43 44")
+  EMPTY = Hex.decode("a5 01 00 09 00 00 00 00")
+  EMPTY12 = Hex.decode("a5 00 00 0a 00 00 00 de ad be ef 5a")
+  BAD_HEADER_CHECK = Hex.decode("a5 00 00 08 00 00 02 de ad be ef 59 43 44")
+  BAD_PAYLOAD_CHECK = Hex.decode("a5 00 00 08 00 00 02 de ad be ee 5a 43 44")
+  TOO_LONG = Hex.decode("a5 01 00 08 80 00 00 00")
   FRAMES = { AB => [7, "AB"], AB12 => [8, "CD"], EMPTY => [9, ""], EMPTY12 => [10, ""] }.freeze
 
   def setup
@@ -42,7 +39,7 @@ class PacketFrameInTest < ExtTest
           received << [@frame.seq, payload(@frame)]
           @frame.reset
         else
-          refute_equal 0, consumed, "no progress at #{offset} in #{to_hex(chunk)}"
+          refute_equal 0, consumed, "no progress at #{offset} in #{Hex.encode(chunk)}"
         end
       end
     end
@@ -113,8 +110,8 @@ class PacketFrameInTest < ExtTest
   end
 
   def test_marker_is_not_looked_for_again_inside_a_frame
-    bytes = hex("a5 a5 a5 a5 00 00 00 02 a5 a5")
-    assert_equal [[0xA5A5, hex("a5 a5")]], receive([bytes])
+    bytes = Hex.decode("a5 a5 a5 a5 00 00 00 02 a5 a5")
+    assert_equal [[0xA5A5, Hex.decode("a5 a5")]], receive([bytes])
   end
 
   def test_frame_without_payload_completes_with_its_header
@@ -159,7 +156,7 @@ class PacketFrameInTest < ExtTest
   end
 
   def test_storage_is_kept_between_frames
-    long = hex("a5 01 00 01 00 00 00 14") + "0123456789abcdefghij"
+    long = Hex.decode("a5 01 00 01 00 00 00 14") + "0123456789abcdefghij"
     @frame.assemble(long, 0)
     @frame.reset.assemble(AB, 0)
     assert_equal [2, "AB"], [@frame.payload_size, payload(@frame)]
@@ -234,14 +231,14 @@ class PacketFrameInTest < ExtTest
   def test_check_byte_is_no_matter_of_an_eight_byte_header
     bytes = BAD_HEADER_CHECK.dup
     bytes.setbyte(1, 3)
-    bytes[4, 4] = hex("00 00 00 06")
+    bytes[4, 4] = Hex.decode("00 00 00 06")
     assert_equal [[8, bytes[8..-1]]], receive([bytes])
   end
 
   def test_announced_length_over_the_limit
     assert_failed TOO_LONG, 8
     @frame.reset
-    assert_failed hex("a5 01 00 08 ff ff ff ff"), 8
+    assert_failed Hex.decode("a5 01 00 08 ff ff ff ff"), 8
   end
 
   # --- arguments -----------------------------------------------------------------------------------------
@@ -344,9 +341,9 @@ class PacketFrameInTest < ExtTest
   end
 
   def test_body_of_a_string_may_reach_beyond_the_payload
-    frame = frame_before_old_bytes(hex("07 05 61 62"), "----cde")
+    frame = frame_before_old_bytes(Hex.decode("07 05 61 62"), "----cde")
     assert_equal ["abcde", 15], [frame.extract_object, frame.pos]
-    frame = frame_before_old_bytes(hex("07 05 61 62"), "----cd")
+    frame = frame_before_old_bytes(Hex.decode("07 05 61 62"), "----cd")
     assert_raises_with(RuntimeError, "decode_next_packetbuf_rbstr: buffer underrun extracting data bytes") do
       frame.extract_object
     end
@@ -360,7 +357,7 @@ class PacketFrameInTest < ExtTest
       "04 00 00 00 00 00 00 00" => "decode_packetbuf_rbdouble: buffer underrun",
       "0a" => "decode_packetbuf_rbarray: buffer underrun", "08" => "decode_packetbuf_rbhash: buffer underrun",
       "08 81" => "decode_next_packetbuf_rbobj: buffer underrun" }.each do |payload, message|
-      frame = frame_before_old_bytes(hex(payload), "\0" * 30)
+      frame = frame_before_old_bytes(Hex.decode(payload), "\0" * 30)
       assert_raises_with(RuntimeError, message, payload) { frame.extract_object }
     end
   end
@@ -370,7 +367,7 @@ class PacketFrameInTest < ExtTest
     @frame.assemble(bytes, 0)
     to = PacketBuf.new
     @frame.seek_payload_start.copy_object(to)
-    assert_equal "0a 07 05 76 61 6c 75 65 0b", to_hex(to.to_str)
+    assert_equal "0a 07 05 76 61 6c 75 65 0b", Hex.encode(to.to_str)
     assert_equal 2, @frame.extract_object
   end
 end

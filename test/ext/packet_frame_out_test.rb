@@ -84,20 +84,20 @@ class PacketFrameOutTest < ExtTest
   # --- the header ----------------------------------------------------------------------------------------
 
   def test_empty_frame
-    assert_equal "a5 01 00 00 00 00 00 00", to_hex(@frame.reset.compute_frame_header.to_str)
-    assert_equal "a5 00 00 00 00 00 00 de ad be ef 5a", to_hex(twelve.compute_frame_header.to_str)
+    assert_equal "a5 01 00 00 00 00 00 00", Hex.encode(@frame.reset.compute_frame_header.to_str)
+    assert_equal "a5 00 00 00 00 00 00 de ad be ef 5a", Hex.encode(twelve.compute_frame_header.to_str)
   end
 
   def test_twelve_byte_frame
     twelve.next_seq = 0x1234
     assert_equal "a5 00 12 34 00 00 05 de ad be ef 5a 68 65 6c 6c 6f",
-                 to_hex(@frame.write_raw("hello").compute_frame_header.to_str)
+                 Hex.encode(@frame.write_raw("hello").compute_frame_header.to_str)
   end
 
   def test_eight_byte_frame
     @frame.next_seq = 0x1234
     assert_equal "a5 01 12 34 00 00 00 05 68 65 6c 6c 6f",
-                 to_hex(@frame.reset.write_raw("hello").compute_frame_header.to_str)
+                 Hex.encode(@frame.reset.write_raw("hello").compute_frame_header.to_str)
   end
 
   def test_header_moves_neither_position_nor_sequence_number
@@ -108,21 +108,21 @@ class PacketFrameOutTest < ExtTest
 
   def test_payload_ends_at_the_position
     @frame.reset.write_raw("hello").seek(10).compute_frame_header
-    assert_equal "a5 01 00 00 00 00 00 02 68 65", to_hex(@frame.to_str)
+    assert_equal "a5 01 00 00 00 00 00 02 68 65", Hex.encode(@frame.to_str)
   end
 
   def test_frame_after_frame
     frames = [:a, :b].map do |symbol|
       frame = (@frame.reset << symbol).compute_frame_header.to_str
       @frame.inc_seq
-      to_hex(frame)
+      Hex.encode(frame)
     end
     assert_equal ["a5 01 00 00 00 00 00 03 06 01 61", "a5 01 00 01 00 00 00 03 06 01 62"], frames
   end
 
   def test_switching_the_layout_starts_the_frame_anew
     @frame.reset.write_raw("abcdefgh")
-    assert_equal "a5 00 00 00 00 00 01 de ad be ef 5a 58", to_hex(twelve.write_raw("X").compute_frame_header.to_str)
+    assert_equal "a5 00 00 00 00 00 01 de ad be ef 5a 58", Hex.encode(twelve.write_raw("X").compute_frame_header.to_str)
   end
 
   def test_position_inside_the_header
@@ -140,18 +140,18 @@ class PacketFrameOutTest < ExtTest
 
   def test_longest_twelve_byte_payload
     twelve.write_raw("x" * 16_777_215).compute_frame_header
-    assert_equal "a5 00 00 00 ff ff ff de ad be ef 5a 78", to_hex(@frame.to_str[0, 13])
+    assert_equal "a5 00 00 00 ff ff ff de ad be ef 5a 78", Hex.encode(@frame.to_str[0, 13])
     @frame.write_raw("x")
     assert_raises_with(RuntimeError, oversize(16_777_216, 16_777_215)) { @frame.compute_frame_header }
     assert_equal 16_777_228, @frame.pos
-    assert_equal "a5 00 00 00 ff ff ff de ad be ef 5a 78", to_hex(@frame.to_str[0, 13]),
+    assert_equal "a5 00 00 00 ff ff ff de ad be ef 5a 78", Hex.encode(@frame.to_str[0, 13]),
                  "the header before the failure is kept"
   end
 
   # The header is computed from the position alone: no payload has to exist for that.
   def test_longest_eight_byte_payload
     @frame.seek(2_147_483_647 + 8).compute_frame_header
-    assert_equal "a5 01 00 00 7f ff ff ff", to_hex(@frame.seek(8).to_str)
+    assert_equal "a5 01 00 00 7f ff ff ff", Hex.encode(@frame.seek(8).to_str)
     [2_147_483_648, 2**32 - 1 - 8].each do |length|
       assert_raises_with(RuntimeError, oversize(length, 2_147_483_647)) { @frame.seek(length + 8).compute_frame_header }
     end

@@ -40,13 +40,13 @@ class PacketFrameTest < ExtTest
       out.use_12byte_header = twelve
       out.next_seq = seq
       frame = out.write_raw("x" * length).compute_frame_header.to_str
-      assert_equal header, to_hex(frame[0...-length]) if length > 0
-      assert_equal header, to_hex(frame[0, twelve ? 12 : 8])
+      assert_equal header, Hex.encode(frame[0...-length]) if length > 0
+      assert_equal header, Hex.encode(frame[0, twelve ? 12 : 8])
 
       into = PacketFrameIn.new.reset
       assert_equal frame.size, into.assemble(frame, 0)
       assert_equal [true, seq, length], [into.have_complete_frame?, into.seq, into.payload_size]
-      assert_equal hex(header).size, into.seek_payload_start.pos
+      assert_equal Hex.decode(header).size, into.seek_payload_start.pos
     end
   end
 end

@@ -39,7 +39,7 @@ class VectorsTest < Minitest::Test
       assert_equal vector.bytes.size, buf.pos
       next if vector.ruby_bytes.nil?
       written = PROTO::PacketBuf.new << plain(vector.bytes, true).extract_object
-      assert_equal hex(vector.ruby_bytes), hex(written.to_str)
+      assert_equal Hex.encode(vector.ruby_bytes), Hex.encode(written.to_str)
     end
 
     define_method("test_value inside a payload #{vector.name}") do
@@ -52,7 +52,7 @@ class VectorsTest < Minitest::Test
       source = plain(vector.bytes + "\x00".b, true)
       copy = PROTO::PacketBuf.new
       assert_same source, source.copy_object(copy)
-      assert_equal hex(vector.bytes), hex(copy.to_str)
+      assert_equal Hex.encode(vector.bytes), Hex.encode(copy.to_str)
       assert_equal vector.bytes.size, source.pos
     end
 
@@ -131,7 +131,7 @@ class VectorsTest < Minitest::Test
       frame.next_seq = vector.seq
       frame.write_raw(vector.payload)
       frame.compute_frame_header
-      assert_equal hex(vector.stream[0, vector.consumed]), hex(frame.to_str)
+      assert_equal Hex.encode(vector.stream[0, vector.consumed]), Hex.encode(frame.to_str)
     end
   end
 
@@ -168,10 +168,6 @@ class VectorsTest < Minitest::Test
     assert_equal vector.layout || 8, frame.seek_payload_start.pos
     return if !vector.complete? || vector.data_len == 0
     frame.pos = vector.layout + vector.data_len
-    assert_equal hex(vector.payload), hex(frame.to_str[vector.layout..-1])
-  end
-
-  def hex(bytes)
-    Notation.hex(bytes)
+    assert_equal Hex.encode(vector.payload), Hex.encode(frame.to_str[vector.layout..-1])
   end
 end

@@ -4,6 +4,7 @@
 # differ on purpose, the table says how; and what either writes is a row too, which says what the other reads there.
 
 require_relative "peer"
+require_relative "../support/hex"
 require_relative "../support/notation"
 require_relative "../support/vectors"
 
@@ -84,7 +85,7 @@ class TableTest < Minitest::Test
       passed_on = passed_on.map do |start, bytes|
         reading = readings.fetch(bytes)
         row = ROW_OF[bytes]
-        wrong << "#{start.name}: #{bytes.unpack('H*')[0]} is no row" unless row
+        wrong << "#{start.name}: #{Hex.encode(bytes)} is no row" unless row
         next if row.nil?
         wanted = expected.call(row)
         wrong << "#{start.name}, at #{row.name}:\n  #{reading}\n  #{wanted}" unless reading == wanted

@@ -1,5 +1,7 @@
 # frozen_string_literal: true
 
+require_relative "hex"
+
 # Prints a Ruby object in the notation of test/vectors/, which shows what `==` and `inspect` hide: a double's
 # bits, a string's encoding, a symbol's bytes.
 module Notation
@@ -11,17 +13,13 @@ module Notation
     when false then "false"
     when true then "true"
     when Integer then object.to_s
-    when Float then "d:" + hex([object].pack("G"))
-    when Symbol then "s:" + hex(object.to_s)
-    when String then prefix(object) + hex(object)
+    when Float then "d:" + Hex.digits([object].pack("G"))
+    when Symbol then "s:" + Hex.digits(object.to_s)
+    when String then prefix(object) + Hex.digits(object)
     when Array then "[" + object.map { |member| of(member) }.join(" ") + "]"
     when Hash then "{" + object.map { |key, value| of(key) + "=" + of(value) }.join(" ") + "}"
     else raise ArgumentError, "no notation for #{object.class}"
     end
-  end
-
-  def hex(bytes)
-    bytes.unpack("H*").first.upcase
   end
 
   def prefix(string)

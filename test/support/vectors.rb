@@ -1,5 +1,7 @@
 # frozen_string_literal: true
 
+require_relative "hex"
+
 # Reads the tables in test/vectors/, which the C++ suite reads too. The form of the lines and the notation of
 # values are described there.
 module Vectors
@@ -57,7 +59,7 @@ module Vectors
     digits = expand(text).delete(" ")
     return "".b if digits == "-"
     raise "no hexadecimal bytes: #{text}" unless digits =~ /\A([0-9A-F]{2})*\z/
-    [digits].pack("H*")
+    Hex.decode(digits)
   end
 
   # The cells of each row, in order; cells left out are "=".

@@ -5,6 +5,7 @@
 # Captures are written segment by segment (make_pcap.rb), except for one that is taken from loopback.
 require "socket"
 require "timeout"
+require_relative "../support/hex"
 require_relative "../support/vectors"
 require_relative "make_pcap"
 require_relative "message_text"
@@ -136,7 +137,7 @@ class DissectorTest < ToolTestCase
       name = capture(*streams.map { |bytes| PcapWriter.cut(bytes, *Array.new(9) { 1 + random.rand(60) }) })
       shown = Tshark.streams(name, MEANS, *Tshark::DECODE_AS, "-o", "vorn.max_frame:4096")
       streams.each_with_index do |stream, number|
-        check("stream #{number}: #{stream.unpack('H*').first}", meaning_of(stream), summary(shown[number]))
+        check("stream #{number}: #{Hex.encode(stream)}", meaning_of(stream), summary(shown[number]))
       end
     end
   end
@@ -366,7 +367,7 @@ class DissectorTest < ToolTestCase
     when "false" then "False"
     when /\A-?\d+\z/ then meaning
     when /\Ab:(.*)/ then $1.downcase
-    when /\A[us]:((?:[2-7]\h)*)\z/ then [$1].pack("H*")
+    when /\A[us]:((?:[2-7]\h)*)\z/ then Hex.decode($1)
     end
   end
 
@@ -384,7 +385,7 @@ class DissectorTest < ToolTestCase
     check("#{what}: seq", row.seq.to_s, shown["vorn.seq"].first)
     check("#{what}: length", row.data_len.to_s, shown["vorn.length"].first)
     return unless row.complete?
-    check("#{what}: payload", row.payload.unpack("H*").first, shown["vorn.payload"].first.to_s)
+    check("#{what}: payload", row.payload, Hex.decode(shown["vorn.payload"].first.to_s))
     skipped = row.stream.index("\xA5".b)
     check("#{what}: skipped", true, shown["vorn.skipped"].map(&:to_i).inject(0, :+) >= skipped)
   end

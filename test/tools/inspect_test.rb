@@ -6,6 +6,7 @@ require "open3"
 require "pty"
 require "shellwords"
 require "timeout"
+require_relative "../support/hex"
 require_relative "../support/vectors"
 require_relative "json_text"
 require_relative "make_pcap"
@@ -73,7 +74,7 @@ class InspectTest < ToolTestCase
     stream = rows.each_with_index.map { |row, seq| frame(seq, Vectors.bytes(row[1]), seq.odd? ? 12 : 8) }.join
     lines = json(stream, "--hex")
     check("frames", rows.size, lines.size)
-    check("all bytes", stream, [lines.map { |line| line["hex"] }.join].pack("H*"))
+    check("all bytes", stream, Hex.decode(lines.map { |line| line["hex"] }.join))
     offset = 0
     rows.zip(lines).each_with_index do |(row, line), seq|
       layout, length = seq.odd? ? 12 : 8, Vectors.bytes(row[1]).bytesize
@@ -361,7 +362,7 @@ class InspectTest < ToolTestCase
       lost = kept.reject do |offset, _|
         shown.any? { |line| line["offset"] == offset } || hidden?(shown, stream, offset)
       end
-      check("capture #{n}: #{stream.unpack('H*').first}", [], lost)
+      check("capture #{n}: #{Hex.encode(stream)}", [], lost)
     end
   end
 
@@ -580,7 +581,7 @@ class InspectTest < ToolTestCase
   # The client's side of a connection, as the manual page gets it.
   def followed(capture, number)
     text = Tshark.run(capture, "-q", "-z", "follow,tcp,raw,#{number}")
-    [text.lines.grep(/\A\h+$/).map(&:chomp).join].pack("H*")
+    Hex.decode(text.lines.grep(/\A\h+$/).map(&:chomp).join)
   end
 
   # layout, seq, length, message and error, as tshark lists them.

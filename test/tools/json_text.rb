@@ -1,6 +1,7 @@
 # frozen_string_literal: true
 
 require "json"
+require_relative "../support/hex"
 require_relative "message_text"
 
 # From the values of vorn-inspect --json: to the text that the library renders, and to the notation of
@@ -22,8 +23,8 @@ module JsonText
   def notation(value)
     case value
     when nil then "nil"
-    when Float then "d:" + [value].pack("G").unpack("H*").first.upcase
-    when String then "t:" + value.unpack("H*").first.upcase
+    when Float then "d:" + Hex.digits([value].pack("G"))
+    when String then "t:" + Hex.digits(value)
     when Array then "[#{value.map { |element| notation(element) }.join(' ')}]"
     when Hash then special(value) { |kind, content| send("notation_of_#{kind}", content) }
     else value.to_s
@@ -38,12 +39,12 @@ module JsonText
   end
 
   def text_of_bytes(digits)
-    MessageText.quoted([digits].pack("H*"))
+    MessageText.quoted(Hex.decode(digits))
   end
 
   # C prints the sign of what is not a number.
   def text_of_double(bits)
-    number = [bits].pack("H*").unpack("G").first
+    number = Hex.decode(bits).unpack("G").first
     sign = bits.to_i(16) >> 63 == 1 ? "-" : ""
     sign + (number.nan? ? "nan" : "inf")
   end
@@ -65,6 +66,6 @@ module JsonText
   end
 
   def in_order(pairs)
-    pairs.sort_by { |key, _| key.is_a?(Hash) ? [key["$bytes"]].pack("H*") : key.b }
+    pairs.sort_by { |key, _| key.is_a?(Hash) ? Hex.decode(key["$bytes"]) : key.b }
   end
 end

@@ -1,6 +1,7 @@
 # frozen_string_literal: true
 
 require "strscan"
+require_relative "../support/hex"
 
 # From the notation of test/vectors/ to the text that the dissector shows for a message.
 class MessageText
@@ -34,8 +35,8 @@ class MessageText
   def value
     @in.skip(/ +/)
     if @in.scan(/nil|true|false|-?\d+/) then @in.matched
-    elsif @in.scan(/d:(\h{16})/) then format_double([@in[1]].pack("H*").unpack("G").first, @in[1])
-    elsif @in.scan(/[bust]:((?:\h\h)*)/) then self.class.quoted([@in[1]].pack("H*"))
+    elsif @in.scan(/d:(\h{16})/) then format_double(Hex.decode(@in[1]).unpack("G").first, @in[1])
+    elsif @in.scan(/[bust]:((?:\h\h)*)/) then self.class.quoted(Hex.decode(@in[1]))
     elsif @in.skip(/\[/) then "[#{members.join(', ')}]"
     elsif @in.skip(/\{/) then "{#{entries.join(', ')}}"
     else
