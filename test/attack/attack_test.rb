@@ -104,7 +104,7 @@ class AttackTest < Minitest::Test
         require #{ATTACK.inspect}
         #{fault}
         begin
-          Attack::Duel.new(1).run(60_000)
+          Attack::Comparison.new(1).run(60_000)
         rescue Attack::Difference => difference
           print difference.message
         end

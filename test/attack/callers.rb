@@ -1,8 +1,8 @@
 # frozen_string_literal: true
 
 module Attack
-  # What misbehaves: descriptions of objects whose methods run Ruby code in the middle of an operation. Each world makes
-  # its own objects from a description. They act through steps:
+  # What misbehaves: descriptions of objects whose methods run Ruby code in the middle of an operation. Each pool gets
+  # objects of its own from a description. They act through steps:
   #
   #   [:yield, args]              calls the block of an own `each`
   #   [:attempt, args]            likewise, and goes on when that raises; the outcome is logged
@@ -18,7 +18,7 @@ module Attack
     class Misbehaved < StandardError
     end
 
-    # The interpreter inspects an object for some texts, and what it holds: not the whole world.
+    # The interpreter inspects an object for some texts, with all that it refers to: here that is the whole pool.
     module Terse
       def inspect
         "(misbehaves)"
@@ -29,14 +29,14 @@ module Attack
     class OwnEach < Hash
       include Terse
 
-      def prepare(steps, world)
+      def prepare(steps, pool)
         @steps = steps
-        @world = world
+        @pool = pool
         self
       end
 
       def each(&block)
-        @steps.each { |step| Callers.take(step, @world, block) == :return and return }
+        @steps.each { |step| Callers.take(step, @pool, block) == :return and return }
         self
       end
     end
@@ -45,10 +45,10 @@ module Attack
     class OwnInteger
       include Terse
 
-      def initialize(number, steps, world)
+      def initialize(number, steps, pool)
         @number = number
         @steps = steps
-        @world = world
+        @pool = pool
       end
 
       # They are compared when they are read back from where they were stored.
@@ -57,7 +57,7 @@ module Attack
       end
 
       def to_int
-        @steps.each { |step| Callers.take(step, @world, nil) == :return and break }
+        @steps.each { |step| Callers.take(step, @pool, nil) == :return and break }
         @number
       end
     end
@@ -114,51 +114,51 @@ module Attack
 
     module_function
 
-    def make(described, world)
+    def make(described, pool)
       case described
-      when Each then OwnEach.new.prepare(described.steps, world)
-      when Number then OwnInteger.new(described.number, described.steps, world)
-      when Named then make_named(described, world)
-      when Cycle then world.named[described.name]
-      when Slot then world.pool[described.slot]
-      when Own then OWN.fetch(described.kind).allocate.__send__(:replace, make(described.value, world))
-      when Array then described.map { |member| make(member, world) }
-      when Hash then make_entries({}, described, world)
+      when Each then OwnEach.new.prepare(described.steps, pool)
+      when Number then OwnInteger.new(described.number, described.steps, pool)
+      when Named then make_named(described, pool)
+      when Cycle then pool.named[described.name]
+      when Slot then pool.objects[described.slot]
+      when Own then OWN.fetch(described.kind).allocate.__send__(:replace, make(described.value, pool))
+      when Array then described.map { |member| make(member, pool) }
+      when Hash then make_entries({}, described, pool)
       else described
       end
     end
 
     # Named before its members are made: they may be the container itself.
-    def make_named(described, world)
+    def make_named(described, pool)
       value = described.value
       case value
       when Array
-        array = world.named[described.name] = []
-        value.each { |member| array << make(member, world) }
+        array = pool.named[described.name] = []
+        value.each { |member| array << make(member, pool) }
         array
-      when Hash then make_entries(world.named[described.name] = {}, value, world)
-      else world.named[described.name] = value.dup
+      when Hash then make_entries(pool.named[described.name] = {}, value, pool)
+      else pool.named[described.name] = value.dup
       end
     end
 
-    def make_entries(hash, described, world)
-      described.each { |key, member| hash[make(key, world)] = make(member, world) }
+    def make_entries(hash, described, pool)
+      described.each { |key, member| hash[make(key, pool)] = make(member, pool) }
       hash
     end
 
     # --- steps ------------------------------------------------------------------------------------------------
 
-    def take(step, world, block)
+    def take(step, pool, block)
       kind, what, how = step
       case kind
-      when :yield then block.call(*make(what, world)) if block
-      when :attempt then attempt(make(what, world), world, block)
-      when :operate then world.perform_nested(what)
-      when :keep then world.kept << block if block && world.kept.size < 8
-      when :again then attempt(make(what, world), world, world.kept.last)
-      when :fiber then within(world) { Fiber.new { block.call(*make(what, world)) }.resume } if block
-      when :thread then within(world) { quietly(make(what, world), block) } if block
-      when :change then CHANGES.fetch(how).call(world.named[what]) if world.named[what]
+      when :yield then block.call(*make(what, pool)) if block
+      when :attempt then attempt(make(what, pool), pool, block)
+      when :operate then pool.perform_nested(what)
+      when :keep then pool.kept << block if block && pool.kept.size < 8
+      when :again then attempt(make(what, pool), pool, pool.kept.last)
+      when :fiber then within(pool) { Fiber.new { block.call(*make(what, pool)) }.resume } if block
+      when :thread then within(pool) { quietly(make(what, pool), block) } if block
+      when :change then CHANGES.fetch(how).call(pool.named[what]) if pool.named[what]
       when :raise then raise Misbehaved, what
       when :throw then throw :attack, what
       when :collect then Collector.meanwhile.call
@@ -167,19 +167,19 @@ module Attack
       nil
     end
 
-    def attempt(args, world, block)
+    def attempt(args, pool, block)
       return if block.nil?
       block.call(*args)
     rescue StandardError => error
-      world.log << World.raised(error)
+      pool.log << ObjectPool.raised(error)
     end
 
     # Nothing is thrown out of a fiber or a thread.
-    def within(world)
+    def within(pool)
       yield
       nil
     rescue UncaughtThrowError, ArgumentError, FiberError => error
-      world.log << [:raised, error.class, ""]
+      pool.log << [:raised, error.class, ""]
     end
 
     def quietly(args, block)
@@ -201,11 +201,11 @@ module Attack
   # Makes the next Array or Hash that is asked for its hash perform steps first, once.
   module KeyHook
     class << self
-      attr_accessor :steps, :world
+      attr_accessor :steps, :pool
 
-      def during(steps, world)
+      def during(steps, pool)
         self.steps = steps
-        self.world = world
+        self.pool = pool
         yield
       ensure
         self.steps = nil
@@ -216,7 +216,7 @@ module Attack
       steps = KeyHook.steps
       if steps
         KeyHook.steps = nil
-        steps.each { |step| Callers.take(step, KeyHook.world, nil) }
+        steps.each { |step| Callers.take(step, KeyHook.pool, nil) }
       end
       super
     end

@@ -31,9 +31,9 @@ module Attack
       [key, weights.flat_map { |kind, weight| [kind] * weight }.freeze]
     end].freeze
 
-    def initialize(material, model)
-      @m = material
-      @callers = HostileValues.new(@m, self)
+    def initialize(inputs, model)
+      @inputs = inputs
+      @callers = HostileValues.new(@inputs, self)
       @model = model
       @streams = {}
       @plan = []
@@ -43,10 +43,10 @@ module Attack
     def next_operation
       return @plan.shift unless @plan.empty?
       slot = self.slot
-      __send__(@m.pick(KINDS[POOL[slot]]), slot)
+      __send__(@inputs.pick(KINDS[POOL[slot]]), slot)
     end
 
-    # What became of an operation in the model's world.
+    # The outcome of an operation in the model's pool.
     def learn(operation, outcome)
       case operation.purpose
       when :feed then fed(operation.slot, outcome)
@@ -62,32 +62,32 @@ module Attack
     # The key of a slot, and how its new object is made.
     def fresh(slot)
       @streams.delete(slot)
-      [POOL[slot], @m.chance(20) ? :allocate : :new]
+      [POOL[slot], @inputs.chance(20) ? :allocate : :new]
     end
 
     # A slot whose object is to be replaced, or nil.
     def outgrown(slot)
-      size = @model.pool[slot].data.bytesize
-      size > LARGE && @m.chance(6) || @m.chance(600)
+      size = @model.objects[slot].data.bytesize
+      size > LARGE && @inputs.chance(6) || @inputs.chance(600)
     end
 
     def slot
-      @m.below(POOL.size)
+      @inputs.below(POOL.size)
     end
 
     # One that a callback may perform. Callbacks of its own it has none.
     def nested(slot = self.slot)
-      kind = @m.pick(NESTED)
-      kind = @m.pick([:feed_whole, :ask]) if POOL[slot] == :in && @m.chance(3)
-      kind = @m.pick([:layout, :header, :sequence]) if POOL[slot] == :out && @m.chance(3)
+      kind = @inputs.pick(NESTED)
+      kind = @inputs.pick([:feed_whole, :ask]) if POOL[slot] == :in && @inputs.chance(3)
+      kind = @inputs.pick([:layout, :header, :sequence]) if POOL[slot] == :out && @inputs.chance(3)
       __send__(kind, slot)
     end
 
     # Likewise, while a value of another slot is read whose bytes must stay as they are.
     def nested_elsewhere(reading)
       slot = self.slot
-      return move(slot) if slot == reading || @model.pool[slot].maxdepth.is_a?(Callers::OwnInteger)
-      __send__(@m.pick(NESTED - [:copy]), slot)
+      return move(slot) if slot == reading || @model.objects[slot].maxdepth.is_a?(Callers::OwnInteger)
+      __send__(@inputs.pick(NESTED - [:copy]), slot)
     end
 
     private
@@ -103,18 +103,18 @@ module Attack
     # --- any buffer -----------------------------------------------------------------------------------------
 
     def write_wire(slot)
-      op(slot, :write_raw, @m.wire)
+      op(slot, :write_raw, @inputs.wire)
     end
 
     def write_value(slot)
-      value = @m.chance(40) ? @m.deep_value : @m.any_value
-      value = [value, { 1 => @m.pick(Material::UNSUPPORTED) }] if @m.chance(25)
-      value = @m.pick(Material::UNSUPPORTED) if @m.chance(60)
-      op(slot, @m.chance(2) ? :<< : :write_object, value)
+      value = @inputs.chance(40) ? @inputs.deep_value : @inputs.any_value
+      value = [value, { 1 => @inputs.pick(Inputs::UNSUPPORTED) }] if @inputs.chance(25)
+      value = @inputs.pick(Inputs::UNSUPPORTED) if @inputs.chance(60)
+      op(slot, @inputs.chance(2) ? :<< : :write_object, value)
     end
 
     def write_bad(slot)
-      value = @m.pick(Material::OTHERS)
+      value = @inputs.pick(Inputs::OTHERS)
       op(slot, :write_raw, value)
     end
 
@@ -124,49 +124,49 @@ module Attack
 
     # What is written is read from where it starts, or copied.
     def read_back(slot)
-      buf = @model.pool[slot]
+      buf = @model.objects[slot]
       return extract(slot) if buf.pos > LARGE
-      @plan = [op(slot, :seek, buf.pos), @m.chance(5) ? copy(slot) : extract(slot)]
-      @m.chance(3) ? write_value(slot) : write_wire(slot)
+      @plan = [op(slot, :seek, buf.pos), @inputs.chance(5) ? copy(slot) : extract(slot)]
+      @inputs.chance(3) ? write_value(slot) : write_wire(slot)
     end
 
     def copy(slot)
-      return op(slot, :copy_object, @m.pick(Material::OTHERS)) if @m.chance(20)
-      made(slot, :copy_object, Callers::Slot.new(@m.chance(4) ? self.slot : @m.pick(DESTINATIONS)))
+      return op(slot, :copy_object, @inputs.pick(Inputs::OTHERS)) if @inputs.chance(20)
+      made(slot, :copy_object, Callers::Slot.new(@inputs.chance(4) ? self.slot : @inputs.pick(DESTINATIONS)))
     end
 
     # To where something is: the start, the end, a byte of the payload.
     def move(slot)
-      buf = @model.pool[slot]
+      buf = @model.objects[slot]
       size = buf.data.bytesize
-      to = case @m.below(6)
+      to = case @inputs.below(6)
            when 0 then 0
            when 1 then size
            when 2 then buf.payload_end
-           when 3 then [buf.pos - 1 - @m.below(4), 0].max
-           else @m.below(size + 1)
+           when 3 then [buf.pos - 1 - @inputs.below(4), 0].max
+           else @inputs.below(size + 1)
            end
-      op(slot, @m.chance(2) ? :pos= : :seek, to)
+      op(slot, @inputs.chance(2) ? :pos= : :seek, to)
     end
 
     def move_wildly(slot)
-      op(slot, @m.chance(2) ? :pos= : :seek, @m.pick(Material::NUMBERS))
+      op(slot, @inputs.chance(2) ? :pos= : :seek, @inputs.pick(Inputs::NUMBERS))
     end
 
     def look(slot)
-      size = @model.pool[slot].data.bytesize
-      case @m.below(4)
+      size = @model.objects[slot].data.bytesize
+      case @inputs.below(4)
       when 0 then op(slot, :pos)
       when 1 then op(slot, :payload_size)
-      when 2 then op(slot, :index_within_payload?, @m.pick(Material::NUMBERS))
-      else op(slot, :index_within_payload?, @m.below(size + 3))
+      when 2 then op(slot, :index_within_payload?, @inputs.pick(Inputs::NUMBERS))
+      else op(slot, :index_within_payload?, @inputs.below(size + 3))
       end
     end
 
     # Where writing moves the storage, from which a copy to the buffer itself is just being made.
     def at_capacity(slot)
-      start = CAPACITY - @m.below(30)
-      last = case @m.below(4)
+      start = CAPACITY - @inputs.below(30)
+      last = case @inputs.below(4)
              when 0 then hostile_write(slot)
              when 1 then copy(slot)
              else made(slot, :copy_object, Callers::Slot.new(slot))
@@ -188,44 +188,44 @@ module Attack
     end
 
     def limit(slot)
-      case @m.below(16)
+      case @inputs.below(16)
       when 0, 1 then op(slot, :maxdepth)
-      when 2 then op(slot, :maxdepth=, @m.pick(Material::NUMBERS))
-      when 3, 4 then op(slot, :maxdepth=, @m.below(5))
-      when 5 then op(slot, :maxdepth=, 70 + @m.below(100))
+      when 2 then op(slot, :maxdepth=, @inputs.pick(Inputs::NUMBERS))
+      when 3, 4 then op(slot, :maxdepth=, @inputs.below(5))
+      when 5 then op(slot, :maxdepth=, 70 + @inputs.below(100))
       else op(slot, :maxdepth=, 64)
       end
     end
 
     def symbols(slot)
-      return op(slot, :preserve_symbols_on_extract) if @m.chance(4)
-      op(slot, :preserve_symbols_on_extract=, @m.pick([false, true, nil, 0, "x"]))
+      return op(slot, :preserve_symbols_on_extract) if @inputs.chance(4)
+      op(slot, :preserve_symbols_on_extract=, @inputs.pick([false, true, nil, 0, "x"]))
     end
 
     def start_over(slot)
-      op(slot, @m.chance(8) ? :freeze : :initialize)
+      op(slot, @inputs.chance(8) ? :freeze : :initialize)
     end
 
     def arity(slot)
-      name = @m.pick([:pos, :reset, :write_raw, :extract_object, :copy_object, :<<, :to_str, :seek, :initialize])
-      op(slot, name, *[1] * (2 + @m.below(2)))
+      name = @inputs.pick([:pos, :reset, :write_raw, :extract_object, :copy_object, :<<, :to_str, :seek, :initialize])
+      op(slot, name, *[1] * (2 + @inputs.below(2)))
     end
 
     def duplicate(slot)
-      POOL[slot].to_s.start_with?("own") ? look(slot) : op(slot, @m.pick([:dup, :clone]))
+      POOL[slot].to_s.start_with?("own") ? look(slot) : op(slot, @inputs.pick([:dup, :clone]))
     end
 
     # --- outbound frames ------------------------------------------------------------------------------------
 
     def sequence(slot)
-      return op(slot, @m.pick([:next_seq, :inc_seq])) unless @m.chance(3)
-      op(slot, :next_seq=, @m.pick(Material::NUMBERS))
+      return op(slot, @inputs.pick([:next_seq, :inc_seq])) unless @inputs.chance(3)
+      op(slot, :next_seq=, @inputs.pick(Inputs::NUMBERS))
     end
 
     def layout(slot)
       readers = [:using_12byte_header?, :configured_header_len, :configured_max_data_len]
-      return op(slot, @m.pick(readers)) if @m.chance(2)
-      op(slot, :use_12byte_header=, @m.pick([true, false, nil, 0, "x"]))
+      return op(slot, @inputs.pick(readers)) if @inputs.chance(2)
+      op(slot, :use_12byte_header=, @inputs.pick([true, false, nil, 0, "x"]))
     end
 
     def header(slot)
@@ -243,22 +243,22 @@ module Attack
     end
 
     def in_slot
-      @m.pick(POOL.each_index.select { |slot| POOL[slot] == :in })
+      @inputs.pick(POOL.each_index.select { |slot| POOL[slot] == :in })
     end
 
     # --- inbound frames -------------------------------------------------------------------------------------
 
     # The stream goes on, mostly in chunks that end anywhere.
     def feed(slot)
-      bytes, offset = @streams[slot] ||= [@m.stream, 0]
+      bytes, offset = @streams[slot] ||= [@inputs.stream, 0]
       return feed_whole(slot) if bytes.empty?
-      args = @m.chance(4) ? [bytes, offset] : [bytes[offset, 1 + @m.below(24)], 0]
+      args = @inputs.chance(4) ? [bytes, offset] : [bytes[offset, 1 + @inputs.below(24)], 0]
       Operation.new(slot, :assemble, args, purpose: :feed)
     end
 
     def feed_whole(slot)
-      bytes = @m.stream
-      op(slot, :assemble, bytes, @m.chance(3) ? @m.below(bytes.bytesize + 1) : 0)
+      bytes = @inputs.stream
+      op(slot, :assemble, bytes, @inputs.chance(3) ? @inputs.below(bytes.bytesize + 1) : 0)
     end
 
     def fed(slot, outcome)
@@ -266,23 +266,23 @@ module Attack
       return if outcome[0] != :value || stream.nil?
       stream[1] += outcome[1]
       @streams.delete(slot) if stream[1] >= stream[0].bytesize
-      complete = @model.pool[slot].have_complete_frame?
+      complete = @model.objects[slot].have_complete_frame?
       read(slot) if complete
       @plan << reset(slot) if complete || outcome[1] == 0
     end
 
     def read(slot)
       @plan << to_payload(slot)
-      (1 + @m.below(2)).times { @plan << (@m.chance(6) ? copy(slot) : extract(slot)) }
+      (1 + @inputs.below(2)).times { @plan << (@inputs.chance(6) ? copy(slot) : extract(slot)) }
     end
 
     def feed_badly(slot)
-      return op(slot, :assemble, @m.pick(Material::OTHERS), @m.pick(Material::NUMBERS)) if @m.chance(3)
-      op(slot, :assemble, @m.pick(["", "abc", "\xA5\x01"]), @m.pick(Material::NUMBERS))
+      return op(slot, :assemble, @inputs.pick(Inputs::OTHERS), @inputs.pick(Inputs::NUMBERS)) if @inputs.chance(3)
+      op(slot, :assemble, @inputs.pick(["", "abc", "\xA5\x01"]), @inputs.pick(Inputs::NUMBERS))
     end
 
     def ask(slot)
-      op(slot, @m.pick([:have_complete_frame?, :seq, :payload_size]))
+      op(slot, @inputs.pick([:have_complete_frame?, :seq, :payload_size]))
     end
 
     # --- callbacks ------------------------------------------------------------------------------------------
@@ -293,29 +293,30 @@ module Attack
 
     def hostile_number(slot)
       names = [:pos=, :seek, :index_within_payload?]
-      names << :next_seq= if @model.pool[slot].respond_to?(:next_seq)
-      made(slot, @m.pick(names), @callers.number(@m.pick(Material::NUMBERS)))
+      names << :next_seq= if @model.objects[slot].respond_to?(:next_seq)
+      made(slot, @inputs.pick(names), @callers.number(@inputs.pick(Inputs::NUMBERS)))
     end
 
     def hostile_limit(slot)
-      made(slot, :maxdepth=, @callers.number(@m.pick([64, 3, 2**40 + 64, -1])))
+      made(slot, :maxdepth=, @callers.number(@inputs.pick([64, 3, 2**40 + 64, -1])))
     end
 
     def hostile_feed(slot)
-      bytes = @m.stream
-      made(slot, :assemble, Callers::Named.new(:chunk, bytes), @callers.number(@m.below(bytes.bytesize + 1), :chunk))
+      bytes = @inputs.stream
+      offset = @callers.number(@inputs.below(bytes.bytesize + 1), :chunk)
+      made(slot, :assemble, Callers::Named.new(:chunk, bytes), offset)
     end
 
     # Writes a value with containers for keys and reads it back, while the keys' hash does something. When exactly it is
     # asked for is not said, so nothing else may end the reading.
     def hostile_key(slot)
-      buf = @model.pool[slot]
+      buf = @model.objects[slot]
       return op(slot, :preserve_symbols_on_extract=, false) if buf.preserve_symbols_on_extract
       return op(slot, :maxdepth=, 64) if buf.maxdepth.is_a?(Callers::OwnInteger)
       return extract(slot) if POOL[slot] == :in || buf.pos > LARGE
       @plan = [op(slot, :seek, buf.pos),
                Operation.new(slot, :extract_object, [], steps: @callers.steps_elsewhere(slot))]
-      op(slot, :write_raw, @m.keyed_wire)
+      op(slot, :write_raw, @inputs.keyed_wire)
     end
   end
 end

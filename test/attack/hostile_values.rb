@@ -5,27 +5,32 @@ module Attack
   class HostileValues
     # What an own `each` may yield: pairs in both forms, and what is none.
     YIELDS = [
-      ->(m) { [m.any_value, m.any_value] }, ->(m) { [[m.any_value, m.any_value]] },
-      ->(m) { [1, [2, { 3 => m.any_value }]] },
-      ->(_m) { [[[1], 2]] }, ->(m) { [Callers::Own.new(:string, "key"), m.value(1)] },
-      ->(m) { [[m.pick([nil, 1, :a])] * m.below(4)] }, ->(m) { [m.any_value] }, ->(_) { [] },
-      ->(m) { [1, 2, m.any_value] },
-      ->(m) { [m.value(0), m.pick(Material::UNSUPPORTED)] }, ->(m) { [m.deep_value, 1] }
+      ->(inputs) { [inputs.any_value, inputs.any_value] },
+      ->(inputs) { [[inputs.any_value, inputs.any_value]] },
+      ->(inputs) { [1, [2, { 3 => inputs.any_value }]] },
+      ->(_) { [[[1], 2]] },
+      ->(inputs) { [Callers::Own.new(:string, "key"), inputs.value(1)] },
+      ->(inputs) { [[inputs.pick([nil, 1, :a])] * inputs.below(4)] },
+      ->(inputs) { [inputs.any_value] },
+      ->(_) { [] },
+      ->(inputs) { [1, 2, inputs.any_value] },
+      ->(inputs) { [inputs.value(0), inputs.pick(Inputs::UNSUPPORTED)] },
+      ->(inputs) { [inputs.deep_value, 1] }
     ].freeze
 
     # Steps that need a block.
     YIELDING = [:yield, :attempt, :fiber, :thread, :keep].freeze
 
-    def initialize(material, generator)
-      @m = material
+    def initialize(inputs, generator)
+      @inputs = inputs
       @generator = generator
     end
 
     # A value with one that misbehaves somewhere in it.
     def value
-      case @m.below(9)
-      when 0 then [@m.any_value, each(2), @m.any_value]
-      when 1 then { "before" => @m.any_value, each(1) => 1, 2 => each(2), 3 => @m.any_value }
+      case @inputs.below(9)
+      when 0 then [@inputs.any_value, each(2), @inputs.any_value]
+      when 1 then { "before" => @inputs.any_value, each(1) => 1, 2 => each(2), 3 => @inputs.any_value }
       when 2 then Callers::Named.new(:array, [1, each(1, :array), 2, each(1, :array), 3])
       when 3 then Callers::Named.new(:hash, 1 => 2, 3 => each(1, :hash), 4 => 5, 6 => each(1, :hash), 7 => 8)
       when 4 then cycle
@@ -36,15 +41,15 @@ module Attack
 
     # A number that does something when it is asked for its value.
     def number(number, named = nil)
-      number = @m.pick(["no number", nil, 2.5, :a]) if @m.chance(15)
+      number = @inputs.pick(["no number", nil, 2.5, :a]) if @inputs.chance(15)
       Callers::Number.new(number, steps(1, named).reject { |kind, _| YIELDING.include?(kind) })
     end
 
     # Steps that leave the slot's bytes alone.
     def steps_elsewhere(slot)
-      steps = Array.new(@m.below(3)) { [:operate, @generator.nested_elsewhere(slot)] }
-      steps << [:raise, "from a key"] if @m.chance(6)
-      steps << [:throw, :from_a_key] if @m.chance(8)
+      steps = Array.new(@inputs.below(3)) { [:operate, @generator.nested_elsewhere(slot)] }
+      steps << [:raise, "from a key"] if @inputs.chance(6)
+      steps << [:throw, :from_a_key] if @inputs.chance(8)
       steps
     end
 
@@ -55,45 +60,45 @@ module Attack
     end
 
     def cycle
-      return Callers::Named.new(:cycle, [1, Callers::Cycle.new(:cycle)]) if @m.chance(2)
+      return Callers::Named.new(:cycle, [1, Callers::Cycle.new(:cycle)]) if @inputs.chance(2)
       Callers::Named.new(:cycle, 1 => [Callers::Cycle.new(:cycle)], 2 => 3)
     end
 
     def own
-      case @m.below(4)
-      when 0 then Callers::Own.new(:array, [1, @m.any_value, "x"])
-      when 1 then Callers::Own.new(:hash, 1 => @m.any_value, "k" => [])
-      else Callers::Own.new(:string, @m.string)
+      case @inputs.below(4)
+      when 0 then Callers::Own.new(:array, [1, @inputs.any_value, "x"])
+      when 1 then Callers::Own.new(:hash, 1 => @inputs.any_value, "k" => [])
+      else Callers::Own.new(:string, @inputs.string)
       end
     end
 
     def steps(levels, named)
-      steps = Array.new(@m.below(5)) { step(levels, named) }
-      steps << [:change, named, @m.pick(Callers::CHANGES.keys)] if named && @m.chance(2)
-      steps << ending if @m.chance(8)
+      steps = Array.new(@inputs.below(5)) { step(levels, named) }
+      steps << [:change, named, @inputs.pick(Callers::CHANGES.keys)] if named && @inputs.chance(2)
+      steps << ending if @inputs.chance(8)
       steps.push([:yield, yielded(levels)])
     end
 
     def ending
-      @m.pick([[:raise, "own"], [:throw, 7], [:throw, [1, "two"]], [:return]])
+      @inputs.pick([[:raise, "own"], [:throw, 7], [:throw, [1, "two"]], [:return]])
     end
 
     def step(levels, named)
-      case @m.below(16)
+      case @inputs.below(16)
       when 0, 1, 2 then [:attempt, yielded(levels)]
       when 3, 4, 5, 6 then [:operate, @generator.nested]
-      when 7 then @m.chance(2) ? [:keep] : [:again, yielded(0)]
+      when 7 then @inputs.chance(2) ? [:keep] : [:again, yielded(0)]
       when 8 then [:fiber, yielded(0)]
-      when 9 then @m.chance(200) ? [:thread, yielded(0)] : [:yield, yielded(levels)]
+      when 9 then @inputs.chance(200) ? [:thread, yielded(0)] : [:yield, yielded(levels)]
       when 10 then [:collect]
-      when 11 then named ? [:change, named, @m.pick(Callers::CHANGES.keys)] : [:keep]
+      when 11 then named ? [:change, named, @inputs.pick(Callers::CHANGES.keys)] : [:keep]
       else [:yield, yielded(levels)]
       end
     end
 
     def yielded(levels)
-      return [@m.value(0), each(levels - 1)] if levels > 0 && @m.chance(4)
-      @m.chance(6) ? @m.pick(YIELDS).call(@m) : [@m.any_value, @m.any_value]
+      return [@inputs.value(0), each(levels - 1)] if levels > 0 && @inputs.chance(4)
+      @inputs.chance(6) ? @inputs.pick(YIELDS).call(@inputs) : [@inputs.any_value, @inputs.any_value]
     end
   end
 end

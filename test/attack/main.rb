@@ -33,12 +33,12 @@ loop do
   # Should the process die, this says with what.
   puts "seed #{seed + runs}, #{ops} operations" if seconds
   begin
-    duel = Attack::Duel.new(seed + runs, collector).run(ops)
+    comparison = Attack::Comparison.new(seed + runs, collector).run(ops)
   rescue Attack::Difference => difference
     abort difference.message
   end
-  performed += duel.performed
-  skipped += duel.skipped
+  performed += comparison.performed
+  skipped += comparison.skipped
   runs += 1
   break if seconds.nil? || Time.now - started >= seconds
 end

@@ -4,29 +4,29 @@ module Attack
   # Keys whose hash overwrites the very bytes that are read. When a key is asked for its hash is not said, so the model
   # cannot know what is read then; but it is a value, or bytes that are none.
   class OverwritingKeys
-    def initialize(material)
-      @m = material
-      @world = World.new(buf: VORN::PROTO::PacketBuf)
+    def initialize(inputs)
+      @inputs = inputs
+      @pool = ObjectPool.new(buf: VORN::PROTO::PacketBuf)
     end
 
     # What is neither, or nil.
     def attempt
-      @world.forget
-      @world.create(0, :buf, :new)
-      buf = @world.pool[0]
-      bytes = @m.keyed_wire
+      @pool.forget
+      @pool.create(0, :buf, :new)
+      buf = @pool.objects[0]
+      bytes = @inputs.keyed_wire
       buf.write_raw(bytes).seek(0)
-      buf.preserve_symbols_on_extract = @m.chance(2)
-      outcome = @world.perform(Operation.new(0, :extract_object, [], steps: steps(bytes.bytesize)))
+      buf.preserve_symbols_on_extract = @inputs.chance(2)
+      outcome = @pool.perform(Operation.new(0, :extract_object, [], steps: steps(bytes.bytesize)))
       outcome unless sound?(outcome)
     end
 
     private
 
     def steps(size)
-      Array.new(1 + @m.below(4)) do
-        to = @m.chance(6) ? 70_000 : @m.below(size + 2)
-        [[:operate, Operation.new(0, :seek, [to])], [:operate, Operation.new(0, :write_raw, [@m.wire])]]
+      Array.new(1 + @inputs.below(4)) do
+        to = @inputs.chance(6) ? 70_000 : @inputs.below(size + 2)
+        [[:operate, Operation.new(0, :seek, [to])], [:operate, Operation.new(0, :write_raw, [@inputs.wire])]]
       end.flatten(1)
     end
 

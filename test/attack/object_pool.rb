@@ -2,7 +2,7 @@
 
 module Attack
   # One call of one method: which object of the pool, which method, which arguments. Arguments that are `made` are
-  # descriptions (see Callers), from which each world makes its own objects. `steps` are performed when a key that is
+  # descriptions (see Callers), from which each pool gets objects of its own. `steps` are performed when a key that is
   # read is asked for its hash; the generator knows what the `purpose` is for.
   class Operation
     attr_reader :slot, :name, :args, :made, :steps, :purpose
@@ -30,14 +30,14 @@ module Attack
     "(cannot be shown)"
   end
 
-  # A pool of buffers and frames, all of the extension's or all of the model's, and what happened to them. The same
-  # operations are performed in both worlds.
-  class World
+  # Buffers and frames, all of the extension's or all of the model's, and what happened to them. A run has one pool of
+  # each and performs the same operations in both.
+  class ObjectPool
     # A Ruby exception that is an outcome. Everything else that is raised is an error of this program.
     OUTCOMES = [StandardError, ScriptError, SystemStackError].freeze
     NESTING = 3
 
-    attr_reader :pool, :log, :kept, :named, :classes
+    attr_reader :objects, :log, :kept, :named, :classes
 
     # The text alone: not its encoding, nor the inspected object that the interpreter puts behind some. It has two texts
     # for a nil that is no number, in 3.3 one for each kind of number.
@@ -50,7 +50,7 @@ module Attack
     # By key: :buf, :out, :in, :own_buf, :own_out and :frame.
     def initialize(classes)
       @classes = classes
-      @pool = []
+      @objects = []
       @kept = []
       forget
     end
@@ -65,10 +65,10 @@ module Attack
     # [:value, what], [:self], [:thrown, what] or [:raised, class, message].
     def perform(operation)
       return perform_made(operation) if operation.made || operation.steps
-      receiver = @pool[operation.slot]
+      receiver = @objects[operation.slot]
       outcome(receiver, receiver.__send__(operation.name, *operation.args))
     rescue *OUTCOMES => error
-      World.raised(error)
+      ObjectPool.raised(error)
     end
 
     # As an operation of a callback. Its outcome goes to the log.
@@ -83,10 +83,10 @@ module Attack
     end
 
     def create(slot, key, how)
-      @pool[slot] = @classes.fetch(key).__send__(how)
+      @objects[slot] = @classes.fetch(key).__send__(how)
       [:value, nil]
     rescue *OUTCOMES => error
-      World.raised(error)
+      ObjectPool.raised(error)
     end
 
     # Calls a block that an own `each` was given and kept.
@@ -94,19 +94,19 @@ module Attack
       @kept[index].call(*args)
       [:value, nil]
     rescue *OUTCOMES => error
-      World.raised(error)
+      ObjectPool.raised(error)
     end
 
     private
 
     def perform_made(operation)
-      receiver = @pool[operation.slot]
+      receiver = @objects[operation.slot]
       thrown = catch(:attack) do
         begin
           args = operation.args.map { |arg| Callers.make(arg, self) }
           return outcome(receiver, KeyHook.during(operation.steps, self) { receiver.__send__(operation.name, *args) })
         rescue *OUTCOMES => error
-          return World.raised(error)
+          return ObjectPool.raised(error)
         end
       end
       [:thrown, thrown]

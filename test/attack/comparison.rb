@@ -1,12 +1,12 @@
 # frozen_string_literal: true
 
 module Attack
-  # The model's world and the extension's disagree.
+  # The model and the extension disagree.
   class Difference < StandardError
   end
 
-  # One run: the operations of a seed, performed in the model's world and in the extension's.
-  class Duel
+  # One run: the operations of a seed, performed in the model's pool and in the extension's.
+  class Comparison
     # An own class is refused where only the classes themselves will do.
     class OwnBuf < VORN::PROTO::PacketBuf
     end
@@ -38,12 +38,12 @@ module Attack
     def initialize(seed, collector = Collector.new("normal"))
       @seed = seed
       @collector = collector
-      @model = World.new(MODEL)
-      @real = World.new(EXTENSION)
+      @model = ObjectPool.new(MODEL)
+      @real = ObjectPool.new(EXTENSION)
       @random = Random.new(seed)
-      material = Material.new(@random)
-      @generator = Generator.new(material, @model)
-      @overwriting_keys = OverwritingKeys.new(material)
+      inputs = Inputs.new(@random)
+      @generator = Generator.new(inputs, @model)
+      @overwriting_keys = OverwritingKeys.new(inputs)
       @performed = 0
       @skipped = 0
       Generator::POOL.each_index { |slot| replace(slot) }
@@ -72,7 +72,7 @@ module Attack
       after(operation)
     end
 
-    # Performs the operation in the model's world. What is too much is undone there.
+    # Performs the operation in the model's pool, and undoes it there if it takes too much memory or stack.
     def skip?(operation)
       @model.forget
       @real.forget
@@ -87,7 +87,7 @@ module Attack
     # Where reading stopped when a key's own code did not let it end is not said.
     def settle_position(operation, expected)
       return unless operation.steps && expected[0] != :value
-      [@model, @real].each { |world| world.pool[operation.slot].seek(0) }
+      [@model, @real].each { |pool| pool.objects[operation.slot].seek(0) }
     end
 
     def after(operation)
@@ -119,25 +119,25 @@ module Attack
         compare_outcomes("a kept block", @model.call_kept(index, args), @real.call_kept(index, args))
         @performed += 1
       end
-      [@model, @real].each { |world| world.kept.clear }
+      [@model, @real].each { |pool| pool.kept.clear }
     end
 
     # --- undoing --------------------------------------------------------------------------------------------
 
     def save(operation)
-      @saved = slots_at_risk(operation).map { |slot| [slot, @model.pool[slot].saved] }
+      @saved = slots_at_risk(operation).map { |slot| [slot, @model.objects[slot].saved] }
       @saved_kept = @model.kept.size
     end
 
     def slots_at_risk(operation)
-      return @model.pool.each_index if far_reaching?(operation)
+      return @model.objects.each_index if far_reaching?(operation)
       WRITING.include?(operation.name) ? touched(operation) : []
     end
 
     # Whether callbacks may have used any of the pool.
     def far_reaching?(operation)
       operation.made && operation.name != :copy_object || operation.steps ||
-        @model.pool[operation.slot].maxdepth.is_a?(Callers::OwnInteger)
+        @model.objects[operation.slot].maxdepth.is_a?(Callers::OwnInteger)
     end
 
     def touched(operation)
@@ -146,7 +146,7 @@ module Attack
     end
 
     def undo
-      @saved.each { |slot, saved| @model.pool[slot].restore(saved) }
+      @saved.each { |slot, saved| @model.objects[slot].restore(saved) }
       @model.kept.slice!(@saved_kept..-1)
       @skipped += 1
       true
@@ -166,12 +166,12 @@ module Attack
     end
 
     def compare_all(what)
-      @model.pool.each_index { |slot| compare_state(what, slot) }
+      @model.objects.each_index { |slot| compare_state(what, slot) }
     end
 
     def compare_state(what, slot)
-      expected = @model.pool[slot]
-      actual = @real.pool[slot]
+      expected = @model.objects[slot]
+      actual = @real.objects[slot]
       states = [state(expected), state(actual)]
       differ("state of pool[#{slot}] after #{what}", *states) unless states[0] == states[1]
       compare_bytes(what, slot, expected, actual)

@@ -2,7 +2,7 @@
 
 module Attack
   # Random values, bytes and arguments.
-  class Material
+  class Inputs
     STRINGS = ["", "a", "abc", "h\u00e9llo", "\xFF\xFE", "x" * 31, "y" * 127, "z" * 128, "a\0b",
                "\u{1F600}" * 20].freeze
     ENCODINGS = %w[UTF-8 UTF-8 UTF-8 BINARY US-ASCII ISO-8859-1 UTF-16LE Shift_JIS]
