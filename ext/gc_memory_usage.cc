@@ -8,8 +8,8 @@ namespace EXT {
 namespace {
 
 // A collection starts when the native memory has grown by this much, or by as much as survived the last one: many live
-// buffers must not mean a collection for every few new ones. The interpreter lets
-// what it allocates itself grow by as much.
+// buffers must not mean a collection for every few new ones. The interpreter lets what it allocates itself grow by as
+// much.
 constexpr int64_t MIN_GROWTH = 32 << 20;
 
 int64_t in_use = 0;
