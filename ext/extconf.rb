@@ -56,11 +56,11 @@ def ruby_before?(version)
   Gem::Version.new(RUBY_VERSION) < Gem::Version.new(version)
 end
 
-# The table at the head of ruby_compat.h says what each is for.
-have_func("rb_gc_adjust_memory_usage", "ruby.h")     # since 2.4
-have_func("rb_ext_ractor_safe", "ruby.h")            # since 3.0
-have_func("rb_enc_interned_str", "ruby/encoding.h")  # since 3.0
-have_func("rb_hash_bulk_insert", "ruby.h")           # in the public headers since 2.7
+# The table at the head of ruby_compat.h says what each is for, and since when it is there.
+have_func("rb_gc_adjust_memory_usage", "ruby.h")
+have_func("rb_ext_ractor_safe", "ruby.h")
+have_func("rb_enc_interned_str", "ruby/encoding.h")
+have_func("rb_hash_bulk_insert", "ruby.h")
 $defs << "-DVORN_RUBY_HAS_TYPED_CALLBACKS" unless ruby_before?("2.7") # <ruby/backward/cxxanyargs.hpp>
 $defs << "-DVORN_RUBY_ALIASES_PASS_FOR_BUILTIN" if ruby_before?("2.3") # to rb_method_basic_definition_p
 # In 2.2 ruby_stack_check() is the constant 0; where it is no more, between that and 2.7, was not tried.
