@@ -1,5 +1,5 @@
 /// Words to and from the byte order of the wire, in one memory access each: compilers do not reliably combine accesses
-/// to single bytes (docs/performance.md: double bodies).
+/// to single bytes (docs/development/performance.md: double bodies).
 #pragma once
 
 #include <cstdint>

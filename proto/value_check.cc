@@ -46,8 +46,8 @@ class OuterContainers {
   uint64_t size_ = 0;
 };
 
-// Inlined into check_value(), whose cursor then stays in registers, as `inner` does (docs/performance.md: the checking
-// pass). Integers and strings, which are most of a message, are tested for ahead of the jump table.
+// Inlined into check_value(), whose cursor then stays in registers, as `inner` does (docs/development/performance.md:
+// the checking pass). Integers and strings, which are most of a message, are tested for ahead of the jump table.
 [[gnu::always_inline]] inline ValueFault check(WireReader& in, const CheckLimits& limits, ArrayCounts& counts) {
   const uint64_t value_end = std::min(in.limit(), limits.value_end);
   const uint64_t max_open = limits.maxdepth > 0 ? static_cast<uint64_t>(limits.maxdepth) : 0;

@@ -107,7 +107,8 @@ template <typename ValueAt>
 
 /// Writes integers that follow one another, `count` results of value_at(index). They are encoded in a scratch array,
 /// because a word would overwrite what lies behind an integer in the buffer. A failure leaves earlier batches written.
-/// Do not replace by a loop over write_int() without the experiment "runs of integers" of docs/performance.md.
+/// Do not replace by a loop over write_int() without the experiment "runs of integers" of
+/// docs/development/performance.md.
 template <typename ValueAt>
 [[gnu::noinline]] void write_ints(PacketBuf& buf, size_t count, ValueAt value_at) {
   IntScratch batch;
@@ -143,7 +144,7 @@ inline void write_double(PacketBuf& buf, double value) {
 /// @}
 
 /// memcpy without a call for short strings, which most of a message are: two overlapping moves of a fixed size
-/// (docs/performance.md: short strings).
+/// (docs/development/performance.md: short strings).
 inline void copy_string_bytes(char* to, const char* from, size_t n) {
   const auto move_ends = [=](auto width) {
     std::memcpy(to, from, width);

@@ -14,7 +14,7 @@
 /// operation works on the value itself, its contract says so.
 ///
 /// The library takes no lock for a value, and finds no cycle: a value that contains itself is never freed, and walking
-/// it does not end. Nesting costs machine stack, when a value ends too. docs/native-guide.md explains references,
+/// it does not end. Nesting costs machine stack, when a value ends too. docs/guide/cpp.md explains references,
 /// cycles and threads by example.
 ///
 /// All failures of the library are VornRuntimeError with the text that is given. Running out of memory is

@@ -71,7 +71,7 @@ TEST(WireWriter, IntegersOfTheTable) {
   EXPECT_GE(rows, 40);
 }
 
-// The encoding as docs/value-encoding.md describes it, byte by byte.
+// The encoding as docs/wire/value-encoding.md describes it, byte by byte.
 std::string plain_int(int64_t value) {
   const bool negative = value < 0;
   uint64_t magnitude = negative ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
