@@ -58,7 +58,7 @@ size_t ByteSource::read(char* to, size_t n) {
       return 0;
     }
     if (became_shorter()) return 0;
-    // The old file may have grown since its end was met.
+    // The old file may have grown after read() reached its end.
     if (find_successor()) continue;
     if (!wait(false, FOLLOW_MILLISECONDS)) return 0;
   }
@@ -72,7 +72,7 @@ size_t ByteSource::read_now(char* to, size_t n) {
   }
 }
 
-/// Waits for that long (-1: for ever), for input if asked. False: a signal says that this is the end.
+/// Waits up to `milliseconds` (-1: no timeout), for input too if `for_input`. False: a signal ends the input.
 bool ByteSource::wait(bool for_input, int milliseconds) {
   pollfd watched[] = {{output_fd_, 0, 0}, {for_input ? fd_ : -1, POLLIN, 0}};
   const timespec limit{milliseconds / 1000, milliseconds % 1000 * 1000000L};
@@ -109,7 +109,7 @@ bool ByteSource::find_successor() {
     return false;
   }
   if (S_ISREG(named.st_mode)) {
-    // A pipe could have taken its place by now, and opening one waits.
+    // A FIFO may have taken the name meanwhile, and opening one blocks.
     successor_ = ::open(name_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (successor_ < 0) {
       say(std::strerror(errno));

@@ -12,7 +12,7 @@ namespace vorn_inspect {
 ///   0000001b  a5 01 00 07 00 00 00 02  41 42                    |......AB|
 void write_hex_dump(std::string_view bytes, uint64_t offset, Output& output);
 
-/// Writes the bytes as pairs of hexadecimal digits, nothing between them.
+/// Writes the bytes as pairs of hexadecimal digits without separators.
 void write_hex_digits(std::string_view bytes, Output& output);
 
 }  // namespace vorn_inspect

@@ -20,7 +20,7 @@ class Histogram {
   uint64_t min() const { return count_ == 0 ? 0 : min_; }
   uint64_t max() const { return max_; }
 
-  /// Ranges from the first to the last that is not empty. REQUIRES: count() != 0.
+  /// The first and last ranges that are not empty. REQUIRES: count() != 0.
   unsigned first() const;
   unsigned last() const;
   Range range(unsigned index) const;

@@ -80,7 +80,7 @@ void JsonReport::on_failed_value(const FailedValue& failed) {
          {"fault", {{"offset", failed.fault_offset}, {"reason", failed.reason}}}});
 }
 
-/// An object whose last members are still to come: they may be longer than memory should hold.
+/// Writes an object without its closing brace: the remaining members may be too long to hold in memory.
 void JsonReport::open(const json& members) {
   std::string text = members.dump();
   text.pop_back();

@@ -1,4 +1,4 @@
-/// The output for programs: one JSON object a line, its "type" being "frame", "skipped", "value" or
+/// The output for programs: one JSON object per line, with a "type" of "frame", "skipped", "value" or
 /// "failed_value". The manual page lists the members.
 #pragma once
 
@@ -15,7 +15,7 @@ namespace vorn_inspect {
 
 class JsonReport : public Report {
  public:
-  /// `hex`: show the bytes of frames, values and (the first of) skipped ranges too.
+  /// `hex`: also show the bytes of frames and values, and the first bytes of skipped ranges.
   JsonReport(Output& out, bool hex) : out_(out), hex_(hex), values_(out) {}
 
   void on_frame(const Frame& frame) override;

@@ -7,15 +7,15 @@
 
 namespace vorn_inspect {
 
-/// Writes values as JSON, nothing lost: nil, booleans, integers (all 64 bits) and doubles are what JSON calls
-/// so; a double always has a point or an exponent. What JSON has no form for is an object with one member,
-/// whose name begins with a dollar sign:
+/// Writes values as JSON without loss. nil, booleans, integers (all 64 bits) and doubles become their JSON
+/// counterparts; a double always has a point or an exponent. Anything else is an object with one member, whose name
+/// begins with a dollar sign:
 ///
 ///   {"$bytes": "c3ff"}                a string that is not UTF-8, as hexadecimal digits
-///   {"$double": "7ff8000000000000"}   infinities and what is not a number, by their bits
-///   {"$hash": [[KEY, VALUE], ...]}   a hash that has a key which is not UTF-8 or begins with a dollar sign
+///   {"$double": "7ff8000000000000"}   infinities and NaN, by their bits
+///   {"$hash": [[KEY, VALUE], ...]}   a hash with a key that is not UTF-8 or begins with a dollar sign
 ///
-/// Other hashes are objects. Of other characters than ASCII, those that is_control() knows are escaped.
+/// Other hashes are objects. Non-ASCII characters are escaped if is_control() matches them.
 class JsonValueWriter : public ValueWriter {
  public:
   explicit JsonValueWriter(Output& out) : ValueWriter(out, "null", ",") {}

@@ -39,14 +39,14 @@ std::unique_ptr<Report> make_report(const Options& options, Output& out) {
   return std::make_unique<TextReport>(out, options.hex);
 }
 
-/// The bar would be lost among lines that run through the same terminal.
+/// Lines that scroll through the same terminal would break up the progress bar.
 bool wants_progress(const Options& options, const ByteSource& source) {
   return source.size().value_or(0) >= LARGE && ::isatty(STDERR_FILENO) == 1 &&
          (options.stats || ::isatty(STDOUT_FILENO) == 0);
 }
 
-/// Whether these first bytes are a header as peers write it. Values may begin like that, too, so nothing but a hint
-/// depends on it.
+/// Whether these first bytes look like a header from an ordinary writer. Values can begin the same way, so only a
+/// hint depends on it.
 bool looks_like_frame(std::string_view bytes, uint32_t max_length) {
   using namespace VORN::PROTO;
   if (bytes.size() < PF8_HEADER_LEN || bytes.size() < frame_header_len(bytes)) return false;
@@ -56,7 +56,7 @@ bool looks_like_frame(std::string_view bytes, uint32_t max_length) {
          frame_payload_check_passes(bytes) && decode_frame_header(bytes).data_len <= max_length;
 }
 
-/// Tells somebody who reads frames as values what is wrong.
+/// Tells a user who reads frames with --values what is wrong.
 class FrameHint {
  public:
   explicit FrameHint(const Options& options) : wanted_(options.values), max_length_(options.max_length) {}
@@ -75,8 +75,8 @@ class FrameHint {
   std::string head_;
 };
 
-/// Feeds the input to a scanner, and what was found to the output before each wait. An input that begins anew
-/// is another stream, with a scanner of its own.
+/// Feeds the input to a scanner, and flushes the output before each wait. A followed file that begins anew is a new
+/// stream with a new scanner.
 template <typename Scanner>
 void scan(const Options& options, Output& out, Report& report) {
   ByteSource source(options.input, options.follow, out.fd());
@@ -115,7 +115,7 @@ int run(const Options& options) {
       scan<StreamScanner>(options, out, *report);
     }
   } catch (const OutputClosed&) {
-    // Whoever read the output has seen enough.
+    // The reader of the output has seen enough.
   }
   return report->damage() ? DAMAGE : ALL_WELL;
 }

@@ -15,7 +15,7 @@ bool is_string(uint8_t type) {
   return type == PTT_BINSTR || type == PTT_SYMBOL || type == PTT_UTF8STR;
 }
 
-/// What the library's checking pass says.
+/// The result of the library's checking pass.
 ValueFault check_value(WireReader& in, uint64_t end) {
   ArrayCounts counts;
   return check_value(in, {DEFAULT_MAX_DEPTH, end, UINT64_MAX}, counts);
@@ -28,7 +28,7 @@ bool MessageReader::next() {
   start_ = offset_;
   window_.select(start_, end_ - start_);
   WireReader in(window_);
-  // The checking pass leaves the bytes of the last string to the building pass.
+  // The checking pass lets the last string reach past the end of the payload: only the building pass checks that.
   if (check_value(in, window_.payload_end()) != ValueFault::none || in.pos() > window_.payload_end()) {
     ask_the_library();
     return false;
@@ -39,7 +39,7 @@ bool MessageReader::next() {
   return fault_.empty();
 }
 
-/// What the checking pass refuses costs the library nothing to refuse.
+/// A value that the checking pass refuses is refused by the library before it builds anything.
 void MessageReader::ask_the_library() {
   try {
     VORN::VObject value;

@@ -9,35 +9,35 @@
 
 namespace vorn_inspect {
 
-/// A value that the library reads, where it lies.
+/// A value that the library can read, by its place in the window.
 struct EncodedValue {
   StreamWindow& window;
   uint64_t offset;
   uint64_t size;
 };
 
-/// The library's text for a hash key that is no string.
+/// The library's text for a hash key that is not a string.
 extern const char KEY_IS_NO_STRING[];
 
-/// Finds messages one at a time: those that proto_extract_messages() finds. None is built: one of many small
-/// members takes more than a hundred times its bytes.
+/// Finds the messages that proto_extract_messages() finds, one at a time and without building them: a value with many
+/// small members takes more than a hundred times its encoded size.
 class MessageReader {
  public:
-  /// The messages in [offset, offset + size) of the window, of which this makes selections.
+  /// Reads the messages in [offset, offset + size) of the window, and moves the window's selection.
   MessageReader(StreamWindow& window, uint64_t offset, uint64_t size)
       : window_(window), end_(offset + size), start_(offset), offset_(offset) {}
 
   /// Goes to the next message. False: there is none, or the library cannot read it; then fault() says why.
-  /// Symbols count as strings; at most 64 levels. Throws std::bad_alloc.
+  /// Symbols count as strings; the depth limit is 64. Throws std::bad_alloc.
   bool next();
 
-  /// The message that next() went to.
+  /// The message that next() reached.
   EncodedValue message() const { return {window_, start_, offset_ - start_}; }
 
   /// The library's text for the message that cannot be read; empty: none has failed.
   const std::string& fault() const { return fault_; }
 
-  /// Where reading stands in the stream: behind the last message, or where the fault was found.
+  /// The offset in the stream after the last message, or where the fault was found.
   uint64_t offset() const { return offset_; }
 
  private:
@@ -50,13 +50,13 @@ class MessageReader {
   std::string fault_;
 };
 
-/// Moves behind a value. False: a hash in it has a key that is no string; the cursor is then behind that key.
+/// Skips a value. False: a hash in it has a key that is not a string; the cursor is then after that key.
 /// REQUIRES: check_value() has found no fault in it, at DEFAULT_MAX_DEPTH.
 bool skip_value(VORN::PROTO::WireReader& in);
 
-/// Walks the messages in [offset, offset + size) of the window without building them, calling `at_start` with
-/// the offset of each. Returns whether they are readable to the end; a hash key that is no string passes.
-/// Sets `looked_at` to the count of bytes that this took. Throws std::bad_alloc.
+/// Walks the messages in [offset, offset + size) of the window without building them, and calls `at_start` with
+/// the offset of each. Returns whether all are readable; a hash key that is not a string counts as readable.
+/// Sets `looked_at` to the number of bytes read. Throws std::bad_alloc.
 template <typename AtStart>
 bool walk_messages(StreamWindow& window, uint64_t offset, uint64_t size, uint64_t& looked_at, AtStart at_start) {
   using namespace VORN::PROTO;

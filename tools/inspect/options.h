@@ -16,7 +16,7 @@ struct Options {
   uint32_t max_length = 64U << 20;
 };
 
-/// Reads the command line. Nothing: the program is to end with `status`, and all has been said.
+/// Parses the command line. Empty: the program should exit with `status`; any message has been printed.
 std::optional<Options> parse_options(int argc, char** argv, int& status);
 
 }  // namespace vorn_inspect

@@ -25,8 +25,8 @@ void Output::flush() {
   buffer_.clear();
 }
 
-/// How much of it can be written now. Signals are held back while the program works, so a write must not
-/// wait.
+/// Waits for the output and returns how much can be written without blocking. Signals are blocked while the program
+/// works, so a blocking write could not be interrupted.
 size_t Output::wait_for_room(size_t wanted) const {
   if (stop_ == nullptr) return wanted;
   pollfd watched{fd_, POLLOUT, 0};

@@ -1,4 +1,4 @@
-/// Standard output, buffered. That its reader went away is no error: OutputClosed tells the program to end.
+/// Standard output, buffered. A reader that closes its end is not an error: OutputClosed tells the program to end.
 #pragma once
 
 #include <string>
@@ -14,10 +14,10 @@ class Output {
  public:
   explicit Output(int fd) : fd_(fd) {}
 
-  /// From now on a signal that comes while the reader takes nothing counts as its leaving. Null: no longer.
+  /// From now on a signal that arrives while the reader is stalled counts as the reader leaving. Null: no longer.
   void set_stop(const StopSignal* stop) { stop_ = stop; }
 
-  /// Adds bytes; writes them out now and then. Throws like flush().
+  /// Adds bytes to the buffer; flushes when it is full. Throws like flush().
   void write(std::string_view bytes) {
     while (bytes.size() >= FLUSH_SIZE - buffer_.size()) {
       const size_t fitting = FLUSH_SIZE - buffer_.size();
@@ -28,7 +28,7 @@ class Output {
     buffer_ += bytes;
   }
 
-  /// Writes everything out. Throws OutputClosed, and std::system_error when the bytes cannot be written.
+  /// Writes out the buffer. Throws OutputClosed, and std::system_error when writing fails.
   void flush();
 
   int fd() const { return fd_; }

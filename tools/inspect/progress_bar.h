@@ -5,7 +5,7 @@
 
 namespace vorn_inspect {
 
-/// A line on standard error that says how far reading has come. It goes away at the end.
+/// A progress line on standard error, erased at the end.
 class ProgressBar {
  public:
   /// `size`: of the whole input, not 0.
@@ -14,7 +14,7 @@ class ProgressBar {
   ProgressBar(const ProgressBar&) = delete;
   ProgressBar& operator=(const ProgressBar&) = delete;
 
-  /// Draws the line anew, a few times a second at most.
+  /// Redraws the line, a few times a second at most.
   void update(uint64_t done);
 
  private:

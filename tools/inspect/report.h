@@ -1,4 +1,4 @@
-/// What becomes of all that is found: the base of the program's three kinds of output.
+/// The base of the three kinds of output.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@ namespace vorn_inspect {
 
 class Report : public StreamSink, public ValueSink {
  public:
-  /// The input has ended, after that many bytes.
+  /// The input ended after `input_size` bytes.
   virtual void on_end(uint64_t input_size) = 0;
 
   /// Whether bytes were skipped, frames overlapped, or a message or value could not be read.

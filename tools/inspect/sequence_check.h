@@ -1,4 +1,4 @@
-/// Watches the sequence numbers of a stream, which count up from frame to frame and start over behind 65535.
+/// Checks the sequence numbers of a stream, which increase by one from frame to frame and wrap around after 65535.
 #pragma once
 
 #include <cstddef>
@@ -14,15 +14,15 @@ class SequenceCheck {
     uint16_t from;
     uint16_t to;
   };
-  /// As many jumps are kept, the first ones.
+  /// Only the first jumps are kept.
   static constexpr size_t MAX_JUMPS = 20;
 
   void add(uint16_t seq, uint64_t offset);
 
   uint64_t gaps() const { return gaps_; }        ///< jumps forward
-  uint64_t missing() const { return missing_; }  ///< numbers that they leave out
-  uint64_t repeats() const { return repeats_; }  ///< the number of the frame before, once more
-  uint64_t returns() const { return returns_; }  ///< jumps back, by half of the numbers at most
+  uint64_t missing() const { return missing_; }  ///< numbers that these jumps leave out
+  uint64_t repeats() const { return repeats_; }  ///< frames with the number of the frame before
+  uint64_t returns() const { return returns_; }  ///< jumps back, by at most half of the numbers
   const std::vector<Jump>& jumps() const { return jumps_; }
 
  private:

@@ -23,7 +23,7 @@ void add_counts(const char* title, const std::map<std::string, uint64_t>& counts
   }
 }
 
-/// What the numbers leave of a line, for its bar: of 80 columns, or of a terminal's that has fewer.
+/// The columns left for the bar after the numbers, of 80 or of a narrower terminal.
 uint64_t bar_width() {
   constexpr long NUMBERS = 40;
   constexpr long USUAL = 80;

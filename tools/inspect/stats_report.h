@@ -1,4 +1,4 @@
-/// Counts instead of contents, written at the end: as text, or as one JSON object.
+/// Counts instead of contents, written at the end as text or as one JSON object.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@ namespace vorn_inspect {
 
 class StatsReport : public Report {
  public:
-  /// `values`: the input has values without frames.
+  /// `values`: the input is values without frames.
   StatsReport(Output& out, bool json, bool values) : out_(out), json_(json), values_(values) {}
 
   void on_frame(const Frame& frame) override;

@@ -1,4 +1,4 @@
-/// Lets SIGINT and SIGTERM end the input in place of the program, so that what was found is still reported.
+/// Lets SIGINT and SIGTERM end the input instead of the program, so that what was found is still reported.
 #pragma once
 
 #include <csignal>
@@ -7,13 +7,13 @@ namespace vorn_inspect {
 
 class StopSignal {
  public:
-  /// From now on the two signals are held back, except while waiting with waiting_mask().
+  /// From now on both signals are blocked, except while waiting with waiting_mask().
   StopSignal();
 
-  /// Whether one of them has come.
+  /// Whether one of the signals has arrived.
   bool came() const;
 
-  /// The signal mask to wait with (see ppoll), so that none is missed between came() and the waiting.
+  /// The signal mask for ppoll(): no signal is lost between came() and the wait.
   const sigset_t* waiting_mask() const { return &waiting_mask_; }
 
  private:

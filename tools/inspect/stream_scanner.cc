@@ -118,7 +118,7 @@ StreamScanner::HeaderState StreamScanner::read_header(uint64_t offset, Candidate
   return candidate.reason == nullptr ? HeaderState::good : HeaderState::failed;
 }
 
-/// Bytes of a frame at pos_ that would be looked at again.
+/// How many bytes of a frame at pos_ would be examined again.
 uint64_t StreamScanner::overlap(uint64_t size) const {
   return std::min(pos_ + size, std::max(looked_at_, pos_)) - pos_;
 }
@@ -138,7 +138,7 @@ bool StreamScanner::look_into(const Candidate& candidate) {
         if (start >= inner_end) inner_end = end_of_frames(start, end);
       });
   const bool credible = readable || state_ == State::expect || candidate.header_len == PF12_HEADER_LEN;
-  // Whoever gets the report reads the frame to its end.
+  // A sink reads a reported frame to its end.
   const uint64_t size = credible ? candidate.size() : candidate.header_len + looked_at;
   overlap_spent_ += overlap(size);
   looked_at_ = std::max(looked_at_, pos_ + size);
@@ -146,8 +146,8 @@ bool StreamScanner::look_into(const Candidate& candidate) {
   return credible;
 }
 
-/// Where the frames end that follow one another from `offset` on and do not reach beyond `limit`; `offset`
-/// itself if there is none.
+/// The end of the chain of adjacent frames that starts at `offset` and does not reach past `limit`; `offset` itself
+/// if there is none.
 uint64_t StreamScanner::end_of_frames(uint64_t offset, uint64_t limit) const {
   while (offset < limit && window_.view(offset, 1)[0] == static_cast<char>(PF_START_MARKER)) {
     Candidate candidate;
@@ -157,8 +157,8 @@ uint64_t StreamScanner::end_of_frames(uint64_t offset, uint64_t limit) const {
   return offset;
 }
 
-/// Whether a header that passes its checks, or the end of the input, stands at `offset`. Clears `known` if
-/// more bytes are needed to tell.
+/// Whether a header that passes its checks, or the end of the input, is at `offset`. Clears `known` if more bytes
+/// are needed to decide.
 bool StreamScanner::header_follows(uint64_t offset, bool& known) const {
   known = true;
   if (offset == window_.end()) {
@@ -185,8 +185,8 @@ void StreamScanner::report(const Candidate& candidate) {
   sink_.on_frame(frame);
 }
 
-/// Notes why no frame begins at pos_, and goes on one byte further. What stands inside a reported frame is
-/// its payload and needs no reason.
+/// Records why no frame begins at pos_, and moves on by one byte. Bytes inside a reported frame are its payload
+/// and need no reason.
 bool StreamScanner::reject(const Candidate& candidate, const char* reason) {
   if (pos_ >= covered_) {
     if (skipped_.failed_start_count++ < Skipped::MAX_STARTS) {
@@ -199,14 +199,14 @@ bool StreamScanner::reject(const Candidate& candidate, const char* reason) {
   return true;
 }
 
-/// Keeps the first of the bytes from covered_ on, before they leave the window.
+/// Keeps the first bytes from covered_ on before the window drops them.
 void StreamScanner::note_head() {
   const uint64_t from = covered_ + skipped_.head.size();
   const uint64_t to = std::min(pos_, covered_ + Skipped::MAX_HEAD);
   if (from < to) skipped_.head.append(window_.view(from, to - from));
 }
 
-/// The bytes from covered_ to pos_, if there are any.
+/// Reports the bytes from covered_ to pos_ as skipped, if there are any.
 void StreamScanner::report_skipped() {
   if (pos_ > covered_) {
     note_head();

@@ -4,7 +4,7 @@ namespace vorn_inspect {
 
 void StreamWindow::append(std::string_view bytes) {
   const uint64_t kept = end_ - first_;
-  // Moving no more than was given up since the last time makes the moves free, however long the window is.
+  // Moving no more bytes than were dropped since the last move keeps the cost linear, however long the window is.
   if (first_ >= kept) {
     set_pos(0);
     write_bytes(data().data() + first_, kept);

@@ -19,7 +19,7 @@ namespace vorn_inspect {
 
 class TextReport : public Report {
  public:
-  /// `hex`: show the bytes of frames, values and (the first of) skipped ranges too.
+  /// `hex`: also show the bytes of frames and values, and the first bytes of skipped ranges.
   TextReport(Output& out, bool hex) : out_(out), hex_(hex), values_(out) {}
 
   void on_frame(const Frame& frame) override;

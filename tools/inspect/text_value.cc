@@ -21,7 +21,7 @@ void TextValueWriter::write_double(double number) {
   out_.write(scratch_);
 }
 
-// In pieces: a string of control characters is four times as long as text.
+// In pieces: escaped control characters take four times their size.
 void TextValueWriter::write_string(std::string_view bytes) {
   out_.write("\"");
   while (!bytes.empty()) {

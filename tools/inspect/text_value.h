@@ -1,4 +1,4 @@
-/// Values as text for people: what VORN::render() writes, but for DEL, which is `\x7f` here.
+/// Values as text for people: the same as VORN::render(), except that DEL is `\x7f` here.
 #pragma once
 
 #include "tools/inspect/value_writer.h"

@@ -10,7 +10,7 @@ const char VALUE_TOO_LONG[] = "value longer than the limit";
 
 namespace {
 
-/// An incomplete value is walked again with each feed() up to this size, and then each time it has doubled.
+/// An incomplete value is walked again with each feed() up to this size, and then whenever it has doubled.
 constexpr uint64_t EAGER = 4096;
 
 bool ran_out(ValueFault fault) {

@@ -1,4 +1,4 @@
-/// Reads a stream of values that stand one behind the other, without frames.
+/// Reads a stream of values without frames, one after the other.
 #pragma once
 
 #include <cstdint>
@@ -27,7 +27,7 @@ struct FailedValue {
 
 extern const char VALUE_TOO_LONG[];
 
-/// All that is passed is valid during the call only.
+/// Receives what was found. Arguments are valid during the call only.
 class ValueSink {
  public:
   virtual ~ValueSink() = default;
@@ -35,9 +35,9 @@ class ValueSink {
   virtual void on_failed_value(const FailedValue& failed) = 0;
 };
 
-/// Values have no start marker: behind one whose end cannot be told, nothing is read any more. Behind one
-/// that is whole, and only cannot be built (a hash key that is no string), reading goes on. The values of one
-/// stream, and what one of them may need to arrive, are bounded by max_length.
+/// Values have no start marker: after a value whose end is unknown, nothing more is read. A complete value that
+/// merely cannot be built (a hash key that is not a string) does not stop the reading. A value, and the bytes
+/// buffered until it is complete, are bounded by max_length.
 class ValueScanner {
  public:
   /// The sink must outlive the scanner.
@@ -46,10 +46,10 @@ class ValueScanner {
   /// Takes the next bytes and reports the values that are complete. Throws std::bad_alloc and what the sink
   /// throws.
   void feed(std::string_view bytes);
-  /// The input has ended: what is left fails.
+  /// Ends the input: an incomplete value is reported as failed.
   void finish();
 
-  /// Where reading stopped for good, or stands.
+  /// The offset that reading has reached, or where it stopped for good.
   uint64_t offset() const { return pos_; }
 
  private:
@@ -61,7 +61,7 @@ class ValueScanner {
   const uint32_t max_length_;
   StreamWindow window_;
   uint64_t pos_ = 0;
-  uint64_t enough_ = 0;  ///< bytes that must be there before the value at pos_ is tried again
+  uint64_t enough_ = 0;  ///< how many bytes must have arrived before the value at pos_ is tried again
   bool failed_ = false;
 };
 

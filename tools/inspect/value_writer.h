@@ -1,6 +1,5 @@
-/// Writes values as text straight from their bytes. Nothing is built but a list of the entries of the hashes
-/// that are open, since a hash is written in the order of its keys, and of entries with the same key only the
-/// last.
+/// Writes values as text straight from their bytes. The only data built are the lists of entries of the open hashes:
+/// a hash is written in the order of its keys, and of entries with the same key only the last.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +11,7 @@
 
 namespace vorn_inspect {
 
-/// What stands around the entries of a hash.
+/// The text around the entries of a hash.
 struct HashMarks {
   const char* open;
   const char* before_key;
@@ -27,7 +26,7 @@ class ValueWriter {
   ValueWriter(const ValueWriter&) = delete;
   ValueWriter& operator=(const ValueWriter&) = delete;
 
-  /// Throws std::bad_alloc, and like Output::write(). Each byte is read once for each hash around it, and
+  /// Throws std::bad_alloc, and like Output::write(). Each byte is read once for each hash that contains it, and
   /// twice more.
   void write(const EncodedValue& value);
 
@@ -37,15 +36,15 @@ class ValueWriter {
   virtual void write_double(double number) = 0;
   virtual void write_string(std::string_view bytes) = 0;
   virtual bool is_plain_key(std::string_view) const { return true; }
-  /// `plain`: all keys are.
+  /// `plain`: all keys are plain.
   virtual const HashMarks& hash_marks(bool plain) const = 0;
 
   Output& out_;
 
  private:
-  /// A value may be 2 GiB long, as a frame may.
+  /// 32 bits are enough: a value may be 2 GiB long, as a frame may.
   struct Entry {
-    uint32_t key;  ///< where its bytes are, from the value's beginning
+    uint32_t key;  ///< offset of the key's bytes from the value's beginning
     uint32_t key_size;
     uint32_t value;
   };
@@ -61,7 +60,7 @@ class ValueWriter {
   const char* const separator_;
   StreamWindow* window_ = nullptr;
   uint64_t start_ = 0;  ///< index of the value in the window
-  /// Of all hashes that are open, the innermost last. A deque, since a vector that grows is there twice.
+  /// The entries of all open hashes, the innermost last. A deque, because a growing vector exists twice.
   std::deque<Entry> entries_;
 };
 

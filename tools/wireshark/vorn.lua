@@ -1,12 +1,12 @@
--- Wireshark dissector for Vorn RPC over TCP. README.md beside this file says how to use it.
+-- Wireshark dissector for Vorn RPC over TCP. For how to use it, see README.md in this folder.
 --
 --   stream    (bytes that belong to no frame, or a frame)*
 --   frame     A5 | layout with bit 0 set   | seq:2 | length:4                        | payload
 --             A5 | layout with bit 0 clear | seq:2 | length:3 | DE AD BE EF | 5A     | payload
 --   payload   value*, each one a message
 --
--- vorn.message and vorn.error say what the native library makes of the stream: a frame that fails its checks is
--- not decoded, and messages end at the first one that cannot be read. The tree shows all that can be told beside.
+-- vorn.message and vorn.error follow the native library: a frame that fails its checks is not decoded, and messages
+-- end at the first one that cannot be read. The tree shows everything else that is known.
 
 local vorn = Proto("vorn", "Vorn RPC")
 
@@ -15,9 +15,9 @@ local HEADER_CHECK = 0x5A
 local PAYLOAD_CHECK = 0xDEADBEEF
 local SOFT_LIMIT = 0x7FFFFFFF
 local MAX_DEPTH = 64
-local MAX_STRING = 2 ^ 20 -- bytes shown of a string
-local MAX_TEXT = 2 ^ 23 -- bytes of messages' texts for one packet; more stalls the user interface and helps nobody
-local MAX_LABEL = 120 -- bytes of a text in a line of the tree
+local MAX_STRING = 2 ^ 20 -- bytes of a string that are shown
+local MAX_TEXT = 2 ^ 23 -- bytes of message text per packet; more stalls the user interface
+local MAX_LABEL = 120 -- bytes of text per line of the tree
 
 -- Preferences ------------------------------------------------------------------------------------------------
 
@@ -99,7 +99,7 @@ local function quoted(bytes)
   return '"' .. bytes:gsub(".", escapes) .. '"'
 end
 
--- The C library puts the locale's decimal point.
+-- string.format uses the locale's decimal point.
 local function double_text(number)
   return (string.format("%f", number):gsub("[^0-9a-z%-]+", "."))
 end
@@ -128,19 +128,19 @@ end
 
 -- Values -----------------------------------------------------------------------------------------------------
 --
--- A walk reads values off one payload:
+-- A walk reads values from one payload:
 --   tvb, bytes    the packet, and its bytes as a Lua string
---   pos, stop     offset of the next byte, offset behind the payload
---   depth         open values
+--   pos, stop     offset of the next byte, offset of the payload's end
+--   depth         nesting depth of the open values
 --   text_cut      some of the message's text is missing
 --   fault, fault_pos   why and where reading stopped
---   late_fault    what only a reader that builds the value trips over. It counts if the rest of the message
---                 has no fault: the native library first walks a message, then builds it
+--   late_fault    a fault that only building the value detects. It counts if the rest of the message has no fault:
+--                 the native library first walks a message, then builds it
 --   exhausted     reading stopped because there are too many values
 --
--- Readers return the value's text, and nil when reading stopped.
+-- Readers return the value's text, or nil when reading stopped.
 
--- What the current call of the dissector may still spend, over all its frames.
+-- The remaining budget of the current call of the dissector, shared by all its frames.
 local values_left, text_left = 0, 0
 
 local function fail(walk, fault)
@@ -166,9 +166,9 @@ local function take_text(walk, text)
   return text
 end
 
--- Reads groups of bits, the lowest first; the first byte holds `first_bits` of them, a continuation flag and above
--- it what the caller knows about. Returns the number as UInt64, and the first byte. Groups beyond bit 63 start
--- over at bit 0, as in every peer.
+-- Reads a varint, lowest bits first. The first byte holds `first_bits` of them, then a continuation flag; the caller
+-- knows the bits above. Returns the number as UInt64, and the first byte. Groups beyond bit 63 wrap around to bit 0,
+-- as in every peer.
 local function read_groups(walk, first_bits)
   local first = walk.bytes:byte(walk.pos + 1)
   local flag = 2 ^ first_bits
@@ -177,7 +177,7 @@ local function read_groups(walk, first_bits)
   walk.pos = walk.pos + 1
   while more do
     if walk.pos >= walk.stop then return nil end
-    -- Nobody writes so many, but nothing forbids a payload that is one endless number.
+    -- No writer produces so many groups, but a hostile payload can be one endless number.
     groups = groups + 1
     if groups > 10 and not spend(walk) then return nil end
     local byte = walk.bytes:byte(walk.pos + 1)
@@ -251,7 +251,7 @@ local function close_container(walk, item, start, count, what)
   item:add(f.value.count, count):set_generated()
 end
 
--- Consumes the end mark if it is next. Returns nil where the payload has ended.
+-- Consumes the end mark if it is next. Returns nil at the end of the payload.
 local function at_end(walk, end_mark)
   if walk.pos >= walk.stop then return fail(walk, "buffer underrun") end
   if walk.bytes:byte(walk.pos + 1) ~= end_mark then return false end
@@ -359,7 +359,7 @@ local function read_message(walk, tree)
   return text, item
 end
 
--- Shows the fault that ended a message, or the native library's reading of it.
+-- Shows the fault that ended a message, or the native library's fault for it.
 local function report_fault(walk, item)
   local fault, pos = walk.fault or walk.late_fault, walk.fault and walk.fault_pos or walk.late_pos
   local kind = fault:find("hash keys", 1, true) and not_native or malformed
@@ -400,7 +400,7 @@ local function big_endian(bytes, pos, size)
   return number
 end
 
--- The header at `pos`, where a start marker is. Returns nil while some of it is missing.
+-- Reads the header at `pos`, where a start marker is. Returns nil while some of it is missing.
 local function read_header(bytes, pos)
   if #bytes - pos < 2 then return nil end
   local header = { start = pos, layout_byte = bytes:byte(pos + 2) }
@@ -419,7 +419,7 @@ local function read_header(bytes, pos)
   return header
 end
 
--- A header whose check byte is wrong says nothing: its other fields are not shown.
+-- A header with a wrong check byte is meaningless: its other fields are not shown.
 local function add_header(tvb, tree, header)
   local pos = header.start
   local readable = header.error ~= "Bad Header CRC"
@@ -435,7 +435,7 @@ local function add_header(tvb, tree, header)
   if header.error then report(tree, tvb(pos, header.size), malformed, header.error) end
 end
 
--- Shows a frame as far as the packet holds it, and returns its line for the packet list.
+-- Shows as much of a frame as the packet holds, and returns its line for the packet list.
 local function add_frame(tvb, bytes, tree, header)
   local last = header.error and header.payload_start or math.min(header.payload_end, #bytes)
   local item = tree:add(vorn, tvb(header.start, last - header.start))
@@ -469,11 +469,11 @@ end
 
 -- Payloads that are not reassembled ---------------------------------------------------------------------------
 --
--- Their bytes in later segments must not be searched for start markers. They are counted: a script learns no
--- sequence numbers where Wireshark builds no tree, as on its first pass over a capture.
+-- Their bytes in later segments must not be searched for start markers. They are counted, because a script gets no
+-- sequence numbers when Wireshark builds no tree, as on its first pass over a capture.
 
 local pending = {} -- by direction of a connection: how many bytes are still to come
-local continued = {} -- by packet and place in it: how many the first pass found there, for the later ones
+local continued = {} -- by packet and place in it: how many the first pass found there, for the later passes
 
 local function direction(pinfo)
   return table.concat({ tostring(pinfo.src), pinfo.src_port, tostring(pinfo.dst), pinfo.dst_port }, " ")
@@ -483,7 +483,7 @@ local function remember_rest(pinfo, size)
   if not pinfo.visited then pending[direction(pinfo)] = size end
 end
 
--- How many bytes at the packet's beginning belong to such a payload.
+-- Returns how many bytes at the start of the packet belong to such a payload.
 local function bytes_continued(tvb, pinfo)
   local place = pinfo.number .. " " .. tvb:offset()
   if pinfo.visited then return continued[place] or 0 end
@@ -505,7 +505,7 @@ local function wait_for(pinfo, header_start, size)
   pinfo.desegment_len = size
 end
 
--- Shows what of the packet is complete and asks for the rest of what is not. Appends a line for each frame.
+-- Shows the complete frames of the packet and asks for the rest of an incomplete one. Appends a line for each frame.
 local function add_frames(tvb, pinfo, tree, lines)
   local bytes = tvb:raw()
   local pos = bytes_continued(tvb, pinfo)
@@ -528,7 +528,7 @@ local function add_frames(tvb, pinfo, tree, lines)
       remember_rest(pinfo, math.max(0, header.payload_end - tvb:reported_len()))
     end
     lines[#lines + 1] = add_frame(tvb, bytes, tree, header)
-    -- A receiver that resets its frame after an error goes on behind what the frame consumed.
+    -- A receiver that resets its frame after an error continues after the bytes that the frame consumed.
     pos = header.error and header.payload_start or header.payload_end
   end
 end
@@ -540,13 +540,13 @@ function vorn.dissector(tvb, pinfo, tree)
   add_frames(tvb, pinfo, tree, lines)
   pinfo.cols.protocol = "VORN"
   if #lines > 0 then
-    -- Other frames may end in the same segment: they add their lines behind the fence.
+    -- Another call may add frames of the same segment: its lines go after the fence.
     pinfo.cols.info:set(table.concat(lines, " | ", 1, math.min(#lines, 10)) .. " ")
     pinfo.cols.info:fence()
   end
 end
 
--- Whether a stream that begins so is worth a try: only what a writer writes counts.
+-- Whether a stream with this beginning is worth trying: only headers from an ordinary writer count.
 local function begins_with_frame(bytes)
   local header = bytes:byte(1) == START_MARKER and read_header(bytes, 0)
   if not header or header.error or header.payload_error then return false end
