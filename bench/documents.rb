@@ -2,8 +2,8 @@
 
 require "json"
 
-# The documents that the Ruby benchmark encodes and decodes. All are made from one seed, so that two runs measure
-# the same bytes. Integers stay within 32 bits and keys are Strings: what every codec here can say.
+# The documents that the Ruby benchmark encodes and decodes. All come from one seed, so that two runs measure the
+# same bytes. Integers stay within 32 bits and keys are Strings: every codec here can represent them.
 module Documents
   WORDS = %w[the quick brown fox jumps over lazy dog while every other animal sleeps near old river bank and
              nobody wants to hear about yesterday café naïve über jalapeño].freeze
@@ -22,7 +22,7 @@ module Documents
     }
   end
 
-  # Documents of a chosen size, all of the same kind: how the cost grows with the work.
+  # Documents of a chosen size and the same shape, to show how the cost grows with the size.
   def records(random, count)
     Array.new(count) do |i|
       { "id" => i, "name" => text(random, 12), "email" => "user#{i}@example.org", "active" => i.odd?,

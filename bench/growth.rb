@@ -1,14 +1,14 @@
 #!/usr/bin/env ruby
 # frozen_string_literal: true
 
-# How cost grows with the work: the same kind of records at 1 KB, 100 KB, 10 MB and 200 MB of encoded bytes. Each
-# size runs in a process of its own, so that one size's heap does not burden the next.
+# How cost grows with the size: the same kind of records at 1 KB, 100 KB, 10 MB and 200 MB of encoded bytes. Each
+# size runs in its own process, so that the heap of one size does not slow down the next.
 #
 #   bench/growth.rb [--floor DIR] [--json FILE] [BYTES ...]
 #
-# Prints nanoseconds of CPU time per byte, the best of three samples, with the collector as it is, and without it. With
-# the folder of the built bench/floor extension, also those of building the same tree without a codec: how the cost of
-# the interpreter's own heap grows.
+# Prints nanoseconds of CPU time per byte, the best of three samples, with the garbage collector on and off. With
+# the folder of the built bench/floor extension, also prints the figures for building the same tree without a codec:
+# the cost of the interpreter's own heap.
 
 root = File.expand_path("..", __dir__)
 $LOAD_PATH.unshift(File.join(root, "lib"))
@@ -31,7 +31,6 @@ def cpu
   Process.clock_gettime(Process::CLOCK_PROCESS_CPUTIME_ID)
 end
 
-# Seconds a call: the best of at least three samples, small works many times a sample.
 def best(calls)
   Array.new(3) do
     GC.start

@@ -5,7 +5,7 @@
 #
 #   bench/native_codec.rb build/bench/vorn_bench [JSON file to write]
 #
-# Each benchmark is repeated in turn with the others; a figure is the best CPU time of the repetitions.
+# Repetitions of all benchmarks are interleaved; a figure is the best CPU time of the repetitions.
 
 require "json"
 require "open3"

@@ -1,12 +1,12 @@
 #!/usr/bin/env ruby
 # frozen_string_literal: true
 
-# Ours against the codecs that a Ruby program would use instead.
+# Vorn RPC against the codecs that a Ruby program would otherwise use.
 #
 #   bench/ruby_codec.rb [options] [FILE.json ...]
 #
 # All run in one process, in turn, round after round; each figure is the best CPU time of all rounds. Every result
-# is checked before it is timed. A codec that cannot say a document is left out of that document's row.
+# is checked before it is timed. A codec that cannot represent a document is left out of that document's row.
 
 root = File.expand_path("..", __dir__)
 $LOAD_PATH.unshift(File.join(root, "lib"))
@@ -27,7 +27,7 @@ end.parse!
 
 Codec = Struct.new(:name, :encode, :decode, :version)
 
-# Ours as a service uses it: one buffer, one frame out and one in, used again and again.
+# Vorn RPC as a service uses it: one buffer, one outbound and one inbound frame, all reused.
 CHUNK = 64 * 1024
 buf = VORN::PROTO::PacketBuf.new
 frame_out = VORN::PROTO::PacketFrameOut.new
@@ -46,7 +46,7 @@ decode = lambda do |bytes|
   buf.extract_object
 end
 
-# The value through a frame that arrives in chunks. A short stream is its own only chunk.
+# Sends the value through a frame that arrives in chunks. A short stream is a single chunk.
 through_frames = lambda do |value|
   frame_out.reset
   frame_out << value
@@ -91,7 +91,7 @@ def cpu
   Process.clock_gettime(Process::CLOCK_PROCESS_CPUTIME_ID)
 end
 
-# Microseconds a call: enough calls for a stable reading, and no collection carried over from a neighbour.
+# Microseconds per call. The collection at the start keeps one codec's garbage out of the next codec's figures.
 def sample(calls)
   GC.start
   start = cpu
@@ -135,7 +135,7 @@ documents.each_with_index do |(name, document), index|
   works["round trip/vorn"] = -> { through_frames.call(document) }
   if options[:floor]
     abort "the floor does not build #{name}" unless Floor.build(document) == document
-    # The floor makes no String of what it copies: beside it stands our work up to there.
+    # The floor makes no String of the bytes that it copies, so it is compared with encoding into a buffer.
     works["encode/in buffer"] = -> { buf.reset; buf << document }
     works["encode/floor"] = -> { Floor.walk(document) }
     works["decode/floor"] = -> { Floor.build(document) }

@@ -87,7 +87,7 @@ static VALUE build(VALUE model) {
   }
 }
 
-/* Floor.build(tree) -> an equal tree; its keys are looked up by their bytes, since bytes are what arrives */
+/* Floor.build(tree) -> an equal tree; keys are looked up by their bytes, as in a decoder, which receives bytes */
 static VALUE floor_build(VALUE self, VALUE tree) {
   (void)self;
   return build(tree);

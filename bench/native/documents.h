@@ -13,7 +13,7 @@ struct Document {
   VORN::VObject value;
 };
 
-/// Made from one seed: two runs measure the same bytes.
+/// Made from one seed, so that two runs measure the same bytes.
 const std::vector<Document>& documents();
 
 }  // namespace bench

@@ -1,4 +1,4 @@
-/// Assembling a 1 MB frame from chunks, beside a plain memcpy of the same bytes in the same pieces.
+/// Assembling a 1 MB frame from chunks, compared with a plain memcpy of the same bytes in the same chunks.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>

@@ -1,5 +1,5 @@
-/// The primitives of the value encoding, per value: written over what is there (a buffer in use), written behind
-/// the end (a new buffer), read, and walked by the checking pass.
+/// The primitives of the value encoding, per value: overwriting (a buffer in use), appending (a new buffer), reading,
+/// and the checking pass.
 #include <benchmark/benchmark.h>
 
 #include "proto/value_wire.h"

@@ -33,7 +33,7 @@ const std::vector<std::string>& names() {
   return all;
 }
 
-/// Names that are known already: the common case.
+/// Interning names that are already known: the common case.
 void intern_known(benchmark::State& state) {
   for (const std::string& name : names()) VObject::intern(name);
   size_t i = 0;

@@ -1,5 +1,5 @@
 /// Variants against nlohmann::json's MessagePack codec and msgpack-cxx with its variant, on the same trees. Every
-/// result is checked before it is timed. Output buffers are used again, as a service would.
+/// result is checked before it is timed. Output buffers are reused, as a service would.
 #include <benchmark/benchmark.h>
 
 #include <msgpack.hpp>
@@ -17,7 +17,7 @@ using VORN::PROTO::PacketBuf;
 using Msgpack = msgpack::type::variant;
 using nlohmann::json;
 
-/// The variant gives a double away to the wire only.
+/// A variant exposes its double only through its encoding.
 double double_of(const VObject& v) {
   PacketBuf buf;
   v.serialize(buf, 1);
@@ -128,7 +128,7 @@ void decode_msgpack(benchmark::State& state, const VObject& value) {
   const Msgpack v = to_msgpack(to_json(value));
   msgpack::sbuffer bytes;
   msgpack::pack(bytes, v);
-  // Compared by its bytes: whole numbers come back as another type than they went.
+  // Compared as bytes: integers come back with another type.
   msgpack::sbuffer again;
   msgpack::pack(again, msgpack::unpack(bytes.data(), bytes.size()).get().as<Msgpack>());
   if (std::string_view(again.data(), again.size()) != std::string_view(bytes.data(), bytes.size())) {
