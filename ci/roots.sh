@@ -1,8 +1,7 @@
 # shellcheck shell=bash
 #
-# Debian roots, made with debootstrap and reused; delete one to have it made again. Sourced after lib.sh by checks that
-# need another Debian release, or one with nothing installed. Making and entering roots needs root: sudo is used
-# otherwise.
+# Debian roots, made with debootstrap and reused; delete one to have it made again. Sourced after lib.sh by checks
+# that need another Debian release, or a minimal one. Making and entering roots needs root; otherwise sudo is used.
 #
 # Sets roots, the folder that contains them: VORN_ROOTS_DIR (default: vorn-rpc/rubies in the user's cache directory).
 
@@ -10,7 +9,7 @@ roots=${VORN_ROOTS_DIR:-${XDG_CACHE_HOME:-$HOME/.cache}/vorn-rpc/rubies}
 mkdir -p "$roots/logs"
 roots=$(cd "$roots" && pwd)
 
-# The mirror apt itself uses; nothing where apt is not Debian's (debootstrap then takes its own default).
+# The mirror that apt uses; empty where apt is not Debian's (debootstrap then uses its default).
 debian_mirror() {
   # shellcheck disable=SC2016 # for apt to expand
   apt-get indextargets --format '$(ORIGIN)|$(LABEL)|$(REPO_URI)' 'Created-By: Packages' 2>/dev/null |
@@ -29,14 +28,14 @@ make_root() {
     debootstrap --variant=minbase --force-check-gpg ${packages:+--include="$packages"} "$release" "$root.partial" \
     $(debian_mirror) >"$log" 2>&1 || { tail -n 5 "$log" >&2; return 1; }
   as_root rm -rf "$root.partial/var/cache/apt/archives"
-  # The mark of a finished root, and of what it was made with.
+  # Marks a finished root, and records its packages.
   echo "$packages" | as_root tee "$root.partial/vorn-packages" >/dev/null
   as_root mv "$root.partial" "$root"
 }
 
-# in_root ROOT COMMAND...: runs a command in a root, with nothing of the caller's environment. /proc is mounted in a mount
-# namespace of its own, so that nothing is left to unmount however this ends; where that is not allowed the command does
-# without.
+# in_root ROOT COMMAND...: runs a command in a root, without the caller's environment. /proc is mounted in a separate
+# mount namespace, so that nothing is left to unmount however the command ends; where namespaces are not allowed, the
+# command runs without /proc.
 in_root() {
   local root=$1 namespace=()
   shift
@@ -51,7 +50,8 @@ in_root() {
   ' sh "$root" ${#namespace[@]} "$@"
 }
 
-# The checkout's files as they stand, without anything built: objects made for one Ruby must not be taken for another's.
+# The checkout's files with local changes but without build output: object files of one Ruby must not be used by
+# another.
 export_project() {
   local file
   git ls-files -co --exclude-standard -z | while IFS= read -r -d '' file; do
