@@ -1,7 +1,7 @@
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-# A text as Debian wants it on disk: compressed, the same bytes each time.
+# Compresses a text as Debian requires, reproducibly.
 find_program(VORN_GZIP gzip)
 function(install_text file directory name)
   if(VORN_GZIP)
@@ -14,7 +14,7 @@ function(install_text file directory name)
   endif()
 endfunction()
 
-# Headers lie one folder deeper, so that `#include "proto/packet_buf.h"` cannot meet another library's.
+# Headers go one folder deeper, so that `#include "proto/packet_buf.h"` cannot find another library's header.
 install(TARGETS ${vorn_rpc_targets} EXPORT vorn_rpc
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
@@ -32,7 +32,7 @@ install(FILES
   ${CMAKE_CURRENT_BINARY_DIR}/vorn_rpc-config-version.cmake
   DESTINATION ${vorn_rpc_cmake_dir})
 
-# The .pc file finds its prefix from where it lies, so an installed tree may be moved.
+# The .pc file computes its prefix from its own location, so an installed tree may be moved.
 if(IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR} OR IS_ABSOLUTE ${CMAKE_INSTALL_INCLUDEDIR})
   set(pc_prefix ${CMAKE_INSTALL_PREFIX})
   set(pc_libdir ${CMAKE_INSTALL_FULL_LIBDIR})

@@ -1,5 +1,5 @@
-# One set of object files makes both kinds of the library: `vorn_rpc` is the kind that BUILD_SHARED_LIBS asks
-# for, the other is made of its objects. Source folders add themselves to `vorn_rpc`.
+# One set of object files makes both kinds of library: `vorn_rpc` is the kind that BUILD_SHARED_LIBS selects, the
+# other is linked from its objects. Source folders add themselves to `vorn_rpc`.
 if(BUILD_SHARED_LIBS)
   add_library(vorn_rpc SHARED)
   add_library(vorn_rpc_static STATIC $<TARGET_OBJECTS:vorn_rpc>)
@@ -26,7 +26,7 @@ set_target_properties(${vorn_rpc_shared_target} PROPERTIES
   VERSION ${PROJECT_VERSION}
   SOVERSION ${PROJECT_VERSION_MAJOR})
 
-# Boost's own package file is found; CMake's module, which found it for older releases, is gone from newer ones.
+# Uses Boost's own package file: newer releases of CMake no longer have the FindBoost module.
 if(POLICY CMP0167)
   cmake_policy(SET CMP0167 NEW)
 endif()
@@ -42,7 +42,7 @@ foreach(target IN LISTS vorn_rpc_targets)
   target_link_libraries(${target} PUBLIC Boost::boost Threads::Threads)
 endforeach()
 
-# The names that an installed package offers serve inside one build too.
+# The target names of an installed package also work inside the build.
 add_library(vorn_rpc::vorn_rpc ALIAS vorn_rpc)
 add_library(vorn_rpc::shared ALIAS ${vorn_rpc_shared_target})
 add_library(vorn_rpc::static ALIAS ${vorn_rpc_static_target})

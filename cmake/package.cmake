@@ -1,5 +1,5 @@
-# `cpack` makes one Debian package that a developer installs: headers, both kinds of the library, what CMake and
-# pkg-config read, and, with VORN_BUILD_TOOLS, vorn-inspect and its manual. bin/package is the way to make it.
+# `cpack` makes one Debian package for developers: headers, both kinds of library, files for CMake and pkg-config,
+# and, with VORN_BUILD_TOOLS, vorn-inspect and its manual. bin/package makes it with the right settings.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME libvorn-rpc-dev)
 set(CPACK_PACKAGE_VENDOR "Vorn RPC")

@@ -1,8 +1,8 @@
 if(VORN_SANITIZE)
   list(JOIN VORN_SANITIZE "," sanitizers)
-  # What a contract demands of its caller is checked too, whatever the build type.
+  # Assertions of contracts are on, whatever the build type.
   add_compile_options(-UNDEBUG)
-  # A finding ends the program: a test that goes on after one would pass.
+  # A finding ends the program: otherwise the test would go on and pass.
   add_compile_options(-fsanitize=${sanitizers} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${sanitizers})
 endif()

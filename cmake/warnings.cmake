@@ -1,7 +1,7 @@
 # For everything below this folder; the headers of other libraries are system headers.
 add_compile_options(-Wall -Wextra -Wpedantic)
-# From g++ 16 on (15 was not tried) Boost's counted pointers of one type are taken for those of another, and their
-# members for out of bounds.
+# g++ 16 (15 was not tried) confuses Boost's counted pointers of different types and reports their members as out
+# of bounds.
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_GREATER_EQUAL 15)
   add_compile_options(-Wno-array-bounds)
 endif()
