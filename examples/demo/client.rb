@@ -2,8 +2,8 @@
 
 # usage: client.rb PORT FILE (ruby|native)
 #
-# Sends the records in FILE (of collect.rb) to the Ruby or C++ server at PORT and compares what comes back. Exits 0
-# only when every record came back as such a server has to send it.
+# Sends the records in FILE (written by collect.rb) to the Ruby or C++ server at PORT and compares the answers. Exits 0
+# only if every record came back as that kind of server must return it.
 require "pp"
 require "socket"
 require_relative "records"
@@ -21,7 +21,7 @@ def message(id, record)
   { "id" => id, "record" => record, "tally" => Tally.of(record) }
 end
 
-# The bytes of a frame, 16 a line, beside the lines of its value.
+# The bytes of a frame, 16 per line, next to the lines of its value.
 def show(bytes, value)
   hex = bytes.unpack("H*")[0].scan(/../).each_slice(16).map { |line| line.join(" ") }
   text = PP.pp(value, "", 60).lines.map(&:chomp)
@@ -30,7 +30,7 @@ def show(bytes, value)
   puts
 end
 
-# Equal, encodings and the order of hashes included.
+# Equality that includes encodings and the order of hashes.
 def same?(a, b)
   return false unless a.class == b.class && a == b
   case a
@@ -41,7 +41,7 @@ def same?(a, b)
   end
 end
 
-# Frame sizes change, and so do layouts.
+# Frame sizes and layouts vary.
 def batches(messages)
   sizes = PER_FRAME.cycle
   rest = messages
@@ -70,7 +70,7 @@ class Progress
   end
 end
 
-# Compares the answers with those that are to come next.
+# Compares the answers with the next expected ones.
 def compare(expected, answers)
   answers.each do |answer|
     wanted = expected.shift or raise Stream::Failure, "more answers than records"
@@ -90,7 +90,7 @@ begin
   started = now
   show(stream.send_frame([messages[0]], false), messages[0])
 
-  # Sending and receiving go on at the same time, or both sides could wait for each other with full sockets.
+  # Sends and receives concurrently: otherwise both sides could block on full sockets.
   sender = Thread.new do
     batches(messages.drop(1)) { |batch| stream.send_frame(batch, stream.frames_out.odd?) }
     stream.finish

@@ -2,13 +2,13 @@
 
 # usage: collect.rb COUNT FILE
 #
-# Puts up to COUNT records of this machine into FILE, so that all acts send the same ones.
+# Writes up to COUNT records of this machine to FILE, so that all acts send the same ones.
 require_relative "records"
 
 count, file = Integer(ARGV.fetch(0)), ARGV.fetch(1)
 records = Records.find(count)
 abort "collect: no records on this machine" if records.empty?
-# A record that fits the screen comes first, alone in its frame.
+# A record that fits on the screen comes first, alone in its frame.
 first = records.min_by { |record| (record.inspect.bytesize - 300).abs }
 records.unshift(records.delete_at(records.index(first)))
 Records.save(records, file)

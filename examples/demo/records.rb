@@ -1,6 +1,6 @@
 # frozen_string_literal: true
 
-# Real records of this machine, as the values that a message can carry: the installed packages, and files.
+# Real records of this machine, as values that a message can carry: the installed packages, and files.
 require "vorn_rpc"
 
 module Records
@@ -20,7 +20,7 @@ module Records
     found
   end
 
-  # A value needs no frame where a file's length says where it ends.
+  # A single value in a file needs no frame: it ends where the file ends.
   def self.save(records, file)
     File.binwrite(file, (VORN::PROTO::PacketBuf.new << records).to_str)
   end
@@ -36,7 +36,7 @@ module Records
     File.foreach(STATUS, "\n\n", encoding: "UTF-8").lazy.map { |paragraph| package(fields_of(paragraph)) }
   end
 
-  # "Name: value" lines; a line that starts with a blank continues the one before.
+  # "Name: value" lines; a line that starts with a blank continues the previous one.
   def self.fields_of(paragraph)
     paragraph.strip.gsub(/\n[ \t]/, "\0").lines.each_with_object({}) do |line, fields|
       name, value = line.chomp.split(": ", 2)
@@ -75,7 +75,7 @@ module Records
 
   def self.file(path)
     stat = File.lstat(path)
-    # A size beyond 32 bits would not survive as an Integer.
+    # A size beyond 32 bits would be cut as an Integer.
     size = stat.size < 2**31 ? stat.size : stat.size.to_s
     { "path" => path, "type" => stat.ftype.to_sym, "mode" => stat.mode, "size" => size, "modified" => stat.mtime.to_f }
   rescue SystemCallError

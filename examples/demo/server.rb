@@ -1,12 +1,12 @@
 # frozen_string_literal: true
 
 # Listens on a port that the system chooses, prints its number, and serves one client: checks each record that
-# arrives and sends back what it decoded and what it counted.
+# arrives and returns the decoded record and its counts.
 require "socket"
 require_relative "stream"
 require_relative "tally"
 
-# From byte by byte to a network packet and more; none divides anything.
+# From single bytes to more than a network packet; no size divides another, so reads and frames never align.
 CHUNK_SIZES = [1, 7, 1460, 3, 4093, 61, 65_521, 251]
 
 def answer_to(message)
@@ -29,7 +29,7 @@ begin
   stream = Stream.new(socket, CHUNK_SIZES)
   records = 0
   stream.each_frame do |messages|
-    # Of two frames that come in, one layout each goes out.
+    # Alternates between the two layouts.
     stream.send_frame(messages.map { |message| answer_to(message) }, stream.frames_in.even?)
     records += messages.size
   end

@@ -6,11 +6,11 @@ require "vorn_rpc"
 class Stream
   class Failure < StandardError; end
 
-  PATIENCE = 30 # seconds without a byte
+  PATIENCE = 30 # without receiving a byte
 
   attr_reader :bytes_in, :bytes_out, :frames_in, :frames_out
 
-  # Each read asks for the next of these sizes.
+  # Each read requests the next of these sizes.
   def initialize(socket, chunk_sizes)
     @socket = socket
     @chunk_sizes = chunk_sizes.cycle
@@ -32,7 +32,7 @@ class Stream
     bytes
   end
 
-  # Yields the messages of each frame until the peer has sent all.
+  # Yields the messages of each frame until the peer closes its side.
   def each_frame
     @inbound.reset
     while (chunk = read_chunk)

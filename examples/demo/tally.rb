@@ -1,8 +1,8 @@
 # frozen_string_literal: true
 
-# What both sides compute over a value and compare: the count of values, the count of bytes in strings and symbols,
-# and a sum over those bytes that depends on the order of the values. All stay below 2**31, so that they can be sent.
-# Hashes count in the order of their keys' bytes: a C++ peer keeps them in no other. Keys are strings.
+# A checksum that both sides compute over a value and compare: the number of values, the number of bytes in strings and
+# symbols, and a sum over those bytes that depends on the order of the values. All stay below 2**31, so that they can be
+# sent. Hash entries count in the order of their keys' bytes, as a C++ peer stores them. Keys are strings.
 class Tally
   def self.of(value)
     new.add(value).to_h

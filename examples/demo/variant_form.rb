@@ -1,7 +1,7 @@
 # frozen_string_literal: true
 
-# What a value is when it comes back from a C++ peer: variants know no encodings, so strings come back as UTF-8 and
-# hash keys as binary, in the order of their bytes; and the peer of this demonstration takes symbols as strings.
+# The value that a C++ peer returns: variants have no encodings, so strings come back as UTF-8, and hash keys come back
+# as binary, in the order of their bytes; the peer of this demonstration also turns symbols into strings.
 module VariantForm
   module_function
 

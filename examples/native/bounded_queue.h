@@ -1,5 +1,5 @@
-/// A queue between threads that holds at most so many: whoever adds more waits, and so does who takes from an
-/// empty one, until it is closed.
+/// A bounded queue between threads: adding to a full queue blocks, and so does taking from an empty one, until the
+/// queue is closed.
 #pragma once
 
 #include <condition_variable>
@@ -15,7 +15,7 @@ class BoundedQueue {
  public:
   explicit BoundedQueue(size_t limit) : limit_(limit) {}
 
-  /// False: it is closed, and the item is gone.
+  /// False: the queue is closed, and the item is lost.
   bool push(T item) {
     std::unique_lock<std::mutex> hold(lock_);
     room_.wait(hold, [this] { return items_.size() < limit_ || closed_; });
@@ -25,7 +25,7 @@ class BoundedQueue {
     return true;
   }
 
-  /// False: it is closed, and all items have been taken.
+  /// False: the queue is closed and empty.
   bool pop(T& item) {
     std::unique_lock<std::mutex> hold(lock_);
     filled_.wait(hold, [this] { return !items_.empty() || closed_; });
@@ -41,7 +41,7 @@ class BoundedQueue {
     return items_.empty();
   }
 
-  /// Drops what nobody has taken.
+  /// Drops the remaining items.
   void clear() {
     const std::lock_guard<std::mutex> hold(lock_);
     items_.clear();

@@ -1,6 +1,6 @@
 // The C++ server of bin/demo: listens on a loopback port that the system chooses, prints its number, and serves one
-// client. It checks each record that arrives and sends back what it decoded and what it counted, as
-// examples/demo/server.rb does.
+// client. Like examples/demo/server.rb it checks each record that arrives, and returns the decoded record and its
+// counts.
 
 #include <algorithm>
 #include <array>
@@ -26,10 +26,10 @@ using VORN::VObject;
 constexpr uint32_t MAX_PAYLOAD = 1 << 24;
 constexpr std::chrono::seconds PATIENCE{30};  // how long a client may leave its answers unread
 
-// From byte by byte to a network packet and more; none divides anything.
+// From single bytes to more than a network packet; no size divides another, so reads and frames never align.
 constexpr std::array<size_t, 8> CHUNK_SIZES{1, 7, 1460, 3, 4093, 61, 65521, 251};
 
-/// What both sides compute over a value and compare: see examples/demo/tally.rb.
+/// The checksum that both sides compute over a value: see examples/demo/tally.rb.
 class Tally {
  public:
   explicit Tally(const VObject& value) { add(value); }
@@ -91,7 +91,7 @@ VObject answer_to(const VObject& message) {
   return answer;
 }
 
-/// Until the client has sent all. Returns how many records came.
+/// Serves until the client closes its side. Returns the number of records.
 size_t serve(rpc::Socket& client) {
   rpc::FrameReader reader(MAX_PAYLOAD);
   rpc::FrameWriter writer(MAX_PAYLOAD);
@@ -103,7 +103,7 @@ size_t serve(rpc::Socket& client) {
     std::vector<VObject> answers;
     for (const VObject& message : frame.messages) answers.push_back(answer_to(message));
     records += answers.size();
-    // Of two frames that come in, one layout each goes out.
+    // Alternates between the two layouts.
     client.send_all(writer.frame(answers, frames % 2 == 0), rpc::Clock::now() + PATIENCE);
   };
 

@@ -11,7 +11,7 @@ using VORN::VObject;
 using VORN::PROTO::DEFAULT_MAX_DEPTH;
 
 FrameReader::FrameReader(uint32_t max_payload) : max_payload_(max_payload), inbound_{} {
-  frame_.reset();  // it consumes nothing before
+  frame_.reset();  // a new frame consumes nothing until reset
 }
 
 void FrameReader::feed(std::string_view chunk, const OnFrame& on_frame) {
@@ -27,8 +27,8 @@ void FrameReader::feed(std::string_view chunk, const OnFrame& on_frame) {
   }
 }
 
-/// Looks at the header before the assembler does. The assembler takes the announced length at its word and makes
-/// room for it at once, up to 2 GiB: eight bytes from anybody would cost that much memory.
+/// Checks the header before the assembler does. The assembler trusts the announced length and allocates it at once, up
+/// to 2 GiB: eight bytes from any client would cost that much memory.
 bool FrameReader::take_header(std::string_view& chunk) {
   while (header_.size() < VORN::PROTO::frame_header_len(header_)) {
     if (chunk.empty()) return false;
@@ -76,7 +76,7 @@ std::string_view FrameWriter::frame(const std::vector<VObject>& messages, bool t
 
 void FrameWriter::begin(bool twelve_byte_header) {
   frame_.set_use_12byte_header(twelve_byte_header);
-  frame_.reset();  // past the header; also drops what a failed call left behind
+  frame_.reset();  // moves past the header; also drops the remains of a failed call
 }
 
 std::string_view FrameWriter::end() {
@@ -86,7 +86,7 @@ std::string_view FrameWriter::end() {
                           " are allowed");
   }
   frame_.compute_frame_header();
-  frame_.inc_seq();  // lets a capture show what is missing
+  frame_.inc_seq();  // lets a capture reveal lost frames
   return {frame_.data().data(), frame_.pos()};
 }
 

@@ -23,13 +23,13 @@
 
 namespace rpc {
 
-/// What the peer sent is not this protocol, or is more than this side takes. No bytes get lost on a socket, so
-/// what follows is no better: close the connection.
+/// The peer's bytes are not this protocol, or exceed this side's limit. No bytes get lost on a socket, so the following
+/// ones are no better: close the connection.
 class BadFrame : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// The message does not fit the limit that both sides agreed upon.
+/// The message exceeds the limit that both sides agreed upon.
 class MessageTooLarge : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
@@ -40,7 +40,7 @@ struct InboundFrame {
   std::vector<VORN::VObject> messages;  ///< may be moved out of
 };
 
-/// Cuts a stream that arrives in chunks of any size into frames, and these into values. Symbols arrive as
+/// Splits a stream that arrives in chunks of any size into frames, and the frames into values. Symbols arrive as
 /// strings.
 class FrameReader {
  public:
@@ -48,8 +48,8 @@ class FrameReader {
 
   explicit FrameReader(uint32_t max_payload);
 
-  /// Calls on_frame for each frame that the chunk completes, whatever header it has. Throws BadFrame, after which
-  /// the reader is of no more use, and what on_frame throws.
+  /// Calls on_frame for each frame that the chunk completes, with either header layout. Throws BadFrame, after which
+  /// the reader cannot be used, and what on_frame throws.
   void feed(std::string_view chunk, const OnFrame& on_frame);
 
   /// Whether the stream may end here.
@@ -61,18 +61,18 @@ class FrameReader {
 
   const uint32_t max_payload_;
   VORN::PROTO::PacketFrameIn frame_;
-  std::string header_;  ///< of the frame in progress, as far as it has arrived
+  std::string header_;  ///< of the current frame, as far as it has arrived
   bool header_is_whole_ = false;
   InboundFrame inbound_;
 };
 
-/// Turns messages into frames. One at a time: a writer has one buffer and one sequence number.
+/// Turns messages into frames, one at a time: a writer has one buffer and one sequence number.
 class FrameWriter {
  public:
   explicit FrameWriter(uint32_t max_payload) : max_payload_(max_payload) {}
 
   /// The bytes to send, valid until the next call. Throw MessageTooLarge, and VornRuntimeError for a value that
-  /// has no encoding; the next frame is none the worse for it.
+  /// has no encoding; the writer can still be used.
   std::string_view frame(const VORN::VObject& message, bool twelve_byte_header);
   std::string_view frame(const std::vector<VORN::VObject>& messages, bool twelve_byte_header);
 

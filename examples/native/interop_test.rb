@@ -11,7 +11,7 @@ class InteropTest < ExampleTest
   RPC_SERVER = File.join(NATIVE, "rpc_server")
   RPC_TOUR = File.join(NATIVE, "rpc_tour")
 
-  # The lines that every client prints against every server; how a value is shown differs between the languages.
+  # The output of every client with every server; how a value is printed differs between the languages.
   EXPECTED = ["add: 42", "three in flight: at once", "after a time-out: \"still here\"",
               "late answers dropped: 1"].freeze
   FAILURES = [/^time-out: no answer in time/, /^unknown method: no such method/, /^wrong arguments: bad arguments/,
@@ -27,7 +27,7 @@ class InteropTest < ExampleTest
     ends(server)
   end
 
-  # A check byte that is wrong, and a length beyond what the server takes.
+  # A wrong check byte, and a length beyond the server's limit.
   def test_the_cpp_server_hangs_up_on_bad_frames
     server, address = serve(RPC_SERVER)
     host, port = address.sub("tcp:", "").split(":")
@@ -67,7 +67,7 @@ class InteropTest < ExampleTest
       assert_call "not an answer", answer
     end
     assert_call "not an answer", "\xA5\x01\0\0\0\0\0\x0A" + "\x0A\x81\x00\x00\x0B" * 2 # two messages in a frame
-    assert_call "not an answer", "\xA5\x01\0\0\0\0\0\0" # a frame without one
+    assert_call "not an answer", "\xA5\x01\0\0\0\0\0\0" # a frame without any
   end
 
   def test_the_cpp_client_refuses_bad_frames
@@ -101,7 +101,7 @@ class InteropTest < ExampleTest
     FAILURES.each { |line| assert_match line, text }
   end
 
-  # What the C++ client prints when its one call, whose id is 1, is answered so: with messages, or with bytes.
+  # Checks the C++ client's output when its only call, with id 1, gets these messages or bytes as its answer.
   def assert_call(output, *answers, success: false, leaves: false)
     writer = FrameWriter.new(1000)
     bytes = answers.map { |answer| answer.is_a?(String) ? answer.b : writer.frame(answer) }.join
@@ -112,7 +112,7 @@ class InteropTest < ExampleTest
     end
   end
 
-  # Takes one request and answers it with these bytes, then waits for the client to leave unless it is to be left.
+  # Answers one request with these bytes, then waits for the client to disconnect unless `leaves`.
   def answering(bytes, leaves)
     listener = TCPServer.new("127.0.0.1", 0)
     thread = Thread.new do

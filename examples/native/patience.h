@@ -1,6 +1,6 @@
-/// How long a server waits for what a client sends next. There is a limit for silence and a shorter one for a frame
-/// that has begun, measured from its beginning: else a byte now and then would keep a connection, and its frame, for
-/// ever.
+/// The timeouts of a server that waits for a client. A client may be silent for one time, and a frame that has begun
+/// must be complete within a shorter one, measured from its beginning: otherwise a byte now and then would hold a
+/// connection and an incomplete frame for ever.
 #pragma once
 
 #include <chrono>
@@ -11,7 +11,7 @@
 
 namespace rpc {
 
-/// The client sends nothing, or not the rest of what it began.
+/// The client sends nothing, or does not finish what it began.
 class Silent : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
@@ -22,13 +22,13 @@ class Patience {
 
   explicit Patience(std::chrono::milliseconds idle_time) : idle_time_(idle_time), deadline_(Clock::now() + idle_time) {}
 
-  /// When the next bytes have to be there.
+  /// The time by which the next bytes must arrive.
   Clock::time_point deadline() const { return deadline_; }
 
-  /// A frame has come whole.
+  /// A frame is complete.
   void whole_frame() { in_frame_ = false; }
 
-  /// All that arrived has been looked at.
+  /// All bytes that arrived have been processed.
   void heard(bool between_frames) {
     if (between_frames) {
       in_frame_ = false;
@@ -39,7 +39,7 @@ class Patience {
     }
   }
 
-  /// The deadline has passed. Only who waits for an answer may be silent for longer; otherwise throws Silent.
+  /// The deadline has passed. Throws Silent, unless the client waits for an answer and no frame is incomplete.
   void over(bool waits_for_answer) {
     if (in_frame_) throw Silent("the rest of a frame did not come in " + std::to_string(FRAME_TIME.count()) + " s");
     if (!waits_for_answer) throw Silent("silent for " + std::to_string(idle_time_.count()) + " ms");

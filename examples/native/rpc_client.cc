@@ -19,7 +19,7 @@ Socket connect(const std::string& address, Clock::time_point deadline) {
   }
 }
 
-/// [id, nil, result] or [id, [code, text], nil]; the server is not trusted to keep to it.
+/// Accepts [id, nil, result] and [id, [code, text], nil]; the server is not trusted to send nothing else.
 void check_answer(const std::vector<VObject>& messages) {
   const auto is_answer = [](const VObject& answer) {
     if (answer.type() != VORN::DT_VECTOR || answer.getvec().size() != 3) return false;
@@ -64,14 +64,14 @@ int32_t RpcClient::enter(Result& result) {
   const std::lock_guard<std::mutex> hold(lock_);
   if (!lost_.empty()) throw ConnectionLost(lost_);
   do {
-    // A Ruby peer would cut an id beyond 32 bits. After wrapping around, an old call may still wait.
+    // A Ruby peer would cut an id beyond 32 bits. After wrapping around, a pending call may still have this id.
     last_id_ = last_id_ == std::numeric_limits<int32_t>::max() ? 1 : last_id_ + 1;
   } while (calls_.count(last_id_) != 0);
   calls_[last_id_] = &result;
   return last_id_;
 }
 
-/// Behind this the reader does not touch the result any more.
+/// After this call the reader no longer touches the result.
 void RpcClient::leave(int32_t id) {
   const std::lock_guard<std::mutex> hold(lock_);
   calls_.erase(id);
@@ -83,7 +83,7 @@ void RpcClient::send(const VObject& request, Clock::time_point deadline) {
   try {
     socket_.send_all(bytes, deadline);
   } catch (const std::system_error& e) {
-    // Perhaps half a frame is out: nothing can follow it.
+    // Part of the frame may have been sent: nothing can follow it.
     socket_.shutdown();
     throw ConnectionLost(std::string("sending failed: ") + e.what());
   }
@@ -114,7 +114,7 @@ void RpcClient::accept(InboundFrame& frame) {
     return;
   }
   Result& result = *found->second;
-  calls_.erase(found);  // a second answer with this id is a late one
+  calls_.erase(found);  // a second answer with this id counts as late
   if (answer[1].type() == VORN::DT_NIL) {
     result.set_value(answer[2]);
   } else {

@@ -1,5 +1,5 @@
 /// A client that many threads may share. Each call is one request; answers are matched by id, so calls of several
-/// threads are in flight at once. A client is one connection: when that is lost, make another.
+/// threads are in flight at once. A client is one connection: when that is lost, create another client.
 #pragma once
 
 #include <atomic>
@@ -18,12 +18,12 @@
 
 namespace rpc {
 
-/// No answer in time. The server may still be at it.
+/// No answer in time. The server may still be working on the call.
 class TimedOut : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// There is no connection, or it broke before the answer came.
+/// There is no connection, or it was lost before the answer came.
 class ConnectionLost : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
@@ -44,13 +44,13 @@ class RpcClient {
   RpcClient(const RpcClient&) = delete;
   RpcClient& operator=(const RpcClient&) = delete;
 
-  /// The result. Throws RemoteError, TimedOut, ConnectionLost, MessageTooLarge, and VornRuntimeError for
-  /// arguments that have no encoding. A call that ends in TimedOut or ConnectionLost may have been carried out:
-  /// repeat it only when doing it twice does no harm.
+  /// Returns the result. Throws RemoteError, TimedOut, ConnectionLost, MessageTooLarge, and VornRuntimeError for
+  /// arguments that have no encoding. A call that ends in TimedOut or ConnectionLost may have been executed: retry it
+  /// only if executing it twice does no harm.
   VORN::VObject call(const std::string& method, const VORN::VObjectVector& arguments,
                      std::chrono::milliseconds timeout = std::chrono::seconds(5));
 
-  /// Answers that came after their call had given up.
+  /// The number of answers that came after their calls had timed out.
   unsigned late() const { return late_; }
 
  private:
@@ -65,12 +65,12 @@ class RpcClient {
 
   const bool twelve_byte_header_;
   Socket socket_;
-  std::mutex writing_;  ///< of the writer
+  std::mutex writing_;  ///< guards the writer
   FrameWriter writer_;
-  std::mutex lock_;  ///< of what follows
+  std::mutex lock_;  ///< guards the members below
   int32_t last_id_ = 0;
   std::map<int64_t, Result*> calls_;  ///< by id, as wide as an answer's; each belongs to the thread that waits for it
-  std::string lost_;                  ///< why there is no connection any more
+  std::string lost_;                  ///< why the connection was lost; empty while there is one
   std::atomic<unsigned> late_{0};
   std::thread reader_;
 };

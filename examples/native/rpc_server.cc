@@ -1,10 +1,10 @@
-// An RPC server with two threads for each connection, one that reads and one that writes, and a pool of threads that
-// do the work. These wait for no client.
+// An RPC server with a reading and a writing thread for each connection, and a pool of worker threads, which never wait
+// for a client.
 //
 //   rpc_server [ADDRESS [IDLE_SECONDS]]
 //
-// ADDRESS is tcp:127.0.0.1:0 (the kernel chooses the port) unless given. The first line of output tells where it
-// listens. TERM and INT end it once the requests that were begun are answered.
+// ADDRESS defaults to tcp:127.0.0.1:0 (the kernel chooses the port). The first line of output is the address. On TERM
+// and INT it answers the requests that were begun, and exits.
 
 #include <poll.h>
 #include <atomic>
@@ -36,12 +36,12 @@ namespace {
 using rpc::log_line;
 using VORN::VObject;
 
-constexpr uint32_t MAX_PAYLOAD = 1 << 20;  // of a request as of an answer; an empty array of two bytes takes 80 here
+constexpr uint32_t MAX_PAYLOAD = 1 << 20;  // of requests and answers; decoded values take more, see examples/README.md
 constexpr size_t MAX_CONNECTIONS = 200;
 constexpr size_t WORKERS = 8;
-constexpr size_t SHARE = WORKERS / 2;  // requests of one client read and not answered; with more, it is not read
+constexpr size_t SHARE = WORKERS / 2;  // unanswered requests of one client; then the server reads no more from it
 constexpr std::chrono::seconds WRITE_TIME{2};  // how long a client may leave an answer unread
-constexpr std::chrono::seconds IDLE_TIME{60};  // how long a client may be silent that waits for no answer
+constexpr std::chrono::seconds IDLE_TIME{60};  // how long a client that waits for no answer may be silent
 
 struct Answer {
   VObject value;
@@ -53,8 +53,8 @@ struct Connection {
 
   rpc::Socket socket;
   const std::string name;
-  rpc::BoundedQueue<bool> in_progress{SHARE};  // an element for each such request
-  rpc::BoundedQueue<Answer> answers{SHARE};    // for the thread that writes; the client's share bounds it
+  rpc::BoundedQueue<bool> in_progress{SHARE};  // one element per unanswered request
+  rpc::BoundedQueue<Answer> answers{SHARE};    // for the writing thread; bounded by the client's share
   std::atomic<bool> gone{false};               // nothing can be sent any more
 };
 
@@ -64,8 +64,8 @@ struct Job {
   bool twelve_byte_header = false;
 };
 
-/// The answer's frame, in the layout of the request. A result that cannot be sent must be told too, or the client
-/// waits in vain.
+/// The answer's frame, in the layout of the request. A result that cannot be sent becomes an error: otherwise the
+/// client would wait for its timeout.
 std::string_view frame_of(rpc::FrameWriter& writer, const VObject& answer, bool twelve_byte_header) {
   const VObject& id = answer.getvec()[0];
   try {
@@ -85,7 +85,7 @@ class Server {
 
   std::string address() const { return rpc::address_of(listener_); }
 
-  /// Until `ended` is set by a signal, which `waiting` lets through.
+  /// Runs until a signal handler sets `ended`; `waiting` is the signal mask that lets the signals through.
   void run(const volatile std::sig_atomic_t& ended, const sigset_t& waiting) {
     for (size_t n = 0; n < WORKERS; ++n) workers_.emplace_back([this] { work(); });
     while (ended == 0) {
@@ -97,7 +97,7 @@ class Server {
 
  private:
   struct Reader {
-    std::weak_ptr<Connection> connection;  // its thread and the jobs hold it: it closes with the last answer
+    std::weak_ptr<Connection> connection;  // owned by its thread and its jobs, so it closes with the last answer
     std::atomic<bool> done{false};
     std::thread thread;
   };
@@ -175,7 +175,7 @@ class Server {
     Job job;
     while (requests_.pop(job)) {
       try {
-        // Of a client that is gone, what was not begun is left undone.
+        // Requests of a client that has disconnected are skipped.
         if (!job.connection->gone) job.request = rpc::answer_to(job.request);
         job.connection->answers.push({std::move(job.request), job.twelve_byte_header});
       } catch (const std::exception& e) {
@@ -187,7 +187,7 @@ class Server {
     }
   }
 
-  /// A request counts as the client's until its answer is sent, so that answers nobody reads are bounded too.
+  /// A request counts towards the client's share until its answer is sent, so that unread answers are bounded too.
   static void write(Connection& connection) {
     rpc::FrameWriter writer(MAX_PAYLOAD);
     Answer answer;
@@ -199,7 +199,7 @@ class Server {
                                      rpc::Clock::now() + WRITE_TIME);
         }
       } catch (const std::exception& e) {
-        // The client is gone or reads no answers. The end of input tells the reader to stop.
+        // The client has disconnected or reads no answers. Shutting the socket down stops the reading thread.
         log_line(connection.name + ": " + e.what() + "; answer dropped");
         connection.gone = true;
         connection.socket.shutdown();
@@ -209,7 +209,7 @@ class Server {
     }
   }
 
-  /// Workers end with what they have begun, readers with the end of input, writers with what they have.
+  /// Workers finish the requests they have begun, readers stop at the end of input, writers send the answers they have.
   void finish() {
     requests_.clear();
     requests_.close();
@@ -217,7 +217,7 @@ class Server {
     for (Reader& reader : readers_) {
       if (const auto connection = reader.connection.lock()) {
         connection->socket.shutdown_receive();
-        connection->in_progress.close();  // its reader may wait for room
+        connection->in_progress.close();  // its reader may be waiting for room
       }
       reader.thread.join();
     }
@@ -225,9 +225,9 @@ class Server {
 
   rpc::Socket listener_;
   const std::chrono::milliseconds idle_time_;
-  rpc::BoundedQueue<Job> requests_{SHARE * MAX_CONNECTIONS};  // never full
+  rpc::BoundedQueue<Job> requests_{SHARE * MAX_CONNECTIONS};  // the clients' shares bound it, so it is never full
   std::vector<std::thread> workers_;
-  std::list<Reader> readers_;  // touched by the accepting thread alone
+  std::list<Reader> readers_;  // used only by the accepting thread
 };
 
 volatile std::sig_atomic_t ended = 0;
@@ -235,7 +235,7 @@ volatile std::sig_atomic_t ended = 0;
 }  // namespace
 
 int main(int argc, char** argv) try {
-  // Only the thread that accepts clients takes these signals, and only while it waits.
+  // Only the accepting thread takes these signals, and only while it waits.
   sigset_t ending, others;
   sigemptyset(&ending);
   sigaddset(&ending, SIGTERM);

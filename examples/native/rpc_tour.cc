@@ -1,4 +1,4 @@
-// What a client can do and what can go wrong, one line each, against any server of examples/.
+// What a client can do and what can go wrong, one line of output each, against any server of examples/.
 //
 //   rpc_tour ADDRESS [8 | 12]
 //
@@ -64,13 +64,13 @@ void tour(rpc::RpcClient& client) {
 
   const auto began = rpc::Clock::now();
   std::cout << "three in flight: answered in the order " << text_of(three_pauses(client)) << std::endl;
-  // One after the other they would take 1.2 s.
+  // Sequentially they would take 1.2 s.
   std::cout << "three in flight: " << (rpc::Clock::now() - began < 1100ms ? "at once" : "one after the other")
             << std::endl;
 
   show("time-out", [&] { return client.call("pause", {0.3}, 100ms); });
   show("after a time-out", [&] { return client.call("echo", {"still here"}); });
-  client.call("pause", {0.3});  // by then the answer that nobody waits for has come
+  client.call("pause", {0.3});  // long enough for the answer of the timed-out call to arrive
   std::cout << "late answers dropped: " << client.late() << std::endl;
 
   show("unknown method", [&] { return client.call("format_disk", {}); });

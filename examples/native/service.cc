@@ -23,15 +23,15 @@ namespace {
 
 constexpr double MAX_PAUSE_SECONDS = 10;
 constexpr int64_t MAX_FILL = 1 << 21;
-constexpr size_t MAX_ID_BYTES = 64;  // also an error must have room for it
+constexpr size_t MAX_ID_BYTES = 64;  // leaves room for the error answer, which repeats the id
 
-// What one request may cost is the service's decision, not the client's, so every number of a client's comes through
-// one of these two.
+// The service, not the client, decides what a request may cost, so every number from a client passes one of these two
+// functions.
 
 double number(const VObject& value, double least, double most) {
   if (value.type() == VORN::DT_INT || value.type() == VORN::DT_DOUBLE) {
     const double number = number_of(value);
-    if (number >= least && number <= most) return number;  // NaN is neither
+    if (number >= least && number <= most) return number;  // false for NaN
   }
   throw Refused("bad arguments", "number from " + std::to_string(least) + " to " + std::to_string(most) + " wanted");
 }
@@ -45,7 +45,7 @@ VObject add(const VObjectVector& arguments) {
   if (arguments[0].type() != VORN::DT_INT || arguments[1].type() != VORN::DT_INT) {
     throw Refused("bad arguments", "add takes integers");
   }
-  // Variants write all 64 bits, and Ruby reads them.
+  // Variants encode all 64 bits, and Ruby can read them.
   int64_t sum;
   if (__builtin_add_overflow(arguments[0].to_i64(), arguments[1].to_i64(), &sum)) {
     throw Refused("overflow", "the sum needs more than 64 bits");
@@ -62,7 +62,7 @@ VObject fill(const VObjectVector& arguments) {
   return std::string(static_cast<size_t>(integer(arguments[0], 0, MAX_FILL)), 'x');
 }
 
-/// A value of the service's own, which has no form on the wire.
+/// A type of the service's own without an encoding.
 class Instant : public VORN::VObjectUDT {
  public:
   bool udt_equals(const VObjectUDT& other) const override { return this == &other; }
@@ -101,7 +101,7 @@ VObject call(const std::string& name, const VObjectVector& arguments) {
   return method.body(arguments);
 }
 
-/// An id of a client's: one beyond 32 bits would come back from a Ruby server as its low 32 bits.
+/// Whether a client may use this id: a Ruby server would cut one beyond 32 bits.
 bool is_id(const VObject& id) {
   if (id.type() == VORN::DT_STR) return id.getstr().size() <= MAX_ID_BYTES;
   return id.type() == VORN::DT_INT && id.to_i64() >= std::numeric_limits<int32_t>::min() &&
@@ -126,7 +126,7 @@ VObject answer_to(const VObject& request) {
   } catch (const Refused& e) {
     return failure(id, e.code(), e.what());
   } catch (const std::exception& e) {
-    // The log has the details; the peer gets no look inside.
+    // The log has the details; the client does not see the server's internals.
     log_line(std::string(parts[1].getstr()) + ": " + e.what());
     return failure(id, "failed", "the service failed");
   }

@@ -45,7 +45,7 @@ Socket new_socket(const addrinfo& where) {
   return socket;
 }
 
-/// Until then or until `events` can go on. False: the time is over.
+/// Waits for `events`. False: the deadline has passed.
 bool wait_for(int fd, short events, Clock::time_point deadline) {
   for (;;) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
@@ -61,7 +61,7 @@ void set(const Socket& socket, int level, int option, int value) {
   if (setsockopt(socket.fd(), level, option, &value, sizeof value) != 0) fail(errno, "setsockopt");
 }
 
-/// Small frames go out at once; a peer whose host has gone is noticed in about half a minute.
+/// Small frames go out at once; keepalive detects a dead peer host in about half a minute.
 void prepare(const Socket& socket) {
   set(socket, IPPROTO_TCP, TCP_NODELAY, 1);
   set(socket, SOL_SOCKET, SO_KEEPALIVE, 1);
@@ -120,7 +120,7 @@ void Socket::send_all(std::string_view bytes, Clock::time_point deadline) {
 }
 
 void Socket::shutdown() noexcept {
-  ::shutdown(fd_, SHUT_RDWR);  // fails only where the connection has ended already
+  ::shutdown(fd_, SHUT_RDWR);  // fails only if the connection has already ended
 }
 
 void Socket::shutdown_receive() noexcept {
@@ -140,7 +140,7 @@ Socket connect_to(const std::string& address, Clock::time_point deadline) {
   const AddressList where = resolve(address);
   Socket socket = new_socket(*where);
   const int flags = fcntl(socket.fd(), F_GETFL);
-  // Only while connecting, which has no limit of time of its own.
+  // connect() has no timeout of its own, so the socket is non-blocking until it is connected.
   if (flags < 0 || fcntl(socket.fd(), F_SETFL, flags | O_NONBLOCK) != 0) fail(errno, "fcntl");
   if (connect(socket.fd(), where->ai_addr, where->ai_addrlen) != 0) {
     if (errno != EINPROGRESS) fail(errno, address);

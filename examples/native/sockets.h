@@ -1,5 +1,4 @@
-/// Connected TCP sockets as values that close themselves, with limits of time. What goes wrong is thrown as
-/// std::system_error.
+/// Connected TCP sockets as RAII objects, with timeouts. Errors are thrown as std::system_error.
 #pragma once
 
 #include <chrono>
@@ -21,20 +20,20 @@ class Socket {
 
   int fd() const { return fd_; }
 
-  /// Until there are bytes, or the end. False: neither came by the deadline.
+  /// Waits for bytes or the end of input. False: neither came by the deadline.
   bool wait_readable(Clock::time_point deadline) const;
 
-  /// Waits for bytes and appends up to 64 KiB of them to `bytes`. False: the peer has sent all.
+  /// Waits for bytes and appends up to 64 KiB of them to `bytes`. False: the end of input.
   bool receive(std::string& bytes);
 
-  /// Sends all bytes, or throws: ETIMEDOUT when the peer has not taken them by the deadline. Perhaps some are out
-  /// then, and nothing can follow them.
+  /// Sends all bytes. Throws ETIMEDOUT if the peer has not read them by the deadline; some may have been sent by then,
+  /// and nothing can follow them.
   void send_all(std::string_view bytes, Clock::time_point deadline);
 
-  /// Ends both directions: a thread that waits in receive() finds the end.
+  /// Shuts down both directions: a thread blocked in receive() gets the end of input.
   void shutdown() noexcept;
 
-  /// Ends the direction from the peer alone: receive() finds the end, what is to be sent is sent.
+  /// Shuts down receiving only: receive() gets the end of input, and sending goes on.
   void shutdown_receive() noexcept;
 
  private:
@@ -45,7 +44,7 @@ class Socket {
 Socket listen_at(const std::string& address);
 Socket connect_to(const std::string& address, Clock::time_point deadline);
 
-/// The next client, or an invalid socket (fd -1) when it went away again.
+/// The next client, or an invalid socket (fd -1) if it has already disconnected.
 Socket accept_from(const Socket& listener);
 
 std::string address_of(const Socket& listener);
