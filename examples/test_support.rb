@@ -1,13 +1,13 @@
 # frozen_string_literal: true
 
-# What the tests of the examples share: programs as child processes, limits of time, and the last line of output.
+# Shared by the tests of the examples: programs as child processes, timeouts, and the last line of output.
 
 require "minitest/autorun"
 require "rbconfig"
 require "timeout"
 require "tmpdir"
 
-# The programs find the extension where the tests find it.
+# The child programs need the same load path.
 ENV["RUBYLIB"] ||= File.expand_path("../lib", __dir__)
 
 # The last line that the whole run prints.
@@ -27,14 +27,14 @@ module Minitest
 end
 Minitest.extensions << "result_line"
 
-# A child process with its output in files. Each that still runs when the tests end is killed.
+# A child process with its output in files. Those still running when the tests end are killed.
 class Program
   RUNNING = {} # by pid
 
   attr_reader :pid, :output_file, :log_file
 
-  # A program of this folder, warnings on, or one of another language by its whole path. through is a command to run it
-  # with.
+  # A program of this folder, with warnings on, or one of another language by its full path. through is a command to run
+  # it with.
   def self.example(folder, program, *arguments, env: {}, through: [])
     return new(folder, *through, program, *arguments, env: env) if program.start_with?("/")
 
@@ -75,7 +75,7 @@ class Program
   end
 end
 
-# Also when the tests are broken off.
+# Also when the tests are interrupted.
 Minitest.after_run do
   Program::RUNNING.values.each { |program| program.stop("KILL") }
   FileUtils.rm_rf(ExampleTest::FOLDERS)
@@ -95,7 +95,7 @@ class ExampleTest < Minitest::Test
   def teardown
     @programs.each do |program|
       program.stop("KILL")
-      # Ruby's own files and other gems may warn; ours do not.
+      # Ruby's own files and other gems may warn; ours must not.
       assert_empty program.log.lines.grep(%r{examples/.*warning:}), "warnings of a program"
     end
   ensure
@@ -108,13 +108,13 @@ class ExampleTest < Minitest::Test
     @programs.last
   end
 
-  # A server that tells where it listens, and that address.
+  # Starts a server and returns it with its address, which it prints.
   def serve(server, address = "tcp:127.0.0.1:0", *arguments)
     program = start(server, address, *arguments)
     [program, eventually("#{server} listens", 10, program) { program.output[/^listening on (.+)\n/, 1] }]
   end
 
-  # Waits for what the block returns to be true. When it never is, the program's log tells more.
+  # Waits until the block returns a true value. On timeout the message includes the program's log.
   def eventually(what, seconds = 10, program = nil)
     limit = now + seconds
     until (result = yield)

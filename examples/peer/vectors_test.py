@@ -61,11 +61,11 @@ def outcome(payload, levels=64):
         return "!" + str(bad), bad.pos
 
 
-# Python takes a symbol and a text of the same name for one key, and a binary string and a text for two. Ruby does
-# neither.
+# As dict keys, Python confuses a symbol with a text of the same name, and tells a binary string from an equal text.
+# Ruby does the opposite.
 KEYS_DIFFER = {"hash key as symbol and as utf8", "hash ASCII key as binary and as utf8"}
 
-# Python's own stack ends not far behind.
+# Deeper values overflow Python's own stack.
 MAX_LEVELS = 200
 
 names = set()
@@ -88,7 +88,7 @@ for name, raw, payload, levels, fault, pos, *_ in rows("faults.txt", 8):
     size, pos = len(raw) if payload == "all" else int(payload), int(pos)
     found, stopped = outcome(raw[:size], int(levels))
     found = found[1:] if found.startswith("!") else "none"
-    if pos > size:  # Ruby takes a string's bytes from behind the payload; a peer should not
+    if pos > size:  # Ruby reads a string's bytes beyond the payload; a peer should not
         expect("faults", name, "underrun_string", found)
     else:
         expect("faults", name, (fault, pos), (found, stopped))

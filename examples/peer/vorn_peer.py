@@ -54,7 +54,7 @@ def encode(value, level=1):
         return b"\x04" + struct.pack(">d", value)
     if isinstance(value, (str, bytes)):
         kind = 5 if isinstance(value, bytes) else 6 if isinstance(value, Symbol) else 7
-        # Text that came as invalid UTF-8 goes out as it came.
+        # Text that arrived as invalid UTF-8 is sent unchanged.
         body = value if isinstance(value, bytes) else value.encode("utf-8", "surrogateescape")
         return bytes([kind, *groups(len(body))]) + body
     if isinstance(value, (list, tuple)):
@@ -90,7 +90,7 @@ class Reader:
         magnitude, more, shift = byte & (1 << bits) - 1, byte >> bits & 1, bits
         while more:
             byte = self.take(1, fault)[0]
-            magnitude |= (byte & 0x7F) << shift % 64 & 2**64 - 1  # beyond 64 bits groups fold back
+            magnitude |= (byte & 0x7F) << shift % 64 & 2**64 - 1  # beyond 64 bits groups wrap around
             more, shift = byte >> 7, shift + 7
         return magnitude
 
@@ -129,7 +129,7 @@ class Reader:
         if kind == 5:
             return self.string()
         if kind in (6, 7):
-            text = self.string().decode("utf-8", "surrogateescape")  # nobody promises that it is UTF-8
+            text = self.string().decode("utf-8", "surrogateescape")  # texts may be invalid UTF-8
             return Symbol(text) if kind == 6 else text
         if kind == 8:
             pairs = []
@@ -179,7 +179,7 @@ class Frames:
         self.held += chunk
         while True:
             start = self.held.find(b"\xA5")
-            self.held = self.held[start:] if start >= 0 else b""  # what stands in front of a marker is dropped
+            self.held = self.held[start:] if start >= 0 else b""  # bytes before a start marker are dropped
             if len(self.held) < 2:
                 return
             header = 8 if self.held[1] & 1 else 12

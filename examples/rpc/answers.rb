@@ -1,13 +1,13 @@
 # frozen_string_literal: true
 
-# How a call can fail, and what counts as an answer, in both clients.
+# The ways in which a call can fail, and the check of answers, for both clients.
 
 require_relative "framing"
 
-# No answer in time. The server may still be at it.
+# No answer in time. The server may still be working on the call.
 class TimedOut < StandardError; end
 
-# There is no connection, or it broke before the answer came.
+# There is no connection, or it was lost before the answer came.
 class ConnectionLost < StandardError; end
 
 # The server answered with an error.
@@ -23,7 +23,7 @@ end
 module Answers
   private
 
-  # [id, nil, result] or [id, [code, text], nil]; the server is not trusted to keep to it.
+  # Accepts [id, nil, result] and [id, [code, text], nil]; the server is not trusted to send nothing else.
   def check_answer(answer)
     ok = answer.is_a?(Array) && answer.size == 3 &&
          (answer[1].nil? || (answer[1].is_a?(Array) && answer[1].size == 2))

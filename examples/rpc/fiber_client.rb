@@ -1,7 +1,7 @@
 # frozen_string_literal: true
 
-# The RPC client of thread_client.rb for fibers of one reactor. The state needs no locks: a fiber gives way only
-# where it waits.
+# The RPC client of thread_client.rb for fibers of one reactor. The state needs no locks: another fiber can run only
+# where this one waits.
 #
 #   ruby -Ilib examples/rpc/fiber_client.rb ADDRESS
 
@@ -22,7 +22,7 @@ class FiberClient
   Connection = Struct.new(:socket, :writer, :calls)
   Call = Struct.new(:fiber, :done, :error, :result)
 
-  attr_reader :late # answers that came after their call had given up
+  attr_reader :late # answers that came after their calls had timed out
 
   def initialize(address, reactor, last_id = 0)
     @address = address
@@ -32,8 +32,8 @@ class FiberClient
     @connection = nil
   end
 
-  # The result, or RemoteError, TimedOut, ConnectionLost, MessageTooLarge. A call that ends in TimedOut or
-  # ConnectionLost may have been carried out: repeat it only when doing it twice does no harm.
+  # Returns the result, or raises RemoteError, TimedOut, ConnectionLost, MessageTooLarge. A call that ends in TimedOut
+  # or ConnectionLost may have been executed: retry it only if executing it twice does no harm.
   def call(method, arguments = [], timeout = 5)
     deadline = Sockets.now + timeout
     connection = connected(deadline)
@@ -61,14 +61,14 @@ class FiberClient
 
   private
 
-  # The connection in use, or a new one: a lost connection is replaced by the next call.
+  # Returns the current connection; replaces a lost one.
   def connected(deadline)
     delay = RETRY_SECONDS
     until @connection
       begin
         connect(deadline)
       rescue SystemCallError, SocketError => e
-        # Chance keeps the clients of a server that comes back from all coming at once.
+        # Jitter: when a server comes back, its clients must not all reconnect at once.
         pause = delay * (0.5 + rand / 2)
         raise ConnectionLost, "cannot connect: #{e.message}" if Sockets.now + pause > deadline
 
@@ -79,7 +79,7 @@ class FiberClient
     @connection
   end
 
-  # Looking up a host's name and connecting hold up the other fibers, so they get little time here.
+  # Name lookup and connecting block all fibers, so their timeout is short.
   def connect(deadline)
     seconds = [[deadline - Sockets.now, 0.5].min, 0.001].max
     socket = FiberSocket.new(Sockets.connect(@address, seconds), @reactor)
@@ -91,7 +91,7 @@ class FiberClient
   def next_id(connection)
     begin
       @last_id = @last_id % MAX_ID + 1
-    end while connection.calls.key?(@last_id) # after wrapping around, an old call may still wait
+    end while connection.calls.key?(@last_id) # after wrapping around, a pending call may still have this id
     @last_id
   end
 
@@ -99,12 +99,12 @@ class FiberClient
     bytes = connection.writer.frame(request)
     connection.socket.write(bytes, deadline - Sockets.now)
   rescue SystemCallError, IOError => e
-    # Perhaps half a frame is out: nothing can follow it.
+    # Part of the frame may have been sent: nothing can follow it.
     connection.socket.shutdown
     raise ConnectionLost, "sending failed: #{e.message}"
   end
 
-  # The fiber that reads one connection; it alone closes the socket.
+  # The fiber that reads from one connection; only this fiber closes the socket.
   def read(connection)
     reader = FrameReader.new(MAX_PAYLOAD)
     while (chunk = connection.socket.read)

@@ -1,11 +1,11 @@
 # frozen_string_literal: true
 
-# The RPC server of thread_server.rb with fibers: one for each connection and one for each request, all on one
-# thread. Work that computes for long, or waits by other means than the reactor's, stops them all.
+# The RPC server of thread_server.rb with fibers: one per connection and one per request, all on one thread. A request
+# that computes for long, or blocks outside the reactor, stops them all.
 #
 #   ruby -Ilib examples/rpc/fiber_server.rb [ADDRESS [IDLE_SECONDS]]
 #
-# TERM and INT end it at once.
+# TERM and INT end it immediately.
 
 require "logger"
 require_relative "fiber_socket"
@@ -18,11 +18,11 @@ require_relative "sockets"
 class FiberServer
   MAX_PAYLOAD = 1 << 20
   MAX_CONNECTIONS = 200
-  MAX_IN_PROGRESS = 16    # requests of one client; with more, nothing more is read and the client feels it
-  MAX_UNSENT = 256 << 10  # bytes of answers that a client has not taken; with more, none of its requests is begun
+  MAX_IN_PROGRESS = 16    # requests of one client; beyond that, the server stops reading and TCP slows the client down
+  MAX_UNSENT = 256 << 10  # bytes of unread answers of one client; beyond that, none of its requests is begun
   WRITE_SECONDS = 2       # how long a client may leave its answers unread
-  TURN_SECONDS = 0.01     # how long requests of one client are begun before it is others' turn
-  IDLE_SECONDS = 60       # how long a client may be silent that waits for no answer
+  TURN_SECONDS = 0.01     # how long requests of one client are begun before other clients have their turn
+  IDLE_SECONDS = 60       # how long a client that waits for no answer may be silent
 
   # gone: nothing can be sent any more.
   Client = Struct.new(:socket, :name, :writer, :in_progress, :waiting, :gone)
@@ -60,14 +60,14 @@ class FiberServer
   rescue IO::WaitReadable
     @reactor.wait_readable(@listener)
   rescue Errno::ECONNABORTED
-    nil # gone before it was accepted
+    nil # disconnected before it was accepted
   rescue SystemCallError => e
     @log.error(e.message)
-    @reactor.sleep(0.1) # until a connection is closed, when it is for want of descriptors
+    @reactor.sleep(0.1) # until a connection closes, in case descriptors ran out
   end
 
-  # A connection is closed by the fiber that reads it, and by no other. Nothing that a client does gets past this
-  # method and #work: it would end the reactor, and with it the service of all.
+  # Only the fiber that reads from a connection closes it. No exception leaves this method or #work: it would end the
+  # reactor, and the service for all clients.
   def serve(socket)
     name = Sockets.name_of(socket)
     Sockets.prepare(socket)
@@ -102,7 +102,7 @@ class FiberServer
 
         patience.whole_frame
         client.in_progress += 1
-        # At once, so that its answer counts before the next request, perhaps of the same chunk, is begun.
+        # Started at once, so that its answer counts before the next request, possibly of the same chunk, is begun.
         @reactor.start { work(client, request) }
       end
       patience.heard(reader.between_frames?)
@@ -121,7 +121,7 @@ class FiberServer
     bytes = @service.frame(client.writer, @service.answer(request))
     client.socket.write(bytes, WRITE_SECONDS) unless client.gone
   rescue *Service::FAILURES => e
-    # The client is gone or reads no answers. The end of input tells the reader to close.
+    # The client has disconnected or reads no answers. Shutting the socket down makes the reader close it.
     @log.info("#{client.name}: #{e.message}; answer dropped")
     client.gone = true
     client.socket.shutdown

@@ -2,23 +2,23 @@
 
 require_relative "reactor"
 
-# Reading and writing that let other fibers run meanwhile.
+# Reads and writes without blocking the other fibers.
 class FiberSocket
   def initialize(socket, reactor)
     @socket = socket
     @reactor = reactor
-    @outgoing = "".b # what the fiber that flushes has not begun
-    @batch = "".b    # what it is sending
+    @outgoing = "".b # not yet taken by the fiber that flushes
+    @batch = "".b    # being sent by it
     @flushing = false
   end
 
-  # False: nothing came in that many seconds. Waiting before each read lets the others have their turn, however much
-  # this peer sends.
+  # False: nothing arrived within `seconds`. Waiting before each read gives other fibers their turn, however much this
+  # peer sends.
   def wait_readable(seconds)
     @reactor.wait_readable(@socket, seconds)
   end
 
-  # What has arrived; nil at the end of input.
+  # Returns the bytes that have arrived; nil at the end of input.
   def read
     @socket.read_nonblock(65_536)
   rescue IO::WaitReadable
@@ -27,8 +27,8 @@ class FiberSocket
     nil
   end
 
-  # Two fibers that wrote at once would mix their frames, so the first one also writes what others bring meanwhile;
-  # theirs return at once. Raises Errno::ETIMEDOUT when the peer does not take what there is in that many seconds.
+  # Concurrent writes would mix their frames, so the first fiber also writes the bytes that others add meanwhile; their
+  # calls return at once. Raises Errno::ETIMEDOUT when the peer does not read a batch within `seconds`.
   def write(bytes, seconds)
     @outgoing << bytes
     return if @flushing
@@ -45,7 +45,7 @@ class FiberSocket
     @outgoing.bytesize + @batch.bytesize
   end
 
-  # Tells the peer, and the fiber that reads, that this is the end.
+  # Ends the connection for the peer and for the fiber that reads.
   def shutdown
     @socket.shutdown
   rescue SystemCallError, IOError
@@ -66,7 +66,7 @@ class FiberSocket
     end
   end
 
-  # A limit for the whole, since a peer that takes a byte now and then never takes nothing.
+  # The timeout is for the whole batch: a peer that reads a byte now and then would restart one per write.
   def send_batch(deadline)
     until @batch.empty?
       begin

@@ -11,27 +11,27 @@
 
 require "vorn_rpc"
 
-# What the peer sent is not this protocol, or is more than this side takes.
+# The peer's bytes are not this protocol, or exceed this side's limit.
 class BadFrame < StandardError; end
 
-# The message does not fit the limit that both sides agreed upon.
+# The message exceeds the limit that both sides agreed upon.
 class MessageTooLarge < StandardError; end
 
-# Cuts a stream that arrives in chunks of any size into messages.
+# Splits a stream that arrives in chunks of any size into messages.
 class FrameReader
   include VORN::PROTO
 
   START = "\xA5".b.freeze
 
-  # A damaged stream raises BadFrame, after which the connection can only be closed: on a socket nothing is lost on
-  # the way, so the peer is at fault and what follows is no better. Where bytes do get lost (a serial line, a file
-  # cut short) give a block: it is told what was wrong, and reading goes on at the next frame.
+  # A damaged stream raises BadFrame, after which the connection can only be closed: sockets lose no bytes, so the peer
+  # is at fault and the following bytes are no better. Where bytes do get lost (a serial line, a truncated file), give a
+  # block: it receives the reason, and reading continues at the next frame.
   def initialize(max_payload, &damaged)
     @max_payload = max_payload
     @damaged = damaged || ->(reason) { raise BadFrame, reason }
     @frame = PacketFrameIn.new.reset
-    @held = "".b  # the beginning of a header that has not arrived whole
-    @header = nil # of the frame in progress
+    @held = "".b  # an incomplete header
+    @header = nil # of the current frame
   end
 
   # Yields the message of each frame that chunk, a binary String, completes.
@@ -51,7 +51,7 @@ class FrameReader
         next_frame
         damage ? @damaged.call(damage) : yield(message)
       elsif taken.zero? || @frame.pos == @frame_len
-        # The frame failed its checks. Only the stream behind its first byte is certain not to begin with it again.
+        # The frame failed its checks. The next frame may begin anywhere after this one's first byte, even inside it.
         data = failed_bytes.byteslice(1..-1) + data.byteslice(offset..-1)
         offset = 0
         next_frame
@@ -67,8 +67,8 @@ class FrameReader
 
   private
 
-  # Looks at the header before the assembler does. The assembler takes the announced length at its word and makes
-  # room for it at once, up to 2 GiB: eight bytes from anybody would cost that much memory.
+  # Checks the header before the assembler does. The assembler trusts the announced length and allocates it at once, up
+  # to 2 GiB: eight bytes from any client would cost that much memory.
   def accept_header(data, offset)
     start = data.index(START, offset)
     skipped = (start || data.bytesize) - offset
@@ -94,8 +94,8 @@ class FrameReader
     start
   end
 
-  # The frame's value, or nil and what is wrong with it. The position must end where the frame does: a string's
-  # announced length may reach beyond, into what an earlier frame left in the buffer.
+  # Returns the frame's value, or nil and the fault. The position must end at the frame's end: a string's announced
+  # length may reach beyond it, into bytes that an earlier frame left in the buffer.
   def read_message
     message = @frame.seek_payload_start.extract_object
     return [message, nil] if @frame.pos == @frame_len
@@ -115,25 +115,25 @@ class FrameReader
   end
 end
 
-# Turns messages into frames. One at a time: a writer has one buffer and one sequence number.
+# Turns messages into frames, one at a time: a writer has one buffer and one sequence number.
 class FrameWriter
   def initialize(max_payload)
     @max_payload = max_payload
     @frame = VORN::PROTO::PacketFrameOut.new
   end
 
-  # The bytes to send. Raises MessageTooLarge, and RuntimeError for a value that cannot be encoded.
+  # Returns the bytes to send. Raises MessageTooLarge, and RuntimeError for a value that cannot be encoded.
   #
-  # Beware of Integers: one that Ruby holds immediately (up to 2**62) is written as its low 32 bits, without an
-  # error. Larger numbers travel as Strings or Floats.
+  # Beware of Integers: immediate Integers (up to 2**62) are silently cut to their low 32 bits. Send larger numbers as
+  # Strings or Floats.
   def frame(message)
-    @frame.reset # also drops what a failed call left behind
+    @frame.reset # also drops the remains of a failed call
     @frame << message
     size = @frame.pos - @frame.configured_header_len
     raise MessageTooLarge, "a message of #{size} bytes, #{@max_payload} are allowed" if size > @max_payload
 
     bytes = @frame.compute_frame_header.to_str
-    @frame.inc_seq # lets a capture show what is missing
+    @frame.inc_seq # lets a capture reveal lost frames
     bytes
   end
 end

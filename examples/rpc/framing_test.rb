@@ -86,7 +86,7 @@ class FramingTest < ExampleTest
   def test_damage_ends_the_stream
     assert_equal "4 bytes that belong to no frame", refused("GET ")
     assert_equal "a frame failed its checks", refused("\xA5\x00\x00\x00\x00\x00\x00\xDE\xAD\xBE\xEF\x59".b)
-    # At once, not when the next bytes arrive.
+    # The error comes at once, without waiting for more bytes.
     assert_equal "a frame failed its checks", refused("\xA5\x00\x00\x00\x00\x00\x01\xDE\xAD\xBE\xEE\x5A\x02".b)
     assert_equal "decode_next_packetbuf_rbobj: unrecognized protocol transport type",
                  refused("\xA5\x01\x00\x00\x00\x00\x00\x01\x0C".b)
@@ -94,7 +94,7 @@ class FramingTest < ExampleTest
     assert_equal "a frame holds something else than one message", refused("\xA5\x01\x00\x00\x00\x00\x00\x02\x00\x00".b)
   end
 
-  # A string's length is bounded by what the buffer holds, older frames included.
+  # A string's length is checked against the buffer, which may hold bytes of older frames.
   def test_a_string_cannot_reach_into_an_older_frame
     secret = "\xA5\x01\x00\x00\x00\x00\x00\x08\x07\x06secret".b
     assert_equal "a frame holds something else than one message",
@@ -108,10 +108,10 @@ class FramingTest < ExampleTest
       "\xA5\x01\x00\x00\x7F\xFF\xFF\xFF".b => "a frame announces 2147483647 bytes, 1000 are accepted",
       "\xA5\x00\x00\x00\x00\x00\x00\xDE\xAD\xBE\xEF\x59".b => "a frame failed its checks",
       "\xA5\x00\x00\x00\x00\x00\x02\xDE\xAD\xBE\xEE\x5A\xA5\x00".b => "a frame failed its checks",
-      # A header that lost its end: what stands in its place begins the good frame.
+      # A truncated header, completed by the beginning of the good frame.
       "\xA5\x01\x00\x00".b => "a frame announces 2768306176 bytes, 1000 are accepted",
       "\xA5\x00\x00\x00".b => "a frame announces 10813696 bytes, 1000 are accepted",
-      # The good frame sits in what the bad header calls its payload.
+      # The good frame is where the bad header's payload would be.
       "\xA5\x00\x00\x00\x00\x00\x0E\xDE\xAD\xBE\xEE\x5A".b => "a frame failed its checks",
       "\xA5\x01\x00\x00\x00\x00\x00\x01\x0C".b => "decode_next_packetbuf_rbobj: unrecognized protocol transport type"
     }.each do |damage, reason|

@@ -1,7 +1,7 @@
 # frozen_string_literal: true
 
-# Clients that no server should suffer from, for the tests: slow, silent, flooding, resetting, and such as speak badly.
-# They know the address of a server that runs in a process of its own, and nothing else of it.
+# Hostile clients for the tests: slow, silent, flooding, resetting and malformed ones. They know only the address of the
+# server, which runs in a separate process.
 
 require_relative "framing"
 require_relative "sockets"
@@ -9,7 +9,7 @@ require_relative "sockets"
 module HostileClients
   module_function
 
-  RESETTING = [1, 0].pack("ii").freeze # SO_LINGER: closing resets
+  RESETTING = [1, 0].pack("ii").freeze # SO_LINGER: close() sends a reset
 
   def connect(address)
     Sockets.connect(address, 5)
@@ -19,12 +19,12 @@ module HostileClients
     FrameWriter.new(1 << 20).frame([id, method, arguments])
   end
 
-  # Half a frame: a header and the first byte of what it announces.
+  # A header and the first byte of its payload.
   def half_a_frame
     request(1, "echo", "x" * 100).byteslice(0, 9)
   end
 
-  # A request whose id is given by the bytes of its encoding.
+  # A request with an arbitrarily encoded id.
   def request_with_id(id)
     payload = "\x0A".b + id + "\x07\x04echo\x0A\x81\x0B\x0B".b
     [0xA5, 1, 0, payload.bytesize].pack("CCnN") + payload
@@ -35,7 +35,7 @@ module HostileClients
     socket.close
   end
 
-  # How long a well-behaved client waits for an answer, connecting included. Raises when it gets none in 30 s.
+  # How long a well-behaved client waits for an answer, including connecting. Raises after 30 s without one.
   def seconds_for_others(address)
     began = Sockets.now
     socket = connect(address)
@@ -50,7 +50,7 @@ module HostileClients
     socket.close if socket
   end
 
-  # How long until the server closes the connection; what it sends first is read and dropped. nil: it does not.
+  # How long until the server closes the connection; nil: it does not within `limit`. Received bytes are dropped.
   def seconds_until_closed(socket, limit)
     began = Sockets.now
     loop do
@@ -63,18 +63,18 @@ module HostileClients
     Sockets.now - began
   end
 
-  # Many large answers are asked for at once, in one write, and none is read. Returns how long others waited at most.
+  # Requests many large answers in one write and reads none. Returns the longest time that another client waited.
   def flood(address, clients, requests = 64)
     bytes = Array.new(requests) { |id| request(id, "fill", 1_000_000) }.join
     sockets = Array.new(clients) { connect(address) }
     sockets.each { |socket| socket.write(bytes) }
-    # For as long as a client's patience is tried, and a little more.
+    # Longer than the server's timeout for writing.
     Array.new(10) { sleep(0.25); seconds_for_others(address) }.max
   ensure
     sockets.to_a.each(&:close)
   end
 
-  # Resets at every place of a request, and in the middle of an answer.
+  # Resets at every byte of a request, and in the middle of an answer.
   def resets(address, times)
     whole = request(1, "pause", 0.01)
     times.times do |number|
@@ -89,8 +89,8 @@ module HostileClients
     end
   end
 
-  # Bytes that are no requests: noise, damaged requests, whole frames of noise, frames of wrong lengths. Every one of
-  # them ends in an answer or in the end of the connection.
+  # Sends malformed requests: noise, damaged requests, whole frames of noise, frames with wrong lengths. Each must end
+  # in an answer or in the end of the connection.
   def garbage(address, times, random)
     whole = request("id", "add", 20, 22)
     times.times do |number|
@@ -105,7 +105,7 @@ module HostileClients
     end
   end
 
-  # Sends all and reads until the server closes.
+  # Sends the bytes and reads until the server closes.
   def exchange(address, bytes)
     socket = connect(address)
     begin
@@ -113,13 +113,13 @@ module HostileClients
       socket.close_write
       raise "the server keeps the connection" unless seconds_until_closed(socket, 10)
     rescue Errno::ECONNRESET, Errno::EPIPE, Errno::ENOTCONN
-      nil # closed with our bytes unread
+      nil # closed before it read all our bytes
     end
   ensure
     socket.close if socket
   end
 
-  # A byte at a time. Returns whether all went out before the server closed.
+  # Sends byte by byte. Returns whether the server kept the connection open to the end.
   def trickle(socket, bytes, pause)
     bytes.each_char do |byte|
       socket.write(byte)
@@ -130,12 +130,12 @@ module HostileClients
     false
   end
 
-  # Threads and descriptors of a process: what a server must not gather.
+  # Threads and descriptors of a process, which a server must not leak.
   def holdings(pid)
     [Dir.entries("/proc/#{pid}/task").size, Dir.entries("/proc/#{pid}/fd").size]
   end
 
-  # In MB, the most that it ever was.
+  # Peak resident size in MB.
   def peak_memory(pid)
     File.read("/proc/#{pid}/status")[/^VmHWM:\s+(\d+)/, 1].to_i / 1024
   end

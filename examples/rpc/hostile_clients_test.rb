@@ -5,15 +5,15 @@ require_relative "fiber_server"
 require_relative "hostile_clients"
 require_relative "thread_client"
 
-# What clients can do to a server: nothing that others would feel for long. ATTACK multiplies how much is tried; SERVER
-# is the path of a program to try it on instead.
+# Hostile clients may not affect other clients for long. ATTACK multiplies the number of attempts; SERVER is the path of
+# a server program to test instead.
 class HostileClientsTest < ExampleTest
   SERVERS = ENV.key?("SERVER") ? [ENV["SERVER"]] : %w[rpc/thread_server.rb rpc/fiber_server.rb]
   UNREAD = /the peer takes nothing.*; answer dropped/
   TIMES = Integer(ENV.fetch("ATTACK", 1))
-  SECONDS_FOR_OTHERS = 5 # on a machine that does much else
+  SECONDS_FOR_OTHERS = 5 # generous, for a busy machine
 
-  # All at once, since much of what they do is to wait.
+  # All servers at once, because the clients mostly wait.
   def each_server(*arguments, unix: false)
     threads = SERVERS.map do |server|
       address = unix ? "unix:#{@folder}/#{File.basename(server, ".rb")}" : "tcp:127.0.0.1:0"
@@ -31,7 +31,7 @@ class HostileClientsTest < ExampleTest
     threads.each(&:join)
   end
 
-  # After the block there are no more threads and descriptors than before.
+  # After the block, the server must have no more threads and descriptors than before.
   def leaves_nothing(program, server)
     HostileClients.seconds_for_others(program.output[/^listening on (.+)\n/, 1])
     before = nil
@@ -62,13 +62,13 @@ class HostileClientsTest < ExampleTest
       end
       [0, 0.0, -0.0, 0.01].each { |seconds| assert_equal seconds, client.call("pause", [seconds]) }
       assert_equal ["", "x"], [client.call("fill", [0]), client.call("fill", [1])]
-      # So large a result is made, and is too large to send.
+      # A result that the service can make but not send.
       assert_equal "too large", assert_raises(RemoteError) { client.call("fill", [1 << 21]) }.code
       client.close
     end
   end
 
-  # Of 32 bits, or a String of 64 bytes at most. Beyond, not even an error could be answered.
+  # Ids have 32 bits, or 64 bytes as Strings. With a longer id, not even an error could be answered.
   def test_ids
     each_server do |program, address, server|
       ["\xBF\xFF\xFF\xFF\x1F", "\xE0\x80\x80\x80\x20", "\x07\x40#{"i" * 64}"].each do |id|
@@ -82,12 +82,12 @@ class HostileClientsTest < ExampleTest
         HostileClients.exchange(address, HostileClients.request_with_id(id.b))
         eventually("#{server} refuses") { program.log.scan(": not a request; closing").size == number + 1 }
       end
-      # As long as a request can be: there is no room for a text behind its id.
+      # Requests of the maximum size leave no room for the error text after the id.
       9.times { HostileClients.exchange(address, HostileClients.request("i" * ((1 << 20) - 20), "no")) }
     end
   end
 
-  # A server with fibers in this process. Yields its address, its thread, its log, and how many of its fibers wait.
+  # A fiber server in this process. Yields its address, its thread, its log, and a way to count its waiting fibers.
   def fiber_server
     skip("another server") if ENV.key?("SERVER")
     log = StringIO.new
@@ -100,7 +100,7 @@ class HostileClientsTest < ExampleTest
     thread.kill.join if thread
   end
 
-  # Whatever a request makes a server with fibers raise ends that connection, and no other.
+  # An exception of any kind in a request ends that connection only.
   def test_a_failure_of_any_kind_ends_one_connection
     [NotImplementedError, NoMemoryError, SystemStackError, ArgumentError, IOError].each do |failure|
       fiber_server do |server, thread, log, waiting|
@@ -130,7 +130,7 @@ class HostileClientsTest < ExampleTest
     fiber_server do |server, _, _, waiting|
       greedy = HostileClients.connect(server.address)
       greedy.write(HostileClients.request(1, "pause", 5) * (FiberServer::MAX_IN_PROGRESS * 2))
-      # One more accepts, one reads.
+      # One fiber accepts, another reads.
       eventually("the share is in use") { waiting.call == FiberServer::MAX_IN_PROGRESS + 2 }
       assert_operator HostileClients.seconds_for_others(server.address), :<, SECONDS_FOR_OTHERS
       eventually("no more than the share is in use") { waiting.call == FiberServer::MAX_IN_PROGRESS + 2 }
@@ -138,8 +138,8 @@ class HostileClientsTest < ExampleTest
     end
   end
 
-  # A client that asks for much and reads nothing gets no more memory than its share, and none of others' time. What
-  # many such clients leave to the collector, one after the other, comes to no more than some times that.
+  # A client that requests much and reads nothing uses no more memory than its share, and no time of others. Many such
+  # clients in turn leave the garbage collector no more than a few times that.
   def test_flooding_clients
     each_server do |program, address, server|
       leaves_nothing(program, server) do
@@ -159,7 +159,7 @@ class HostileClientsTest < ExampleTest
     end
   end
 
-  # Small answers too: what is not taken stops the reading, and then ends the connection.
+  # With small answers too, unread answers stop the reading and then end the connection.
   def test_a_flood_of_small_requests
     each_server do |program, address, server|
       leaves_nothing(program, server) do
@@ -175,7 +175,7 @@ class HostileClientsTest < ExampleTest
     end
   end
 
-  # One client's requests take half of the workers at most.
+  # Requests of one client use at most half of the workers.
   def test_one_client_does_not_hold_all_workers
     each_server do |_, address, server|
       greedy = HostileClients.connect(address)
@@ -186,7 +186,8 @@ class HostileClientsTest < ExampleTest
     end
   end
 
-  # Nor does it have all the time of a thread that serves many: each of these costs much and is answered briefly.
+  # Nor does one client use all the time of a single-threaded server, with requests that are expensive to execute and
+  # cheap to answer.
   def test_one_client_does_not_hold_a_thread
     each_server do |_, address, server|
       greedy = HostileClients.connect(address)
@@ -206,7 +207,7 @@ class HostileClientsTest < ExampleTest
         seconds = HostileClients.seconds_until_closed(silent.first, 5)
         assert_includes 0.3..2.5, seconds, server
         silent.drop(1).each { |socket| assert HostileClients.seconds_until_closed(socket, 2), server }
-        # Waiting for an answer is no silence; afterwards it is.
+        # Waiting for an answer does not count as silence; afterwards the timeout runs.
         assert IO.select([waiting], nil, nil, 5)
         assert_operator waiting.readpartial(1000).bytesize, :>, 8
         assert HostileClients.seconds_until_closed(waiting, 5), server
@@ -216,7 +217,7 @@ class HostileClientsTest < ExampleTest
     end
   end
 
-  # A frame that has begun must end in time, whether its bytes stop or trickle; whole frames may come slowly.
+  # A frame that has begun must end in time, whether its bytes stop or trickle in; whole frames may come slowly.
   def test_slow_clients
     each_server("1") do |program, address, server|
       leaves_nothing(program, server) do
@@ -228,11 +229,11 @@ class HostileClientsTest < ExampleTest
           [HostileClients.trickle(trickling, HostileClients.request(1, "echo", "x" * 150), 0.1), now - began]
         end
         frame = HostileClients.request(1, "echo", 1)
-        # Each frame takes long, and all together longer than the limit for one.
+        # Each frame is slow, and all together exceed the timeout for one.
         patient = HostileClients.connect(address)
         many = frame * (6 / (frame.bytesize * 0.05)).ceil
         slow_frames = Thread.new { HostileClients.trickle(patient, many, 0.05) }
-        # No chunk of it ends where a frame does.
+        # No chunk ends at a frame boundary.
         straddling = HostileClients.connect(address)
         straddling.write(frame.byteslice(0, 3))
         7.times do
@@ -252,8 +253,8 @@ class HostileClientsTest < ExampleTest
     end
   end
 
-  # Who takes some of an answer every now and then never takes nothing, and yet does not take it in time. The buffers of
-  # a UNIX socket are small enough for that.
+  # A client that reads a little now and then is never stalled, and still too slow. UNIX sockets have buffers small
+  # enough to test that.
   def test_clients_that_read_slowly
     skip("no UNIX sockets") if ENV.key?("SERVER")
     each_server(unix: true) do |program, address, server|
@@ -278,7 +279,7 @@ class HostileClientsTest < ExampleTest
     end
   end
 
-  # Requests of a client that is gone when their turn comes are left undone, where requests wait for a turn.
+  # Requests of a client that has disconnected are skipped, where requests are queued.
   def test_requests_of_a_client_that_is_gone
     (SERVERS - ["rpc/fiber_server.rb"]).each do |server|
       program, address = serve(server)
@@ -294,7 +295,7 @@ class HostileClientsTest < ExampleTest
       HostileClients.reset(gone)
       eventually("#{server} notices", 1.5) { program.log =~ /reset by peer/ }
       assert_operator HostileClients.seconds_for_others(address), :<, SECONDS_FOR_OTHERS, server
-      sleep(0.2) # a worker may be at one still
+      sleep(0.2) # a worker may still be executing one
       assert_equal 1, carried_out.call, server
       busy.each(&:close)
     end
@@ -307,7 +308,7 @@ class HostileClientsTest < ExampleTest
     end
   end
 
-  # What no worker has begun is left undone.
+  # Requests that no worker has begun are dropped.
   def test_the_end_answers_what_was_begun
     (SERVERS - ["rpc/fiber_server.rb"]).each do |server|
       program, address = serve(server)
@@ -322,7 +323,8 @@ class HostileClientsTest < ExampleTest
     end
   end
 
-  # With clients of every kind there, it still ends in its time. Ruby's threads can be left behind, others must end.
+  # The server ends in time while clients of every kind are connected. Ruby can leave threads behind at exit, C++
+  # cannot.
   def test_the_end_does_not_wait_for_clients
     SERVERS.each do |server|
       program, address = serve(server)

@@ -2,11 +2,12 @@
 
 require_relative "sockets"
 
-# The client sends nothing, or not the rest of what it began.
+# The client sends nothing, or does not finish what it began.
 class Silent < StandardError; end
 
-# How long a server waits for what a client sends next. There is a limit for silence and a shorter one for a frame that
-# has begun, measured from its beginning: else a byte now and then would keep a connection, and its frame, for ever.
+# The timeouts of a server that waits for a client. A client may be silent for one time, and a frame that has begun must
+# be complete within a shorter one, measured from its beginning: otherwise a byte now and then would hold a connection
+# and an incomplete frame for ever.
 class Patience
   FRAME_SECONDS = 5
 
@@ -16,17 +17,17 @@ class Patience
     wait(@idle_seconds)
   end
 
-  # How many seconds there are for the next bytes.
+  # Seconds until the next bytes must arrive.
   def left
     [@deadline - Sockets.now, 0].max
   end
 
-  # A frame has come whole.
+  # A frame is complete.
   def whole_frame
     @in_frame = false
   end
 
-  # All that arrived has been looked at.
+  # All bytes that arrived have been processed.
   def heard(between_frames)
     if between_frames
       @in_frame = false
@@ -37,7 +38,7 @@ class Patience
     end
   end
 
-  # The time is over. Only who waits for an answer may be silent for longer; otherwise raises Silent.
+  # The deadline has passed. Raises Silent, unless the client waits for an answer and no frame is incomplete.
   def over(in_progress)
     raise Silent, "the rest of a frame did not come in #{FRAME_SECONDS} s" if @in_frame
     raise Silent, "silent for #{@idle_seconds} s" if in_progress.zero?

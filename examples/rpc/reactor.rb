@@ -1,32 +1,32 @@
 # frozen_string_literal: true
 
-# Many fibers on one thread: a fiber that has to wait gives way to the others. This is the least that shows how the
-# protocol fits; where Ruby 3's Fiber.scheduler or an event library is at hand, its waits take the place of these.
+# Many fibers on one thread: a fiber that has to wait lets the others run. This minimal reactor shows how the protocol
+# fits; Ruby 3's Fiber.scheduler or an event library can replace it.
 
 require "fiber"
 require_relative "sockets"
 
 class Reactor
-  MAX_SECONDS = 1_000_000_000 # IO.select takes no infinite time
+  MAX_SECONDS = 1_000_000_000 # IO.select accepts no infinite timeout
 
   Wait = Struct.new(:fiber, :io, :write, :deadline)
 
   def initialize
-    @ready = [] # [fiber, what its wait returns]
+    @ready = [] # [fiber, the result of its wait]
     @waits = {} # by fiber
   end
 
-  # Runs the block in a fiber of its own, soon. What it raises, #run raises: a server's fibers raise nothing.
+  # Runs the block in a new fiber, later. An exception in it would end #run, so a server's fibers raise none.
   def spawn(&block)
     @ready << [Fiber.new(&block), nil]
   end
 
-  # The same, but runs it at once; returns when it ends or waits for the first time.
+  # Like spawn, but runs the block at once; returns when it ends or waits for the first time.
   def start(&block)
     Fiber.new(&block).resume
   end
 
-  # Each of these waits returns true when what was waited for came, false when the seconds went by first.
+  # Each wait returns true when its condition is met, false when the timeout comes first.
   def wait_readable(io, seconds = nil)
     suspend(io, false, seconds)
   end
@@ -35,18 +35,18 @@ class Reactor
     suspend(io, true, seconds)
   end
 
-  # Until another fiber wakes this one.
+  # Waits until another fiber wakes this one.
   def park(seconds = nil)
     suspend(nil, false, seconds)
   end
 
   def sleep(seconds)
-    raise ArgumentError, "no time to sleep: #{seconds}" unless seconds >= 0 # nor is NaN
+    raise ArgumentError, "no time to sleep: #{seconds}" unless seconds >= 0 # false for NaN too
 
     suspend(nil, false, seconds)
   end
 
-  # Lets the others have their turn.
+  # Lets the other fibers run.
   def pass
     @ready << [Fiber.current, nil]
     Fiber.yield
@@ -56,7 +56,7 @@ class Reactor
     @ready << [fiber, true] if @waits.delete(fiber)
   end
 
-  # Closes a socket, for which other fibers may be waiting: their waits end as if time were up.
+  # Closes a socket. The waits of other fibers for it end as if timed out.
   def close(io)
     @waits.values.each { |wait| resume_later(wait, false) if io.equal?(wait.io) }
     io.close
@@ -92,7 +92,7 @@ class Reactor
     waits.each { |wait| resume_later(wait, false) if wait.deadline && wait.deadline <= time }
   end
 
-  # How long nothing can happen but input and output.
+  # The timeout until the next fiber can run without input or output.
   def patience(waits)
     return 0 unless @ready.empty?
 

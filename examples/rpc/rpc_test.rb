@@ -4,7 +4,7 @@ require_relative "../test_support"
 require_relative "fiber_client"
 require_relative "thread_client"
 
-# Every server with every client over every kind of socket, and what each does when the other side misbehaves.
+# Every server with every client over every kind of socket, and how each side handles a misbehaving peer.
 class RpcTest < ExampleTest
   SERVERS = %w[rpc/thread_server.rb rpc/fiber_server.rb].freeze
   CLIENTS = %w[rpc/thread_client.rb rpc/fiber_client.rb].freeze
@@ -38,7 +38,7 @@ class RpcTest < ExampleTest
         tour = start(client, address)
         assert_equal 0, tour.wait, tour.log
         assert_equal TOUR, tour.output
-        # What the client is not told stands in the log.
+        # The log has the details that the client does not get.
         assert_match(/fail: as told \(RuntimeError\) at /, program.log)
         assert_match(/serialize_rbobj_to_packetbuf: unsupported rb_type/, program.log)
         program.signal("TERM")
@@ -61,7 +61,7 @@ class RpcTest < ExampleTest
       begin
         client = FiberClient.new(address, reactor, last_id)
         yield client
-      rescue Exception => e # a failed assertion too: out of the reactor with it
+      rescue Exception => e # including failed assertions: they must leave the reactor
         failure = e
       ensure
         client.close
@@ -71,13 +71,13 @@ class RpcTest < ExampleTest
     raise failure if failure
   end
 
-  # What a peer that speaks badly gets: nothing, and the end of the connection.
+  # A malformed request gets no answer, and ends the connection.
   def sends(address, bytes, half_close: false)
     socket = Sockets.connect(address, 1)
     socket.write(bytes)
     socket.close_write if half_close
     within(5) { socket.read }
-  rescue Errno::ECONNRESET # closed with our bytes unread
+  rescue Errno::ECONNRESET # closed before it read all our bytes
     ""
   ensure
     socket.close
@@ -108,10 +108,10 @@ class RpcTest < ExampleTest
       program, address = serve(server)
       request = FrameWriter.new(1000).frame([1, "pause", [0.2]])
       assert_equal "", sends(address, request.byteslice(0, 11), half_close: true)
-      20.times do # gone before the answer
+      20.times do # disconnects before the answer
         socket = Sockets.connect(address, 1)
         socket.write(request)
-        socket.setsockopt(:SOCKET, :LINGER, [1, 0].pack("ii")) # closing resets
+        socket.setsockopt(:SOCKET, :LINGER, [1, 0].pack("ii")) # close() sends a reset
         socket.close
       end
       sleep(0.4)
@@ -120,7 +120,8 @@ class RpcTest < ExampleTest
     end
   end
 
-  # Its answers fill the socket, then the server's patience ends. Others are served meanwhile and afterwards.
+  # Its answers fill the socket, then the server's write timeout ends. Other clients are served meanwhile and
+  # afterwards.
   def test_servers_drop_clients_that_read_nothing
     SERVERS.each do |server|
       program, address = serve(server)
@@ -134,7 +135,7 @@ class RpcTest < ExampleTest
     end
   end
 
-  # More requests than the server holds at once, from one client that reads late: all are answered.
+  # One client sends more requests than the server's share and reads late: all are answered.
   def test_servers_hold_back_and_lose_nothing
     SERVERS.each do |server|
       _, address = serve(server)
@@ -173,7 +174,7 @@ class RpcTest < ExampleTest
     end
   end
 
-  # A server that ends in the middle of a call, and comes back at the same place.
+  # A server ends in the middle of a call, and restarts at the same address.
   def test_clients_reconnect
     [0, 1].each do |kind|
       program, address = serve(SERVERS[kind], addresses[kind])
@@ -186,20 +187,20 @@ class RpcTest < ExampleTest
         killer.join
         program.wait
 
-        # Nobody there: the call tries until its time is over.
+        # No server: the call retries until its timeout.
         began = Sockets.now
         error = assert_raises(ConnectionLost) { client.call("echo", [1], 0.5) }
         assert_match(/\Acannot connect: /, error.message)
         assert_operator Sockets.now - began, :<, 1
 
-        # A call that begins before the server is back succeeds once it is.
+        # A call that begins before the server has restarted succeeds.
         program = start(SERVERS[kind], address)
         assert_equal 2, client.call("echo", [2])
       end
     end
   end
 
-  # Asked to end, the threads' server answers what it has begun.
+  # A signal ends the threaded server only after it has answered the requests in progress.
   def test_ending_between_request_and_answer
     program, address = serve("rpc/thread_server.rb")
     client = ThreadClient.new(address)
@@ -212,7 +213,7 @@ class RpcTest < ExampleTest
     client.close
   end
 
-  # Accepts connections and answers as told.
+  # Accepts connections and sends the given answers.
   def fake_server(answer)
     listener = Sockets.listen("tcp:127.0.0.1:0")
     thread = Thread.new do
@@ -262,7 +263,7 @@ class RpcTest < ExampleTest
     end
   end
 
-  # After the largest id comes 1; an id that would need more than 32 bits would come back as another.
+  # After the largest id comes 1: an id beyond 32 bits would come back as another.
   def test_ids_wrap_around
     _, address = serve(SERVERS[0])
     each_client(address, ThreadClient::MAX_ID - 2) do |client|
@@ -271,7 +272,7 @@ class RpcTest < ExampleTest
     end
   end
 
-  # Then a call may still wait that has had its id since before.
+  # After wrapping around, a pending call may still have the next id.
   def test_no_two_calls_that_wait_have_one_id
     _, address = serve(SERVERS[0])
     each_client(address) do |client|
@@ -287,7 +288,7 @@ class RpcTest < ExampleTest
       client.instance_variable_set(:@last_id, 0)
       assert_equal 1, client.call("echo", [1])
       assert_equal 2, client.instance_variable_get(:@last_id)
-      assert_equal 0.6, client.call("pause", [0.6]) # the other is answered meanwhile
+      assert_equal 0.6, client.call("pause", [0.6]) # the other call is answered meanwhile
       thread.join if thread
       assert_equal [0.5], results
     end
@@ -318,7 +319,7 @@ class RpcTest < ExampleTest
     assert_equal [true] * 20, results
   end
 
-  # A socket file that nobody listens on is replaced; one in use is not.
+  # A stale socket file is replaced; one in use is not.
   def test_socket_files
     address = "unix:#{@folder}/socket"
     program, = serve(SERVERS[0], address)

@@ -2,21 +2,21 @@
 
 require_relative "framing"
 
-# What the server offers, apart from how it is reached. Both servers use it.
+# The methods of the server, independent of the transport. Both servers use it.
 #
 #   request  [id, method, arguments]
 #   answer   [id, nil, result] or [id, [code, text], nil]
 #
-# The id is the client's: an Integer of 32 bits or a short String. The answer bears it, so answers may come in any
+# The client chooses the id: an Integer of 32 bits or a short String. The answer repeats it, so answers may come in any
 # order.
 class Service
-  IDS = (-2**31..2**31 - 1).freeze # a larger one would come back as its low 32 bits
-  MAX_ID_BYTES = 64                # also an error must have room for it
+  IDS = (-2**31..2**31 - 1).freeze # a larger one would be cut to its low 32 bits
+  MAX_ID_BYTES = 64                # leaves room for the error answer, which repeats the id
 
-  # All that a request can fail with. What is left are signals and the end of the process.
+  # Every exception that a request can cause; the rest are signals and the end of the process.
   FAILURES = [StandardError, ScriptError, NoMemoryError, SystemStackError].freeze
 
-  # What can go wrong with a request, as the client is told. Other failures become "failed".
+  # A failure that the client may see. Other failures become "failed".
   class Refused < StandardError
     attr_reader :code
 
@@ -26,7 +26,7 @@ class Service
     end
   end
 
-  # pause waits for some seconds: Kernel#sleep under threads, the reactor's under fibers.
+  # pause waits for some seconds: Kernel#sleep with threads, the reactor's sleep with fibers.
   def initialize(log, &pause)
     @log = log
     @methods = {
@@ -45,7 +45,7 @@ class Service
   rescue Refused => e
     failure(id, e.code, e.message)
   rescue *FAILURES => e
-    # The log has the details; the peer gets no look inside.
+    # The log has the details; the client does not see the server's internals.
     @log.error { "#{name}: #{e.message} (#{e.class}) at #{e.backtrace.first}" }
     failure(id, "failed", "the service failed")
   end
@@ -54,17 +54,17 @@ class Service
     [id, [code, text], nil]
   end
 
-  # The answer's frame. A result that cannot be sent must be told too, or the client waits in vain.
+  # The answer's frame. A result that cannot be sent becomes an error: otherwise the client would wait for its timeout.
   def frame(writer, answer)
     writer.frame(answer)
   rescue MessageTooLarge => e
     writer.frame(failure(answer[0], "too large", e.message))
-  rescue StandardError => e # the encoder's
+  rescue StandardError => e # raised by the encoder
     @log.error("the result cannot be sent: #{e.message}")
     writer.frame(failure(answer[0], "failed", "the result cannot be sent"))
   end
 
-  # Whoever sends anything else than requests does not speak this protocol.
+  # A client that sends anything but requests does not speak this protocol.
   def check(request)
     ok = request.is_a?(Array) && request.size == 3 &&
          id?(request[0]) && request[1].is_a?(String) && request[2].is_a?(Array)
@@ -77,7 +77,7 @@ class Service
     value.is_a?(String) ? value.bytesize <= MAX_ID_BYTES : value.is_a?(Integer) && IDS.cover?(value)
   end
 
-  # A name from outside finds what is in the table and nothing else: never send(name).
+  # A name from outside is looked up in the table, never passed to send.
   def call(name, arguments)
     body = @methods.fetch(name) { raise Refused.new("no such method", "no method #{name[0, 40].inspect}") }
     unless body.arity == arguments.size
@@ -87,8 +87,8 @@ class Service
     body.call(*arguments)
   end
 
-  # What one request may cost is the service's decision, not the client's, so every number of a client's comes through
-  # here. No range covers NaN, a String or nil.
+  # The service, not the client, decides what a request may cost, so every number from a client is checked here. No
+  # range covers NaN, a String or nil.
   def number(value, range, kind = Numeric)
     return value if value.is_a?(kind) && range.cover?(value)
 
@@ -99,7 +99,7 @@ class Service
     raise Refused.new("bad arguments", "add takes Integers") unless one.is_a?(Integer) && other.is_a?(Integer)
 
     sum = one + other
-    # Sent as it is, it would arrive as its low 32 bits.
+    # Unchecked, it would be cut to its low 32 bits.
     raise Refused.new("overflow", "the sum needs more than 32 bits") unless sum.between?(-2**31, 2**31 - 1)
 
     sum

@@ -17,20 +17,20 @@ module Sockets
     Addrinfo.tcp(host, port).listen
   end
 
-  # Raises SystemCallError, also when it takes longer than so many seconds.
+  # Raises SystemCallError, also when connecting takes longer than `seconds`.
   def connect(address, seconds)
     kind, where = parse(address)
     addrinfo = kind == :unix ? Addrinfo.unix(where) : Addrinfo.tcp(*where)
     prepare(addrinfo.connect(timeout: seconds))
   end
 
-  # The settings of both sides of a connection.
+  # Socket options for both sides of a connection.
   def prepare(socket)
     return socket unless socket.local_address.ip?
 
-    # Small frames go out at once instead of waiting for the peer to acknowledge the last one.
+    # Small frames go out at once instead of waiting until the peer acknowledges the previous one.
     socket.setsockopt(:TCP, :NODELAY, true)
-    # A peer whose host has gone says nothing. The kernel finds out in about half a minute.
+    # Keepalive detects a dead peer host in about half a minute.
     socket.setsockopt(:SOCKET, :KEEPALIVE, true)
     socket.setsockopt(:TCP, :KEEPIDLE, 15)
     socket.setsockopt(:TCP, :KEEPINTVL, 5)
@@ -43,13 +43,13 @@ module Sockets
     local.unix? ? "unix:#{local.unix_path}" : "tcp:#{local.ip_address}:#{local.ip_port}"
   end
 
-  # For the log. The clients of a UNIX socket have no address.
+  # A name for the log. The clients of a UNIX socket have no address.
   def name_of(client)
     remote = client.remote_address
     remote.unix? ? "local client #{client.fileno}" : remote.inspect_sockaddr
   end
 
-  # Writes all bytes or raises: Errno::ETIMEDOUT when the peer does not take them in that many seconds.
+  # Writes all bytes. Raises Errno::ETIMEDOUT when the peer does not read them within `seconds`.
   def write_within(socket, bytes, seconds)
     deadline = now + seconds
     until bytes.empty?
@@ -62,7 +62,7 @@ module Sockets
     end
   end
 
-  # Time that no clock setting moves.
+  # The monotonic clock: setting the time does not move it.
   def now
     Process.clock_gettime(Process::CLOCK_MONOTONIC)
   end
@@ -75,7 +75,7 @@ module Sockets
     end
   end
 
-  # A server that was killed leaves its socket file behind. One that still answers keeps it.
+  # A killed server leaves its socket file behind. A running one keeps its file.
   def remove_stale(path)
     return unless File.socket?(path)
 

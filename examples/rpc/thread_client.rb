@@ -20,7 +20,7 @@ class ThreadClient
   Connection = Struct.new(:socket, :writer, :lock, :calls)
   Call = Struct.new(:arrived, :done, :error, :result)
 
-  attr_reader :late # answers that came after their call had given up
+  attr_reader :late # answers that came after their calls had timed out
 
   def initialize(address, last_id = 0)
     @address = address
@@ -28,11 +28,11 @@ class ThreadClient
     @late = 0
     @connection = nil
     @lock = Mutex.new       # guards the state; never held while reading or writing
-    @connecting = Mutex.new # one thread connects, the others wait for it
+    @connecting = Mutex.new # one thread connects while the others wait for it
   end
 
-  # The result, or RemoteError, TimedOut, ConnectionLost, MessageTooLarge. A call that ends in TimedOut or
-  # ConnectionLost may have been carried out: repeat it only when doing it twice does no harm.
+  # Returns the result, or raises RemoteError, TimedOut, ConnectionLost, MessageTooLarge. A call that ends in TimedOut
+  # or ConnectionLost may have been executed: retry it only if executing it twice does no harm.
   def call(method, arguments = [], timeout = 5)
     deadline = Sockets.now + timeout
     connection = connected(deadline)
@@ -54,7 +54,7 @@ class ThreadClient
 
   private
 
-  # The connection in use, or a new one: a lost connection is replaced by the next call.
+  # Returns the current connection; replaces a lost one.
   def connected(deadline)
     @connecting.synchronize do
       current = @lock.synchronize { @connection }
@@ -73,7 +73,7 @@ class ThreadClient
       socket = Sockets.connect(@address, [deadline - Sockets.now, 0.001].max)
       Connection.new(socket, FrameWriter.new(MAX_PAYLOAD), Mutex.new, {})
     rescue SystemCallError, SocketError => e
-      # Chance keeps the clients of a server that comes back from all coming at once.
+      # Jitter: when a server comes back, its clients must not all reconnect at once.
       pause = delay * (0.5 + rand / 2)
       raise ConnectionLost, "cannot connect: #{e.message}" if Sockets.now + pause > deadline
 
@@ -89,7 +89,7 @@ class ThreadClient
 
       begin
         @last_id = @last_id % MAX_ID + 1
-      end while connection.calls.key?(@last_id) # after wrapping around, an old call may still wait
+      end while connection.calls.key?(@last_id) # after wrapping around, a pending call may still have this id
       [@last_id, connection.calls[@last_id] = Call.new(ConditionVariable.new)]
     end
   end
@@ -100,7 +100,7 @@ class ThreadClient
       begin
         Sockets.write_within(connection.socket, bytes, deadline - Sockets.now)
       rescue SystemCallError, IOError => e
-        # Perhaps half a frame is out: nothing can follow it.
+        # Part of the frame may have been sent: nothing can follow it.
         shutdown(connection)
         raise ConnectionLost, "sending failed: #{e.message}"
       end
@@ -118,7 +118,7 @@ class ThreadClient
     end
   end
 
-  # The reading thread of one connection; it alone closes the socket.
+  # The thread that reads from one connection; only this thread closes the socket.
   def read(connection)
     reader = FrameReader.new(MAX_PAYLOAD)
     loop do
@@ -155,7 +155,7 @@ class ThreadClient
     call.arrived.signal
   end
 
-  # Makes the reader find the end of input.
+  # Gives the reading thread the end of input.
   def shutdown(connection)
     connection.socket.shutdown
   rescue SystemCallError, IOError

@@ -1,12 +1,12 @@
 # frozen_string_literal: true
 
-# An RPC server with two threads for each connection, one that reads and one that writes, and a pool of threads that do
-# the work. These wait for no client.
+# An RPC server with a reading and a writing thread for each connection, and a pool of worker threads, which never wait
+# for a client.
 #
 #   ruby -Ilib examples/rpc/thread_server.rb [ADDRESS [IDLE_SECONDS]]
 #
-# ADDRESS is tcp:127.0.0.1:0 (the kernel chooses the port) unless given, or unix:PATH. The first line of output
-# tells where it listens. TERM and INT end it once the requests that were begun are answered, within 2 s.
+# ADDRESS defaults to tcp:127.0.0.1:0 (the kernel chooses the port), or is unix:PATH. The first line of output is the
+# address. On TERM and INT it answers the requests that were begun, for up to 2 s, and exits.
 
 require "logger"
 require_relative "framing"
@@ -15,16 +15,16 @@ require_relative "service"
 require_relative "sockets"
 
 class ThreadServer
-  MAX_PAYLOAD = 1 << 20 # of a request as of an answer; see README.md for what its values take in memory
+  MAX_PAYLOAD = 1 << 20 # of requests and answers; decoded values take more, see README.md
   MAX_CONNECTIONS = 200
   WORKERS = 8
-  SHARE = WORKERS / 2 # requests of one client that are read and not answered; with more, it is not read
+  SHARE = WORKERS / 2 # unanswered requests of one client; beyond that, the server stops reading from it
   WRITE_SECONDS = 2   # how long a client may leave an answer unread
-  IDLE_SECONDS = 60   # how long a client may be silent that waits for no answer
-  STOP_SECONDS = 2    # for what was begun, at the end
+  IDLE_SECONDS = 60   # how long a client that waits for no answer may be silent
+  STOP_SECONDS = 2    # timeout for the requests that were begun, at the end
 
-  # in_progress has an element for each such request. answers are taken by the thread that writes. gone: nothing can be
-  # sent any more.
+  # in_progress has one element per unanswered request. The writing thread takes from answers. gone: nothing can be sent
+  # any more.
   Client = Struct.new(:socket, :in_progress, :answers, :gone, :reader)
 
   def initialize(address, log, idle_seconds = IDLE_SECONDS)
@@ -32,8 +32,8 @@ class ThreadServer
     @log = log
     @idle_seconds = idle_seconds
     @service = Service.new(log) { |seconds| sleep(seconds) }
-    @requests = Queue.new # [client, request]; each client's share bounds it
-    @clients = []         # touched by the accepting thread alone
+    @requests = Queue.new # [client, request]; the clients' shares bound it
+    @clients = []         # used only by the accepting thread
   end
 
   def address
@@ -61,14 +61,14 @@ class ThreadServer
     client.reader = Thread.new { serve(client) }
     @clients << client
   rescue Errno::ECONNABORTED
-    nil # gone before it was accepted
+    nil # disconnected before it was accepted
   rescue SystemCallError, ThreadError => e
     @log.error(e.message)
     socket.close if socket
-    sleep(0.1) # until a connection is closed, when it is for want of descriptors or threads
+    sleep(0.1) # until a connection closes, in case descriptors or threads ran out
   end
 
-  # A connection is closed by its reader alone, so that no other thread holds a socket that was closed under it.
+  # Only its reading thread closes a connection, so that no other thread uses a closed socket.
   def serve(client)
     name = Sockets.name_of(client.socket)
     Sockets.prepare(client.socket)
@@ -109,19 +109,19 @@ class ThreadServer
   def work
     while (job = @requests.pop)
       client, request = job
-      # Of a client that is gone, what was not begun is left undone.
+      # Requests of a client that has disconnected are skipped.
       client.answers.push(client.gone || @service.answer(request))
     end
   end
 
-  # A request counts as the client's until its answer is sent, so that answers nobody reads are bounded too.
+  # A request counts towards the client's share until its answer is sent, so that unread answers are bounded too.
   def write(client, name)
     writer = FrameWriter.new(MAX_PAYLOAD)
     while (answer = client.answers.pop)
       begin
         Sockets.write_within(client.socket, @service.frame(writer, answer), WRITE_SECONDS) unless client.gone
       rescue *Service::FAILURES => e
-        # The client is gone or reads no answers. The end of input tells the reader to close.
+        # The client has disconnected or reads no answers. Shutting the socket down makes the reading thread close it.
         @log.info("#{name}: #{e.message}; answer dropped")
         client.gone = true
         shutdown(client.socket, :RDWR)
@@ -130,7 +130,7 @@ class ThreadServer
     end
   end
 
-  # Workers end with what they have begun, readers with the end of input, writers with what they have.
+  # Workers finish the requests they have begun, readers stop at the end of input, writers send the answers they have.
   def finish(workers)
     deadline = Sockets.now + STOP_SECONDS
     @requests.clear

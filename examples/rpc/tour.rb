@@ -1,6 +1,7 @@
 # frozen_string_literal: true
 
-# What a client can do and what can go wrong, one line each. together runs jobs at once and returns their results.
+# What a client can do and what can go wrong, one line of output each. together runs jobs at once and returns their
+# results.
 def tour(client, together)
   show("echo") { client.call("echo", [{ "a" => [1, 2.5, nil, true, "text", "\xFF".b] }]) }
   show("add") { client.call("add", [20, 22]) }
@@ -9,12 +10,12 @@ def tour(client, together)
   began = Sockets.now
   together.call([0.6, 0.4, 0.2].map { |seconds| -> { finished << client.call("pause", [seconds]) } })
   puts "three in flight: answered in the order #{finished.inspect}"
-  # One after the other they would take 1.2 s.
+  # Sequentially they would take 1.2 s.
   puts "three in flight: #{Sockets.now - began < 1.1 ? "at once" : "one after the other"}"
 
   show("time-out") { client.call("pause", [0.3], 0.1) }
   show("after a time-out") { client.call("echo", ["still here"]) }
-  client.call("pause", [0.3]) # by then the answer that nobody waits for has come
+  client.call("pause", [0.3]) # long enough for the answer of the timed-out call to arrive
   puts "late answers dropped: #{client.late}"
 
   show("unknown method") { client.call("format_disk") }

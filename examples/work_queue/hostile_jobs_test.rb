@@ -2,9 +2,9 @@
 
 require_relative "test_queue"
 
-# What whoever can add jobs can do to the workers: nothing that lasts.
+# A client that can add jobs can do no lasting harm to the workers.
 class HostileJobsTest < QueueTest
-  # A job that never ends costs a worker its limit of time, each time it is tried, and others' jobs no more than that.
+  # A job that never ends costs a worker its timeout on each delivery, and no other job more than that delay.
   def test_a_job_that_never_ends
     start_redis
     endless = add(1, 1e9)
@@ -19,7 +19,7 @@ class HostileJobsTest < QueueTest
     assert_equal [0, 0], workers.map(&:wait)
   end
 
-  # A job may take its time: the limit is the lease unless it is given.
+  # The timeout of a job is the lease unless JOB_MS is given.
   def test_the_limit_of_time_is_the_lease
     start_redis
     short = add(3, LEASE / 1000.0 / 2)
@@ -47,7 +47,7 @@ class HostileJobsTest < QueueTest
     assert_operator worker.log.lines.map(&:bytesize).max, :<, 300, "what stands in a job is not logged"
   end
 
-  # Two workers have one message, since the first was slow: what the faster one makes of it holds.
+  # Two workers have the same message, because the first was slow: the result of the faster one counts.
   def test_a_message_ends_once
     start_redis
     ids = [add(1), add(2), add(3)]
@@ -64,7 +64,7 @@ class HostileJobsTest < QueueTest
     assert_equal [0, 0], @queue.counts.values_at(:waiting, :pending)
   end
 
-  # Entries of every kind that somebody might write into the stream. Each ends once, and the workers serve on.
+  # Malformed entries of every kind in the stream. Each ends once, and the workers go on.
   def test_hostile_entries
     start_redis
     redis = Redis.new(url: @redis.url)
@@ -84,7 +84,7 @@ class HostileJobsTest < QueueTest
     assert_match(/\Awaiting 0, pending 0, done \d+, dead \d+\n/, status.output)
   end
 
-  # An entry that somebody deletes while a worker has it, and one that nobody can read in a terminal.
+  # An entry that is deleted while a worker holds it, and one that cannot be printed to a terminal.
   def test_entries_that_are_tampered_with
     start_redis
     redis = Redis.new(url: @redis.url)
@@ -101,7 +101,7 @@ class HostileJobsTest < QueueTest
     refute_match(/[\e\a]/, status.output)
   end
 
-  # A job cut short at each byte, with a byte changed, noise, and values that are no jobs.
+  # A job truncated at each byte, with a byte changed, noise, and values that are not jobs.
   def payloads(random)
     job = Payload.encode({ "do" => "square", "number" => 7, "seconds" => 0.001 })
     cut = (0...job.bytesize).map { |size| job.byteslice(0, size) }

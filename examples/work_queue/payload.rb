@@ -2,16 +2,16 @@
 
 require "vorn_rpc"
 
-# A value as bytes and back, without a frame: Redis keeps the length.
+# Encodes and decodes a value without a frame: Redis keeps the length.
 module Payload
   module_function
 
-  # Beware of Integers beyond 32 bits, which are written as their low 32 bits; send them as Strings.
+  # Beware of Integers beyond 32 bits, which are cut to their low 32 bits; send them as Strings.
   def encode(value)
     (VORN::PROTO::PacketBuf.new << value).to_str
   end
 
-  # Raises RuntimeError for bytes that are not exactly one value.
+  # Raises RuntimeError unless the bytes are exactly one value.
   def decode(bytes)
     buffer = VORN::PROTO::PacketBuf.new
     buffer.write_raw(bytes).reset

@@ -1,20 +1,20 @@
 # frozen_string_literal: true
 
-# What the tests of the queue share: a Redis, workers, and what is in the queue.
+# Shared by the tests of the queue: a Redis server, workers, and the queue's contents.
 
 require_relative "../test_support"
 require_relative "work_queue"
 
-# A Redis of this test's own.
+# A Redis server for this test only.
 class TestRedis
   attr_reader :url, :program
 
-  # On a socket in the folder, or where the arguments say.
+  # Listens on a socket in the folder, or as the arguments say.
   def initialize(folder, *arguments, url: nil, through: [])
     arguments = ["--port", "0", "--unixsocket", "#{folder}/redis.sock"] if arguments.empty?
     @url = url || "unix://#{folder}/redis.sock"
     @folder = folder
-    # Every write is on disk before it is acknowledged, so that the server may be killed too.
+    # Every write reaches the disk before it is acknowledged, so that the tests may kill the server too.
     @command = through + ["redis-server", "--save", "", "--dir", folder, "--appendonly", "yes",
                           "--appendfsync", "always", *arguments]
     start
@@ -39,7 +39,7 @@ class QueueTest < ExampleTest
     super
   end
 
-  # On a UNIX socket unless told otherwise.
+  # Starts Redis on a UNIX socket unless told otherwise.
   def start_redis(*arguments, **options)
     @redis = TestRedis.new(@folder, *arguments, **options)
     @queue = WorkQueue.new(@redis.url, "jobs", LEASE)
@@ -50,7 +50,7 @@ class QueueTest < ExampleTest
     @queue.prepare
     true
   rescue Redis::BaseError
-    @redis.program.stop if Process.waitpid(@redis.program.pid, Process::WNOHANG) # with what it says in the log
+    @redis.program.stop if Process.waitpid(@redis.program.pid, Process::WNOHANG) # its log then says why
     false
   end
 
@@ -67,7 +67,7 @@ class QueueTest < ExampleTest
     @queue.add({ "do" => "square", "number" => number, "seconds" => seconds })
   end
 
-  # How many messages each worker has, by the worker's name.
+  # The number of messages that each worker holds, by name.
   def holding
     @monitor ||= Redis.new(url: @redis.url)
     @monitor.xinfo(:consumers, "jobs", WorkQueue::GROUP).map { |one| [one["name"], one["pending"]] }.to_h

@@ -3,21 +3,21 @@
 require "redis"
 require_relative "payload"
 
-# A queue that many processes on many hosts share: a Redis stream with one consumer group.
+# A queue for many processes on many hosts: a Redis stream with one consumer group.
 #
 #   NAME           the stream: one entry for each message not yet completed, its payload in the field "p"
 #   NAME:results   a hash: the result's payload by message id
-#   NAME:dead      a stream of messages that could not be processed, and why
+#   NAME:dead      a stream of messages that could not be processed, and the reasons
 #
-# A message that was given to a worker stays on Redis's list of pending messages until it is completed. One that is
-# pending for longer than the lease is given to another worker. So nothing is lost, but a message may be processed
+# A message that was delivered to a worker stays on Redis's list of pending messages until it is completed. One that is
+# pending for longer than the lease is delivered to another worker. So nothing is lost, but a message may be processed
 # more than once: after a crash, or by two workers when the first is slower than the lease. Its result counts once.
-# What the work does elsewhere has to bear being done twice, most easily by doing it under the message's id.
+# Side effects of the work must be idempotent, for example keyed by the message's id.
 class WorkQueue
   GROUP = "workers"
 
-  # What becomes of a message is decided by who takes it off the list of pending ones, so it is completed or put aside,
-  # once, whatever a slower worker does later. The group is the only reader, so the stream need not remember it.
+  # The worker that takes a message off the pending list decides its outcome, so it is completed or buried once,
+  # whatever a slower worker does later. The stream need not keep the message: the group is its only reader.
   COMPLETE = <<-LUA
     if redis.call("XACK", KEYS[1], ARGV[1], ARGV[2]) == 0 then return 0 end
     redis.call("XDEL", KEYS[1], ARGV[2])
@@ -34,75 +34,75 @@ class WorkQueue
 
   # lease is in milliseconds. It must be longer than a batch of messages takes, or work is done twice.
   def initialize(url, name, lease)
-    # The commands are repeated by whoever calls, who knows which of them bear it.
+    # No automatic retries: only the caller knows which commands may be repeated.
     @redis = Redis.new(url: url, timeout: 5, reconnect_attempts: 0)
     @name = name
     @lease = lease
   end
 
-  # Makes stream and group unless they are there. "0": also what was added before the group existed is delivered.
+  # Creates stream and group unless they exist. "0": messages added before the group existed are delivered too.
   def prepare
     @redis.xgroup(:create, @name, GROUP, "0", mkstream: true)
   rescue Redis::CommandError => e
     raise unless e.message.start_with?("BUSYGROUP")
   end
 
-  # Adds a message and returns its id. After a lost connection it is not known whether the message was added; adding
-  # it again may make it two.
+  # Adds a message and returns its id. After a lost connection it is unknown whether the message was added; adding it
+  # again may duplicate it.
   def add(value)
     @redis.xadd(@name, { "p" => Payload.encode(value) })
   end
 
-  # New messages for this worker, waiting for them up to so many milliseconds.
+  # New messages for this worker; waits for them up to `wait` milliseconds.
   def take(worker, count, wait)
     streams = @redis.xreadgroup(GROUP, worker, @name, ">", count: count, block: wait)
     messages(streams.fetch(@name, []), 1)
   end
 
-  # A message that another worker had for longer than the lease, or nil.
+  # Takes over a message that another worker has held for longer than the lease, or returns nil.
   #
-  # One at a time: if this is a message that kills whoever processes it, no other message is held when it does, and
-  # only its own deliveries grow. XAUTOCLAIM would need one command instead of two, but does not tell the deliveries.
+  # One at a time: if a message kills every worker that processes it, no other message is held at that moment, and only
+  # its own delivery count grows. XAUTOCLAIM needs one command instead of two, but does not return the count.
   def take_over(worker)
-    # The gem's own method does not know IDLE.
+    # The gem's own method does not support IDLE.
     (id, _, _, deliveries), = @redis.call("XPENDING", @name, GROUP, "IDLE", @lease, "-", "+", 1)
     return unless id
 
-    # Of two workers that try, the second finds the message no longer idle and does not get it.
+    # Of two competing workers, the second finds that the message is no longer idle and does not get it.
     messages(@redis.xclaim(@name, GROUP, worker, @lease, id), deliveries + 1).first
   end
 
-  # Keeps the result and takes the message off the queue, both or neither. False: another worker was faster, and what
-  # it did stands.
+  # Stores the result and removes the message from the queue, atomically. False: another worker was faster, and its
+  # result counts.
   def complete(message, result)
     decide(COMPLETE, results_key, message.id, Payload.encode(result))
   end
 
-  # Puts a message aside that nobody can process. False as above.
+  # Buries a message that cannot be processed. False as above.
   def bury(message, reason)
     decide(BURY, dead_key, message.id, message.payload, reason)
   end
 
-  # Forgets a worker that takes nothing any more. One that still has messages stays on the list, since they would go
-  # with it; so do workers that were killed, a few bytes each.
+  # Removes a worker that has stopped taking messages. One that still holds messages stays on the list, because they
+  # would be removed with it; so do killed workers, at a few bytes each.
   def leave(worker)
     return unless @redis.xpending(@name, GROUP, "-", "+", 1, worker).empty?
 
     @redis.xgroup(:delconsumer, @name, GROUP, worker)
   end
 
-  # The results by message id. They stay until somebody deletes them; do so only when no worker can still be at a
-  # message, or a late second result counts as new.
+  # The results by message id. They stay until somebody deletes them; do that only when no worker can still hold a
+  # message, or a late second result would count as new.
   def results
     @redis.hgetall(results_key).map { |id, payload| [id, Payload.decode(payload)] }.to_h
   end
 
-  # [id, reason] of the messages put aside.
+  # [id, reason] of the buried messages.
   def dead
     @redis.xrange(dead_key).map { |_, fields| fields.values_at("id", "reason") }
   end
 
-  # What is waiting, what workers hold, what is done, what was put aside.
+  # Counts of waiting, pending, completed and buried messages.
   def counts
     pending = @redis.xpending(@name, GROUP)["size"]
     { waiting: @redis.xlen(@name) - pending, pending: pending, done: @redis.hlen(results_key),

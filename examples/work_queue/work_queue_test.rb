@@ -12,7 +12,7 @@ class WorkQueueTest < QueueTest
     holding.find { |name, _| name.include?(":#{worker.pid}:") }.to_a[1].to_i
   end
 
-  # The lines of all workers' output that end so.
+  # The lines with this ending, of all workers' output.
   def lines(ending)
     @workers.flat_map { |worker| worker.output.lines(chomp: true) }.select { |line| line.end_with?(" #{ending}") }
   end
@@ -31,7 +31,7 @@ class WorkQueueTest < QueueTest
     assert_equal 0, status.wait, status.log
     assert_equal "waiting 0, pending 0, done 300, dead 0\n", status.output
 
-    # Asked to end, they do, and leave no trace.
+    # Stopped by a signal, they exit and leave no trace.
     @workers.each { |worker| worker.signal("TERM") }
     assert_equal [0, 0, 0], @workers.map(&:wait)
     assert_empty holding
@@ -49,7 +49,7 @@ class WorkQueueTest < QueueTest
     assert_equal({ message.id => value }, @queue.results)
   end
 
-  # kill -9 while some of its messages are completed and others are not, again and again.
+  # kill -9 in the middle of a batch, again and again.
   def test_killed_workers
     start_redis
     numbers = {}
@@ -62,13 +62,13 @@ class WorkQueueTest < QueueTest
       flunk("only #{kills} kills in time") if now > limit
       30.times { numbers[add(numbers.size, 0.01)] = numbers.size } if @queue.counts[:waiting] < 30
       held = holding
-      # In the middle: it has fewer than before, and some still.
+      # In the middle of a batch: the worker holds fewer messages than before, and still some.
       name, = held.find { |one, pending| pending > 0 && pending < last.fetch(one, 0) && running(one) }
       last = held
       next sleep(0.002) unless name
 
       running(name).stop("KILL")
-      # It may have finished its batch before the signal came; then it was no such kill.
+      # A worker may have finished its batch before the signal arrived; such a kill does not count.
       kills += 1 if holding[name] > 0
       start_worker
     end
@@ -83,7 +83,7 @@ class WorkQueueTest < QueueTest
          "#{taken_over} messages taken over, #{lines("done before").size} results a second time, not counted"
   end
 
-  # A worker that was thought dead and was only slow: both do the work, one result counts.
+  # A slow worker is taken for dead: both workers do the work, one result counts.
   def test_a_slow_worker_is_late
     start_redis
     slow = start_worker({ "JOB_MS" => "60000" })
@@ -98,7 +98,7 @@ class WorkQueueTest < QueueTest
     assert_equal({ id => 49 }, @queue.results)
   end
 
-  # A message that kills its workers is put aside; those that shared its batch are processed.
+  # A message that kills its workers is buried; the others of its batch are processed.
   def test_a_message_that_kills
     start_redis
     innocent = Array.new(4) { |number| add(number) }
@@ -144,7 +144,7 @@ class WorkQueueTest < QueueTest
     assert_equal ids.zip(reasons), @queue.dead
   end
 
-  # kill -9 of Redis itself: what it acknowledged is on its disk, the workers come back to it.
+  # kill -9 of Redis itself: acknowledged writes are on its disk, and the workers reconnect.
   def test_redis_is_killed
     start_redis
     2.times { start_worker }
@@ -160,14 +160,14 @@ class WorkQueueTest < QueueTest
     @workers.each { |worker| assert_match(/; again in 0.1 s/, worker.log) }
   end
 
-  # Two workers in network namespaces of their own, Redis in a third: what hosts have of each other. The cable of
-  # one is pulled in the middle of a batch.
+  # Two workers in separate network namespaces, Redis in a third, like separate hosts. The cable of one worker is pulled
+  # in the middle of a batch.
   def test_workers_on_several_hosts
     skip("not asked for (--namespaces)") if ENV["NAMESPACES"].to_s.empty?
     spaces = %w[redis a b].map { |name| "vornq#{Process.pid}#{name}" }
     spaces.each { |space| sh("ip netns add #{space}") }
     inside = spaces.map { |space| ["ip", "netns", "exec", space] }
-    # 192.0.2.0/24 is for examples; nothing outside these namespaces reaches it.
+    # 192.0.2.0/24 is reserved for examples; nothing outside these namespaces can reach it.
     %w[a b].each_with_index do |name, number|
       sh("ip -n #{spaces[0]} link add name to-#{name} type veth peer name eth0 netns #{spaces[number + 1]}")
       sh("ip -n #{spaces[0]} addr add 192.0.2.#{number * 4 + 1}/30 dev to-#{name}")
@@ -175,7 +175,7 @@ class WorkQueueTest < QueueTest
       sh("ip -n #{spaces[0]} link set to-#{name} up")
       sh("ip -n #{spaces[number + 1]} link set eth0 up")
     end
-    # The socket is this test's own way in, which needs no network. On a real network Redis wants a password.
+    # The test itself uses the socket, which needs no network. On a real network Redis needs a password.
     start_redis("--port", "6379", "--bind", "192.0.2.1", "192.0.2.5", "--protected-mode", "no",
                 "--unixsocket", "#{@folder}/redis.sock", through: inside[0])
     on_a = start_worker({ "REDIS_URL" => "redis://192.0.2.1:6379" }, inside[1])
@@ -188,7 +188,7 @@ class WorkQueueTest < QueueTest
     assert_equal numbers, @queue.results
     assert_match(/: taken over$/, on_b.log)
 
-    # Its commands time out; plugged in again, it goes on.
+    # Its commands time out; after reconnecting the cable it goes on.
     eventually("it notices", 20, on_a) { on_a.log.include?("; again in") }
     sh("ip -n #{spaces[0]} link set to-a up")
     on_b.stop

@@ -6,12 +6,12 @@
 #
 # REDIS_URL   where Redis is (default redis://127.0.0.1:6379); unix:///PATH for a socket
 # QUEUE       the queue's name (default jobs)
-# LEASE_MS    after how long a message that another worker holds is taken over (default 30000)
-# JOB_MS      how long a job may take (default: the lease, after which it is another worker's)
+# LEASE_MS    after how long a message of another worker is taken over (default 30000)
+# JOB_MS      timeout of a job (default: the lease, after which another worker takes it over)
 # BATCH       messages taken at once (default 10)
 # DELIVERIES  how often a message is tried (default 5)
 #
-# TERM and INT let it finish its batch.
+# On TERM and INT it finishes its batch and exits.
 
 require "logger"
 require "securerandom"
@@ -19,7 +19,7 @@ require "socket"
 require "timeout"
 require_relative "work_queue"
 
-# A job that nobody can do, however often it is tried.
+# A job that no retry can complete.
 class BadJob < StandardError; end
 
 class Worker
@@ -53,8 +53,8 @@ class Worker
           delay = 0.1
         end
       rescue Redis::BaseConnectionError, Redis::CommandError => e
-        # Redis restarts, is loading its file, was replaced by an empty one, or the network is away. What this worker
-        # held is delivered again, to it or to another.
+        # Redis restarts, is loading its file, was replaced by an empty one, or is unreachable. The messages that this
+        # worker held are delivered again, to any worker.
         @log.warn("#{e.message.strip} (#{e.class}); again in #{delay} s")
         sleep(delay)
         delay = [delay * 2, MAX_RETRY_SECONDS].min
@@ -67,7 +67,7 @@ class Worker
 
   private
 
-  # Abandoned messages first: they have waited longest. They are looked for several times a lease.
+  # Abandoned messages first: they have waited longest. The worker looks for them several times per lease.
   def batch
     now = Process.clock_gettime(Process::CLOCK_MONOTONIC, :millisecond)
     if now >= @look
@@ -83,7 +83,7 @@ class Worker
 
   def process(message)
     if message.deliveries > @deliveries
-      # Whoever had it died, or failed, again and again.
+      # Every worker that had it died or failed.
       @queue.bury(message, "tried #{@deliveries} times")
       return @log.error("#{message.id}: given up")
     end
@@ -95,12 +95,12 @@ class Worker
   rescue Redis::BaseError
     raise
   rescue StandardError => e
-    # It stays pending, so it is tried again when the lease is over.
+    # It stays pending, so it is delivered again when the lease is over.
     @log.error("#{message.id}: #{e.message} (#{e.class})")
   end
 
-  # One job that never ends would take every worker in turn. Work that is in native code all the time is not
-  # interrupted: such work needs a process of its own, and an end to that.
+  # A job that never ends would block every worker in turn. Timeout cannot interrupt native code: such work needs a
+  # separate process that can be killed.
   def result_of(message)
     value =
       begin
@@ -112,14 +112,14 @@ class Worker
   end
 end
 
-# Every number of a job comes through here. No range covers NaN, a String or nil.
+# Every number of a job is checked here. No range covers NaN, a String or nil.
 def number(value, range, kind = Numeric)
   return value if value.is_a?(kind) && range.cover?(value)
 
   raise BadJob, "#{kind} from #{range.first} to #{range.last} wanted"
 end
 
-# The work of this example.
+# The work of this example: squares a number.
 WORK = lambda do |job|
   raise BadJob, "no Hash" unless job.is_a?(Hash)
 
@@ -127,7 +127,7 @@ WORK = lambda do |job|
   when "square"
     sleep(number(job.fetch("seconds", 0), 0..1_000_000_000))
     square = number(job["number"], -2**63..2**63 - 1, Integer)**2
-    # Sent as it is, it would arrive as its low 32 bits.
+    # Unchanged, it would be cut to its low 32 bits.
     square < 2**31 ? square : square.to_s
   when "fail" then raise "as told"
   when "crash" then Process.kill("KILL", Process.pid)
@@ -139,7 +139,7 @@ if $PROGRAM_NAME == __FILE__
   $stdout.sync = true
   lease = Integer(ENV.fetch("LEASE_MS", 30_000))
   queue = WorkQueue.new(ENV.fetch("REDIS_URL", "redis://127.0.0.1:6379"), ENV.fetch("QUEUE", "jobs"), lease)
-  # A name of its own for each process that ever runs: two of one name would be one worker to Redis.
+  # Unique for each process that ever runs: Redis would take two workers of one name for the same.
   name = "#{Socket.gethostname}:#{Process.pid}:#{SecureRandom.hex(4)}"
   worker = Worker.new(queue, name, lease, Integer(ENV.fetch("JOB_MS", lease)), Integer(ENV.fetch("BATCH", 10)),
                       Integer(ENV.fetch("DELIVERIES", 5)), Logger.new($stderr))
