@@ -1,7 +1,7 @@
 # frozen_string_literal: true
 
-# The extension under attack: random operations, hostile ones among them, on a pool of buffers and frames, each
-# compared with what the model (test/support/model.rb) does.
+# The extension under attack: random operations, some of them hostile, on a pool of buffers and frames, each compared
+# with the model (test/support/model.rb).
 
 require "vorn_rpc_ext"
 

@@ -3,15 +3,15 @@
 require_relative "../ext/helper"
 require_relative "../ext/ruby_process"
 
-# A short attack, always the same, and proof that an attack notices a fault. Each runs in a process of its own, since
-# what misbehaves is built into Array and Hash there.
+# A short attack with fixed seeds, and proof that an attack notices a fault. Each runs in a separate process, because
+# it patches Array and Hash.
 class AttackTest < Minitest::Test
   include RubyProcess
 
   ATTACK = File.expand_path("attack.rb", __dir__)
   MAIN = File.expand_path("main.rb", __dir__)
 
-  # Operations, from this seed on.
+  # Runs `ops` operations from this seed on.
   def attack(seed, ops, level = "normal")
     out, err = run_ruby_with_errors("ARGV.replace(%w[--seed #{seed} --ops #{ops} --gc #{level}])\nload #{MAIN.inspect}")
     assert_equal "", err
@@ -32,7 +32,7 @@ class AttackTest < Minitest::Test
     attack(200, 3_000, "compact")
   end
 
-  # Every row of the table of costs, with next to nothing to measure.
+  # Every row of the cost table, with tiny payloads.
   def test_costs_in_small
     skip_without_proc
     skip_under_sanitizers
@@ -53,7 +53,7 @@ class AttackTest < Minitest::Test
     out, = run_ruby_with_errors(program)
     # nil; "", [], {}; "a", [nil]; [nil, nil], [""], [[]], [{}], {1=>nil}
     assert_match(/\ARuby [\d.]+, 11 values, each filling 3000 bytes/, out)
-    # Which are the worst of so few bytes, chance decides.
+    # With so few bytes, measurement noise decides which are the worst.
     worst = out.scan(/^ +\d+\.\d times  (.*)$/).flatten
     assert_equal worst.uniq, worst
     assert_equal 10, worst.size

@@ -1,24 +1,24 @@
 # frozen_string_literal: true
 
 module Attack
-  # What misbehaves: descriptions of objects whose methods run Ruby code in the middle of an operation. Each pool gets
-  # objects of its own from a description. They act through steps:
+  # Misbehaving objects: descriptions of objects whose methods run Ruby code in the middle of an operation. Each pool
+  # builds its own objects from a description. They act through steps:
   #
-  #   [:yield, args]              calls the block of an own `each`
-  #   [:attempt, args]            likewise, and goes on when that raises; the outcome is logged
-  #   [:operate, operation]       uses the pool; the outcome is logged
-  #   [:keep]                     keeps the block, to be called later
-  #   [:again, args]              calls the block that was kept last, whose iteration may have ended, and goes on
+  #   [:yield, args]              calls the block of its own `each`
+  #   [:attempt, args]            likewise, and continues when that raises; the outcome is logged
+  #   [:operate, operation]       performs an operation on the pool; the outcome is logged
+  #   [:keep]                     keeps the block for a later call
+  #   [:again, args]              calls the block that was kept last, whose iteration may have ended, and continues
   #   [:fiber, args]              calls the block in a Fiber
   #   [:thread, args]             calls the block in a Thread
   #   [:change, name, how]        changes the named container or String
-  #   [:collect]                  wants a collection; there is one where objects are moved
+  #   [:collect]                  requests a garbage collection, if the run moves objects
   #   [:raise, text], [:throw, value], [:return]
   module Callers
     class Misbehaved < StandardError
     end
 
-    # The interpreter inspects an object for some texts, with all that it refers to: here that is the whole pool.
+    # The interpreter inspects an object for some error texts, including everything it refers to: here, the whole pool.
     module Terse
       def inspect
         "(misbehaves)"
@@ -41,7 +41,7 @@ module Attack
       end
     end
 
-    # What is asked for a number performs steps first.
+    # An object whose to_int performs steps first.
     class OwnInteger
       include Terse
 
@@ -51,7 +51,7 @@ module Attack
         @pool = pool
       end
 
-      # They are compared when they are read back from where they were stored.
+      # Compared when options are read back.
       def ==(other)
         other.is_a?(OwnInteger)
       end
@@ -62,7 +62,7 @@ module Attack
       end
     end
 
-    # None of these methods is to be called: the bytes, the members and the entries count.
+    # None of these methods may be called: only the bytes, the members and the entries count.
     module Unasked
       NAMES = [:to_s, :to_str, :to_ary, :to_a, :to_hash, :to_h, :to_sym, :to_f, :to_i, :size, :length, :bytesize,
                :bytes, :b, :[], :at, :each_pair, :each_with_index, :each_byte, :map, :keys, :values, :fetch, :default,
@@ -85,14 +85,14 @@ module Attack
       Unasked::NAMES.each { |name| define_method(name, Unasked.instance_method(name)) }
     end
 
-    # Neither a String nor anything else that can be written.
+    # An object that is not a String and cannot be encoded.
     class NoString
       include Unasked
     end
 
     # --- descriptions -----------------------------------------------------------------------------------------
 
-    # Where one is the key of a described Hash, only itself counts.
+    # As the key of a described Hash, only identity counts.
     class Description < Struct
       def hash
         __id__
@@ -128,7 +128,7 @@ module Attack
       end
     end
 
-    # Named before its members are made: they may be the container itself.
+    # Named before its members are built: they may include the container itself.
     def make_named(described, pool)
       value = described.value
       case value
@@ -174,7 +174,7 @@ module Attack
       pool.log << ObjectPool.raised(error)
     end
 
-    # Nothing is thrown out of a fiber or a thread.
+    # A fiber or a thread must not throw out of itself.
     def within(pool)
       yield
       nil

@@ -1,19 +1,19 @@
 # frozen_string_literal: true
 
 module Attack
-  # How hard the garbage collector works meanwhile.
+  # How hard the garbage collector works during the operations.
   #
   #   normal   as in any program
   #   stress   a collection at every allocation inside the extension's operations
-  #   compact  everything is moved now and then, references are verified where that is possible, and where the
-  #            interpreter can, objects are moved at every full collection
+  #   compact  everything is moved now and then, references are verified where the interpreter supports that, and
+  #            objects are moved at every full collection where it supports that
   class Collector
     LEVELS = %w[normal stress compact].freeze
-    # Operations between two times that everything is moved.
+    # Operations between two compactions.
     PERIOD = 100
 
     class << self
-      # What a callback does that wants a collection.
+      # What a callback that requests a collection does.
       attr_accessor :meanwhile
     end
     self.meanwhile = -> {}
@@ -33,7 +33,7 @@ module Attack
       Collector.meanwhile = -> { GC.compact }
     end
 
-    # For the line that repeats a run.
+    # For the command that reproduces a run.
     def option
       @level == "normal" ? "" : " --gc #{@level}"
     end

@@ -5,9 +5,9 @@ module Attack
   class Difference < StandardError
   end
 
-  # One run: the operations of a seed, performed in the model's pool and in the extension's.
+  # One run: the operations of a seed, performed on the model's pool and on the extension's.
   class Comparison
-    # An own class is refused where only the classes themselves will do.
+    # A subclass, for methods that accept only the classes themselves.
     class OwnBuf < VORN::PROTO::PacketBuf
     end
 
@@ -32,7 +32,7 @@ module Attack
               frame: Model::PacketFrame, own_buf: OwnBufModel, own_out: OwnOutModel }.freeze
     WRITING = [:write_raw, :write_object, :<<, :copy_object, :assemble, :compute_frame_header].freeze
 
-    # Operations whose outcomes were compared, and those that were not tried, since they take too much memory.
+    # Operations whose outcomes were compared, and those that were skipped because they need too much memory.
     attr_reader :performed, :skipped
 
     def initialize(seed, collector = Collector.new("normal"))
@@ -72,7 +72,7 @@ module Attack
       after(operation)
     end
 
-    # Performs the operation in the model's pool, and undoes it there if it takes too much memory or stack.
+    # Performs the operation in the model's pool, and undoes it there if it needs too much memory or stack.
     def skip?(operation)
       @model.forget
       @real.forget
@@ -84,7 +84,7 @@ module Attack
       undo
     end
 
-    # Where reading stopped when a key's own code did not let it end is not said.
+    # The position after a key's own code has stopped the reading is unspecified.
     def settle_position(operation, expected)
       return unless operation.steps && expected[0] != :value
       [@model, @real].each { |pool| pool.objects[operation.slot].seek(0) }
@@ -106,13 +106,13 @@ module Attack
       compare_outcomes("#{key}.#{how}", @model.create(slot, key, how), @real.create(slot, key, how))
     end
 
-    # Not counted: nothing is compared with the model.
+    # Not counted as compared: the model takes no part.
     def overwrite
       unsound = @overwriting_keys.attempt
       differ("a key that overwrites", "a value, or bytes that are none", unsound) if unsound
     end
 
-    # The blocks of all iterations have ended by now.
+    # By now the iterations of all kept blocks have ended.
     def call_kept
       args = [[1, 2]] * @random.rand(3)
       @model.kept.each_index do |index|
@@ -134,7 +134,7 @@ module Attack
       WRITING.include?(operation.name) ? touched(operation) : []
     end
 
-    # Whether callbacks may have used any of the pool.
+    # Whether callbacks may have touched any object of the pool.
     def far_reaching?(operation)
       operation.made && operation.name != :copy_object || operation.steps ||
         @model.objects[operation.slot].maxdepth.is_a?(Callers::OwnInteger)
@@ -186,7 +186,7 @@ module Attack
       end
     end
 
-    # All stored bytes; of an inbound frame those up to the payload's end.
+    # Compares all stored bytes; for an inbound frame, only those up to the payload's end.
     def compare_bytes(what, slot, expected, actual)
       size = [expected.payload_end, expected.data.bytesize].min
       return if size == 0 || !expected.readable?(size - 1)

@@ -1,13 +1,13 @@
 # frozen_string_literal: true
 
-# What one piece of work costs this process: memory, processor time, and how long another thread waits for its turn.
+# The cost of a piece of work: memory, CPU time, and how long another thread waits for the GVL.
 module CostMeter
   Reading = Struct.new(:bytes, :seconds, :waited)
 
   MEGABYTE = 1 << 20
 
   class << self
-    # The work's result lives until its size has been read.
+    # The work's result stays alive until the memory has been read.
     def read
       GC.start
       forget_peak
@@ -17,7 +17,7 @@ module CostMeter
       waited = longest_wait { result = yield }
       seconds = cpu - started
       peak = status("VmHWM")
-      result.nil? # still used
+      result.nil? # keeps it alive
       Reading.new(peak - before, seconds, waited)
     end
 
@@ -31,15 +31,15 @@ module CostMeter
 
     private
 
-    # The largest resident size counts from here on. Where the kernel does not do that, what making the payload took
-    # counts too.
+    # Resets the peak resident size. Where the kernel does not support that, the peak includes the making of the
+    # payload.
     def forget_peak
       File.write("/proc/self/clear_refs", "5")
     rescue SystemCallError
       nil
     end
 
-    # Seconds between two turns of a thread that wants one every 2 ms, at most, while the block runs.
+    # The longest time between two turns of a thread that wants one every 2 ms, while the block runs.
     def longest_wait
       longest = 0.0
       running = true

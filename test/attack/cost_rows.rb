@@ -4,21 +4,21 @@ require "vorn_rpc_ext"
 require_relative "../support/hex"
 require_relative "cost_meter"
 
-# What docs/operations/threat-model.md gives a figure for. Each row is measured in a process of its own, whose program
-# is this file.
+# The work behind each figure of docs/operations/threat-model.md. Each row is measured in a separate process, which runs
+# this file.
 #
 #   ruby cost_rows.rb NAME SIZE KEYS     prints one line: payload, grown, seconds, waited, note, between tabs
 module CostRows
   include VORN::PROTO
 
   class << self
-    # An array of so many of these that it takes `size` bytes.
+    # An array of as many units as fit into `size` bytes.
     def array_of(unit, size)
       "\x0A".b + unit * [(size - 2) / unit.bytesize, 1].max + "\x0B".b
     end
 
-    # A hash with a nil for each of so many keys. Making it leaves few objects: what they left free would be used again
-    # by what is measured.
+    # A hash with `count` keys, each with a nil. Building it leaves few freed objects: the measured work would reuse
+    # their memory and seem cheaper.
     def hash_of(count)
       payload = "\x08".b
       count.times { |n| payload << yield(n) << "\0" }
@@ -31,7 +31,6 @@ module CostRows
       buf
     end
 
-    # Decoding a payload.
     def decode(payload, symbols = false)
       buf = buffer(payload, symbols)
       size = payload.bytesize
@@ -46,7 +45,7 @@ module CostRows
 
   # --- memory, by what a payload of `size` bytes consists of -----------------------------------------------
 
-  # The names of the document; the worst that bin/attack --costs --search finds are among them.
+  # The names are those of the document, and include the worst that bin/attack --costs --search finds.
   UNITS = {
     "nil" => "00",
     "empty arrays" => "0A 0B",
@@ -66,7 +65,7 @@ module CostRows
     [name, ->(size, _) { decode(array_of(Hex.decode(unit), size)) }]
   end.to_h
 
-  # Names of three bytes, no two the same.
+  # Distinct names of three bytes each.
   def self.array_of_symbols(size)
     payload = "\x0A".b
     ((size - 2) / 5).times { |n| payload << 6 << 3 << 33 + n / 8100 % 90 << 33 + n / 90 % 90 << 33 + n % 90 }
@@ -80,7 +79,7 @@ module CostRows
   NAN = "\x03\x7F\xC0\0\0".b
   ZERO = "\x03\0\0\0\0".b
 
-  # Keys that collide. Those of 2.7 and later in the last two: false hashes as 0.0 does.
+  # Colliding keys. The last two collide from Ruby 2.7 on, where false and 0.0 have the same hash.
   KEYS = {
     "NaN keys" => ->(_) { NAN },
     "[NaN] keys" => ->(_) { "\x0A".b + NAN + "\x0B".b },
@@ -102,7 +101,7 @@ module CostRows
     end
   end
 
-  # So many keys, each with its share of `size` bytes in front of the NaN that tells it from the others.
+  # `count` keys that share `size` bytes, each with a NaN at its end, which makes it unequal to the others.
   def self.long_keys(count, size, filler)
     share = [(size / count - 8) / filler.bytesize, 0].max
     key = "\x0A".b + filler * share + NAN + "\x0B".b
@@ -118,7 +117,7 @@ module CostRows
   # --- the rest -----------------------------------------------------------------------------------------
 
   OTHER = {}
-  # 1 GiB, when the other payloads have 1 MiB.
+  # 1 GiB for the payloads' usual 1 MiB.
   OTHER["header that announces 1024 times this"] = lambda do |size, _|
     frame = VORN::PROTO::PacketFrameIn.new.reset
     header = [0xA5, 1, 0, 1024 * size].pack("CCnN")
@@ -135,7 +134,7 @@ module CostRows
     "Struct.new" => ->(name) { Struct.new(name) }
   }.freeze
 
-  # How many names are still Symbols when nobody holds them.
+  # How many names remain Symbols after the last reference is gone.
   USES.each do |use, work|
     OTHER["symbols: #{use}"] = lambda do |_, keys|
       prefix = "vorn_#{use.tr(" .", "__")}_"

@@ -2,8 +2,9 @@
 
 require_relative "cost_rows"
 
-# Which values cost the most memory for their bytes: all of up to so many bytes are tried, each repeated to fill a
-# payload. Of what costs the same only one is: nil stands for the values of one byte, small Integers for plain keys.
+# Finds the values that take the most memory per byte: tries all values of up to N bytes, each repeated to fill a
+# payload. Of equally expensive values only one is tried: nil stands for all values of one byte, small Integers for
+# plain keys.
 class CostSearch
   SHOWN = 10
 
@@ -22,7 +23,7 @@ class CostSearch
 
   private
 
-  # All values of exactly so many bytes.
+  # All values of exactly `bytes` bytes.
   def values(bytes)
     @values[bytes] ||= begin
       found = { 1 => ["\0".b], 2 => ["\x05\0".b], 3 => ["\x05\x01a".b] }.fetch(bytes, [])
@@ -31,7 +32,7 @@ class CostSearch
     end
   end
 
-  # Members of that length together, none longer than the one before: their order does not matter.
+  # Lists of members with a total of `bytes`, none longer than the one before: the order does not matter.
   def lists(bytes, longest)
     return bytes.zero? ? [""] : [] if bytes <= 0
     (1..[bytes, longest].min).flat_map do |first|
@@ -39,7 +40,7 @@ class CostSearch
     end
   end
 
-  # Keys, the plain ones counted from `key` on, with their values.
+  # Pairs of keys and values; the plain keys count up from `key`.
   def pairs(bytes, key)
     return bytes.zero? ? [""] : [] if bytes <= 0
     (1..bytes - 1).flat_map do |length|

@@ -6,11 +6,11 @@ require "open3"
 require "optparse"
 require "rbconfig"
 
-# A table of what bytes of a peer cost. Each row is measured in a process of its own.
+# A table of the costs of hostile bytes. Each row is measured in a separate process.
 class Costs
   ROWS = File.expand_path("cost_rows.rb", __dir__)
 
-  # `size`: bytes of a payload. `keys`: keys of the largest hash of those that collide.
+  # `size`: bytes of a payload. `keys`: keys of the largest hash of colliding keys.
   def initialize(folder, size, keys, only)
     @folder = folder
     @size = size

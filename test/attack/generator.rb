@@ -1,14 +1,14 @@
 # frozen_string_literal: true
 
 module Attack
-  # Chooses operations, with an eye on the model's objects so that most of them get somewhere.
+  # Chooses operations, guided by the model's objects so that most of them succeed in part.
   class Generator
     POOL = [:buf, :buf, :out, :out, :in, :in, :in, :own_buf, :own_out].freeze
     NESTED = [:write_wire, :write_value, :extract, :copy, :move, :look, :to_payload, :to_bytes, :reset, :limit,
               :start_over].freeze
-    # Where values may be copied to.
+    # Slots that values may be copied to.
     DESTINATIONS = POOL.each_index.select { |slot| [:buf, :out].include?(POOL[slot]) }.freeze
-    # From this size on storage has to move.
+    # The capacity at which storage has to move.
     CAPACITY = 65_536
     # Objects larger than this are soon replaced.
     LARGE = 2000
@@ -25,7 +25,7 @@ module Attack
       in: { feed: 45, feed_badly: 2, ask: 5, hostile_feed: 3 }
     }.freeze
 
-    # Each kind as often as its weight says.
+    # Repeats each kind by its weight.
     KINDS = Hash[OWN_OF.map do |key, own|
       weights = ANY.merge(key == :own_out ? OWN_OF[:out] : own)
       [key, weights.flat_map { |kind, weight| [kind] * weight }.freeze]
@@ -39,14 +39,14 @@ module Attack
       @plan = []
     end
 
-    # Those that are planned first.
+    # Planned operations first.
     def next_operation
       return @plan.shift unless @plan.empty?
       slot = self.slot
       __send__(@inputs.pick(KINDS[POOL[slot]]), slot)
     end
 
-    # The outcome of an operation in the model's pool.
+    # Learns from the outcome of an operation in the model's pool.
     def learn(operation, outcome)
       case operation.purpose
       when :feed then fed(operation.slot, outcome)
@@ -54,18 +54,18 @@ module Attack
       end
     end
 
-    # Plans are for the object that was there.
+    # Plans are for the replaced object.
     def forget_plans
       @plan.clear
     end
 
-    # The key of a slot, and how its new object is made.
+    # The key of a slot, and how to make its new object.
     def fresh(slot)
       @streams.delete(slot)
       [POOL[slot], @inputs.chance(20) ? :allocate : :new]
     end
 
-    # A slot whose object is to be replaced, or nil.
+    # Whether a slot's object should be replaced, mostly because it is large.
     def outgrown(slot)
       size = @model.objects[slot].data.bytesize
       size > LARGE && @inputs.chance(6) || @inputs.chance(600)
@@ -75,7 +75,7 @@ module Attack
       @inputs.below(POOL.size)
     end
 
-    # One that a callback may perform. Callbacks of its own it has none.
+    # An operation for a callback, without callbacks of its own.
     def nested(slot = self.slot)
       kind = @inputs.pick(NESTED)
       kind = @inputs.pick([:feed_whole, :ask]) if POOL[slot] == :in && @inputs.chance(3)
@@ -83,7 +83,7 @@ module Attack
       __send__(kind, slot)
     end
 
-    # Likewise, while a value of another slot is read whose bytes must stay as they are.
+    # Likewise, while a value of the slot `reading` is read, whose bytes must not change.
     def nested_elsewhere(reading)
       slot = self.slot
       return move(slot) if slot == reading || @model.objects[slot].maxdepth.is_a?(Callers::OwnInteger)
@@ -122,7 +122,7 @@ module Attack
       op(slot, :extract_object)
     end
 
-    # What is written is read from where it starts, or copied.
+    # Reads what is written next from its start, or copies it.
     def read_back(slot)
       buf = @model.objects[slot]
       return extract(slot) if buf.pos > LARGE
@@ -135,7 +135,7 @@ module Attack
       made(slot, :copy_object, Callers::Slot.new(@inputs.chance(4) ? self.slot : @inputs.pick(DESTINATIONS)))
     end
 
-    # To where something is: the start, the end, a byte of the payload.
+    # Moves to a position of interest: the start, the end, a byte of the payload.
     def move(slot)
       buf = @model.objects[slot]
       size = buf.data.bytesize
@@ -163,7 +163,7 @@ module Attack
       end
     end
 
-    # Where writing moves the storage, from which a copy to the buffer itself is just being made.
+    # Writes where the storage has to move, while a copy to the same buffer is in progress.
     def at_capacity(slot)
       start = CAPACITY - @inputs.below(30)
       last = case @inputs.below(4)
@@ -232,7 +232,7 @@ module Attack
       op(slot, :compute_frame_header)
     end
 
-    # What arrives on the other side is a stream with this frame.
+    # Feeds this frame to an inbound frame as a stream.
     def send_frame(slot)
       @plan = [write_value(slot), header(slot), Operation.new(slot, :to_str, [], purpose: :send), op(slot, :inc_seq)]
       op(slot, :reset)
@@ -248,7 +248,7 @@ module Attack
 
     # --- inbound frames -------------------------------------------------------------------------------------
 
-    # The stream goes on, mostly in chunks that end anywhere.
+    # Continues the stream, mostly in chunks that end anywhere.
     def feed(slot)
       bytes, offset = @streams[slot] ||= [@inputs.stream, 0]
       return feed_whole(slot) if bytes.empty?
@@ -307,8 +307,8 @@ module Attack
       made(slot, :assemble, Callers::Named.new(:chunk, bytes), offset)
     end
 
-    # Writes a value with containers for keys and reads it back, while the keys' hash does something. When exactly it is
-    # asked for is not said, so nothing else may end the reading.
+    # Writes a value with containers as keys and reads it back, while the keys' hash performs steps. When the hash is
+    # called is unspecified, so nothing else may end the reading.
     def hostile_key(slot)
       buf = @model.objects[slot]
       return op(slot, :preserve_symbols_on_extract=, false) if buf.preserve_symbols_on_extract

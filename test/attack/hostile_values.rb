@@ -1,9 +1,9 @@
 # frozen_string_literal: true
 
 module Attack
-  # Random descriptions of what misbehaves.
+  # Random descriptions of misbehaving objects.
   class HostileValues
-    # What an own `each` may yield: pairs in both forms, and what is none.
+    # What an own `each` may yield: pairs in both forms, and non-pairs.
     YIELDS = [
       ->(inputs) { [inputs.any_value, inputs.any_value] },
       ->(inputs) { [[inputs.any_value, inputs.any_value]] },
@@ -26,7 +26,7 @@ module Attack
       @generator = generator
     end
 
-    # A value with one that misbehaves somewhere in it.
+    # A value that contains a misbehaving object.
     def value
       case @inputs.below(9)
       when 0 then [@inputs.any_value, each(2), @inputs.any_value]
@@ -39,13 +39,13 @@ module Attack
       end
     end
 
-    # A number that does something when it is asked for its value.
+    # A number whose conversion performs steps.
     def number(number, named = nil)
       number = @inputs.pick(["no number", nil, 2.5, :a]) if @inputs.chance(15)
       Callers::Number.new(number, steps(1, named).reject { |kind, _| YIELDING.include?(kind) })
     end
 
-    # Steps that leave the slot's bytes alone.
+    # Steps that leave the bytes of this slot alone.
     def steps_elsewhere(slot)
       steps = Array.new(@inputs.below(3)) { [:operate, @generator.nested_elsewhere(slot)] }
       steps << [:raise, "from a key"] if @inputs.chance(6)

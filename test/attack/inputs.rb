@@ -13,14 +13,14 @@ module Attack
                 2**62 - 1, 2**62, 2**63 - 1].flat_map { |n| [n, -n, -n - 1] }.freeze
     FLOATS = [0.0, -0.0, 1.5, -2.25, 1e300, -1e-300, 5e-324, Float::INFINITY, -Float::INFINITY, Float::NAN, Float::MAX,
               0.1].freeze
-    # What cannot be written.
+    # Values that cannot be encoded.
     UNSUPPORTED = [Object.new, Class, Math, /r/, 1..2, 2**64, -2**64, 2**63, -2**63 - 1, Rational(1, 3), Complex(1, 2),
                    Struct.new(:a).new(1), Time.at(0), proc {}, BasicObject.new, Callers::NoString.new, $stderr,
                    Thread.current,
                    method(:puts)].freeze
-    # What is no String, no object of the pool, and mostly no number.
+    # Neither Strings nor objects of the pool, and mostly not numbers.
     OTHERS = ([nil, false, true, 1, 2**70, 1.5, :sym, [], {}, [1], "string", Object] + UNSUPPORTED).freeze
-    # Positions and other numbers, and what must be converted to one.
+    # Positions and other numbers, and objects that convert to one.
     NUMBERS = [0, 1, 2, 7, 8, 9, 11, 12, 13, 255, 65_535, 65_536, 70_000, 2**24, 2**31 - 1, 2**31, 2**32 - 1, 2**32,
                2**32 + 5, 2**62 - 1, 2**62, 2**63 - 1, 2**63, 2**64 - 1, 2**64, 2**70, -1, -2, -2**31, -2**32, -2**62,
                -2**63, -2**63 - 1, -2**64, -2**70, 2.9, -1.5, 1e10, 1e18, 9.3e18, 1.8e19, 1e19, 1e20, -1e19, 1e300,
@@ -51,7 +51,7 @@ module Attack
 
     # --- values ---------------------------------------------------------------------------------------------
 
-    # One that can be written. Mostly one that has been made already.
+    # A value that can be encoded, mostly one that was made before.
     def any_value
       chance(8) ? value(3) : pick(@values)
     end
@@ -71,12 +71,12 @@ module Attack
       end
     end
 
-    # Of containers: mostly few members, now and then many.
+    # The size of a container: mostly small, now and then large.
     def size
       chance(15) ? below(90) : below(6)
     end
 
-    # Integers of one kind, or nearly.
+    # Integers of one kind, with exceptions.
     def numbers
       up_to = pick([32, 4096, 2**19, 2**26, 2**33, 2**40, 2**62])
       Array.new(size) { chance(30) ? value(0) : below(up_to) - (chance(3) ? up_to / 2 : 0) }
@@ -88,7 +88,7 @@ module Attack
       hash
     end
 
-    # Mostly one that other hashes have too, or nearly that.
+    # Mostly a key that other hashes have too, or a similar one.
     def key(levels)
       return value(chance(3) ? levels - 1 : 0) if chance(3)
       key = pick(%w[k key name identifier]) + ("x" * (chance(8) ? below(70) : 0)) + below(40).to_s
@@ -100,14 +100,14 @@ module Attack
       string.force_encoding(pick(ENCODINGS))
     end
 
-    # More levels than may be written or read, or nearly as many.
+    # At or beyond the limit of levels.
     def deep_value
       (60 + below(8)).times.inject(below(2)) { |inner, _| chance(2) ? [inner] : { inner => 1 } }
     end
 
     # --- bytes ----------------------------------------------------------------------------------------------
 
-    # Encoded values, sound or damaged, or what looks like some.
+    # Encoded values, sound or damaged, or bytes that resemble them.
     def wire
       case below(10)
       when 0 then random_bytes(below(12))
@@ -122,7 +122,7 @@ module Attack
       @random.bytes(size)
     end
 
-    # What no writer here writes, but every reader takes or refuses with care.
+    # Encodings that no writer produces, but that every reader accepts or refuses.
     def odd_wire
       case below(9)
       when 0 then "\x03".b + random_bytes(4)
@@ -137,7 +137,7 @@ module Attack
       end
     end
 
-    # A hash with arrays and hashes for keys.
+    # A hash with arrays and hashes as keys.
     def keyed_wire
       hash = {}
       (1 + size).times { |n| hash[chance(2) ? [n, any_value] : { n => value(1) }] = value(2) }
@@ -161,7 +161,7 @@ module Attack
       bytes
     end
 
-    # A stretch of a stream: frames, sound or damaged, and what is between them.
+    # A part of a stream: frames, sound or damaged, and bytes between them.
     def stream
       stream = chance(6) ? random_bytes(below(5)) : "".b
       (1 + below(3)).times { stream << frame }
@@ -179,7 +179,7 @@ module Attack
       mutated_header(header) + payload
     end
 
-    # The high bytes of the length are left alone: most lengths are too long to be tried.
+    # The high bytes of the length stay: most lengths would be too long to try.
     def mutated_header(header)
       return header unless chance(12)
       header.setbyte(pick([0, 1, 2, 3, 7, header.bytesize - 1]), below(256))

@@ -4,17 +4,17 @@ require "continuation"
 require "timeout"
 require "vorn_rpc_ext"
 
-# Ruby code in the middle of writing and reading that does not come back, comes back later or comes back twice: raised,
-# thrown, timed out, killed, left in a fiber that nobody resumes, entered again through a continuation, while containers
-# and buffers change under it and the collector moves everything. No model foretells what is written then. What has to
-# hold: an exception of ours or of the interpreter's, or a value; a buffer that serves afterwards; and bytes of other
-# buffers that stay as they are.
+# Ruby code in the middle of encoding and decoding that does not return, returns late or returns twice: it raises,
+# throws, times out, is killed, stays in an abandoned fiber, or is entered again through a continuation, while
+# containers and buffers change and the garbage collector moves everything. No model can predict the bytes. The
+# invariants: the result is a value, or an exception of ours or of the interpreter; a buffer still works afterwards; the
+# bytes of other buffers stay unchanged.
 module Interruptions
   class Stopped < StandardError
   end
 
-  # What may come out. Everything else is a fault, of ours or of this program. An EncodingError is for a symbol that was
-  # overwritten while it was read.
+  # The permitted exceptions. Any other is a fault of the extension or of this program. EncodingError is for a symbol
+  # that was overwritten while it was read.
   OUTCOMES = [Stopped, Timeout::Error, RuntimeError, EncodingError, FiberError, RangeError, NoMethodError,
               ThreadError].freeze
 
@@ -37,7 +37,7 @@ module Interruptions
     end
   end
 
-  # Keys that are containers ask for steps while they are read.
+  # Keys that are containers perform steps while they are read.
   module SteppingKeys
     class << self
       attr_accessor :run
@@ -79,7 +79,7 @@ module Interruptions
       self
     end
 
-    # How often each step was taken.
+    # How often each step was performed.
     def counts
       @counts.sort_by { |name, _| name.to_s }.map { |name, count| "#{name} #{count}" }.join(", ")
     end
@@ -100,7 +100,7 @@ module Interruptions
 
     private
 
-    # Containers that a step makes for itself ask for none.
+    # Containers that a step creates for itself perform none.
     def deeper
       keys, SteppingKeys.run = SteppingKeys.run, nil
       @depth += 1
@@ -137,7 +137,7 @@ module Interruptions
       @steps += 1
     end
 
-    # In a thread, a fiber or here.
+    # Runs the work in a thread, in a fiber or directly.
     def attempt(&work)
       case below(4)
       when 0 then in_thread(&work)
@@ -175,7 +175,7 @@ module Interruptions
       return unless thread == Thread.current
       begin
         continuation.call
-      rescue RuntimeError # of another fiber
+      rescue RuntimeError # belongs to another fiber
         nil
       end
     end
@@ -265,7 +265,7 @@ module Interruptions
         pick([-> { container.clear }, -> { container.delete(container.keys.first) }, -> { container[below(9)] = 1 },
               -> { container.rehash }]).call
       end
-    rescue RuntimeError # of a Hash that is iterated
+    rescue RuntimeError # the Hash is being iterated
       nil
     end
 
@@ -300,7 +300,7 @@ module Interruptions
       Fiber.new { outcome { block ? block.call(1, value(1)) : write } }.resume
     end
 
-    # A refinement of what the extension calls. It is active nowhere.
+    # A refinement of methods that the extension calls. Nothing activates it.
     def step_refine(_)
       return if @refined && below(50) > 0
       @refined = true
@@ -325,7 +325,7 @@ module Interruptions
 
     def step_throw(_)
       throw :out
-    rescue ArgumentError, UncaughtThrowError # nobody catches it here
+    rescue ArgumentError, UncaughtThrowError # without a matching catch
       raise Stopped
     end
 
@@ -343,7 +343,7 @@ module Interruptions
       Thread.current == Thread.main ? raise(Stopped) : Thread.current.kill
     end
 
-    # Whoever resumed this fiber goes on, and nobody will resume it again.
+    # The fiber is abandoned: its resumer continues, and nothing resumes it again.
     def step_abandon(block)
       depth = @depth
       fiber = Fiber.new { outcome { block ? block.call(Leaving.new, 1) : write } }
@@ -358,12 +358,12 @@ module Interruptions
       end
     end
 
-    # In a Hash of up to so many keys the interpreter bears that its insertion is entered again after it has ended. With
-    # more, later Rubies write behind their table or into one that was given back, without any extension: a literal of
-    # sixteen keys is enough (docs/operations/threat-model.md).
+    # With a Hash of up to this many keys, the interpreter survives re-entering an insertion that has ended. With more
+    # keys, later Rubies write past their table or into freed memory, even without an extension: a literal of sixteen
+    # keys is enough (docs/operations/threat-model.md).
     ENTERED_TWICE = RUBY_VERSION < "2.4" ? Float::INFINITY : 8
 
-    # Taken here, entered when everything has ended, or at once.
+    # Captures a continuation here; it is called at once or after everything has ended.
     def step_leave_through(_)
       return if @late || @continuations.size > 3 || @storing_many > 0
       callcc { |continuation| @continuations << [Thread.current, continuation] }

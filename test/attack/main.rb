@@ -30,7 +30,7 @@ collector = Attack::Collector.new(level)
 performed = skipped = runs = 0
 $stdout.sync = true
 loop do
-  # Should the process die, this says with what.
+  # Printed first, in case the process dies.
   puts "seed #{seed + runs}, #{ops} operations" if seconds
   begin
     comparison = Attack::Comparison.new(seed + runs, collector).run(ops)

@@ -1,5 +1,5 @@
-// What bytes of a peer cost a C++ program: the figures of docs/operations/threat-model.md. Each row is measured in a
-// process of its own, which has nothing else to do. See bin/attack --help.
+// The cost of hostile bytes for a C++ program: the figures of docs/operations/threat-model.md. Each row is measured in
+// a separate process. See bin/attack --help.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,7 +22,7 @@ using VORN::VObject;
 using VORN::PROTO::PacketBuf;
 using VORN::PROTO::PacketFrameIn;
 
-/// A line of /proc/self/status, in bytes; 0 where there is none.
+/// A line of /proc/self/status, in bytes; 0 if there is none.
 double status(const std::string& name) {
   std::ifstream file("/proc/self/status");
   std::string line;
@@ -37,9 +37,9 @@ double processor_seconds() {
   return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
 }
 
-/// Runs the work and prints its row. The work's result has to outlive it.
+/// Runs the work and prints its row. The work's result must outlive it.
 void measure(const std::string& name, size_t payload, const std::function<void()>& work) {
-  std::ofstream("/proc/self/clear_refs") << "5";  // the largest resident size counts from here on
+  std::ofstream("/proc/self/clear_refs") << "5";  // resets the peak resident size
   const double before = status("VmRSS");
   const double started = processor_seconds();
   work();
@@ -64,13 +64,13 @@ void measure_decode(const std::string& name, const std::string& payload) {
   measure(name, payload.size(), [&] { VObject::deserialize(buf, payload.size(), value, true, 64); });
 }
 
-/// The header of a frame with a payload of so many bytes.
+/// The header of a frame with a payload of this many bytes.
 std::string header(size_t payload) {
   const auto byte = [=](int shift) { return static_cast<char>(payload >> shift & 0xFF); };
   return std::string("\xA5\x01\0\0", 4) + byte(24) + byte(16) + byte(8) + byte(0);
 }
 
-/// A frame of nils, each a message.
+/// Measures a frame of nils, each a message.
 void measure_messages(size_t size) {
   PacketFrameIn frame;
   frame.reset();
@@ -98,7 +98,7 @@ void measure_keys(const std::string& name, const std::string& front, bool backwa
   measure_decode(name, hash_of(keys));
 }
 
-/// 1 GiB, when the other payloads have 1 MiB.
+/// 1 GiB for the payloads' usual 1 MiB.
 void measure_announced(size_t size) {
   PacketFrameIn frame;
   frame.reset();
@@ -116,7 +116,7 @@ void measure_symbols(size_t count) {
   });
 }
 
-/// Whether the child did its work.
+/// Whether the work succeeded in the child process.
 bool in_a_process_of_its_own(const std::function<void()>& work) {
   std::fflush(stdout);
   const pid_t child = fork();

@@ -1,9 +1,9 @@
 # frozen_string_literal: true
 
 module Attack
-  # One call of one method: which object of the pool, which method, which arguments. Arguments that are `made` are
-  # descriptions (see Callers), from which each pool gets objects of its own. `steps` are performed when a key that is
-  # read is asked for its hash; the generator knows what the `purpose` is for.
+  # One call of one method: the object of the pool, the method, and the arguments. Arguments that are `made` are
+  # descriptions (see Callers), from which each pool builds its own objects. `steps` are performed when a key that is
+  # being read is asked for its hash; `purpose` is for the generator.
   class Operation
     attr_reader :slot, :name, :args, :made, :steps, :purpose
 
@@ -23,24 +23,24 @@ module Attack
     alias inspect to_s
   end
 
-  # For reports. BasicObjects have no inspect, and some of ours misbehave in it.
+  # For reports. BasicObject has no inspect, and some of our objects misbehave in it.
   def self.text(value)
     value.inspect[0, 2000]
   rescue StandardError
     "(cannot be shown)"
   end
 
-  # Buffers and frames, all of the extension's or all of the model's, and what happened to them. A run has one pool of
-  # each and performs the same operations in both.
+  # Buffers and frames, either the extension's or the model's, and a log. A run has one pool of each and performs the
+  # same operations in both.
   class ObjectPool
-    # A Ruby exception that is an outcome. Everything else that is raised is an error of this program.
+    # Exceptions that count as outcomes. Any other is an error of this program.
     OUTCOMES = [StandardError, ScriptError, SystemStackError].freeze
     NESTING = 3
 
     attr_reader :objects, :log, :kept, :named, :classes
 
-    # The text alone: not its encoding, nor the inspected object that the interpreter puts behind some. It has two texts
-    # for a nil that is no number, in 3.3 one for each kind of number.
+    # Ignores the encoding of the text, and the inspected object that the interpreter appends to some. It has two texts
+    # for nil as a number, in 3.3 one for each kind of number.
     def self.raised(error)
       text = error.message.b.sub(/: #<.*\z/mn, "")
       [:raised, error.class,
@@ -55,7 +55,7 @@ module Attack
       forget
     end
 
-    # What callbacks left behind.
+    # Forgets what callbacks recorded.
     def forget
       @log = []
       @named = {}
@@ -71,7 +71,7 @@ module Attack
       ObjectPool.raised(error)
     end
 
-    # As an operation of a callback. Its outcome goes to the log.
+    # Performs an operation for a callback, and logs its outcome.
     def perform_nested(operation)
       return if @nesting >= NESTING
       @nesting += 1
@@ -89,7 +89,7 @@ module Attack
       ObjectPool.raised(error)
     end
 
-    # Calls a block that an own `each` was given and kept.
+    # Calls a kept block of an own `each`.
     def call_kept(index, args)
       @kept[index].call(*args)
       [:value, nil]

@@ -1,15 +1,15 @@
 # frozen_string_literal: true
 
 module Attack
-  # Keys whose hash overwrites the very bytes that are read. When a key is asked for its hash is not said, so the model
-  # cannot know what is read then; but it is a value, or bytes that are none.
+  # Keys whose hash overwrites the bytes that are being read. When the hash is called is unspecified, so the model
+  # cannot know the result; but it must be a value, or a decoding error.
   class OverwritingKeys
     def initialize(inputs)
       @inputs = inputs
       @pool = ObjectPool.new(buf: VORN::PROTO::PacketBuf)
     end
 
-    # What is neither, or nil.
+    # Returns the outcome if it is neither, else nil.
     def attempt
       @pool.forget
       @pool.create(0, :buf, :new)

@@ -1,6 +1,6 @@
 # frozen_string_literal: true
 
-# A day's work at once: ten million messages through one pair of frames, then a million fresh buffers. Memory has to
+# A day of work in one run: ten million messages through one pair of frames, then a million new buffers. Memory must
 # stay where it was after the first tenth, or the exit status is 1. bin/test soak runs it.
 
 require "optparse"
@@ -13,14 +13,14 @@ OptionParser.new do |o|
   o.on("--buffers N", Integer, "fresh buffers (1,000,000)") { |n| options[:buffers] = n }
 end.parse!
 
-TOLERANCE = 8.0 # MB: what the allocator and the interpreter's heap go up and down by
+TOLERANCE = 8.0 # MB: the normal fluctuation of the allocator and the interpreter's heap
 
 def resident
   GC.start
   File.read("/proc/self/status")[/^VmRSS:\s+(\d+) kB/, 1].to_i / 1024.0
 end
 
-# Runs a tenth of the work ten times and returns whether memory stayed where it was after the first.
+# Runs a tenth of the work ten times and returns whether memory stayed flat after the first.
 def flat?(name, total)
   started = Process.clock_gettime(Process::CLOCK_MONOTONIC)
   readings = Array.new(10) do |tenth|
@@ -35,7 +35,7 @@ def flat?(name, total)
   readings.max - readings.first <= TOLERANCE
 end
 
-# Messages of every size, several to a frame, in chunks that cut them anywhere.
+# Messages of every size, several per frame, in chunks with arbitrary boundaries.
 random = Random.new(1)
 messages = Array.new(500) do |i|
   { "id" => i, "method" => "m#{i % 20}", "key #{i}" => :"symbol#{i % 50}",
