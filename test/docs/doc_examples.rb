@@ -1,6 +1,6 @@
 # frozen_string_literal: true
 
-# Runs the examples of Markdown documents and compares what they do with what they say. bin/test documents calls it.
+# Runs the examples of Markdown documents and compares the results with the text. bin/test documents calls it.
 #
 # The ```ruby blocks of a document run in order, in one process, and share their local variables. In them
 #
@@ -13,18 +13,18 @@
 #   <!-- file: path -->   the block is this file, word for word
 #   <!-- tested -->       a ```console block: each `$ ` line runs in the shell, from the project's root, and prints
 #                         the lines below it
-#   <!-- not run -->      a ```ruby block that is not for running
+#   <!-- not run -->      a ```ruby block that is not executed
 #   <!-- write: name -->  the block goes into a file of this name in a folder of the document's own
 #   <!-- tested in its folder -->
 #                         a ```console block that runs there
 #   <!-- goes on in its folder -->
-#                         a ```console block of one command, which runs there until the document ends. It has to
-#                         print the lines below it, and may print more
+#                         a ```console block of one command, which runs there until the document ends. Its output
+#                         must begin with the lines below it
 #   <!-- has printed since -->
 #                         the lines that the last such command has printed in addition
 #   <!-- needs python3: MARKER -->, <!-- needs msgpack -->, <!-- needs vorn_rpc by pkg-config: MARKER -->,
 #   <!-- needs vorn-inspect: MARKER -->
-#                         the block counts where that is installed. What is left out is said.
+#                         the block runs only where that is installed. Skipped blocks are reported.
 #
 # Arguments name documents; without any, all are run.
 require "open3"
@@ -74,7 +74,7 @@ class Document
     end
   end
 
-  # Called from within the examples.
+  # Called by the examples.
   def equal(line, expected, actual)
     @counts["results"] += 1
     return actual if expected == actual && expected.class == actual.class
@@ -234,7 +234,7 @@ class Document
     fail_at(block.first_line, "the command that goes on has printed\n#{printed}instead of\n#{running.shown}")
   end
 
-  # What it has printed, as soon as that is as much as is expected.
+  # Returns its output once it is as long as expected.
   def wait_for(expected, running)
     deadline = Time.now + SECONDS_TO_WAIT
     until Time.now > deadline || ended?(running.pid)
@@ -284,7 +284,7 @@ documents.each do |path|
   puts "#{path}:", others
 end
 
-# A checker that found nothing to check has checked nothing.
+# A run that found nothing to check must fail.
 names = ["files", "ruby examples", "results", "printed lines", "commands"]
 (ARGV.empty? ? names : [names.find { |name| totals[name] > 0 }]).each do |name|
   next if name && totals[name] > 0

@@ -7,10 +7,10 @@ TABLE = "docs/operations/operating.md"
 SOURCES = Dir["{ext,proto,vobject}/*.{cc,h}"] +
           %w[ext/extconf.rb tools/inspect/stream_scanner.cc tools/inspect/value_scanner.cc]
 
-# Names of data types, which no error shows.
+# Names of data types, which no error contains.
 NO_ERROR = /\AVORN /
 
-# The string literals of a source, neighbours put together, that read like a message.
+# The string literals of a source that look like a message, with adjacent literals joined.
 def texts_of(file)
   code = File.read(file, encoding: "UTF-8")
   code = code.gsub(%r{/\*.*?\*/}m, "").gsub(file.end_with?(".rb") ? /^\s*#.*/ : %r{^\s*//.*|\s//[/ ].*}, "")
@@ -21,7 +21,7 @@ def texts_of(file)
   literals.select { |text| text =~ /[a-z]{2,} ?[:%]? ?[a-z%]/i && text.strip =~ / / && text !~ /\\x|\{:/ }
 end
 
-# What of a text is fixed: "a %s b" and "a N b" are "a" and "b".
+# The constant parts of a text: "a %s b" and "a N b" both give "a" and "b".
 def fixed_parts(text)
   text.split(/%[a-z]|\b[NMX]\b|\.\.\./).map { |part| part.strip.sub(/:\z/, "") }.reject { |part| part.size < 4 }
 end
@@ -32,7 +32,7 @@ own = File.read(TABLE, encoding: "UTF-8")[/<!-- texts of the library -->(.*)<!--
 texts = SOURCES.flat_map { |file| texts_of(file).map { |text| [text, file] } }
 failures = []
 
-# A text that is put together at run time shows in parts.
+# Texts that are composed at run time are compared in parts.
 def row_for?(text, row)
   return row == text unless text =~ /%[a-z]/ || text != text.strip || text =~ /\A(a |Ruby's|Boost's)/
   fixed_parts(text).all? { |part| row.include?(part) }

@@ -1,20 +1,20 @@
 # frozen_string_literal: true
 
-# Checks that each link between the documents leads to a file, and to a heading where it names one, and that the indexes
-# of docs/ name each document. bin/test documents calls it.
+# Checks that each link between the documents leads to a file, and to an existing heading if it names one, and that the
+# indexes of docs/ list each document. bin/test documents calls it.
 
 DOCUMENTS = Dir["*.md"] + Dir["{docs,examples,test,tools,fuzz}/**/*.md"]
 failures = []
 links = 0
 
-# As the usual Markdown viewers name headings.
+# The anchors that common Markdown viewers give to headings.
 def anchors(path)
   File.readlines(path, encoding: "UTF-8").grep(/\A#+ /).map do |line|
     line.sub(/\A#+ /, "").strip.downcase.gsub(/[^\p{L}\p{N} _-]/, "").tr(" ", "-")
   end
 end
 
-# What is wrong with a link in a document; nil when nothing is.
+# Returns the fault of a link in a document, or nil.
 def fault(path, link)
   file, anchor = link.split("#", 2)
   target = file.empty? ? path : File.join(File.dirname(path), file)
@@ -22,7 +22,7 @@ def fault(path, link)
   "#{path}: no heading for #{link}" if anchor && !anchors(target).include?(anchor)
 end
 
-# A check that accepts everything would accept these.
+# Checks the checker: these links are dead.
 %w[nowhere.md docs/README.md#nowhere #nowhere].each do |dead|
   failures << "accepts #{dead}" unless fault("README.md", dead)
 end
@@ -36,7 +36,7 @@ DOCUMENTS.each do |path|
 end
 failures.compact!
 
-# Each folder of documents with an index names all that lies below it, except what a deeper index names.
+# Each index lists all documents below its folder, except those that a deeper index lists.
 indexes = Dir["docs/**/README.md"].sort
 Dir["docs/**/*.md"].each do |path|
   index = (indexes - [path]).select { |file| path.start_with?(File.dirname(file) + "/") }.max_by(&:size) or next

@@ -1,7 +1,7 @@
 # frozen_string_literal: true
 
-# Compiles and runs the blocks of C++ in documents, but for those that the text tells to write into a file: these
-# are the business of the commands around them (doc_examples.rb). Called by bin/test native-documents.
+# Compiles and runs the C++ blocks of documents, except those that the text tells the reader to write into a file: the
+# commands around them cover these (doc_examples.rb). Called by bin/test native-documents.
 
 require "open3"
 

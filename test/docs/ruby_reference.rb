@@ -2,8 +2,8 @@
 
 # usage: ruby_reference.rb FOLDER
 #
-# Makes the pages of the Ruby classes from the comments in ext/ and lib/. Fails on any warning, and where a class,
-# constant or public method that the built extension has does not appear with a text of its own.
+# Generates the reference pages of the Ruby classes from the comments in ext/ and lib/. Fails on any warning, and if a
+# class, constant or public method of the built extension has no text.
 
 require "rdoc/rdoc"
 require "stringio"
@@ -12,7 +12,7 @@ require "vorn_rpc"
 ROOT = File.expand_path("../..", __dir__)
 TITLE = "Vorn RPC #{VORN::VERSION}"
 
-# Returns the store of what was read, and what RDoc had to say.
+# Returns the store of the parsed sources, and RDoc's warnings.
 def document(folder)
   Dir.chdir(ROOT) do
     rdoc = RDoc::RDoc.new
@@ -37,7 +37,7 @@ def text?(object)
   object && !object.comment.to_s.strip.empty?
 end
 
-# The names of what has no text.
+# Returns the names without a text.
 def missing_in(store)
   classes = VORN::PROTO.constants.map { |name| VORN::PROTO.const_get(name) }
   missing = [VORN, VORN::PROTO, *classes].flat_map do |owner|
@@ -50,7 +50,7 @@ def missing_in(store)
     methods = methods.reject { |name| text?(page.find_instance_method_named(name.to_s)) }
     own + constants.map { |name| "#{owner}::#{name}" } + methods.map { |name| "#{owner}##{name}" }
   end
-  # What is read and not there is a slip in the sources, or in the reading of them.
+  # A documented method that the extension lacks is a mistake in the sources or in their parsing.
   methods = store.all_classes_and_modules.flat_map(&:method_list)
   read = methods.reject { |method| method.visibility == :private }
   known = classes.flat_map { |owner| owner.public_instance_methods(false) }.map(&:to_s)

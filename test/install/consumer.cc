@@ -1,5 +1,5 @@
-// A program that uses the installed library: a message makes the round trip through a frame, and failures are
-// caught by the classes that the headers name.
+// A program that uses the installed library: a message makes a round trip through a frame, and errors are caught by the
+// classes that the headers declare.
 
 #include <cstdint>
 #include <iostream>

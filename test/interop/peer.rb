@@ -1,13 +1,13 @@
 # frozen_string_literal: true
 
-# What the tests with wire_peer share: frames of one value each, and the peer itself, whose path is in WIRE_PEER.
+# Helpers for the tests with wire_peer: frames of one value each, and the peer itself, whose path is in WIRE_PEER.
 
 require "minitest/autorun"
 require "open3"
 require "vorn_rpc"
 
 module Peer
-  # The answer of the peer to what it is sent, and whether it did well.
+  # The peer's output for this input, and whether it succeeded.
   def peer(*arguments, input)
     out, status = Open3.capture2(ENV.fetch("WIRE_PEER"), *arguments.map(&:to_s), stdin_data: input, binmode: true)
     [out.force_encoding(Encoding::BINARY), status.success?]

@@ -1,7 +1,7 @@
 # frozen_string_literal: true
 
 # Every row of test/vectors/values.txt, from Ruby through C++ to Ruby and from C++ through Ruby to C++. Where the two
-# differ on purpose, the table says how; and what either writes is a row too, which says what the other reads there.
+# differ on purpose, the table has both results; and the bytes that either writes have a row too, for the next reader.
 
 require_relative "peer"
 require_relative "../support/hex"
@@ -17,8 +17,8 @@ class TableTest < Minitest::Test
     "!hash_key" => "!VObject::deserialize_hash: only hash keys of type string are supported"
   }.freeze
 
-  # What a codec makes of bytes: their value, the same with symbols as strings, and what it writes for the first, nil if
-  # it reads no value there.
+  # A codec's reading of some bytes: the value, the same with symbols as strings, and the bytes it writes for the
+  # value, nil if it reads none.
   Reading = Struct.new(:value, :as_strings, :written)
 
   def test_ruby_through_cpp
@@ -54,7 +54,7 @@ class TableTest < Minitest::Test
     Reading.new(value, as_strings, written)
   end
 
-  # C++ reads all at once.
+  # One peer process reads all rows.
   def cpp_reads(all)
     frame = VORN::PROTO::PacketFrameOut.new
     stream = all.map { |bytes| frame.reset.write_raw(bytes).compute_frame_header.to_str }.join
@@ -75,8 +75,8 @@ class TableTest < Minitest::Test
     Reading.new(*texts, row.variant_bytes)
   end
 
-  # Follows the bytes of each row from hand to hand: each hand reads what its column says, and writes what it has read
-  # for the next. `hands` are pairs of who reads and what is expected.
+  # Passes the bytes of each row along the hands: each checks its reading against its column of the table, and writes
+  # the value for the next. `hands` are pairs of a reader and its expectation.
   def follow(*hands)
     wrong = []
     passed_on = ROWS.map { |row| [row, row.bytes] }

@@ -4,7 +4,7 @@
 
 require_relative "peer"
 
-# Random Ruby values that a variant can hold.
+# Random Ruby values that a variant can represent.
 class Trees
   def initialize(seed)
     @random = Random.new(seed)
@@ -58,7 +58,7 @@ class TreesTest < Minitest::Test
     assert_empty changed.first(3), "#{changed.size} of #{COUNT} changed"
   end
 
-  # C++ compares what Ruby read and wrote with what it had generated.
+  # C++ compares the trees it generated with those that Ruby read and wrote.
   def test_cpp_through_ruby
     generated, finished = peer("generate", SEED, COUNT, "")
     assert finished
@@ -70,7 +70,7 @@ class TreesTest < Minitest::Test
 
   private
 
-  # Integers that an immediate Integer cannot carry in 32 bits are the one thing that Ruby does not write back: their
+  # Integers beyond 32 bits that Ruby holds as immediate Integers are the only values that Ruby cannot write back: their
   # trees are copied as bytes.
   def written_again(frame, out_frame)
     value = frame.extract_object
@@ -90,8 +90,8 @@ class TreesTest < Minitest::Test
     end
   end
 
-  # What a value has become when it was a variant in between: symbols are strings, strings are UTF-8, keys are binary
-  # and in the order of their bytes, the last of several winning.
+  # The value after a variant has held it: symbols are strings, strings are UTF-8, keys are binary and in the order of
+  # their bytes, and the last of equal keys wins.
   def as_variant(value)
     case value
     when Symbol then value.to_s.dup.force_encoding(Encoding::UTF_8)
@@ -105,7 +105,7 @@ class TreesTest < Minitest::Test
     end
   end
 
-  # Equal, encodings, order and the bits of floats included.
+  # Equality that includes encodings, order and the bits of floats.
   def same?(a, b)
     return false unless a.class == b.class
     case a

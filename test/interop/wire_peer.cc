@@ -1,9 +1,9 @@
-/// The C++ side of the test that Ruby and C++ read each other's bytes. Frames of one value each, on standard input and
-/// output.
+/// The C++ side of the test that Ruby and C++ read each other's bytes. Works on frames of one value each, from standard
+/// input to standard output.
 ///
 ///   wire_peer echo               reads frames, decodes and encodes each value, writes frames
-///   wire_peer describe           reads frames and tells of each what it is: its value in the notation of
-///                                test/vectors/, the same with symbols as strings, the bytes written for the first
+///   wire_peer describe           reads frames and writes for each its value in the notation of test/vectors/, the
+///                                same with symbols as strings, and the bytes written for the first
 ///   wire_peer generate SEED N    writes N random values
 ///   wire_peer check SEED N       reads frames and compares them with those same values
 #include <cstdint>
@@ -102,7 +102,7 @@ bool each_frame(Use use) {
   return true;
 }
 
-/// Likewise with the values of all frames.
+/// Likewise with the value of each frame.
 template <typename Use>
 bool each_value(Use use) {
   std::vector<VObject> messages;
@@ -113,7 +113,7 @@ bool each_value(Use use) {
   });
 }
 
-/// The frame's only value in notation, or "!" and the fault; in `written` the bytes written for it, or nil.
+/// The frame's only value in notation, or "!" and the fault. `written` gets the bytes written for it, or nil.
 std::string description_of(PacketFrameIn& frame, bool symbols_as_strings, VObject& written) {
   try {
     VObject value;
