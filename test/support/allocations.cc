@@ -9,7 +9,7 @@ namespace {
 std::atomic<int64_t> live{0};
 thread_local uint64_t allocated = 0;
 thread_local uint64_t allocated_bytes = 0;
-thread_local uint64_t until_failure = 0;  // 0: none is due
+thread_local uint64_t until_failure = 0;  // 0: no failure is scheduled
 thread_local bool standard_exception = true;
 thread_local size_t largest = SIZE_MAX;
 

@@ -1,5 +1,5 @@
-/// Counts what the global operator new hands out, and makes it fail on demand. Linking a test program with
-/// this file replaces the operator; it stays an ordinary one while neither class below is alive.
+/// Counts allocations of the global operator new, and makes them fail on demand. Linking a test program with this file
+/// replaces the operator, which behaves normally while none of these classes is alive.
 #pragma once
 
 #include <cstddef>
@@ -7,7 +7,7 @@
 
 namespace vorn_test {
 
-/// Counts this thread's allocations from its construction on.
+/// Counts this thread's allocations since its construction.
 class AllocationCount {
  public:
   AllocationCount();
@@ -19,11 +19,11 @@ class AllocationCount {
   uint64_t bytes_;
 };
 
-/// Blocks that operator new handed out, on any thread, and that were not given back yet.
+/// Blocks from operator new, on any thread, that have not been freed yet.
 int64_t live_allocations();
 
-/// While alive, the n-th allocation of this thread (1 is the next one) throws std::bad_alloc, or what is no
-/// std::exception; those before and after it succeed. One at a time.
+/// While alive, the n-th allocation of this thread (1 is the next one) throws std::bad_alloc, or something that is not
+/// a std::exception; those before and after it succeed. One at a time.
 class FailAllocation {
  public:
   explicit FailAllocation(uint64_t nth, bool with_standard_exception = true);
@@ -31,12 +31,12 @@ class FailAllocation {
   FailAllocation(const FailAllocation&) = delete;
   FailAllocation& operator=(const FailAllocation&) = delete;
 
-  /// Whether the n-th allocation was reached, and so failed.
+  /// Whether the n-th allocation was reached, and therefore failed.
   bool failed() const;
 };
 
-/// While alive, allocations of this thread that ask for more than `bytes` throw std::bad_alloc, so that a test
-/// may ask for gigabytes. One at a time.
+/// While alive, allocations of this thread of more than `bytes` throw std::bad_alloc, so that a test can request
+/// gigabytes. One at a time.
 class LimitAllocations {
  public:
   explicit LimitAllocations(size_t bytes);

@@ -1,4 +1,4 @@
-/// Buffers in the shapes that tests need.
+/// Buffers in the states that tests need.
 #pragma once
 
 #include <cstdint>
@@ -9,15 +9,14 @@
 
 namespace vorn_test {
 
-/// Fills a fresh buffer and puts its position back to the start.
+/// Fills a new buffer and moves its position back to the start.
 inline void fill(VORN::PROTO::PacketBuf& buf, const std::string& bytes) {
   buf.write_bytes(bytes.data(), bytes.size());
   buf.set_pos(0);
 }
 
-/// Makes a complete frame of the 8-byte layout that stores all the bytes behind its header and of which only
-/// the first `payload` are its payload: the others are left over from an earlier frame. The position is the
-/// payload's start.
+/// Makes a complete frame of the 8-byte layout whose payload is only the first `payload` of the bytes after its
+/// header: the others are left over from an earlier frame. The position is the payload's start.
 inline void fill_frame(VORN::PROTO::PacketFrameIn& frame, const std::string& bytes, uint64_t payload) {
   for (const uint64_t len : {uint64_t{bytes.size()}, payload}) {
     std::string stream("\xA5\x01\x00\x00", 4);

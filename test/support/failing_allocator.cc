@@ -1,6 +1,5 @@
-// The replaced operator new of allocations.h for a Ruby process: preloaded, so that the extension finds it, and
-// required, so that a test can call it. It knows no data of the interpreter, which is not there yet when it is
-// preloaded.
+// The operator new of allocations.h for a Ruby process: preloaded, so that the extension uses it, and required, so that
+// a test can control it. It uses no data of the interpreter, which is not loaded yet at preload time.
 #include <ruby.h>
 
 #include <optional>
@@ -17,7 +16,7 @@ VALUE arm(VALUE, VALUE nth) {
   return Qnil;
 }
 
-// FailingAllocator.arm_unknown(n): likewise, with what is no std::exception.
+// FailingAllocator.arm_unknown(n): likewise, with an exception that is not a std::exception.
 VALUE arm_unknown(VALUE, VALUE nth) {
   pending.emplace(NUM2ULONG(nth), false);
   return Qnil;
@@ -30,7 +29,7 @@ VALUE disarm(VALUE) {
   return failed ? Qtrue : Qfalse;
 }
 
-// FailingAllocator.live -> blocks that are in use
+// FailingAllocator.live -> number of live blocks
 VALUE live(VALUE) {
   return LL2NUM(vorn_test::live_allocations());
 }

@@ -1,5 +1,5 @@
-/// Bytes that end, or start, at a page which may not be touched: reading or writing one byte too far kills the test,
-/// in a release build too.
+/// Bytes that end, or start, at an inaccessible page: reading or writing one byte too far crashes the test, in a
+/// release build too.
 #pragma once
 
 #include <sys/mman.h>

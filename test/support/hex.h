@@ -8,7 +8,7 @@
 
 namespace vorn_test {
 
-/// "A501" for the bytes.
+/// "A501" for the bytes A5 01.
 inline std::string hex_digits(const std::string& bytes) {
   static const char digits[] = "0123456789ABCDEF";
   std::string out;
@@ -19,7 +19,7 @@ inline std::string hex_digits(const std::string& bytes) {
   return out;
 }
 
-/// "A5 01" for the bytes.
+/// "A5 01" for the bytes A5 01.
 inline std::string to_hex(const std::string& bytes) {
   std::string out;
   for (const char c : bytes) {
@@ -29,7 +29,7 @@ inline std::string to_hex(const std::string& bytes) {
   return out;
 }
 
-/// "(3:ab)" to "ababab"; other text stays.
+/// "(3:ab)" becomes "ababab"; other text stays.
 inline std::string expand(const std::string& text) {
   std::string out;
   for (size_t i = 0; i < text.size();) {
@@ -49,7 +49,7 @@ inline std::string expand(const std::string& text) {
   return out;
 }
 
-/// The bytes of "A5 01", of "A5 (7:00)" or, there being none, of "-" and "".
+/// The bytes of "A5 01" or "A5 (7:00)"; none for "-" and "".
 inline std::string from_hex(const std::string& text) {
   std::string digits;
   for (const char c : expand(text)) {

@@ -4,12 +4,12 @@
 module Hex
   module_function
 
-  # The bytes that "08 ff" stands for. Blanks and case do not matter.
+  # The bytes that "08 ff" stands for. Spaces and case are ignored.
   def decode(text)
     [text.delete(" ")].pack("H*")
   end
 
-  # "08 ff": easily compared by eye, in tests and in what they print.
+  # "08 ff": easy to compare by eye, in tests and in their output.
   def encode(bytes)
     bytes.unpack("H*")[0].scan(/../).join(" ")
   end

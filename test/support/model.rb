@@ -1,7 +1,7 @@
 # frozen_string_literal: true
 
-# The Ruby side once more, as plainly as it can be said and with no regard for speed: buffers, frames and the codec in
-# Ruby. Its classes have the methods of the extension's classes; what the extension does is compared with what they do.
+# A reference implementation of the Ruby side, as simple as possible and with no regard for speed: buffers, frames and
+# the codec in Ruby. Its classes have the extension's methods; tests compare the two.
 module Model
 end
 

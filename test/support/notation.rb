@@ -2,7 +2,7 @@
 
 require_relative "hex"
 
-# Prints a Ruby object in the notation of test/vectors/, which shows what `==` and `inspect` hide: a double's
+# Prints a Ruby object in the notation of test/vectors/, which distinguishes what `==` and `inspect` do not: a double's
 # bits, a string's encoding, a symbol's bytes.
 module Notation
   module_function

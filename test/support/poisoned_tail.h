@@ -1,6 +1,5 @@
-/// Makes the spare capacity behind a buffer's bytes unreadable as long as this lives, in builds with
-/// AddressSanitizer; elsewhere it does nothing. A buffer owns more storage than bytes, so reading past its end
-/// would go unnoticed without this.
+/// While alive, makes the spare capacity after a buffer's bytes unreadable in builds with AddressSanitizer; elsewhere
+/// it does nothing. A buffer's storage is larger than its bytes, so without this an overrun would go unnoticed.
 #pragma once
 
 #include <cstddef>
@@ -23,7 +22,7 @@ namespace vorn_test {
 
 class PoisonedTail {
  public:
-  /// REQUIRES: nothing is written to the buffer while this lives.
+  /// REQUIRES: nothing is written to the buffer while this is alive.
   explicit PoisonedTail(const VORN::PROTO::PacketBuf& buf)
       : at_(buf.data().data() + buf.data().size()), size_(buf.data().capacity() - buf.data().size()) {
 #ifdef VORN_TEST_ASAN

@@ -58,8 +58,8 @@ class ReferenceDecoder {
     return byte;
   }
 
-  /// Numbers are cut into groups, lowest bits first. A byte's flag "more" stands above its data bits. Bits
-  /// that a group would put above bit 63 are lost, and the next group starts over from the place modulo 64.
+  /// Reads a varint, lowest bits first; a byte's continuation flag is above its data bits. Bits of a group beyond bit
+  /// 63 are lost, and the next group continues at its place modulo 64.
   Number number(unsigned first_data_bits, bool is_signed, const char* failure) {
     Number result = {0, false};
     unsigned place = 0;
@@ -75,7 +75,7 @@ class ReferenceDecoder {
     }
   }
 
-  /// Bits, most significant byte first. When they do not fit, none is taken.
+  /// Reads bits, most significant byte first. When they do not fit, reads none.
   uint64_t float_bits(unsigned bytes, const char* failure) {
     if (!readable() || !buf_.index_within_payload(pos_ + bytes - 1)) throw Failure{failure};
     uint64_t bits = 0;
@@ -195,7 +195,7 @@ class ReferenceDecoder {
   uint64_t pos_;
   int32_t depth_ = 0;
   bool counting_ = false;
-  std::map<uint64_t, uint64_t> array_counts_;  ///< by the position behind the array's start
+  std::map<uint64_t, uint64_t> array_counts_;  ///< by the position after the array's start
 };
 
 }  // namespace

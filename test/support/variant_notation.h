@@ -1,5 +1,5 @@
-/// Prints a variant in the notation of test/vectors/, which shows what equality and rendering hide: a double's
-/// bits, a symbol against a string.
+/// Prints a variant in the notation of test/vectors/, which distinguishes what equality and rendering do not: a
+/// double's bits, a symbol from a string.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,7 @@ inline std::string notation_of(const VORN::VObject& value) {
     case VORN::DT_BOOL: return value.to_bool() ? "true" : "false";
     case VORN::DT_INT: return std::to_string(value.to_i64());
     case VORN::DT_DOUBLE: {
-      // A variant hands out its double only on the wire: a type byte, then the bits.
+      // A variant exposes its exact double only through its encoding: a type byte, then the bits.
       VORN::PROTO::PacketBuf buf;
       value.serialize(buf, 1);
       return "d:" + hex_digits(buf.data().substr(1));

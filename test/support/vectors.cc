@@ -15,7 +15,7 @@ std::string trim(const std::string& text) {
   return text.substr(first, text.find_last_not_of(" \t") - first + 1);
 }
 
-// Turns the string prefixes of a value's notation into another one: "u:61" to "t:61".
+// Replaces the string prefixes in a value's notation: "u:61" becomes "t:61".
 std::string replace_prefix(std::string notation, char from, char to) {
   for (size_t i = 0; i + 1 < notation.size(); ++i) {
     if (notation[i] == from && notation[i + 1] == ':') notation[i] = to;

@@ -1,5 +1,5 @@
-/// Reads the tables in test/vectors/, which the Ruby suite reads too. The form of the lines and the notation of
-/// values are described there.
+/// Reads the tables in test/vectors/, which the Ruby tests read too. The README there describes the lines and the
+/// notation of values.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 
 namespace vorn_test {
 
-/// The columns of values.txt, every `=` replaced by what it stands for.
+/// The columns of values.txt, with every `=` resolved.
 struct ValueVector {
   std::string name;
   std::string bytes;
@@ -18,7 +18,7 @@ struct ValueVector {
   std::string variant_bytes;       ///< empty when `variant` is a fault
 };
 
-/// Those of faults.txt.
+/// The columns of faults.txt.
 struct FaultVector {
   std::string name;
   std::string bytes;
@@ -31,7 +31,7 @@ struct FaultVector {
   uint64_t variant_pos;
 };
 
-/// Those of frames.txt.
+/// The columns of frames.txt.
 struct FrameVector {
   std::string name;
   std::string stream;
@@ -41,13 +41,13 @@ struct FrameVector {
   uint16_t seq;
   uint32_t data_len;
   std::string payload;
-  bool is_written;  ///< the outbound frame writes just the consumed bytes
+  bool is_written;  ///< the outbound frame writes exactly the consumed bytes
 
   bool is_complete() const { return state == "complete"; }
   bool is_incomplete() const { return state == "incomplete"; }
 };
 
-/// Those of group_numbers.txt.
+/// The columns of group_numbers.txt.
 struct VarintVector {
   std::string name;
   unsigned first_byte_bits;
@@ -63,7 +63,7 @@ const std::vector<FaultVector>& fault_vectors();
 const std::vector<FrameVector>& frame_vectors();
 const std::vector<VarintVector>& varint_vectors();
 
-/// Where to cut bytes of this length: everywhere, or, when they are many, near both ends.
+/// Where to cut bytes of this length: everywhere, or near both ends if there are many.
 std::vector<size_t> cuts(size_t length);
 
 // For gtest's messages and test names.

@@ -2,8 +2,8 @@
 
 require_relative "hex"
 
-# Reads the tables in test/vectors/, which the C++ suite reads too. The form of the lines and the notation of
-# values are described there.
+# Reads the tables in test/vectors/, which the C++ tests read too. The README there describes the lines and the
+# notation of values.
 module Vectors
   DIR = File.expand_path("../../vectors", __FILE__)
 
@@ -17,7 +17,7 @@ module Vectors
 
   module_function
 
-  # What each codec decodes and writes: notation or "!fault", and bytes, nil when there is nothing to write.
+  # The results of each codec: notation or "!fault", and the bytes it writes, nil if none.
   def values
     table("values.txt", 8).map do |name, bytes, ruby, ruby_as_strings, variant, variant_as_strings, *written|
       raw = bytes(bytes)
@@ -45,12 +45,12 @@ module Vectors
     end
   end
 
-  # Where to cut bytes of this length: everywhere, or, when they are many, near both ends.
+  # Where to cut bytes of this length: everywhere, or near both ends if there are many.
   def cuts(length)
     (0...length).select { |i| i < 100 || i + 100 >= length }
   end
 
-  # "(3:ab)" to "ababab".
+  # "(3:ab)" becomes "ababab".
   def expand(text)
     text.gsub(/\((\d+):([^()]*)\)/) { $2 * $1.to_i }
   end

@@ -3,7 +3,7 @@
 module Model
   TAINTS = RUBY_VERSION < "2.7"
 
-  # A value with all that `==` does not see: encodings, the order of entries, the bits of floats.
+  # A value with everything that `==` ignores: encodings, the order of entries, the bits of floats.
   def self.signature(value)
     case value
     when String then [:string, value.encoding.name, value.b]
@@ -15,7 +15,7 @@ module Model
     end
   end
 
-  # Whether two values are the same in all that a signature says, and both are frozen, or tainted, or not.
+  # Whether two values have the same signature, and the same frozen and tainted states.
   def self.same?(one, other)
     return false unless one.class.equal?(other.class)
     case one

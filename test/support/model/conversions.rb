@@ -1,8 +1,8 @@
 # frozen_string_literal: true
 
 module Model
-  # How arguments become numbers. What cannot be converted raises what the interpreter raises for any number of its
-  # own methods; Array#at stands for them.
+  # The conversion of arguments to numbers. A failing conversion raises what the interpreter raises in its own methods;
+  # Array#at stands for them.
   module Conversions
     CUT = 2**32 - 1
     LONG = (-2**63...2**63).freeze
@@ -10,12 +10,12 @@ module Model
 
     module_function
 
-    # The low 32 bits of a number that is taken as unsigned.
+    # The low 32 bits as an unsigned number.
     def unsigned_32(value)
       unsigned_long(value) & CUT
     end
 
-    # The low 32 bits, the highest of them the sign, of a number that is taken as signed.
+    # The low 32 bits as a signed number.
     def signed_32(value)
       cut = signed_long(value) & CUT
       cut < 2**31 ? cut : cut - 2**32
@@ -34,7 +34,7 @@ module Model
       number
     end
 
-    # A Float is cut towards 0 and must be in the range; an object is asked for its to_int.
+    # A Float is truncated towards 0 and must be in the range; other objects are converted with to_int.
     def integer(value, range)
       case value
       when Integer then value
@@ -50,7 +50,7 @@ module Model
       end
     end
 
-    # In the interpreter's words, whose quotation marks depend on its version.
+    # The interpreter's text, whose quotation marks depend on its version.
     def too_big
       [].at(2**64)
     rescue RangeError => error

@@ -1,9 +1,8 @@
 # frozen_string_literal: true
 
 module Model
-  # Reads one value at a buffer's position: once to check it, which makes no object, and if all is well once more to
-  # build it. The buffer's position moves when a pass has come to its end, in a fault too: it is then where reading
-  # stopped.
+  # Reads one value at a buffer's position in two passes: the first checks it without making objects, the second builds
+  # it. The buffer's position moves at the end of a pass, even a failing one: it is then where reading stopped.
   class Decoder
     VALUE = "decode_next_packetbuf_rbobj: "
     STRING = "decode_next_packetbuf_rbstr: "
@@ -39,7 +38,7 @@ module Model
       raise message
     end
 
-    # The byte at the position, if it is one of the payload.
+    # The byte at the position, or nil outside the payload.
     def byte
       @buffer.readable?(@pos) ? @buffer.data.getbyte(@pos) : nil
     end
@@ -64,7 +63,7 @@ module Model
       end
     end
 
-    # Adds up the groups from the position on, the first with its own width. Bits beyond the 64th start over.
+    # Reads a varint, whose first group has its own width. Bits beyond the 64th wrap around.
     def groups(first_bits, continued, underrun)
       magnitude = 0
       shift = 0
@@ -87,14 +86,14 @@ module Model
       signed < 2**63 ? signed : signed - 2**64
     end
 
-    # The whole body lies in the payload.
+    # All bytes must be in the payload.
     def float(size, format, name)
       fault("#{name}: buffer underrun") unless @buffer.readable?(@pos + size - 1)
       @pos += size
       @buffer.data[@pos - size, size].unpack(format)[0]
     end
 
-    # The length lies in the payload; the body only has to be stored.
+    # The length must be in the payload; the body only has to be stored.
     def string(encoding)
       size = groups(7, 7, STRING + "buffer underrun decoding data length") & (2**32 - 1)
       if size > 0 && @pos + size > @buffer.data.bytesize

@@ -1,13 +1,13 @@
 # frozen_string_literal: true
 
 module Model
-  # Writes one value at a buffer's position. Nothing is taken back when that fails half-way.
+  # Writes one value at a buffer's position. A failure leaves the bytes written so far.
   class Encoder
     NAME = "serialize_rbobj_to_packetbuf: "
     MAXDEPTH = 64
     IMMEDIATE = (-2**62...2**62).freeze
 
-    # The interpreter's own methods: a subclass may have others under these names.
+    # The interpreter's own methods: subclasses may override them.
     EACH = Hash.instance_method(:each)
     EACH_OWNERS = [Hash, Hash.instance_method(:each).owner].freeze
     ARRAY_SIZE = Array.instance_method(:size)
@@ -73,7 +73,7 @@ module Model
       @buffer.write_bytes(bytes)
     end
 
-    # As many members as there were at first; those that have gone since are nil.
+    # Writes as many members as there were at the start; those removed since are nil.
     def array(value, depth)
       put(0x0A)
       size = ARRAY_SIZE.bind(value).call
@@ -91,8 +91,8 @@ module Model
       put(0x09)
     end
 
-    # What a Hash subclass's own `each` yields: an Array, of which the first two count, or a key and a value. Its block
-    # may be called late.
+    # A Hash subclass's own `each` yields an Array, whose first two members count, or a key and a value. It may call its
+    # block late.
     def own_each(value, depth)
       ended = false
       value.each do |*yielded|

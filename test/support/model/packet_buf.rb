@@ -1,19 +1,19 @@
 # frozen_string_literal: true
 
 module Model
-  # A write would make a buffer larger than a test should; the extension has no such limit. No model of an error, so
-  # nothing that rescues errors may stop it.
+  # A write would make a buffer larger than a test should; the extension has no such limit. Not a StandardError, so that
+  # no rescue of the model's errors catches it.
   class TooLarge < Exception
   end
 
-  # Bytes, a position, and a payload, which here is all of the bytes.
+  # Bytes, a position, and a payload, which in this class is all of the bytes.
   class PacketBuf
-    # Bytes that a model stores at most.
+    # The most bytes that a model stores.
     LARGEST = 300_000
 
     attr_reader :data, :maxdepth, :preserve_symbols_on_extract
 
-    # The bytes and the position are there before `initialize` has run.
+    # The bytes and the position exist even if `initialize` never runs.
     def self.allocate
       buf = super
       buf.send(:construct)
@@ -26,7 +26,7 @@ module Model
       buf
     end
 
-    # The name of the class that this one is the model of.
+    # The name of the modelled class.
     def self.modelled
       "VORN::PROTO::" + name[/\w+\z/]
     end
@@ -104,7 +104,7 @@ module Model
 
     # --- writing -------------------------------------------------------------------------------------------
 
-    # Overwrites. What lies between the end and the position becomes zero.
+    # Overwrites. A gap between the end and the position is filled with zeros.
     def write_bytes(bytes)
       return if bytes.empty?
       grow_to(@pos + bytes.bytesize)
@@ -151,7 +151,7 @@ module Model
 
     # --- for the tests -------------------------------------------------------------------------------------
 
-    # All that this object is, to be put back by restore().
+    # The complete state of this object, for restore().
     def saved
       instance_variables.map { |name| [name, value_of(name)] }
     end
@@ -187,7 +187,7 @@ module Model
     end
   end
 
-  # What has no instances.
+  # Has no instances.
   class PacketFrame
     def self.new(*)
       allocate

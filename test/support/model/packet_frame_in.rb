@@ -3,8 +3,8 @@
 require_relative "packet_buf"
 
 module Model
-  # A frame that is put together from chunks: the bytes from its start marker on, and a state. Bytes of the header that
-  # are not stored count as zero, and a layout byte that is not stored as one of 8 bytes.
+  # A frame assembled from chunks: the bytes from its start marker on, and a state. Missing bytes of the header count as
+  # zero, and a missing layout byte as the 8-byte layout.
   class PacketFrameIn < PacketBuf
     ASSEMBLE = "packetframein_assemble: "
     ACCEPT = "PacketFrameIn::st_accept_payload: "
@@ -21,7 +21,7 @@ module Model
       self
     end
 
-    # The stored bytes may be those of an earlier frame: they tell the layout once this one's have come.
+    # The stored bytes may belong to an earlier frame: they determine the layout only once this frame's have arrived.
     def payload_start
       @pos >= 2 || header_held? ? header_len : 8
     end
@@ -55,7 +55,7 @@ module Model
       @state = nil
     end
 
-    # Until a state stays as it is. Each state takes bytes of the chunk and says how many.
+    # Runs until the state stays the same. Each state takes bytes of the chunk and returns how many.
     def run(chunk, offset)
       @complete = false
       return 0 if @state.nil?
@@ -119,7 +119,7 @@ module Model
       0
     end
 
-    # Why is not to be seen from Ruby.
+    # Ruby code cannot see the reason.
     def fail_with(_message)
       @state = :failed
       0

@@ -3,7 +3,7 @@
 require_relative "packet_buf"
 
 module Model
-  # A frame that is written: a buffer whose start is left free for the header.
+  # An outbound frame: a buffer whose start is reserved for the header.
   class PacketFrameOut < PacketBuf
     COMPUTE = "PacketFrameOut::compute_frame_header: "
 
@@ -41,7 +41,7 @@ module Model
       @twelve ? 0xFFFFFF : 0x7FFFFFFF
     end
 
-    # The payload is what lies between the header and the position.
+    # The payload is between the header and the position.
     def compute_frame_header
       size = @pos - configured_header_len
       raise COMPUTE + "data pos inside header (negative data length)" if size < 0
