@@ -31,13 +31,13 @@ std::string Capture::payload(bool& readable) {
   std::string out;
   for (size_t n = pick(4); n > 0; --n) out += value(0);
   if (pick(12) == 0) {
-    out += pick(2) == 0 ? "\x0c" : "\x0a\x81";  // no type; no end
+    out += pick(2) == 0 ? "\x0c" : "\x0a\x81";  // no type; an array without an end
     readable = false;
   }
   return out;
 }
 
-/// Of any size. The two draws are in an order of their own, so that all compilers make the same captures.
+/// The draws are separate statements, because their order must be the same with all compilers.
 int64_t Capture::random_integer() {
   const uint64_t bits = random_();
   return static_cast<int64_t>(bits >> pick(64));
@@ -103,7 +103,7 @@ void Capture::damage() {
       bytes_.insert(here, noise.begin(), noise.end());
       break;
     }
-    case 4: {  // a part of the stream once more
+    case 4: {  // repeat a part of the stream
       const std::vector<Byte> part(here, end_of(1 + pick(80)));
       bytes_.insert(bytes_.begin() + static_cast<std::ptrdiff_t>(pick(bytes_.size())), part.begin(), part.end());
       break;
@@ -113,7 +113,7 @@ void Capture::damage() {
       for (size_t i = at; i < end; ++i) put(i, 0);
       break;
     }
-    case 6: {  // some frame's length
+    case 6: {  // damage the length of a frame
       size_t i = frames_[pick(frames_.size())].offset + 4;
       i += pick(4);
       if (i < bytes_.size()) put(i, static_cast<uint64_t>(random_integer()) & 0xFF);

@@ -1,4 +1,4 @@
-/// Captures to damage: streams of frames, and what becomes of each byte.
+/// Generates captures to damage: streams of frames, with the origin of each byte.
 #pragma once
 
 #include <cstdint>
@@ -18,22 +18,22 @@ class Capture {
     bool findable;  ///< readable values, or the 12-byte layout
   };
 
-  /// Up to 25 frames of all kinds: both layouts, empty ones, ones with start markers and whole frames in
-  /// their payloads, and some with unreadable values.
+  /// Up to 25 frames of all kinds: both layouts, empty ones, payloads that contain start markers and whole frames, and
+  /// some with unreadable values.
   explicit Capture(std::mt19937_64& random);
 
-  /// Damages it once.
+  /// Damages the capture once.
   void damage();
 
   std::string bytes() const;
 
-  /// The frames whose bytes still stand behind one another as they were, wherever they are now.
+  /// The frames whose bytes are still contiguous and unchanged, wherever they are now.
   std::vector<Span> undamaged() const;
 
  private:
   struct Byte {
     char value;
-    int64_t origin;  ///< where it stood at first; -1: it is new
+    int64_t origin;  ///< its original offset; -1: it is new
   };
 
   void add_frame(uint16_t seq);

@@ -1,8 +1,8 @@
 # frozen_string_literal: true
 
-# Compares what tshark shows through tools/wireshark/vorn.lua with what is known about the bytes.
+# Compares tshark's output through tools/wireshark/vorn.lua with the known contents of the bytes.
 #
-# Captures are written segment by segment (make_pcap.rb), except for one that is taken from loopback.
+# Captures are written segment by segment (make_pcap.rb), except for one that is recorded on loopback.
 require "socket"
 require "timeout"
 require_relative "../support/hex"
@@ -46,7 +46,7 @@ class DissectorTest < ToolTestCase
     end
   end
 
-  # Single values under their own fields. tshark prints an empty value as if it were none, so those are asked for.
+  # Single values in their own fields. tshark prints an empty value like a missing one, so those get a filter.
   def test_value_fields
     rows = Vectors.table("values.txt", 8).select { |row| row[2] !~ /[\[{!]/ && Vectors.bytes(row[1]).bytesize < 1000 }
     empty, rows = rows.partition { |row| row[2] =~ /:\z/ }
@@ -82,7 +82,7 @@ class DissectorTest < ToolTestCase
   end
 
   def test_faults
-    # Empty payloads have no message; symbols are read as strings here, as keys too; the limit is 64.
+    # Empty payloads have no message; the dissector reads symbols as strings, also as keys; the depth limit is 64.
     rows = Vectors.table("faults.txt", 8).select { |row| row[3] == "64" && row[2] != "0" && row[1] != "-" }
     streams = Tshark.streams(capture(*rows.map { |row| [frame(1, "80".hex.chr.b + payload_of(row))] }),
                              %w[vorn.message vorn.error vorn.malformed vorn.not_native], *Tshark::DECODE_AS)
@@ -108,7 +108,7 @@ class DissectorTest < ToolTestCase
     end
   end
 
-  # A frame split at each of its bytes, what is around it too.
+  # A stream split at each of its bytes.
   def test_every_cut
     stream = sample_stream
     expected = meaning_of(stream)
@@ -129,7 +129,7 @@ class DissectorTest < ToolTestCase
           [[%w[20001], %w[1], %w[1]], [%w[20001], %w[1], %w[1]], [%w[40700], %w[2 2], %w[2] * 6]], shown)
   end
 
-  # Damaged streams, against a reader of frames that is written differently.
+  # Damaged streams, compared with an independent reader of frames.
   def test_mutated_streams
     random = Random.new(Integer(ENV.fetch("VORN_SEED", 20_240_607)))
     in_batches(Integer(ENV.fetch("VORN_CAPTURES", 400))) do |count|
@@ -142,8 +142,8 @@ class DissectorTest < ToolTestCase
     end
   end
 
-  # Segments that are lost, repeated, out of order, or not as long as they say; payloads of any bytes; limits that are
-  # met; with trees and without. There is always an answer, and never a fault of the script.
+  # Segments that are lost, repeated, out of order, or longer or shorter than announced; arbitrary payloads; limits that
+  # are reached; with trees and without. There is always a result, and never an error of the script.
   def test_mutated_captures
     random = Random.new(Integer(ENV.fetch("VORN_SEED", 4711)))
     in_batches(Integer(ENV.fetch("VORN_CAPTURES", 400))) do |count|
@@ -218,7 +218,7 @@ class DissectorTest < ToolTestCase
     check("the expert information", true, verbose.include?("[Severity level: Error]"))
   end
 
-  # A line of the tree has 120 bytes of a text, and a field 1 MiB of a string.
+  # A line of the tree shows 120 bytes of a text, and a field 1 MiB of a string.
   def test_long_strings
     [["Message", "\x07"], ["Binary string", "\x05"]].each do |label, type|
       name = capture([frame(1, "#{type}\x76#{'y' * 118}"), frame(2, "#{type}\x77#{'y' * 119}")])
@@ -237,7 +237,7 @@ class DissectorTest < ToolTestCase
     end
   end
 
-  # Payloads longer than the limit are stepped over; what follows is found.
+  # Payloads beyond the limit are skipped; the frames after them are found.
   def test_long_payloads
     long = frame(1, "\xA5\x01\0\0\0\0\0\0".b * 250_000)
     stream = long + frame(2, "\x82".b) + long + frame(3, "\x83", 12)
@@ -260,7 +260,7 @@ class DissectorTest < ToolTestCase
     check("below the limit: reassembled", [%w[1 2 1 3], %w[100000 1 100000 1]], shown.values)
   end
 
-  # What costs work at a peer's word is bounded.
+  # Work and text are bounded, whatever the peer sends.
   def test_hostile_streams
     segments = ->(bytes) { PcapWriter.cut(bytes, 60_000) }
     {
@@ -290,7 +290,7 @@ class DissectorTest < ToolTestCase
     end
   end
 
-  # Without reassembly, and with packets of which only the beginning was kept.
+  # Without reassembly, and with truncated packets.
   def test_incomplete_captures
     stream = frame(1, "\x07\x7F" + "x" * 127) + frame(2, "\x82".b) + frame(3, "\x83".b)
     name = capture([stream[0, 50], stream[50..-1]])
@@ -308,7 +308,7 @@ class DissectorTest < ToolTestCase
     check("packets cut short: said so", 1, shown["vorn.cut"].size)
   end
 
-  # Real connections, cut as the system cuts them.
+  # Real connections, segmented by the system.
   def test_loopback
     server = TCPServer.new("127.0.0.1", 0)
     random = Random.new(7)
@@ -345,7 +345,7 @@ class DissectorTest < ToolTestCase
     head + payload.b
   end
 
-  # What native extraction makes of a row of values.txt: symbols are strings.
+  # Native extraction of a row of values.txt: symbols are strings.
   def extracted(row)
     ruby, _, variant, as_strings = row[2..5].map { |cell| Vectors.expand(cell) }
     return as_strings unless as_strings == "="
@@ -357,8 +357,8 @@ class DissectorTest < ToolTestCase
     "vorn.value." + (type >= 0x80 ? "int" : %w[nil bool bool float double binary symbol string][type])
   end
 
-  # The value of a field: booleans as tshark 4.4 shows them, doubles by their bits, floats as double. Nil: texts that
-  # tshark has to mend.
+  # The value of a field: booleans as in tshark 4.4, doubles by their bits, floats as doubles. Nil: texts that tshark
+  # repairs.
   def expected_value(row)
     meaning = Vectors.expand(row[2])
     case meaning
@@ -390,7 +390,7 @@ class DissectorTest < ToolTestCase
     check("#{what}: skipped", true, shown["vorn.skipped"].map(&:to_i).inject(0, :+) >= skipped)
   end
 
-  # What both tshark and the model can say about a stream.
+  # The summary of a stream that tshark and the model can both give.
   def summary(shown)
     {
       seqs: shown["vorn.seq"], lengths: shown["vorn.length"], layouts: shown["vorn.layout"],
@@ -426,13 +426,13 @@ class DissectorTest < ToolTestCase
     frame(random.rand(65_536), payload, [8, 12][random.rand(2)])
   end
 
-  # A frame of type bytes in any order, and of few other bytes.
+  # A frame of type bytes in any order, with few other bytes.
   def odd_frame(random)
     payload = Array.new(random.rand(60)) { random.rand(4) == 0 ? random.rand(256) : random.rand(13) }.pack("C*")
     frame(random.rand(65_536), payload, [8, 12][random.rand(2)])
   end
 
-  # Pairs of a segment and where it belongs.
+  # Pairs of a segment and its offset in the stream.
   def shuffle(segments, random)
     at = 0
     placed = segments.map { |bytes| [bytes, (at += bytes.bytesize) - bytes.bytesize] }
@@ -448,7 +448,7 @@ class DissectorTest < ToolTestCase
     placed
   end
 
-  # What one tshark reads at a time.
+  # Limits how much one run of tshark reads.
   def in_batches(count)
     while count > 0
       yield [count, 500].min
@@ -469,16 +469,16 @@ class DissectorTest < ToolTestCase
     stream
   end
 
-  # In how many packets the dissector was at work, or the filter in the options applies.
+  # The number of packets that the dissector handled, or that the filter in the options matches.
   def found(bytes, *options)
     Tshark.packets(capture([bytes]), %w[frame.number], "-Y", "vorn", *options).size
   end
 
-  # Sends each stream over a connection of its own while dumpcap listens. Returns nil, or why there is no capture.
+  # Sends each stream over its own connection while dumpcap records. Returns nil, or why there is no capture.
   def capture_loopback(server, streams, name, random)
     loopback = RUBY_PLATFORM.include?("linux") ? "lo" : "lo0"
     err, err_in = IO.pipe
-    # Into a buffer that holds all, so that nothing is dropped on a busy machine.
+    # A buffer that holds everything, so that no packet is dropped on a busy machine.
     dumpcap = Process.spawn("dumpcap", "-q", "-B", "64", "-P", "-i", loopback, "-f", "tcp port #{server.addr[1]}",
                             "-w", name, err: err_in, out: File::NULL)
     err_in.close
@@ -486,7 +486,7 @@ class DissectorTest < ToolTestCase
     Timeout.timeout(60) { said << err.readline.chomp until said.last.start_with?("File:") || err.eof? }
     return said.grep(/\Adumpcap: /).last || "dumpcap ended" unless said.last.start_with?("File:")
     streams.each { |stream| send_in_pieces(server, stream, random) }
-    # What the system holds back arrives while dumpcap runs.
+    # Delayed packets must arrive before dumpcap ends.
     Timeout.timeout(60) { sleep 0.1 until closed?(name, streams) }
     nil
   rescue Errno::ENOENT
@@ -498,7 +498,7 @@ class DissectorTest < ToolTestCase
     end
   end
 
-  # Whether both ends of all connections are seen to close.
+  # Whether the capture shows both ends of all connections closing.
   def closed?(name, streams)
     closing, = Open3.capture2("tshark", "-n", "-r", name, "-Y", "tcp.flags.fin == 1", err: File::NULL)
     closing.lines.size >= 2 * streams.size

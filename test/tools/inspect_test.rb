@@ -1,6 +1,6 @@
 # frozen_string_literal: true
 
-# Runs vorn-inspect as its users do, and its parts' own tests. BUILD is the folder that they are built in.
+# Runs vorn-inspect as users do, and the unit tests of its parts. BUILD is their build folder.
 require "json"
 require "open3"
 require "pty"
@@ -21,11 +21,11 @@ class InspectTest < ToolTestCase
     super
     @build = ENV.fetch("BUILD")
     program = File.join(@build, "tools/inspect/vorn-inspect")
-    @program = [program, program] # to be run without a shell
+    @program = [program, program] # run without a shell
     @quoted = Shellwords.escape(program)
   end
 
-  # The scanner, on 10,000 damaged captures of its own, and the other parts.
+  # The unit tests; the scanner's include 10,000 generated captures.
   def test_parts
     out, status = Open3.capture2e(File.join(@build, "test/tools/inspect_test"))
     puts out[/^\d+ captures, .*/]
@@ -68,7 +68,7 @@ class InspectTest < ToolTestCase
     check("all is well", 0, inspector(stdin: stream[0, 10]).status)
   end
 
-  # Every frame's fields, and values by which they can be made again.
+  # The fields of every frame, and values that can be rebuilt.
   def test_json
     rows = Vectors.table("values.txt", 8)
     stream = rows.each_with_index.map { |row, seq| frame(seq, Vectors.bytes(row[1]), seq.odd? ? 12 : 8) }.join
@@ -93,7 +93,7 @@ class InspectTest < ToolTestCase
 
   def test_frame_table
     Vectors.frames.each do |row|
-      next if row.stream.bytesize != row.consumed # what stands behind a frame is evidence for or against it
+      next if row.stream.bytesize != row.consumed # bytes after a frame are evidence for or against it
       first = json(row.stream).map { |line| line["type"] == "frame" ? line : line["failed_starts"].first }.compact.first
       if row.complete? && row.stream.start_with?("\xA5".b) && row.data_len + row.layout == row.consumed
         check(row.name, [0, row.layout, row.seq, row.data_len], first.values_at("offset", "layout", "seq", "length"))
@@ -115,7 +115,7 @@ class InspectTest < ToolTestCase
     check("--stats", true, inspector("--values", "--stats", stdin: stream).out =~ /^values +3$/ ? true : false)
   end
 
-  # Somebody who gives frames to --values is told so; what is shown stays.
+  # Frames with --values get a hint; the output stays the same.
   def test_values_that_are_frames
     hint = "vorn-inspect: this looks like frames; leave out --values\n"
     twelve = frame(1, "\x81".b, 12)
@@ -155,7 +155,7 @@ class InspectTest < ToolTestCase
     check("the most fills the width, the least is seen", [40, 0, 1], rows.map { |row| row.count("#") })
   end
 
-  # Lines of 80 columns at most, and shorter ones where the terminal is narrower.
+  # Lines of 80 columns at most, and shorter ones in a narrower terminal.
   def test_stats_fit_the_terminal
     stream = frame(1, "\x81".b) * 100 + frame(1, "\x81".b * 4)
     { nil => 80, "" => 80, "wide" => 80, "0" => 80, "-1" => 80, "200" => 80, "80" => 80, "79" => 79, "60" => 60,
@@ -167,7 +167,7 @@ class InspectTest < ToolTestCase
     end
   end
 
-  # Nothing that a peer chose, or a name, reaches a terminal as a control; and what is read back is what was sent.
+  # No byte from a peer or in a name reaches a terminal as a control character; and the text can be read back.
   def test_controls
     marks = [0x7F, *0x80..0x9F, 0x061C, 0x200E, 0x200F, *0x2028..0x202E, *0x2066..0x2069]
     text = ((0..0x1F).to_a + marks).pack("U*")
@@ -222,7 +222,7 @@ class InspectTest < ToolTestCase
     end
   end
 
-  # What becomes of a file under its name: it goes on, from the beginning, with what has the name.
+  # When the file under the name is replaced, the program continues with the new file from its beginning.
   def test_follow_by_name
     File.binwrite(path("log"), frame(1, "") + frame(2, "\x81\x82".b)[0, 9])
     Open3.popen3(@program, "--follow", path("log")) do |_, out, err, process|
@@ -262,7 +262,7 @@ class InspectTest < ToolTestCase
     check("standard input", ["offset 0  layout 8  seq 6  length 0\n", [shorter] * 2], followed_input)
   end
 
-  # A byte at a time, faster than it is read, and a frame that never ends; a signal is heard in each.
+  # A byte at a time, faster than the program reads, and a frame that never ends; each can be interrupted.
   def test_follow_growth
     bytes = frame(1, "\x81".b, 12) + "xy" + frame(2, "\x82\x83".b)
     { "bytes" => bytes.chars.map(&:b), "fast" => [frame(1, "\x81".b) * 100_000] * 20,
@@ -276,7 +276,7 @@ class InspectTest < ToolTestCase
         Process.kill(:INT, process.pid)
         ended = [Timeout.timeout(20) { process.value }.exitstatus, err.read]
         expected, shown = inspector(path("growing")).out, reader.value
-        # Where there was more to read, the signal may have come in the middle of a frame.
+        # With more to read, the signal may have come in the middle of a frame.
         shown = shown.sub(/^! skipped.*\z/m, "") if what == "fast"
         check("#{what}: ends", what == "fast" ? "" : [1, ""], what == "fast" ? ended[1] : ended)
         check("#{what}: what was shown", true, what == "fast" ? expected.start_with?(shown) : expected == shown)
@@ -284,7 +284,7 @@ class InspectTest < ToolTestCase
     end
   end
 
-  # A reader that stands still must not make the program deaf.
+  # A stalled reader must not keep the program from handling signals.
   def test_follow_stalled_reader
     File.binwrite(path("growing"), frame(1, "\x81".b) * 100_000)
     %w[INT TERM].each do |signal|
@@ -300,7 +300,7 @@ class InspectTest < ToolTestCase
     end
   end
 
-  # What has arrived is shown at once, and nothing more is said when the reader leaves.
+  # Output appears at once, and a reader that leaves causes no message.
   def test_pipes
     Open3.popen3(@program) do |input, out, err, process|
       input.binmode.write(frame(1, "\x81".b))
@@ -326,7 +326,7 @@ class InspectTest < ToolTestCase
     check("not without a terminal", "", inspector("--stats", path("large")).err)
   end
 
-  # The most memory that the program had when it had read so much, and shown what there was.
+  # The peak memory after reading this much and showing its contents.
   def test_memory
     clean = frame(1, "\x08\x05\x02id\x81\x09".b) * 60_000
     check("a long capture", true, peak(Array.new(100) { clean }) < 16)
@@ -335,7 +335,7 @@ class InspectTest < ToolTestCase
     check("long payloads", true, peak(Array.new(100) { long }, "--stats") < 300)
   end
 
-  # The manual page says 12 times.
+  # The manual page promises a factor of 12.
   def test_memory_of_messages
     size = 4_000_000
     { "empty hashes" => "\x08\x09".b, "empty arrays" => "\x0A\x0B".b, "strings" => "\x05\x01\xFF".b,
@@ -347,7 +347,7 @@ class InspectTest < ToolTestCase
     check_memory("one string", Vectors.bytes("05 80 92 F4 01") + "\x01".b * size)
   end
 
-  # The program itself on damaged captures: always an answer, and frames whose bytes nobody touched are there.
+  # The program on damaged captures: it always succeeds, and shows the undamaged frames.
   def test_mutated
     random = Random.new(20_240_607)
     Integer(ENV.fetch("VORN_CAPTURES", 1000)).times do |n|
@@ -366,7 +366,7 @@ class InspectTest < ToolTestCase
     end
   end
 
-  # On one capture file, tshark by the dissector and the inspector by the stream that tshark gives out.
+  # Compares tshark with the dissector and the inspector on the stream that tshark extracts from the same capture.
   def test_with_tshark
     streams = tshark_streams
     name = path("capture.pcap")
@@ -392,7 +392,7 @@ class InspectTest < ToolTestCase
     Result.new(out, err, status.exitstatus)
   end
 
-  # A file's name, for a shell.
+  # A quoted file name for a shell.
   def quoted(name)
     Shellwords.escape(path(name))
   end
@@ -401,7 +401,7 @@ class InspectTest < ToolTestCase
     shell("#{@quoted} #{arguments}")
   end
 
-  # The same input by all ways in.
+  # The same input in all ways of reading it.
   def ways(stream)
     File.binwrite(path("stream"), stream)
     { "file" => inspector(path("stream")), "pipe" => inspector(stdin: stream), "dash" => inspector("-", stdin: stream),
@@ -420,7 +420,7 @@ class InspectTest < ToolTestCase
     Timeout.timeout(60) { Array.new(count) { io.gets }.join }
   end
 
-  # What a command writes to a terminal that is its standard error.
+  # The output of a command on a terminal as its standard error.
   def on_terminal(command)
     terminal, slave = PTY.open
     pid = Process.spawn("bash", "-c", command, err: slave, out: File::NULL)
@@ -445,7 +445,7 @@ class InspectTest < ToolTestCase
     "vorn-inspect: #{path('log')}: #{what}\n"
   end
 
-  # The first line that --follow shows of standard input, and what it says of a file that becomes shorter twice.
+  # The first line that --follow shows of standard input, and its messages about a file that is truncated twice.
   def followed_input
     Open3.popen3("exec #{@quoted} --follow < #{quoted('log')}") do |_, out, err, process|
       first = lines_of(out, 2).lines.first
@@ -461,7 +461,7 @@ class InspectTest < ToolTestCase
     end
   end
 
-  # Until the program has done what it can and waits for more.
+  # Waits until the program is idle.
   def settle(pid)
     Timeout.timeout(120) do
       readings = []
@@ -485,7 +485,7 @@ class InspectTest < ToolTestCase
     end
   end
 
-  # MiB.
+  # In MiB.
   def peak(parts, *options)
     Open3.popen3(@program, *options) do |input, out, _, process|
       reader = Thread.new { IO.copy_stream(out, File::NULL) }
@@ -512,14 +512,14 @@ class InspectTest < ToolTestCase
     frame(seq, "\x81".b, 12).tap { |bytes| bytes.setbyte(11, 0) }
   end
 
-  # What native extraction makes of a row of values.txt: symbols are strings.
+  # Native extraction of a row of values.txt: symbols are strings.
   def extracted(row)
     ruby, _, variant, as_strings = row[2..5].map { |cell| Vectors.expand(cell) }
     return as_strings unless as_strings == "="
     variant == "=" ? ruby : variant
   end
 
-  # Payloads that native extraction reads, none of them long.
+  # Short payloads that native extraction can read.
   def readable
     @readable ||= Vectors.table("values.txt", 8).reject { |row| extracted(row).start_with?("!") }
                          .map { |row| Vectors.bytes(row[1]) }.select { |bytes| bytes.bytesize < 60 }
@@ -529,7 +529,7 @@ class InspectTest < ToolTestCase
     frame(seq, Array.new(random.rand(4)) { readable[random.rand(readable.size)] }.join, [8, 12][random.rand(2)])
   end
 
-  # Damages some frames and puts bytes between them. Returns the stream, and offset and size of the others.
+  # Damages some frames and inserts bytes between them. Returns the stream, and offset and size of the intact frames.
   def damage(frames, random)
     stream, kept = "".b, []
     frames.each do |bytes|
@@ -551,7 +551,7 @@ class InspectTest < ToolTestCase
     [stream, kept]
   end
 
-  # Whether the offset is inside a frame that was read to its end and has another, or the end, behind it.
+  # Whether the offset is inside a frame that was read to its end and is followed by another, or by the end.
   def hidden?(shown, stream, offset)
     shown.any? do |line|
       last = line["offset"] + line["layout"] + line["length"]
@@ -559,7 +559,7 @@ class InspectTest < ToolTestCase
     end
   end
 
-  # Streams of which a receiver and the inspector say the same: what is damaged holds no start markers, and the
+  # Streams on which a receiver and the inspector agree: the damaged parts have no start markers, and the
   # next frame can be read.
   def tshark_streams
     random = Random.new(4711)
@@ -578,13 +578,13 @@ class InspectTest < ToolTestCase
     end
   end
 
-  # The client's side of a connection, as the manual page gets it.
+  # The client's side of a connection, extracted as the manual page describes.
   def followed(capture, number)
     text = Tshark.run(capture, "-q", "-z", "follow,tcp,raw,#{number}")
     Hex.decode(text.lines.grep(/\A\h+$/).map(&:chomp).join)
   end
 
-  # layout, seq, length, message and error, as tshark lists them.
+  # layout, seq, length, message and error, in tshark's form.
   def fields_of(lines)
     headers = lines.reject { |line| line["overlaps"] }
                    .map { |line| line["type"] == "frame" ? [line] : line["failed_starts"] }.flatten

@@ -4,8 +4,8 @@ require "json"
 require_relative "../support/hex"
 require_relative "message_text"
 
-# From the values of vorn-inspect --json: to the text that the library renders, and to the notation of
-# test/vectors/ in which strings have no encoding.
+# Converts the values of vorn-inspect --json: to the text that the library renders, and to the notation of
+# test/vectors/ without encodings of strings.
 module JsonText
   module_function
 
@@ -42,7 +42,7 @@ module JsonText
     MessageText.quoted(Hex.decode(digits))
   end
 
-  # C prints the sign of what is not a number.
+  # C prints the sign of NaN.
   def text_of_double(bits)
     number = Hex.decode(bits).unpack("G").first
     sign = bits.to_i(16) >> 63 == 1 ? "-" : ""

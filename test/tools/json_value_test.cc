@@ -58,7 +58,7 @@ TEST(JsonValue, OrdersEntriesAndKeepsTheLastOfAKey) {
             json_of("08 05 01 63 83 05 01 24 08 05 01 61 0A 08 05 01 62 82 09 0B 09 09"));
 }
 
-// So many that sorting moves equal ones past each other unless it is told their order.
+// Enough entries that sorting reorders equal keys unless it compares their order too.
 TEST(JsonValue, KeepsTheLastOfManyOfAKey) {
   for (unsigned entries = 2; entries <= 32; entries += 2) {
     std::string bytes = "\x08";
@@ -76,7 +76,7 @@ TEST(JsonValue, EscapesWhatATerminalMayObey) {
   EXPECT_EQ("{\"\\u202e\":\"a\\u2066\"}", json_of("08 05 03 E2 80 AE 05 04 61 E2 81 A6 09"));
 }
 
-// What is escaped parses to the same text, every character of the basic plane and some above it.
+// Escaped text parses to the original, for every character of the basic plane and some above it.
 TEST(JsonValue, ParsesToTheSameText) {
   for (unsigned c = 0; c < 0x11000; ++c) {
     if (c >= 0xD800 && c < 0xE000) continue;

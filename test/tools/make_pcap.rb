@@ -1,23 +1,23 @@
 # frozen_string_literal: true
 
-# Writes capture files of TCP connections whose segments are cut just as a test wants them, which no real
-# connection promises.
+# Writes capture files of TCP connections with exactly the segments that a test needs; a real connection does not
+# promise any.
 #
 #   ruby test/tools/make_pcap.rb OUT.pcap [PORT [SIZE...]] < stream
 #
 # puts the bytes of standard input into one connection to PORT (default 40700), in segments of the given sizes;
-# the last size holds for all that follow (default 1400).
+# the last size repeats (default 1400).
 class PcapWriter
   RAW_IP = 101 # packets begin with their IP header
   SYN, ACK, PSH, FIN = 0x02, 0x10, 0x08, 0x01
-  MAX_SEGMENT = 65_495 # what an IP packet holds beside both headers
+  MAX_SEGMENT = 65_495 # what fits into an IP packet with both headers
   Peer = Struct.new(:address, :port, :seq)
 
   def self.open(path)
     File.open(path, "wb") { |file| yield new(file) }
   end
 
-  # snap_length: how much of a packet is kept.
+  # snap_length: the most bytes kept of a packet.
   def initialize(io, snap_length = 262_144)
     @io = io
     @snap_length = snap_length
@@ -27,7 +27,7 @@ class PcapWriter
   end
 
   # Writes a whole connection. `segments` are strings, sent by the client, or pairs of :client or :server and a
-  # string. Out of order they are pairs of a string and its place in the client's stream.
+  # string. With out_of_order they are pairs of a string and its offset in the client's stream.
   def connection(segments, port = 40_700, out_of_order: false)
     @connections += 1
     client = Peer.new([127, 0, 0, 1], 20_000 + @connections, 1000)
@@ -49,7 +49,7 @@ class PcapWriter
     packet(server, client, FIN | ACK)
   end
 
-  # Cuts bytes into segments of these sizes; the last one holds for the rest.
+  # Cuts bytes into segments of these sizes; the last size repeats.
   def self.cut(bytes, *sizes)
     segments, pos = [], 0
     while pos < bytes.bytesize

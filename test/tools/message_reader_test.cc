@@ -34,7 +34,7 @@ struct Reading {
 
 Reading read(const std::string& payload) {
   StreamWindow window;
-  // What stands behind a payload must not count.
+  // Bytes after the payload must not count.
   window.append(payload + "\x0B\x09" + payload);
   MessageReader reader(window, 0, payload.size());
   Reading out;
@@ -51,7 +51,7 @@ Reading read(const std::string& payload) {
   return out;
 }
 
-/// As the library reads it. DEL is the one character that it shows as it is.
+/// The library's reading. DEL is the only character that it does not escape.
 Reading library_reads(const std::string& payload) {
   StreamWindow window;
   window.append(payload + "\x0B\x09" + payload);

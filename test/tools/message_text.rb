@@ -3,7 +3,7 @@
 require "strscan"
 require_relative "../support/hex"
 
-# From the notation of test/vectors/ to the text that the dissector shows for a message.
+# Converts the notation of test/vectors/ to the text that the dissector shows for a message.
 class MessageText
   def self.of(notation)
     new(notation).text
@@ -44,7 +44,7 @@ class MessageText
     end
   end
 
-  # C prints the sign of what is not a number, Ruby does not.
+  # C prints the sign of NaN, Ruby does not.
   def format_double(number, bits)
     return bits.to_i(16) >> 63 == 1 ? "-nan" : "nan" if number.nan?
     number.infinite? ? format("%f", number).downcase : format("%f", number)
@@ -56,7 +56,7 @@ class MessageText
     list
   end
 
-  # Notation has them in the order of their bytes already.
+  # The notation has them in the order of their bytes already.
   def entries
     list = []
     until @in.skip(/ *\}/)

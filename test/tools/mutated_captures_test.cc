@@ -1,4 +1,4 @@
-/// 10,000 damaged captures. VORN_SEED and VORN_CAPTURES choose others.
+/// 10,000 damaged captures. VORN_SEED and VORN_CAPTURES change the seed and the number.
 #include <cstdlib>
 #include <exception>
 #include <random>
@@ -31,7 +31,7 @@ uint64_t setting(const char* name, uint64_t otherwise) {
   return text == nullptr ? otherwise : std::strtoull(text, nullptr, 10);
 }
 
-/// Whether the library, which knows nothing of scanners, reads all messages of a frame.
+/// Whether the library alone can read all messages of a frame.
 bool library_reads(const std::string& bytes) {
   PacketFrameIn in;
   in.reset();
@@ -46,7 +46,7 @@ bool library_reads(const std::string& bytes) {
   return true;
 }
 
-/// Whether a receiver that comes to this place finds a header there that it accepts.
+/// Whether a receiver would accept a header at this offset.
 bool header_stands_at(const std::string& stream, uint64_t offset) {
   if (offset == stream.size()) return true;
   if (stream[offset] != '\xA5') return false;
@@ -63,7 +63,7 @@ bool reported(const ScanRecord& record, const Capture::Span& frame) {
   return false;
 }
 
-/// Whether the frame begins inside a reported one that nothing speaks against.
+/// Whether the frame begins inside a reported frame that nothing contradicts.
 bool inside_a_trusted_frame(const ScanRecord& record, const std::string& stream, uint64_t offset) {
   for (const auto& span : record.spans) {
     if (span.is_frame && span.offset < offset && offset < span.end &&
@@ -74,7 +74,7 @@ bool inside_a_trusted_frame(const ScanRecord& record, const std::string& stream,
   return false;
 }
 
-/// Whether each byte is in a frame or skipped, and none is both.
+/// Whether each byte is either in a frame or skipped.
 bool all_accounted_for(const ScanRecord& record, size_t size) {
   std::vector<int> framed(size), skipped(size);
   for (const auto& span : record.spans) {

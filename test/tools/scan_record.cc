@@ -9,7 +9,7 @@ using namespace vorn_inspect;
 
 namespace {
 
-/// As the library does.
+/// Renders like the library.
 void render(const EncodedValue& encoded, std::string& out) {
   encoded.window.select(encoded.offset, encoded.size);
   VORN::VObject value;
@@ -23,7 +23,7 @@ ScanRecord scan_with(std::string_view stream, size_t piece, uint32_t max_length)
   Scanner scanner(record, max_length);
   if (piece == 0) piece = stream.size() + 1;
   for (size_t at = 0; at < stream.size(); at += piece) {
-    // A copy of its own, so that a view that is kept too long is found by the address sanitizer.
+    // A separate copy, so that AddressSanitizer finds a view that is kept too long.
     scanner.feed(std::string(stream.substr(at, piece)));
   }
   scanner.finish();

@@ -1,4 +1,4 @@
-/// What a scanner reports, as lines of text, and the bytes that go with it.
+/// A scanner's reports, as lines of text, with their bytes.
 #pragma once
 
 #include <cstdint>
@@ -27,7 +27,7 @@ struct ScanRecord : vorn_inspect::StreamSink, vorn_inspect::ValueSink {
   std::vector<Span> spans;
 };
 
-/// What is reported for a stream that comes in pieces of this size; 0: all at once.
+/// The reports for a stream in pieces of this size; 0: in one piece.
 ScanRecord scan(std::string_view stream, size_t piece = 0, uint32_t max_length = 1 << 20);
 ScanRecord scan_values(std::string_view stream, size_t piece = 0, uint32_t max_length = 1 << 20);
 

@@ -27,7 +27,7 @@ TEST(SequenceCheck, TellsGapsFromRepeatsAndReturns) {
   EXPECT_EQ(5U, check.jumps()[0].to);
 }
 
-// The numbers go round, so a jump of up to half of them may be either: less than half goes forward.
+// The numbers wrap around, so a jump of half of them is ambiguous: less than half counts as forward.
 TEST(SequenceCheck, AJumpOfHalfTheNumbersGoesBack) {
   for (const unsigned first : {0U, 0x7FFFU, 0xFFFFU}) {
     SequenceCheck forward;

@@ -1,7 +1,7 @@
 # frozen_string_literal: true
 
-# What a receiver makes of a stream when it resets its frame after every frame and every error: the least code
-# that says so, to compare with.
+# The reading of a receiver that resets its frame after every frame and every error, in as little code as possible, for
+# comparison.
 module StreamModel
   # `size` is what the frame consumes. A header that fails its check byte has no seq and no length.
   Frame = Struct.new(:layout, :seq, :length, :error, :size)
@@ -22,7 +22,7 @@ module StreamModel
     end
   end
 
-  # Nil: it has not arrived in full.
+  # Nil: it is incomplete.
   def frame_at(stream, pos)
     header = stream.byteslice(pos, 12)
     return if header.bytesize < 2

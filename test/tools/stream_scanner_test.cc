@@ -21,7 +21,7 @@ using vorn_test::from_hex;
 using vorn_test::scan;
 using Lines = std::vector<std::string>;
 
-/// Scans the stream whole and in pieces, which must come to the same.
+/// Scans the stream whole and in pieces, which must give the same result.
 Lines lines(const std::string& stream, uint32_t max_length = 1 << 20) {
   const Lines whole = scan(stream, 0, max_length).lines;
   for (const size_t piece : {1, 2, 7, 11, 64}) EXPECT_EQ(whole, scan(stream, piece, max_length).lines) << piece;
@@ -38,7 +38,7 @@ TEST(StreamScanner, ReportsFramesWithTheirMessages) {
 TEST(StreamScanner, BelievesWhatTheAssemblerBelieves) {
   for (const auto& row : vorn_test::frame_vectors()) {
     SCOPED_TRACE(row.name);
-    // Of a frame alone; what stands before or behind one is another test's.
+    // Only rows with a single frame; bytes around a frame have their own tests.
     if (!row.is_complete() || row.consumed != row.stream.size() || row.data_len + row.layout != row.consumed) continue;
     const auto record = scan(row.stream);
     ASSERT_FALSE(record.spans.empty());
@@ -107,7 +107,7 @@ TEST(StreamScanner, CountsALengthBeyondTheLimitAsDamage) {
             lines(stream, 8));
 }
 
-// What a receiver loses: frames that a wrong length takes for payload.
+// A receiver loses these frames: a wrong length makes it read them as payload.
 TEST(StreamScanner, FindsTheFramesThatAWrongLengthSwallowed) {
   const std::string others = frame(2, from_hex("82")) + frame(3, from_hex("83")) + frame(4, from_hex("84"));
   for (unsigned length = 2; length < 256; ++length) {
@@ -139,7 +139,7 @@ TEST(StreamScanner, DoesNotLookIntoFramesThatNothingSpeaksAgainst) {
             lines(outer + frame(2, "")));
 }
 
-// Undamaged, but nobody could tell: its last messages are what an empty frame would be.
+// Undamaged but ambiguous: the frame's last messages have the form of an empty frame.
 TEST(StreamScanner, ReportsBothReadingsOfAFrameThatEndsLikeAnother) {
   EXPECT_EQ((Lines{"frame 0 layout 8 seq 1 length 9: 2 37 nil nil nil nil nil nil",
                    "frame 9 layout 8 seq 0 length 0 overlaps 0:", "frame 17 layout 8 seq 2 length 0:"}),
@@ -187,18 +187,18 @@ TEST(StreamScanner, KeepsTheFirstBytesOfARange) {
   }
 }
 
-/// Counts the bytes that the sink is asked to read.
+/// Counts the bytes that the sink must read.
 struct Load : StreamSink {
   void on_frame(const Frame& frame) override { bytes += frame.bytes.size(); }
   void on_skipped(const Skipped&) override {}
   uint64_t bytes = 0;
 };
 
-// Each start marker announces as much as it may, and all is readable.
+// Each start marker announces as much as possible, and everything is readable.
 TEST(StreamScanner, HostileStreamsCostLinearWork) {
   constexpr uint32_t MAX = 1 << 20;
   const std::vector<std::string> hostile = {
-      from_hex("A5 01 00 00 00 08 00 01"),                          // readable, no header behind it
+      from_hex("A5 01 00 00 00 08 00 01"),                          // readable, no header after it
       from_hex("A5 01 00 00 00 0F FF F8"),                          // readable, and trusted
       from_hex("A5 00 00 00 08 00 01 DE AD BE EF 5A"),              // unreadable, but of 12 bytes
       from_hex("A5 01 00 00 00 00 00 00 A5 01 00 00 00 08 00 01"),  // trusted ones between them

@@ -1,11 +1,11 @@
 # frozen_string_literal: true
 
-# What the tests of the command-line tools share.
+# The base of the tests of the command-line tools.
 
 require "minitest/autorun"
 require "tmpdir"
 
-# A test with an empty folder of its own.
+# A test with its own empty folder.
 class ToolTestCase < Minitest::Test
   def setup
     @dir = Dir.mktmpdir("vorn-tools")
@@ -17,7 +17,7 @@ class ToolTestCase < Minitest::Test
 
   private
 
-  # For values of any size and kind: what is printed of them is bounded, and nil may be expected.
+  # For values of any size and kind: the failure message is bounded, and nil may be expected.
   def check(what, expected, actual)
     assert(expected == actual, lambda {
       "#{what[0, 500]}\n  expected #{expected.inspect[0, 1000]}\n  got      #{actual.inspect[0, 1000]}"

@@ -4,18 +4,18 @@ require "fileutils"
 require "open3"
 require "tmpdir"
 
-# Runs tshark with the dissector, apart from what the user has installed and configured.
+# Runs tshark with the dissector, isolated from the user's plugins and configuration.
 module Tshark
   SCRIPT = File.expand_path("../../../tools/wireshark/vorn.lua", __FILE__)
   DECODE_AS = ["-d", "tcp.port==40700,vorn"].freeze
-  SEPARATOR = "\x1f" # in no field: texts show their control characters escaped
+  SEPARATOR = "\x1f" # in no field: control characters are escaped
 
-  # tshark 4.4 loads no script for root, and does not say so.
+  # As root, tshark 4.4 silently loads no script.
   UNPRIVILEGED = Process.uid.zero? ? %w[setpriv --reuid=65534 --regid=65534 --clear-groups].freeze : [].freeze
 
   module_function
 
-  # A folder for the configuration, and for what whoever runs tshark has to read.
+  # A folder for the configuration, and for files that the unprivileged tshark must read.
   def folder
     @folder ||= Dir.mktmpdir("vorn-tshark").tap do |dir|
       at_exit { FileUtils.remove_entry(dir) }
@@ -35,15 +35,15 @@ module Tshark
     out.force_encoding(Encoding::BINARY)
   end
 
-  # tshark 4.4 doubles the backslashes of a field. The option against it, which 4.0 does not know, would also let a line
-  # feed in a string through, and end the line.
+  # tshark 4.4 doubles the backslashes in a field. The option against it, unknown to 4.0, would also pass a line feed in
+  # a string through, which ends the line.
   def doubles_backslashes?
     return @doubles_backslashes unless @doubles_backslashes.nil?
     said, = Open3.capture2e(*%w[tshark -T fields -e frame.number -E escape=y -r], File::NULL)
     @doubles_backslashes = !said.include?("is not a valid field output")
   end
 
-  # One hash for each packet: field to the list of its values. A fault of the script itself is raised.
+  # One hash per packet: field to the list of its values. Raises an error of the script.
   def packets(capture, fields, *options)
     fields += ["_ws.lua.error"]
     names = fields.map { |field| ["-e", field] }.flatten
@@ -57,7 +57,7 @@ module Tshark
     }
   end
 
-  # The fields of a whole capture, in order: one hash for each TCP connection, by its number.
+  # The fields of a whole capture, in order: one hash per TCP connection, by its number.
   def streams(capture, fields, *options)
     streams = Hash.new { |all, number| all[number] = fields.map { |field| [field, []] }.to_h }
     packets(capture, ["tcp.stream"] + fields, *options).each do |packet|

@@ -25,7 +25,7 @@ TEST(Unicode, KnowsUtf8) {
   }
 }
 
-// What is_utf8() passes, the JSON library must not refuse.
+// Text that is_utf8() accepts must be accepted by the JSON library.
 TEST(Unicode, AgreesWithTheJsonLibraryAboutUtf8) {
   const auto accepted = [](const std::string& bytes) {
     try {

@@ -47,7 +47,7 @@ TEST(ValueScanner, BoundsWhatAValueMayNeed) {
   EXPECT_EQ(Lines{"failed 0: 0 value longer than the limit"}, lines(from_hex("05 FF FF FF FF 07") + string, 10));
 }
 
-// A value that comes in small pieces is not walked anew with each: that would take hours.
+// A value in small pieces must not be walked again with each piece: that would take quadratic time.
 TEST(ValueScanner, LongValuesCostLinearWork) {
   vorn_test::ScanRecord record;
   vorn_inspect::ValueScanner scanner(record, 64 << 20);

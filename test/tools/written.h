@@ -1,4 +1,4 @@
-/// Values and what the program's writers make of them, without the program.
+/// Values, and the output of the program's writers for them, without the program.
 #pragma once
 
 #include <string>
@@ -14,7 +14,7 @@
 
 namespace vorn_test {
 
-/// What is written to an Output.
+/// Collects what is written to an Output.
 class Written {
  public:
   ~Written() { ::close(fd_); }
@@ -32,7 +32,7 @@ class Written {
   vorn_inspect::Output output_{fd_};
 };
 
-/// The first value in these bytes, as a writer of this class writes it. Something stands before the value.
+/// The output of a writer of this class for the first value in these bytes. Other bytes precede the value.
 template <typename Writer>
 std::string written(const std::string& bytes) {
   vorn_inspect::StreamWindow window;
