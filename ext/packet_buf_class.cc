@@ -82,7 +82,7 @@ VALUE packetbuf_reset(VALUE self) {
  *   buf.pos  # => 2
  */
 VALUE packetbuf_pos(VALUE self) {
-  return from_low_32_bits(packet_buf_of(self).pos());
+  return low_32_bits_to_integer(packet_buf_of(self).pos());
 }
 
 /*
@@ -98,7 +98,7 @@ VALUE packetbuf_pos(VALUE self) {
  */
 VALUE packetbuf_set_pos(VALUE self, VALUE pos) {
   PacketBuf& buf = packet_buf_of(self);
-  buf.set_pos(to_uint32(pos));
+  buf.set_pos(cut_to_uint32(pos));
   return self;
 }
 
@@ -115,7 +115,7 @@ VALUE packetbuf_set_pos(VALUE self, VALUE pos) {
  */
 VALUE packetbuf_index_within_payload(VALUE self, VALUE index) {
   const PacketBuf& buf = packet_buf_of(self);
-  return buf.index_within_payload(to_uint32(index)) ? Qtrue : Qfalse;
+  return buf.index_within_payload(cut_to_uint32(index)) ? Qtrue : Qfalse;
 }
 
 /*
@@ -130,7 +130,7 @@ VALUE packetbuf_index_within_payload(VALUE self, VALUE index) {
  *   buf.payload_size  # => 3
  */
 VALUE packetbuf_payload_size(VALUE self) {
-  return from_low_32_bits(packet_buf_of(self).payload_size());
+  return low_32_bits_to_integer(packet_buf_of(self).payload_size());
 }
 
 /*

@@ -21,7 +21,7 @@ ID id_maxdepth;
 // May run Ruby code: @maxdepth is converted with to_int.
 DecodeOptions decode_options(VALUE self) {
   const bool preserve_symbols = RTEST(rb_attr_get(self, id_preserve_symbols));
-  return {preserve_symbols, to_int32(rb_attr_get(self, id_maxdepth))};
+  return {preserve_symbols, cut_to_int32(rb_attr_get(self, id_maxdepth))};
 }
 
 /*

@@ -51,7 +51,7 @@ VALUE packetframein_assemble(VALUE self, VALUE data, VALUE offset) {
     rb_raise(rb_eArgError, "packetframein_assemble: data argument should be T_STRING");
   }
   if (RSTRING_LEN(data) == 0) return INT2FIX(0);
-  const int32_t from = to_int32(offset);  // may run Ruby code, which may change the String's length
+  const int32_t from = cut_to_int32(offset);  // may run Ruby code, which may change the String's length
   if (from < 0 || from >= RSTRING_LEN(data)) {
     rb_raise(rb_eArgError, "packetframein_assemble: offset argument out of range");
   }

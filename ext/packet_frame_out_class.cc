@@ -47,7 +47,7 @@ VALUE packetframeout_next_seq(VALUE self) {
  */
 VALUE packetframeout_set_next_seq(VALUE self, VALUE seq) {
   PacketFrameOut& frame = packet_frame_out_of(self);
-  frame.set_next_seq(to_uint16(seq));
+  frame.set_next_seq(cut_to_uint16(seq));
   return self;
 }
 
