@@ -16,7 +16,7 @@ thread_local size_t largest = SIZE_MAX;
 void* allocate(std::size_t size) {
   if (until_failure != 0 && --until_failure == 0) {
     if (standard_exception) throw std::bad_alloc();
-    throw until_failure;
+    throw 0;
   }
   if (size > largest) throw std::bad_alloc();
   void* const block = std::malloc(size == 0 ? 1 : size);
