@@ -17,7 +17,7 @@ class MachineStack {
  public:
   /// Enters a frame of a recursion that is `depth` levels deep: has_room(), or SystemStackError "stack level too deep".
   /// So it is beyond MAX_DEPTH, however large the stack.
-  void enter(int32_t depth, const void* here) {
+  void enter(int32_t depth, void* here) {
     if (depth > MAX_DEPTH || !has_room(here)) raise_too_deep();
   }
 
