@@ -24,7 +24,7 @@ end
 # The bytes of a frame, 16 per line, next to the lines of its value.
 def show(bytes, value)
   hex = bytes.unpack("H*")[0].scan(/../).each_slice(16).map { |line| line.join(" ") }
-  text = PP.pp(value, "", 60).lines.map(&:chomp)
+  text = PP.pp(value, +"", 60).lines.map(&:chomp)
   puts "One frame of #{bytes.bytesize} bytes, header first, and the value in it:", ""
   [hex.size, text.size].max.times { |n| puts format("  %-47s  %s", hex[n], text[n]).rstrip }
   puts
