@@ -3,19 +3,19 @@
 require_relative "helper"
 require_relative "ruby_process"
 
-# Each method where the kernel gives no more memory: with ever less room to grow, and then with ever less in what the
-# process holds already. What it ends in is a result or an error of Ruby's or ours, and the object serves on. Where Ruby
-# itself gives up it says so ("[FATAL] failed to allocate memory"), and ends; nothing else may end a process. Ruby 3.3
-# may instead stop in a jump to itself, in its own library: there, and only there, using up 3 s of the processor counts
-# as Ruby's end too.
+# Runs each method under RLIMIT_AS: with less and less room for the heap to grow, then with less and less free memory
+# inside the heap. The method must return its result or raise an error of Ruby's or ours, and the object must stay
+# usable. Where Ruby itself gives up it prints "[FATAL] failed to allocate memory" and exits; nothing else may end the
+# process. Ruby 3.3 may instead loop for ever in a jump to itself, in its own library: there, and only there, a process
+# that is killed after 3 s of CPU time counts as Ruby's end too.
 #
-# VORN_LIMITS says how many limits of each kind are tried (default: 2).
+# VORN_LIMITS sets how many limits of each kind are tried (default: 2).
 class AddressSpaceTest < ExtTest
   include RubyProcess
 
   LIMITS = Integer(ENV.fetch("VORN_LIMITS", "2"))
 
-  # Each has what is made beforehand, and the work. Its result is compared with that of later.
+  # [setup, work]: setup runs without a limit; work runs before, under and after the limit, with the same result.
   WORKS = <<-'RUBY'
     text = "x" * 3_000_000
     words = Array.new(30_000) { |i| "word #{i}" }
@@ -114,13 +114,13 @@ class AddressSpaceTest < ExtTest
       Process.setrlimit(Process::RLIMIT_AS, bytes, Process::RLIM_INFINITY)
     end
 
-    # The machine stack grows like other memory, and that it cannot is no error but the end: so it has grown already.
+    # A machine stack that cannot grow kills the process without an exception, so it is grown before the limit is set.
     def grow_stack(levels)
       levels.zero? ? 0 : [levels].each { |n| return grow_stack(n - 1) }
     end
 
-    # Uses up what the process holds, down to pieces of this size. Not by Strings: Ruby 2.7 ends at its second
-    # NoMemoryError, and Ruby 3.3 may never come back from one.
+    # Fills the heap's free blocks down to this size. Not with Strings: Ruby 2.7 exits at its second NoMemoryError, and
+    # Ruby 3.3 may never return from one.
     def use_up(smallest, kept)
       size = 1 << 24
       while size >= smallest
@@ -132,7 +132,7 @@ class AddressSpaceTest < ExtTest
       end
     end
 
-    # What became of the work: "fine", or the error. Only memory may be lacking.
+    # "fine", or the name of the error. Any error but a lack of memory is "wrong".
     def attempt(setup, work, room, smallest)
       object = setup.call
       expected = work.call(setup.call)
@@ -153,7 +153,7 @@ class AddressSpaceTest < ExtTest
       end
       limit(Process::RLIM_INFINITY)
       kept.clear
-      # Writing goes on in a buffer that holds what was written before.
+      # The object keeps what the failed attempt left, and the work starts over in it.
       usable = work.call(object) == expected
       usable ? result : "unusable after #{result}"
     end

@@ -6,15 +6,15 @@ require "tmpdir"
 require_relative "helper"
 require_relative "ruby_process"
 
-# Each native allocation of each method fails once, the first, the second, until the method needs no more. What is left
-# is an object that can be used, and nothing more in memory than before.
+# Fails each native allocation of each method in turn: the first, then the second, and so on. The object must stay
+# usable, and no memory may leak.
 class AllocationFailureTest < ExtTest
   include RubyProcess
 
   ROOT = File.expand_path("../..", __dir__)
   NO_MEMORY = "C++ exception: std::bad_alloc"
 
-  # The preloaded allocator, compiled once.
+  # The library for LD_PRELOAD, compiled once for all tests.
   def self.allocator
     @allocator ||= begin
       folder = Dir.mktmpdir("vorn")
@@ -25,7 +25,7 @@ class AllocationFailureTest < ExtTest
         Shellwords.escape(File.join(ROOT, "test/support", name))
       end
       system("#{ENV["CXX"] || "g++"} -std=c++17 -Wno-register -shared -fPIC -Wl,-z,lazy -I#{Shellwords.escape(ROOT)} " \
-             "#{includes.join(" ")} #{sources.join(" ")} -o #{Shellwords.escape(library)}") or raise "no allocator"
+             "#{includes.join(" ")} #{sources.join(" ")} -o #{Shellwords.escape(library)}") or raise "no #{library}"
       library
     end
   end
@@ -51,8 +51,8 @@ class AllocationFailureTest < ExtTest
       e.message
     end
 
-    # Fails the first, the second ... allocation of `work`, which gets what `setup` has made, until it needs no more.
-    # Prints the failures' texts. `state` of the object is compared with that before the failure.
+    # Fails each allocation of `work` in turn, with a fresh object of `setup` each time, and prints the error texts. A
+    # failure must not change the object's `state`, and the object must stay usable.
     def fail_each(name, setup, state, work)
       expected = work.call(setup.call)
       texts = []
@@ -92,7 +92,7 @@ class AllocationFailureTest < ExtTest
     RUBY
   end
 
-  # A failing write leaves what was written before it, and here nothing was.
+  # A failing write keeps what it has already written. Each value here fails at its first byte, so nothing changes.
   def test_writing
     expected = %w[write_raw gap string symbol array integers hash copy_object].map { |name| [name, [NO_MEMORY]] }
     assert_fails expected, <<-'RUBY'
@@ -112,7 +112,7 @@ class AllocationFailureTest < ExtTest
     RUBY
   end
 
-  # What comes before the failing part stays, and the position behind it.
+  # A failing write keeps the members before the one that failed, and the position behind them.
   def test_writing_in_the_middle_of_a_value
     assert_equal "true\n" * 6, with_allocator(<<-'RUBY')
       class OwnEach < Hash
@@ -131,7 +131,7 @@ class AllocationFailureTest < ExtTest
     RUBY
   end
 
-  # The checking pass counts the members of arrays, beyond the first 32 in native memory.
+  # The checking pass stores how many members each array has, on the heap beyond the first 32 arrays.
   def test_reading
     output = with_allocator(<<-'RUBY')
       arrays = PacketBuf.new.write_object([[]] * 2000).to_str
@@ -145,7 +145,7 @@ class AllocationFailureTest < ExtTest
     texts.each do |name, list|
       failures = list.scan(/"([^"]*)"/).flatten
       assert_operator failures.size, :>=, 7, name
-      # copy_object's destination is made by the work, too
+      # The work of copy_object also allocates its destination.
       assert_equal [NO_MEMORY], failures.reject { |text| text =~ /newing PacketBuf\z/ }.uniq, name
     end
   end
@@ -173,7 +173,7 @@ class AllocationFailureTest < ExtTest
     RUBY
   end
 
-  # An error's text is native memory too: without it the error is another one.
+  # Building an error's text allocates memory; if that fails, std::bad_alloc is raised instead.
   def test_failing_errors
     expected = [["oversize", [NO_MEMORY]], ["no room for the header", [NO_MEMORY]]]
     assert_equal expected.map(&:first), with_allocator(<<-'RUBY').lines.map { |line| line[/\A[^:]*/] }
@@ -184,7 +184,7 @@ class AllocationFailureTest < ExtTest
     RUBY
   end
 
-  def test_what_is_no_standard_exception
+  def test_exception_that_is_not_a_standard_exception
     assert_equal "true unknown C++ exception in vorn-rpc-ext, true\n", with_allocator(<<-'RUBY')
       buf = PacketBuf.new << 1
       FailingAllocator.arm_unknown(1)
@@ -193,7 +193,7 @@ class AllocationFailureTest < ExtTest
     RUBY
   end
 
-  def test_nothing_is_lost
+  def test_nothing_leaks
     lost = with_allocator(<<-'RUBY').to_i
       arrays = PacketBuf.new.write_object([[]] * 2000).to_str
       frame = PacketFrameOut.new
@@ -218,7 +218,8 @@ class AllocationFailureTest < ExtTest
       20.times { run.call }
       print collect.call - before
     RUBY
-    # The machine stack may keep a few objects of three blocks each; 2,800 operations would lose thousands.
+    # Conservative marking of the machine stack may keep a few objects of three blocks each; a leak in 2,800 operations
+    # would show thousands.
     assert_operator lost, :<=, 60
   end
 end

@@ -5,7 +5,7 @@ require_relative "helper"
 # `to_int` of an argument is Ruby code that runs after a method has been called and before it does its work: it can
 # change the buffer, the frame and the other arguments. The method raises a Ruby exception or returns the right result.
 class ArgumentConversionTest < ExtTest
-  # A number whose conversion does something first.
+  # A number whose to_int runs a block first.
   class OwnInteger
     def initialize(number, &body)
       @number = number
@@ -77,7 +77,7 @@ class ArgumentConversionTest < ExtTest
   def test_maxdepth_that_uses_the_buffer
     buf = buf_of(Hex.decode("0a 81 82 0b 83"))
     buf.maxdepth = OwnInteger.new(64) { buf.seek(4) }
-    assert_equal 3, buf.extract_object, "the position counts after the conversion"
+    assert_equal 3, buf.extract_object, "extract_object reads the position after the conversion"
     buf.maxdepth = OwnInteger.new(64) { buf.seek(5).write_raw(MEGABYTES).seek(0) }
     assert_equal [1, 2], buf.extract_object
     buf.maxdepth = OwnInteger.new(64) { buf.maxdepth = 64; buf.seek(0).extract_object }

@@ -4,11 +4,11 @@ require "fiber"
 require_relative "helper"
 require_relative "ruby_process"
 
-# Threads, fibers, processes and Ractors that change over in the middle of things.
+# Switches between threads, fibers, processes and Ractors in the middle of encoding and decoding.
 class ConcurrencyTest < ExtTest
   include RubyProcess
 
-  # A Hash whose iteration lets others run between its pairs.
+  # A Hash whose iteration switches to another thread or fiber before each pair.
   class Switching < Hash
     def self.of(hash, &switch)
       new.merge!(hash).tap { |own| own.instance_variable_set(:@switch, switch) }
@@ -65,8 +65,8 @@ class ConcurrencyTest < ExtTest
     assert_equal [expected] * 3, written
   end
 
-  # Whoever writes goes on at the position where the last one stopped.
-  def test_a_buffer_of_two_fibers
+  # Each writer continues at the position where the other one stopped.
+  def test_a_buffer_shared_by_two_fibers
     buf = PacketBuf.new
     fiber = Fiber.new { buf << Switching.of(1 => 2, 3 => 4) { Fiber.yield } }
     fiber.resume
@@ -77,16 +77,16 @@ class ConcurrencyTest < ExtTest
     assert_equal "08 85 81 82 0a #{'86 ' * 40_000}0b 83 84 09", Hex.encode(buf.to_str)
   end
 
-  def test_a_buffer_of_several_threads
+  def test_a_buffer_shared_by_threads
     buf = PacketBuf.new
     threads = Array.new(4) { |n| Thread.new { 200.times { buf << Switching.of(n => "x" * 200) { Thread.pass } } } }
     threads.each(&:join)
-    # Every byte of every thread is there, in whatever order of whole scalars.
+    # The threads' scalars may interleave, but none is torn or lost.
     assert_equal 4 * 200 * (3 + 3 + 200), buf.pos
     assert_equal 4 * 200 * 200, buf.to_str.count("x")
   end
 
-  # Arrays whose `hash` lets others run, in the middle of a message that has them as keys.
+  # Arrays whose `hash` switches fibers: decoding calls it for each key that is an Array.
   SWITCHING_KEYS = <<-'RUBY'
     require "fiber"
     $switch = false
@@ -99,8 +99,8 @@ class ConcurrencyTest < ExtTest
     Array.prepend(Switch)
   RUBY
 
-  # A key's `hash` that lets others run; they read the same buffer, and write to it. Older interpreters allow no change
-  # of fibers there, and say so.
+  # Fibers that read and write the same buffer take turns inside a key's `hash`. Older Rubies refuse to switch fibers
+  # there, with a FiberError.
   def test_fibers_that_read_one_buffer
     assert_equal "true\n" * 2, run_ruby(SWITCHING_KEYS + <<-'RUBY')
       value = { [1] => 2, [3] => 4 }
@@ -128,7 +128,7 @@ class ConcurrencyTest < ExtTest
     RUBY
   end
 
-  # A fiber that nobody resumes never comes back to give anything back.
+  # The stack of a fiber that is never resumed is never unwound, so a decode may not rely on unwinding to free memory.
   def test_fibers_abandoned_in_a_key
     skip_without_proc
     skip_under_sanitizers
@@ -140,7 +140,7 @@ class ConcurrencyTest < ExtTest
           Fiber.new do
             begin
               PacketBuf.new.write_raw(arrays).seek(0).extract_object
-            rescue FiberError # no change of fibers here, in older interpreters
+            rescue FiberError # older Rubies refuse to switch fibers here
             end
           end.resume
         end
@@ -174,7 +174,7 @@ class ConcurrencyTest < ExtTest
     assert_equal [PAIRS, out_frame("first", "parent")], finish.call("parent")
   end
 
-  def test_fork_inside_of_a_callback
+  def test_fork_inside_a_callback
     skip "no fork here" unless Process.respond_to?(:fork)
     child = nil
     buf = PacketBuf.new
@@ -185,7 +185,7 @@ class ConcurrencyTest < ExtTest
     assert_equal ["08 81 82 09", :in_the_child], [Hex.encode(written), child]
   end
 
-  # What the block returns in a child process.
+  # The block's result in a child process.
   def in_a_fork
     reader, writer = IO.pipe.each(&:binmode)
     pid = fork do
@@ -199,7 +199,7 @@ class ConcurrencyTest < ExtTest
     writer.close
     text = reader.read.unpack("m")[0].force_encoding("UTF-8")
     Process.wait(pid)
-    eval(text) # our own child's words
+    eval(text) # safe: our own child wrote it
   end
 
   def out_frame(*values)
@@ -242,8 +242,8 @@ class ConcurrencyTest < ExtTest
     RUBY
   end
 
-  # The keys that a Ractor keeps go with it.
-  def test_ractors_that_come_and_go
+  # A Ractor's key cache must be freed with the Ractor.
+  def test_key_caches_are_freed_with_their_ractors
     kept = ractors(<<-'RUBY').to_i
       200.times do |n|
         Ractor.new(n) do |number|
@@ -256,7 +256,7 @@ class ConcurrencyTest < ExtTest
       4.times { GC.start }
       print ObjectSpace.each_object(String).count { |string| string =~ /\Aractor \d+ key \d+ \.+\z/ }
     RUBY
-    # Of 10,000 keys those of the last few Ractors may still be found on a stack.
+    # Conservative marking of the stacks may keep the keys of the last few Ractors, out of 10,000.
     assert_operator kept, :<=, 1000
   end
 

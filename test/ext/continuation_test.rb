@@ -9,7 +9,7 @@ class ContinuationTest < ExtTest
   include RubyProcess
 
   START = <<-'RUBY'
-    require "continuation" # which is called obsolete, hence no warnings
+    require "continuation" # deprecated, so these processes run without warnings
     ENDED = "serialize_rbobj_to_packetbuf: hash iteration has ended"
     def text(buf)
       buf.to_str.unpack("H*")[0]
@@ -25,9 +25,9 @@ class ContinuationTest < ExtTest
   ENDED = "serialize_rbobj_to_packetbuf: hash iteration has ended"
   UNSUPPORTED = "serialize_rbobj_to_packetbuf: unsupported rb_type"
 
-  # Each program goes on in the middle of a value that is already written.
+  # Each program re-enters the writing of a value that has already been written.
   PROGRAMS = {
-    "an each goes on when writing has ended" => [<<-'RUBY', ["08818209", "0881820a81820b", ENDED]],
+    "an each resumed after writing has ended" => [<<-'RUBY', ["08818209", "0881820a81820b", ENDED]],
       $times = 0
       $buf = PacketBuf.new
       message = worded do
@@ -45,8 +45,8 @@ class ContinuationTest < ExtTest
       end
       puts text($buf), message
     RUBY
-    # Whoever calls a continuation leaves all that is under way, even to come back to it at once.
-    "an each goes on within its iteration" => [<<-'RUBY', [ENDED, "0881828182"]],
+    # Calling a continuation unwinds the iteration first, even if the continuation re-enters it at once.
+    "an each resumed during its iteration" => [<<-'RUBY', [ENDED, "0881828182"]],
       $times = 0
       $buf = PacketBuf.new
       message = worded do
@@ -58,21 +58,21 @@ class ContinuationTest < ExtTest
       end
       puts message, text($buf)
     RUBY
-    "what is around goes on" => [<<-'RUBY', ["0a810a8008090b840b" + "090b840b" * 3]],
+    "the surrounding Array is resumed" => [<<-'RUBY', ["0a810a8008090b840b" + "090b840b" * 3]],
       $times = 0
       $buf = PacketBuf.new
       $buf << [1, [0, OwnEach.new { callcc { |k| $again = k } }], 4]
       $again.call if ($times += 1) < 4
       puts text($buf)
     RUBY
-    "a plain Hash around it goes on" => [<<-'RUBY', ["08810809838409" + "09838409" * 3]],
+    "the surrounding Hash is resumed" => [<<-'RUBY', ["08810809838409" + "09838409" * 3]],
       $times = 0
       $buf = PacketBuf.new
       $buf << { 1 => OwnEach.new { callcc { |k| $again = k } }, 3 => 4 }
       $again.call if ($times += 1) < 4
       puts text($buf)
     RUBY
-    "what is written meanwhile moves the storage" => [<<-'RUBY', ["true"]],
+    "the storage moves before it is resumed" => [<<-'RUBY', ["true"]],
       $times = 0
       $buf = PacketBuf.new
       $buf << [OwnEach.new { callcc { |k| $again = k } }, "end".b]
@@ -82,7 +82,7 @@ class ContinuationTest < ExtTest
       rest = "0905" + "03656e640b" + "78" * 1_000_000
       puts text($buf) == "0a08" + rest * 5
     RUBY
-    "nothing else leads to the buffer" => [<<-'RUBY', ["5", "true"]],
+    "only the continuation references the buffer" => [<<-'RUBY', ["5", "true"]],
       $times = 0
       def write_somewhere
         PacketBuf.new << [OwnEach.new { callcc { |k| $again = k } }, "end" * 1000]
@@ -118,7 +118,7 @@ class ContinuationTest < ExtTest
       puts message == "number #{$times}"
       $again.call if ($times += 1) < 4
     RUBY
-    "the conversion of maxdepth goes on" => [<<-'RUBY', ["0a810a820b0b" * 3] + ["[1, [2]]"] * 3],
+    "the conversion of maxdepth is resumed" => [<<-'RUBY', ["0a810a820b0b" * 3] + ["[1, [2]]"] * 3],
       class Depth
         def to_int
           callcc { |k| $again = k }

@@ -20,9 +20,8 @@ class CopyObjectTest < ExtTest
     assert_equal ["0a 81 0b 82", 4, 4], [Hex.encode(to.to_str), from.pos, to.pos]
   end
 
-  # Forms that reading and writing again would change: negative zero, floats of 32 bits, needless groups, symbols,
-  # keys met twice.
-  def test_copies_what_the_writer_would_write_otherwise
+  # Decoding and encoding would change these: negative zero, 32-bit floats, overlong varints, symbols, repeated keys.
+  def test_copies_encodings_that_the_writer_never_produces
     ["c0", "03 3f c0 00 00", "a5 80 00", "06 01 61", "07 81 00 61", "08 81 82 81 83 09", "06 01 ff"].each do |text|
       to = PacketBuf.new
       buf_of(Hex.decode(text)).copy_object(to)
@@ -92,7 +91,7 @@ class CopyObjectTest < ExtTest
     assert_equal 1, to.payload_size
   end
 
-  def test_follows_the_limit_of_the_receiver
+  def test_obeys_the_maxdepth_of_the_receiver
     from = buf_of(Hex.decode("0a 0a 81 0b 0b"))
     to = PacketBuf.new
     to.maxdepth = 0
@@ -103,8 +102,8 @@ class CopyObjectTest < ExtTest
     assert_equal 5, to.pos
   end
 
-  # Checking a value takes no stack, however deep it is.
-  def test_follows_any_depth
+  # The checking pass does not recurse, so any depth fits on the machine stack.
+  def test_copies_values_of_any_depth
     bytes = "\x0a" * 1_000_000 + "\x0b" * 1_000_000
     from = buf_of(bytes)
     from.maxdepth = 2**31 - 1
@@ -127,15 +126,15 @@ class CopyObjectTest < ExtTest
     assert_equal "0a 81 0b 0a 81 0b 85", Hex.encode(buf.seek(7).to_str)
   end
 
-  # Storage moves while the bytes are copied out of it: at the end of the first 65536 bytes, and at that of the
-  # storage that follows.
+  # The copy grows the storage, which moves the bytes that are being copied: beyond the initial 65536 bytes, and beyond
+  # the next capacity.
   def test_its_own_storage_may_move
     [32_760, 32_768, 65_535, 65_536, 131_072].each do |middle|
       (middle - 6..middle + 2).each do |size|
         value = PacketBuf.new.write_object((0...size).map { |i| i * 31 % 251 }.pack("C*")).to_str
         buf = buf_of(value)
         buf.copy_object(buf)
-        assert buf.to_str == value + value, "#{size} bytes behind themselves"
+        assert buf.to_str == value + value, "#{size} bytes copied behind themselves"
       end
     end
   end

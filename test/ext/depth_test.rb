@@ -3,12 +3,11 @@
 require_relative "helper"
 require_relative "ruby_process"
 
-# Deep values on the machine stack: those of the default limit fit, deeper ones are refused where it would end.
+# Decoding recurses on the machine stack: values within the default maxdepth fit, and deeper ones must raise
+# SystemStackError before the stack overflows.
 class DepthTest < ExtTest
   include RubyProcess
 
-  # Arrays, hashes by their values, a deep array as key, hashes by their keys, two deep keys
-  # that are equal.
   DEEP = <<-'RUBY'
     KINDS = {
       array: ->(n) { "\x0a" * n + "\x0b" * n },
@@ -39,7 +38,7 @@ class DepthTest < ExtTest
     def check(found)
       found.each { |it| abort "#{it} #{caller[0]}" unless [Array, Hash, SystemStackError].include?(it) }
     end
-    # Twice in each: the second time is another matter where the first left something undone.
+    # Every decode runs twice: the second one fails if an aborted first one left state behind.
     def read_all(depths, kinds = KINDS.keys, places = WHERE.keys)
       kinds.product(depths, places) do |kind, depth, place|
         bytes = KINDS[kind].call(depth)
@@ -50,10 +49,10 @@ class DepthTest < ExtTest
   RUBY
   CALM = "STRESS = false\n#{DEEP}".freeze
   STRESSED = "STRESS = true\n#{DEEP}".freeze
-  # Ruby takes its minimum for a size below that.
+  # Ruby replaces sizes below its minimum by the minimum.
   SMALL = { "RUBY_THREAD_MACHINE_STACK_SIZE" => "1", "RUBY_FIBER_MACHINE_STACK_SIZE" => "1" }.freeze
 
-  LITTLE = "--disable-gems".freeze # to collect
+  LITTLE = "--disable-gems".freeze # fewer objects to mark in each collection
 
   def test_values_that_exhaust_the_stack
     assert_equal "[]\n", run_ruby("#{CALM} read_all([200, 1000, 3000, 100_000], [:array, :hash])")
@@ -76,7 +75,7 @@ class DepthTest < ExtTest
     end
   end
 
-  # Where the interpreter itself meets the end while it hashes, it dies in a collection.
+  # Other depths are left out: if the stack ends inside the interpreter's own hashing, a collection there crashes it.
   def test_keys_that_exhaust_small_stacks_with_a_collection_at_every_allocation
     with_env(SMALL) do
       assert_equal "[]\n", run_ruby("#{STRESSED} read_all([64, 200], [:array_key], [:thread])", LITTLE)
@@ -84,7 +83,7 @@ class DepthTest < ExtTest
     end
   end
 
-  # A key's hash that reads, and so on: each decode starts further down, and is shallow itself.
+  # A key's `hash` decodes a message with such a key again: each decode is shallow, but starts deeper on the stack.
   NESTED = <<-'RUBY'
     class Array
       remove_method :hash
@@ -95,7 +94,7 @@ class DepthTest < ExtTest
     WHERE.each_value do |where|
       2.times do
         outcomes = where.call { Array.new(2) { outcome { [].hash } } }
-        abort "no end" unless check(outcomes) == [SystemStackError] * 2
+        abort "no SystemStackError" unless check(outcomes) == [SystemStackError] * 2
       end
     end
     puts :done
@@ -106,7 +105,7 @@ class DepthTest < ExtTest
     with_env(SMALL) { assert_equal "done\n", run_ruby("#{CALM}#{NESTED}") }
   end
 
-  # A main thread's stack of 8 MB has room for them.
+  # A main thread's stack of 8 MB has room for 10,000 levels, so the fixed bound refuses the next one.
   def test_depth_is_bounded_whatever_the_limit_says
     skip_under_sanitizers # their stack frames are larger
     assert_equal "10000\nstack level too deep\n", run_ruby(<<-'RUBY')

@@ -2,17 +2,16 @@
 
 require_relative "helper"
 
-# The examples in the comments over the methods hold. An example is what such a comment indents:
+# Runs the examples in the methods' comments. Indented lines are examples:
 #
-#   expr                           runs
-#   expr  # => value               is compared
-#   expr  # raises Class "text"    likewise
+#   expr                           must run
+#   expr  # => value               must return this value
+#   expr  # raises Class "text"    must raise this exception
 class DocumentationTest < ExtTest
   SOURCES = Dir[File.expand_path("../../ext/*.cc", __dir__)].sort
 
   Comment = Struct.new(:place, :signatures, :example)
 
-  # Every comment with a call-seq.
   COMMENTS = SOURCES.flat_map do |source|
     text = File.read(source, encoding: "UTF-8")
     text.to_enum(:scan, %r{/\*\n(.*?)\s*\*/}m).map do
@@ -31,7 +30,7 @@ class DocumentationTest < ExtTest
     case line
     when /\A(.*?)\s+# => (.*)\z/
       expected, actual = eval($2, scope), eval($1, scope)
-      # Bytes are written as text in examples.
+      # Examples show bytes as text literals, so encodings are not compared.
       expected, actual = [expected, actual].map { |value| value.is_a?(String) ? value.b : value }
       assert_equal [expected], [actual], note
     when /\A(.*?)\s+# raises (\w+) (".*")\z/
@@ -46,7 +45,7 @@ class DocumentationTest < ExtTest
     define_method("test_example at #{comment.place}") do
       refute_empty comment.example
       results = comment.example.grep(/# (=>|raises) /)
-      refute_empty results, "an example shows a result"
+      refute_empty results, "no line of the example shows a result"
       scope = binding
       comment.example.each { |line| check(line, scope, comment.place) }
     end

@@ -4,7 +4,7 @@ require_relative "helper"
 require_relative "ruby_process"
 require_relative "../support/model"
 
-# The collector runs, and moves objects, in the middle of everything.
+# Collections and compactions in the middle of encoding, decoding and callbacks.
 class GcTest < ExtTest
   include RubyProcess
 
@@ -58,7 +58,7 @@ class GcTest < ExtTest
     assert_equal (0...10).map { |n| :"dynamic #{n}" }, read
   end
 
-  # The keys of recent messages outlive them, whatever the collector does in between.
+  # The key cache holds keys beyond their message: they must survive every kind of collection.
   def test_keys_from_message_to_message
     between = [-> {}, -> { GC.start }, -> { GC.start(full_mark: false) }]
     between << -> { GC.compact } if can_compact?
@@ -75,10 +75,10 @@ class GcTest < ExtTest
     assert_equal messages[0, 20], hashes
   end
 
-  # Each place for a recent key holds it over collections: the same object is found in the next message. The first byte
-  # of these keys chooses among all places.
-  def test_every_place_for_a_recent_key
-    skip "Ruby #{RUBY_VERSION} keeps no keys" if RUBY_VERSION < "3.0"
+  # Each slot of the key cache must keep its key alive: the next message gets the same object. The first byte of these
+  # keys selects each slot in turn.
+  def test_every_slot_of_the_key_cache
+    skip "Ruby #{RUBY_VERSION} has no key cache" if RUBY_VERSION < "3.0"
     out = run_ruby(<<-'RUBY')
       BUF = PacketBuf.new
       def ids(second)
@@ -91,8 +91,8 @@ class GcTest < ExtTest
           before = ids(second)
           2.times { collect.call }
           after = ids(second)
-          before.zip(after).each_with_index { |(was, is), first| abort "place of #{first}" unless was == is }
-          abort "one place for several" unless after.uniq.size == 128
+          before.zip(after).each_with_index { |(was, is), first| abort "lost slot #{first}" unless was == is }
+          abort "several keys in one slot" unless after.uniq.size == 128
         end
       end
       puts :held
@@ -127,8 +127,8 @@ class GcTest < ExtTest
     end
   end
 
-  # A collection that native memory has triggered runs finalizers, and these can use native memory too: it has to
-  # trigger collections as well, or it would pile up until all finalizers are done.
+  # A collection that native memory has triggered runs finalizers. These can use native memory too, which has to trigger
+  # collections as well, or it would pile up until all finalizers are done.
   def test_storage_is_collected_while_a_finalizer_runs
     skip_without_proc
     skip_under_sanitizers
@@ -173,7 +173,7 @@ class GcTest < ExtTest
   end
 
   def test_objects_are_moved
-    skip "nothing is moved by Ruby #{RUBY_VERSION}" unless can_compact?
+    skip "Ruby #{RUBY_VERSION} does not compact" unless can_compact?
     bufs = (0...200).map { |n| PacketBuf.new << { n => VALUE } }
     frame = PacketFrameIn.new.reset
     bytes = (PacketFrameOut.new.reset << VALUE).compute_frame_header.to_str
@@ -185,7 +185,7 @@ class GcTest < ExtTest
   end
 
   def test_objects_are_moved_while_they_are_written_and_read
-    skip "nothing is moved by Ruby #{RUBY_VERSION}" unless can_compact?
+    skip "Ruby #{RUBY_VERSION} does not compact" unless can_compact?
     moving = Class.new(Hash) do
       def each
         super do |key, value|
@@ -212,7 +212,7 @@ class GcTest < ExtTest
     end
   end
 
-  # What symbols become by default.
+  # Symbols are read as Strings by default.
   AS_READ = lambda do |value|
     case value
     when Array then value.map(&AS_READ)

@@ -1,15 +1,15 @@
 # frozen_string_literal: true
 
-# What every test of the extension starts from.
+# The base class of the extension's tests.
 #
-# VORN_GC sets how hard the collector works meanwhile:
+# VORN_GC sets how often the garbage collector runs:
 #
 #   normal   as in any program (default)
 #   major    a full collection around each test
-#   compact  live objects are moved around each test, where the interpreter can
+#   compact  a compaction around each test, where the interpreter can
 #   stress   a collection at every allocation inside encode() and decode()
 
-# Behind everything else: a build in its own folder comes first.
+# Appended, so that a build folder given with -I takes precedence over lib/.
 %w[.. ../../lib].each do |relative|
   folder = File.expand_path(relative, __dir__)
   $LOAD_PATH.push(folder) unless $LOAD_PATH.include?(folder)
@@ -52,10 +52,9 @@ class ExtTest < Minitest::Test
   include CollectorLevel
   include VORN::PROTO
 
-  # More than a buffer has room for: writing it moves the storage.
+  # Larger than a buffer's initial capacity: writing it reallocates the storage.
   MEGABYTES = ("m" * 3_000_000).freeze
 
-  # A buffer that holds these bytes, at position 0.
   def buf_of(bytes)
     PacketBuf.new.write_raw(bytes).seek(0)
   end
@@ -68,12 +67,11 @@ class ExtTest < Minitest::Test
     end
   end
 
-  # The encoding of a value, as hex text.
   def encode(obj)
     Hex.encode(at_level { PacketBuf.new.write_object(obj).to_str })
   end
 
-  # The value that hex text stands for. All of it must be used up.
+  # The value must consume all bytes.
   def decode(text, options = {})
     buf = buf_of(Hex.decode(text))
     options.each { |name, value| buf.public_send("#{name}=", value) }
@@ -88,7 +86,7 @@ class ExtTest < Minitest::Test
     raised
   end
 
-  # The buffer serves as if nothing had happened.
+  # An error must not leave the buffer unusable.
   def assert_usable(buf)
     buf.maxdepth = 64
     start = buf.reset.pos

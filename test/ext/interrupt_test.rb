@@ -3,12 +3,12 @@
 require_relative "helper"
 require_relative "ruby_process"
 
-# A value that holds a part of itself twice, and that likewise, takes more bytes than there is memory for. Writing it is
-# interrupted as any Ruby code would be, and leaves what a failing write leaves.
+# A part that is shared twice at each of 61 levels takes more bytes than there is memory for. Writing it must be
+# interruptible like any Ruby code, and leave what a failing write leaves.
 class InterruptTest < ExtTest
   include RubyProcess
 
-  # What is written over and over. Each is a way through the serializer that has a loop of its own.
+  # Each part takes another loop of the serializer.
   PARTS = {
     "nil" => "nil", "empty hashes" => "[{}] * 400", "pairs" => "{ 1 => 2.5 }", "keys" => "{ { 1 => 2 } => 3 }",
     "Integers" => "[7] * 3_000_000", "long Integers" => "[2**62] * 100_000", "Floats" => "[0.5] * 1_000_000",
@@ -18,7 +18,7 @@ class InterruptTest < ExtTest
     "an each in C" => "Class.new(Hash) { alias_method :each, :each_pair }[(0...100_000).map { |i| [i, i] }]"
   }.freeze
 
-  # Where nothing hears an interrupt the memory ends before the time does.
+  # The memory limit ends a process whose serializer ignores interrupts.
   BOUNDS = <<-RUBY
     require "timeout"
     Process.setrlimit(:AS, 3 << 30) if ENV["LD_PRELOAD"].to_s.empty?
@@ -29,15 +29,14 @@ class InterruptTest < ExtTest
       started = Process.clock_gettime(Process::CLOCK_MONOTONIC)
       yield
       took = Process.clock_gettime(Process::CLOCK_MONOTONIC) - started
-      abort "heard after \#{took} s" if took > 20
-      # What a failing write leaves: what was written, and the position behind it.
+      abort "interrupted only after \#{took} s" if took > 20
+      # A failing write keeps what it has written, and the position behind it.
       abort "position \#{buf.pos} of \#{buf.payload_size}" unless buf.pos == buf.payload_size
-      abort "start" unless buf.seek([buf.pos, 61].min).to_str.bytes.uniq.all? { |byte| byte == 0x0A }
-      abort "use" unless (buf.reset << [1, { 2 => 3 }]).to_str == "\\x0A\\x81\\x08\\x82\\x83\\x09\\x0B".b
+      abort "wrong bytes at the start" unless buf.seek([buf.pos, 61].min).to_str.bytes.uniq.all? { |byte| byte == 0x0A }
+      abort "unusable" unless (buf.reset << [1, { 2 => 3 }]).to_str == "\\x0A\\x81\\x08\\x82\\x83\\x09\\x0B".b
     end
   RUBY
 
-  # The code runs to its end, within the bounds.
   def assert_runs(code)
     assert_equal "well\n", run_ruby("#{BOUNDS}\n#{code}\nputs :well")
   end
@@ -58,7 +57,6 @@ class InterruptTest < ExtTest
     end
   end
 
-  # How a program interrupts itself. The thread that writes is there when `there` has something.
   WAYS = {
     "Thread#kill" => "thread.kill",
     "Thread#raise" => "thread.raise(IOError, 'stop')",
@@ -76,7 +74,7 @@ class InterruptTest < ExtTest
               Thread.current.report_on_exception = false if Thread.current.respond_to?(:report_on_exception=)
               buf << value
             end
-            sleep 0.01 until buf.pos > 0 # others run meanwhile
+            sleep 0.01 until buf.pos > 0 # the writer lets this thread run
             #{stop}
             begin
               abort "not interrupted" if thread.value
@@ -93,7 +91,7 @@ class InterruptTest < ExtTest
       buf = PacketBuf.new
       asked = 0
       trap("USR1") { asked += 1 }
-      trap("INT", "DEFAULT") # a shell that runs this in the background has it ignored
+      trap("INT", "DEFAULT") # a background job inherits SIGINT ignored
       bounded(buf) do
         begin
           child = fork do
@@ -104,7 +102,7 @@ class InterruptTest < ExtTest
             sleep 0.1
             Process.kill(:INT, Process.ppid)
           end
-          buf << sharing({ { 1 => 2 } => 3 }) # slow, so that a child that gets no processor still comes in time
+          buf << sharing({ { 1 => 2 } => 3 }) # slow, so that even a starved child can signal before memory ends
         rescue Interrupt
           Process.wait(child)
           puts "asked #{asked} times, interrupted"
@@ -113,8 +111,8 @@ class InterruptTest < ExtTest
     RUBY
   end
 
-  def test_an_exception_that_is_put_off_until_the_value_is_written
-    skip "no such thing" unless Thread.respond_to?(:handle_interrupt)
+  def test_an_exception_deferred_until_the_value_is_written
+    skip "no Thread.handle_interrupt" unless Thread.respond_to?(:handle_interrupt)
     assert_equal "true true\n", run_ruby(<<-'RUBY')
       value = 20.times.inject(nil) { |inner, _| [inner, inner] }
       buf = PacketBuf.new
@@ -126,7 +124,7 @@ class InterruptTest < ExtTest
             buf << value
             length = buf.pos
           end
-          sleep 10 # in case it comes late
+          sleep 10 # the exception may arrive only now
         rescue IOError
           :raised
         end
@@ -137,9 +135,9 @@ class InterruptTest < ExtTest
     RUBY
   end
 
-  # --- what others do to the value meanwhile --------------------------------------------------------------
+  # --- values that change while they are written ----------------------------------------------------------
 
-  # Another thread changes the containers while they are written, all the time; what is written can be read.
+  # Another thread keeps changing the containers while they are written. The bytes must still decode.
   CHANGES = {
     "Integers" => ["[7] * 200_000", "it.clear; it.concat([8] * 100_000); it.push(*[9] * 100)"],
     "members" => ["['t', nil, 2.5] * 20_000", "it.pop(30_000); it.concat([[1]] * 40_000)"],
@@ -166,7 +164,7 @@ class InterruptTest < ExtTest
           until done
             begin
               #{change}
-            rescue RuntimeError # of a hash that is iterated
+            rescue RuntimeError # the hash is being iterated
             end
             Thread.pass
           end
@@ -192,7 +190,7 @@ class InterruptTest < ExtTest
     end
   end
 
-  # A handler runs in the middle of the value, in the very thread that writes it.
+  # A signal handler runs on the writing thread, in the middle of the value.
   def test_a_handler_that_uses_the_buffer
     assert_runs(<<-'RUBY')
       buf = PacketBuf.new
@@ -215,13 +213,13 @@ class InterruptTest < ExtTest
         done = true
         sender.join
         trap("USR1", "IGNORE")
-        abort "shorter" unless length >= 20_080_000
+        abort "only #{length} bytes" unless length >= 20_080_000
       end
-      abort "use" unless (buf.reset << 1).to_str == "\x81".b
+      abort "unusable" unless (buf.reset << 1).to_str == "\x81".b
     RUBY
   end
 
-  # --- a String in pieces ---------------------------------------------------------------------------------
+  # --- a String written in pieces -------------------------------------------------------------------------
 
   PIECE = 16 << 20
 
@@ -237,7 +235,7 @@ class InterruptTest < ExtTest
     end
   end
 
-  def test_a_long_string_stays_the_programs_own
+  def test_a_long_string_is_neither_frozen_nor_shared
     text = "a" * (PIECE + 1)
     buf = PacketBuf.new << text
     text << "b"

@@ -5,7 +5,7 @@ require_relative "helper"
 # `hash` of a key is Ruby code that runs in the middle of decoding: it can change the buffer that is being read.
 # Decoding raises a Ruby exception or returns the right result.
 class KeyHashTest < ExtTest
-  # Array#hash that does something first, once.
+  # An Array#hash that runs `body` first, once.
   module HashHook
     class << self
       attr_accessor :body
@@ -24,7 +24,7 @@ class KeyHashTest < ExtTest
     HashHook.body = nil
   end
 
-  # Reads { [1] => 2, [3] => [4, "five"] } while the first key's hash does something.
+  # Decodes { [1] => 2, [3] => [4, "five"] }; the first key's `hash` yields the buffer.
   def read_while
     buf = buf_of(Hex.decode("08 0a 81 0b 82 0a 83 0b 0a 84 07 04 66 69 76 65 0b 09"))
     HashHook.body = -> { yield buf }
@@ -52,7 +52,7 @@ class KeyHashTest < ExtTest
     end
   end
 
-  # What is read then is what the buffer holds by then.
+  # Members behind the key are decoded from the bytes that its `hash` left there.
   def test_keys_that_overwrite_the_buffer
     ["\x09", "\x0b", "\xff", "\x0a", "\x07\xff\xff\xff\xff\x0f", "\x04"].each do |bytes|
       (1..18).each do |index|
@@ -67,7 +67,8 @@ class KeyHashTest < ExtTest
     end
   end
 
-  # Storage that moves under a reader, and changes where it is now: behind the Hash of the key, in its outer containers.
+  # The storage moves during a decode, and its new copy changes behind the key's Hash, in the outer containers: the
+  # decoder must read the new copy.
   def test_keys_that_move_the_buffer_and_change_it
     { "0a 08 0a 81 0b 82 09 87 0b" => [[{ [1] => 2 }, 9], 7],
       "0a 08 0a 81 0b 82 09 07 01 61 0b" => [[{ [1] => 2 }, "!"], 9],
@@ -81,8 +82,8 @@ class KeyHashTest < ExtTest
     end
   end
 
-  # An Array that was counted with one member, a String, and has 99 when it is built: the String's bytes are nils by
-  # then. And one that was counted with 99 and has one.
+  # The checking pass counts one member, a String; when the Array is built, the String's bytes have become 99 nils. And
+  # the other way around.
   def test_keys_that_change_how_many_members_follow
     few = Hex.decode("0a 08 0a 81 0b 82 09 0a 07 61") + "x" * 97 + Hex.decode("0b 0b")
     many = Hex.decode("0a 08 0a 81 0b 82 09 0a") + "\0" * 99 + Hex.decode("0b 0b")
@@ -93,7 +94,7 @@ class KeyHashTest < ExtTest
     end
   end
 
-  # Lengths and depths are checked again where bytes have become others since the first check.
+  # Lengths and depths must be checked again if bytes may have changed since the checking pass.
   def test_keys_that_overwrite_up_to_the_bounds
     underrun = "decode_next_packetbuf_rbstr: buffer underrun extracting data bytes"
     too_deep = "decode_next_packetbuf_rbobj: maxdepth exceeded"
@@ -107,7 +108,7 @@ class KeyHashTest < ExtTest
     end
   end
 
-  def test_keys_that_leave
+  def test_keys_that_leave_the_decode
     error = Class.new(StandardError)
     assert_raises(error) { read_while { raise error } }
     assert_equal :thrown, catch(:out) { read_while { throw :out, :thrown } }
@@ -118,7 +119,7 @@ class KeyHashTest < ExtTest
     assert_usable buf
   end
 
-  def test_keys_that_read_the_frame_anew
+  def test_keys_that_assemble_the_frame_again
     value = Hex.decode("08 0a 81 0b 82 09")
     bytes = [0xA5, 1, 7, value.size].pack("CCnN") + value
     frame = PacketFrameIn.new.reset

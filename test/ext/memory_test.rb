@@ -3,7 +3,7 @@
 require_relative "helper"
 require_relative "ruby_process"
 
-# What the process keeps, what the collector is told, and what happens when there is no more.
+# Leaks, the native memory that the garbage collector is told of, and running out of memory.
 class MemoryTest < ExtTest
   include RubyProcess
 
@@ -16,7 +16,7 @@ class MemoryTest < ExtTest
       (bytes / 1_048_576.0).round(1)
     end
 
-    # How much the process has grown by, after a warm-up, when the block has run so often.
+    # MB by which the process grows over this many runs of the block, after a warm-up.
     def growth(times)
       run = lambda do |n|
         n.times { |i| yield i }
@@ -47,9 +47,9 @@ class MemoryTest < ExtTest
     assert_operator growth, :<=, 5.0, "MB"
   end
 
-  # Storage counts once, however often a method finds it unchanged.
+  # Storage must be reported once, not by each method that finds it unchanged.
   def test_the_collector_is_told_once
-    skip "Ruby #{RUBY_VERSION} does not count what it is told" if RUBY_VERSION < "2.4"
+    skip "Ruby #{RUBY_VERSION} does not count native memory" if RUBY_VERSION < "2.4"
     told = run_ruby(<<-'RUBY').split.map { |number| Integer(number) }
       GC.start
       GC.disable
@@ -67,10 +67,10 @@ class MemoryTest < ExtTest
     assert_operator told[1], :<=, 200_000
   end
 
-  # The memory of freed buffers must be taken off the account, or it would trigger full collections over and over.
-  # (Before Ruby 2.4, where the extension keeps the account, collections would become too rare instead: its threshold
-  # follows the memory that it takes to be in use.)
-  def test_freed_storage_is_taken_off_the_account
+  # The memory of freed buffers must be subtracted, or the collector's count would trigger full collections over and
+  # over. (Before Ruby 2.4, where the extension counts, collections would become too rare instead: its threshold follows
+  # the memory that it believes to be in use.)
+  def test_freed_storage_is_subtracted
     skip_under_sanitizers
     full, all = run_ruby(<<-'RUBY').split.map { |number| Integer(number) }
       bytes = "x" * 100_000
@@ -84,7 +84,7 @@ class MemoryTest < ExtTest
     assert_operator all, :>=, 40, "collections"
   end
 
-  # Live buffers do not make the next ones dear: a collection that they survive moves the threshold up.
+  # Buffers that survive a collection must raise the threshold, or each new buffer would trigger a collection.
   def test_many_live_buffers_cost_no_collection_for_each_new_one
     skip_under_sanitizers
     collections = run_ruby(<<-'RUBY').to_i
@@ -97,8 +97,9 @@ class MemoryTest < ExtTest
     assert_operator collections, :<=, 20
   end
 
-  # By as much as survived, where the extension counts by itself: 300 MB that live let 300 MB more come unhindered.
-  def test_the_more_lives_the_rarer_the_collections
+  # Before Ruby 2.4 the extension's own threshold rises by what survived: 300 MB of live buffers allow another 300 MB
+  # without a collection.
+  def test_collections_become_rarer_with_more_live_buffers
     skip "Ruby #{RUBY_VERSION} has its own thresholds" if RUBY_VERSION >= "2.4"
     skip_under_sanitizers
     collections = run_ruby(<<-'RUBY').to_i
@@ -111,8 +112,8 @@ class MemoryTest < ExtTest
     assert_operator collections, :<=, 5
   end
 
-  # Keys of recent messages are kept, long ones are not: a stranger chooses them.
-  def test_long_keys_are_given_back
+  # The key cache must not keep long keys: whoever sends messages could fill the memory with them.
+  def test_long_keys_are_not_cached
     kept = run_ruby(<<-'RUBY').to_i
       def read(n)
         n.times { |i| (PacketBuf.new << { "#{i} " * 100_000 => i }).seek(0).extract_object }
@@ -125,7 +126,7 @@ class MemoryTest < ExtTest
     assert_operator kept, :<=, 5
   end
 
-  # --- nothing is lost -----------------------------------------------------------------------------------
+  # --- leaks ---------------------------------------------------------------------------------------------
 
   def test_failing_encodes
     assert_grows_little <<-RUBY
@@ -152,7 +153,7 @@ class MemoryTest < ExtTest
     RUBY
   end
 
-  # The building pass ends in a jump out of Ruby code, with memory of its own held meanwhile.
+  # A key's `hash` that raises leaves the building pass by longjmp, while it holds native memory.
   def test_decodes_that_ruby_code_leaves
     assert_grows_little <<-RUBY
       class Array
@@ -194,7 +195,7 @@ class MemoryTest < ExtTest
     RUBY
   end
 
-  # --- the collector knows -------------------------------------------------------------------------------
+  # --- native memory triggers collections ----------------------------------------------------------------
 
   LIMIT = 200.0
 
@@ -232,7 +233,7 @@ class MemoryTest < ExtTest
     end
   end
 
-  # --- no more memory ------------------------------------------------------------------------------------
+  # --- out of memory -------------------------------------------------------------------------------------
 
   NO_MEMORY = <<-RUBY
     def no_memory
@@ -242,7 +243,7 @@ class MemoryTest < ExtTest
         return if error.message.start_with?("C++ exception: ")
         abort "raised \#{error.inspect}"
       end
-      abort "found memory at line \#{caller.first}"
+      abort "did not run out of memory at line \#{caller.first}"
     end
 
     def leave(megabytes)
@@ -308,7 +309,7 @@ class MemoryTest < ExtTest
     RUBY
   end
 
-  # Only the checking pass has memory of its own, and only for what nests or is many.
+  # The checking pass allocates memory only for deep nesting and for many arrays.
   def test_checking_without_memory
     without_memory <<-RUBY
       deep = PacketBuf.new.write_raw("\\x0a" * 30_000_000).seek(0)
@@ -323,8 +324,8 @@ class MemoryTest < ExtTest
     RUBY
   end
 
-  # Mostly it is the 64 KiB of storage that find no room; now and then (1 process of 60) the little in front of it.
-  # Which text belongs to which is the business of allocation_failure_test.rb.
+  # Usually the 64 KiB of storage cannot be allocated; in 1 process of 60 it is a small block before that, with another
+  # text. allocation_failure_test.rb checks which text belongs to which.
   def test_creating_without_memory
     without_memory <<-RUBY
       Array.new(200_000) { Object.new }.clear
@@ -332,11 +333,11 @@ class MemoryTest < ExtTest
       kept = []
       begin
         10_000.times { kept << PacketBuf.new }
-        abort "found memory"
+        abort "did not run out of memory"
       rescue RuntimeError => error
         abort error.inspect unless ["exception newing PacketBuf", "failed newing PacketBuf"].include?(error.message)
       rescue NoMemoryError
-        # Ruby's own objects were the first to find none.
+        # Ruby ran out of memory first, for an object of its own.
       end
       kept.clear
       GC.start

@@ -16,7 +16,6 @@ class ObjectDecoderTest < ExtTest
     assert_equal [Model.signature(expected)], [Model.signature(decode(text, options))], text
   end
 
-  # The fault, and where reading stopped.
   def assert_fault(message, pos, text, options = {})
     buf = buf_of(Hex.decode(text))
     options.each { |name, value| buf.public_send("#{name}=", value) }
@@ -26,7 +25,6 @@ class ObjectDecoderTest < ExtTest
     assert_equal pos, buf.pos, "position after copying #{text}"
   end
 
-  # The extension says of these bytes what the model says.
   def assert_as_modelled(bytes)
     value, fault, pos = Model.decode(bytes)
     buf = buf_of(bytes)
@@ -66,8 +64,8 @@ class ObjectDecoderTest < ExtTest
     ["03 7f c0 00 00", "04 7f f8 00 00 00 00 00 00"].each { |text| assert_predicate decode(text), :nan? }
   end
 
-  # Peers may write more groups than needed; bits beyond the 64th are added to the first ones.
-  def test_numbers_of_many_groups
+  # Peers may write overlong varints. Shifts wrap around modulo 64, and bits that a shift moves out are lost.
+  def test_overlong_varints
     assert_decodes 0, "a0 #{'80 ' * 500}00"
     assert_decodes 5, "a5 #{'80 ' * 100}00"
     assert_decodes 16, "a0 #{'80 ' * 9}01"
@@ -94,11 +92,11 @@ class ObjectDecoderTest < ExtTest
                    preserve_symbols_on_extract: true)
   end
 
-  def test_symbols_are_never_broken
+  def test_symbols_with_a_broken_encoding_are_refused
     buf = buf_of(Hex.decode("0a 06 01 ff 0b"))
     buf.preserve_symbols_on_extract = true
     assert_match(/invalid (encoding|symbol)/, assert_raises(EncodingError) { buf.extract_object }.message)
-    assert_equal 4, buf.pos, "behind the symbol"
+    assert_equal 4, buf.pos, "position behind the symbol"
     assert_decodes ["\xff"], "0a 06 01 ff 0b"
   end
 
@@ -147,7 +145,7 @@ class ObjectDecoderTest < ExtTest
     end
   end
 
-  # Keys of recent messages are found again by their bytes: by all of them, and by their encoding.
+  # The key cache must compare all bytes of a key, and its encoding.
   def test_keys_that_look_alike_from_message_to_message
     lengths = [0, 1, 2, 3, 23, 24, 63, 64, 65, 127, 128, 129, 1000]
     alike = lengths.flat_map do |length|
@@ -302,7 +300,7 @@ class ObjectDecoderTest < ExtTest
 
   # --- every type byte -----------------------------------------------------------------------------------
 
-  # What completes a value of this type.
+  # The bytes that complete a value of this type.
   def body(type)
     case type
     when 0x03 then "3f c0 00 00"
@@ -360,7 +358,7 @@ class ObjectDecoderTest < ExtTest
     end
   end
 
-  # --- every cut, and anything at all --------------------------------------------------------------------
+  # --- truncated, changed and random bytes ---------------------------------------------------------------
 
   SAMPLES = [
     [1, -2**63, 2**62, 1.5, nil, [true, [false]], "text", "bytes".b, :symbol],
@@ -380,7 +378,7 @@ class ObjectDecoderTest < ExtTest
     end
   end
 
-  def test_every_byte_exchanged
+  def test_every_byte_replaced
     samples.each do |bytes|
       bytes.size.times do |index|
         [0x00, 0x05, 0x08, 0x09, 0x0A, 0x0B, 0x7F, 0x80, 0xFF].each do |byte|
@@ -392,7 +390,7 @@ class ObjectDecoderTest < ExtTest
     end
   end
 
-  def test_bytes_at_random
+  def test_random_bytes
     random = Random.new(20_220)
     alphabet = [*0x00..0x0B, 0x80, 0x81, 0xC1, 0xA0, 0xFF, 0x61]
     5000.times do
@@ -401,7 +399,7 @@ class ObjectDecoderTest < ExtTest
     end
   end
 
-  def test_values_survive_the_way_there_and_back
+  def test_values_round_trip
     SAMPLES.each do |value|
       buf = PacketBuf.new
       buf.preserve_symbols_on_extract = true
@@ -418,7 +416,7 @@ class ObjectDecoderTest < ExtTest
     end
   end
 
-  # The counts of the checking pass are what an Array is made for. More arrays than the counts have room for in place.
+  # Arrays are allocated for as many members as the checking pass counted; 40 of them are more than it counts inline.
   def test_arrays_take_no_more_than_their_members
     [17, 100, 1000, 5000].each do |length|
       arrays = (PacketBuf.new << [[nil] * length] * 40).seek(0).extract_object

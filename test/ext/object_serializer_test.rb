@@ -10,7 +10,7 @@ class ObjectSerializerTest < ExtTest
     levels.times.inject(innermost) { |inner, _| [inner] }
   end
 
-  # What a failing write leaves behind.
+  # Hex of what a failing write leaves in the buffer.
   def leftover(error, text, obj)
     buf = PacketBuf.new
     assert_raises_with(error, text) { buf << obj }
@@ -78,7 +78,7 @@ class ObjectSerializerTest < ExtTest
 
   def test_floats
     assert_equal "04 3f f8 00 00 00 00 00 00", encode(1.5)
-    # Those between 1e-77 and 1e77 are immediate.
+    # Floats between 1e-77 and 1e77 are immediate values, the others are on the heap.
     [0.0, -0.0, 1e-320, Float::MIN, 1e-78, 0.1, -2.5, 1e78, Float::MAX, Float::INFINITY, -Float::INFINITY,
      Float::NAN].each { |float| assert_equal "04 #{Hex.encode([float].pack('G'))}", encode(float), float }
   end
@@ -119,7 +119,7 @@ class ObjectSerializerTest < ExtTest
 
   class Text < String
     def to_s
-      raise "not asked for"
+      raise "must not be called"
     end
     alias to_str to_s
     alias bytes to_s
@@ -162,7 +162,7 @@ class ObjectSerializerTest < ExtTest
 
   class OddArray < Array
     def each
-      raise "not asked for"
+      raise "must not be called"
     end
     alias [] each
     alias size each
@@ -172,7 +172,7 @@ class ObjectSerializerTest < ExtTest
 
   class PlainHash < Hash
     def to_h
-      raise "not asked for"
+      raise "must not be called"
     end
     alias [] to_h
     alias each_pair to_h
@@ -181,7 +181,7 @@ class ObjectSerializerTest < ExtTest
     alias to_hash to_h
   end
 
-  # Integers at the start of an array are written together, the others one by one.
+  # Immediate Integers at the start of an Array are written in batches, all others one at a time.
   def test_arrays_of_integers
     random = Random.new(1)
     integers = Array.new(200) { random.rand(2**(1 + random.rand(62))) * [1, -1].sample(random: random) }
@@ -258,7 +258,7 @@ class ObjectSerializerTest < ExtTest
     assert_equal ("08 " * 64).strip, leftover(RuntimeError, MAX_DEPTH, key)
   end
 
-  def test_levels_are_given_back
+  def test_depth_is_restored_behind_containers_and_failures
     assert_equal "0a " + "0a 0b " * 200 + "0b", encode([[]] * 200)
     assert_equal "0a " + "08 81 82 09 " * 200 + "0b", encode([{ 1 => 2 }] * 200)
     buf = PacketBuf.new
@@ -306,7 +306,7 @@ class ObjectSerializerTest < ExtTest
   def test_no_value_is_converted
     value = Object.new
     %w[to_str to_ary to_hash to_int to_sym to_s to_a to_h each].each do |name|
-      value.define_singleton_method(name) { raise "not asked for" }
+      value.define_singleton_method(name) { raise "must not be called" }
     end
     leftover(RuntimeError, UNSUPPORTED, value)
   end
@@ -326,8 +326,7 @@ class ObjectSerializerTest < ExtTest
     assert_equal "2d 2d 07 02 61 62 a0 01 2d 2d", Hex.encode(buf.seek(10).to_str)
   end
 
-  # Every kind of value across the end of the first storage.
-  def test_values_across_the_end_of_the_storage
+  def test_values_across_the_end_of_the_initial_storage
     values = [nil, -2**63, 1.5, "text", "bytes".b, :symbol, [1, [2]], { "k" => "v" }, "x" * 300]
     values.each do |value|
       bytes = PacketBuf.new.write_object(value).to_str

@@ -3,7 +3,7 @@
 require_relative "helper"
 require_relative "ruby_process"
 
-# Objects in unusual states: never initialized, frozen, keys of a Hash, without the names of their classes.
+# Objects in unusual states: uninitialized, frozen, used as keys of a Hash, with the constants of their classes removed.
 class ObjectStateTest < ExtTest
   include RubyProcess
 
@@ -34,14 +34,14 @@ class ObjectStateTest < ExtTest
     assert_raises(frozen) { buf.maxdepth = 1 }
     assert_raises(frozen) { buf.preserve_symbols_on_extract = true }
     assert_equal 1, buf.extract_object
-    assert_equal "81 82", Hex.encode((buf << 2).to_str), "freezing holds the options, not the bytes"
+    assert_equal "81 82", Hex.encode((buf << 2).to_str), "freezing protects the options, not the bytes"
   end
 
   def test_buffers_are_equal_to_themselves_only
     buf = PacketBuf.new
     refute_equal PacketBuf.new, buf
     assert_equal 1, { buf => 1 }[buf]
-    refute_respond_to buf, :<=>, "no order" unless Object.method_defined?(:<=>)
+    refute_respond_to buf, :<=>, "buffers have no order" unless Object.method_defined?(:<=>)
   end
 
   def test_objects_work_without_the_names_of_their_classes

@@ -21,18 +21,17 @@ class OverriddenEachTest < ExtTest
     Hex.encode(@buf.to_str)
   end
 
-  # A Hash whose class defines `each` with this source.
   def hash_with_each(source)
     Class.new(Hash) { class_eval("def each\n#{source}\nend") }.new
   end
 
-  # What a thread raises is expected here.
+  # The test expects the thread's exception, which must not be reported.
   def quietly
     Thread.current.report_on_exception = false if Thread.current.respond_to?(:report_on_exception=)
     yield
   end
 
-  # --- what an own `each` yields -------------------------------------------------------------------------
+  # --- what an overridden `each` yields ------------------------------------------------------------------
 
   YIELDS = {
     "" => "08 09", "yield [1, 2]" => "08 81 82 09", "yield 1, 2" => "08 81 82 09", "yield(*[1, 2])" => "08 81 82 09",
@@ -49,11 +48,11 @@ class OverriddenEachTest < ExtTest
     "self[5] = 6; super" => "08 85 86 09", "self[5] = 6; super { |k, v| yield k, v + 1 }" => "08 85 87 09"
   }.freeze
 
-  def test_entries_come_from_an_own_each
+  def test_entries_come_from_an_overridden_each
     YIELDS.each { |source, bytes| assert_equal bytes, encode(hash_with_each(source)), source }
   end
 
-  # Three values are no Array, even where the first is one.
+  # Three yielded values are not a pair, even if the first is an Array of two.
   NO_PAIRS = ["yield", "yield nil", "yield 1", "yield 1, 2, 3", "yield [1, 2], 3, 4", "yield({ 1 => 2 })", "yield 'ab'",
               "yield Struct.new(:a, :b).new(1, 2)"].freeze
 
@@ -66,7 +65,7 @@ class OverriddenEachTest < ExtTest
     end
   end
 
-  # --- where an own `each` comes from --------------------------------------------------------------------
+  # --- where an overridden `each` comes from -------------------------------------------------------------
 
   def test_each_of_a_singleton_and_of_a_prepended_module
     singleton = { 1 => 2 }
@@ -87,8 +86,8 @@ class OverriddenEachTest < ExtTest
     assert_raises_with(RuntimeError, NO_PAIR) { @buf << keys[1, 2] }
   end
 
-  # Any method of Hash that iterates can be made its `each` by an alias: the encoding of { [1] => [2] } shows which one
-  # was called. nil: the method calls `each` itself, without end.
+  # Any iterating method of Hash can become its `each` by an alias. The encoding of { [1] => [2] } shows which one was
+  # called. nil: the method calls `each` itself and recurses for ever.
   ALIASES = {
     "class Hash; alias_method :each, :each_key; end" => "08810009",
     "class Hash; alias each each_value; end" => "08820009",
@@ -101,7 +100,7 @@ class OverriddenEachTest < ExtTest
     "HASH.extend(Module.new { def each; each_value { |v| yield v }; end })" => "08820009"
   }.freeze
 
-  # Before the first value is written, and after one.
+  # The alias is made before the first value is written, and after one.
   def test_each_of_every_hash_that_is_an_alias
     ALIASES.each do |change, bytes|
       ["", "PacketBuf.new << HASH << { 1 => 2 }"].each do |before|
@@ -118,7 +117,7 @@ class OverriddenEachTest < ExtTest
     end
   end
 
-  # Likewise when it becomes one between two values, again and again.
+  # An alias may come and go between two values.
   def test_each_that_is_an_alias_for_a_while
     assert_equal "08810009 080a810b0a820b09 08820009 080a810b0a820b09\n" * 30, run_ruby(<<-'RUBY')
       class Hash
@@ -135,7 +134,7 @@ class OverriddenEachTest < ExtTest
     RUBY
   end
 
-  # A refinement holds where it is activated, and nowhere in the extension.
+  # A refinement applies only where it is activated, so never to the extension's calls.
   def test_each_that_is_refined
     assert_equal "08818209\n" * 4 + "08878809\n", run_ruby(<<-'RUBY')
       PLAIN = { 1 => 2 }
@@ -177,7 +176,7 @@ class OverriddenEachTest < ExtTest
     assert_equal "08878809", run_ruby(code)
   end
 
-  # --- how an own `each` ends ----------------------------------------------------------------------------
+  # --- how an overridden `each` ends ---------------------------------------------------------------------
 
   def test_each_that_raises
     error = Class.new(StandardError)
@@ -222,7 +221,7 @@ class OverriddenEachTest < ExtTest
     assert_usable @buf
   end
 
-  def test_threads_end_inside_an_own_each
+  def test_threads_end_inside_an_overridden_each
     inside = Queue.new
     sleeper = OwnEach.new { |_| inside << :there; sleep }
     [lambda { |thread| thread.kill }, lambda { |thread| thread.raise(IOError, "stop") }].each do |stop|
@@ -238,7 +237,7 @@ class OverriddenEachTest < ExtTest
     end
   end
 
-  # --- the block given to an own `each` ------------------------------------------------------------------
+  # --- the block given to an overridden `each` -----------------------------------------------------------
 
   def test_block_called_when_its_iteration_has_ended
     kept = []
@@ -271,7 +270,7 @@ class OverriddenEachTest < ExtTest
     assert_equal ["08 81 82 09", "08 83 84 09"], [written, Hex.encode(other.to_str)]
   end
 
-  # The key's `each` lets the iteration end that it belongs to.
+  # While the block writes a key, the key's own `each` ends the iteration that the block belongs to.
   def test_iteration_that_ends_while_a_key_is_written
     outer = nil
     fiber = Fiber.new { @buf << OwnEach.new { |block| outer = block; Fiber.yield } }
@@ -281,7 +280,7 @@ class OverriddenEachTest < ExtTest
     assert_usable @buf
   end
 
-  # Whether a class iterates with the built-in `each` is asked again after Ruby code has run.
+  # Whether a class has the built-in `each` must be checked again after Ruby code has run.
   def test_each_that_is_redefined_on_the_way
     assert_equal "0a08818209080908848409" + "0b\n", run_ruby(<<-'RUBY')
       class Redefining < Hash
@@ -298,7 +297,7 @@ class OverriddenEachTest < ExtTest
     RUBY
   end
 
-  # The machine stack of a fiber that nobody resumes is gone; the block is not.
+  # The machine stack of an abandoned fiber is freed; the block that was created on it lives on.
   def test_block_that_outlives_its_fiber
     code = <<-RUBY
       class Suspended < Hash
@@ -311,7 +310,7 @@ class OverriddenEachTest < ExtTest
       100.times { Fiber.new { PacketBuf.new << [Suspended.new] }.resume }
       3.times { GC.start }
       50.times { Fiber.new { Array.new(100) { |i| [i] } }.resume }
-      abort "buffers are gone" if ObjectSpace.each_object(PacketBuf).count < 100
+      abort "buffers were collected" if ObjectSpace.each_object(PacketBuf).count < 100
       outcomes = $blocks.map do |block|
         begin
           block.call(1, "y" * 1000)
@@ -324,8 +323,8 @@ class OverriddenEachTest < ExtTest
     assert_includes ["nil", ENDED.inspect], run_ruby(code).chomp
   end
 
-  # A block whose self is another object leads to the buffer by the extension's own object alone.
-  def test_block_that_is_all_there_is_left_of_its_buffer
+  # If a block's self is another object, only the extension's hidden object keeps the buffer alive.
+  def test_block_that_alone_keeps_its_buffer_alive
     code = <<-'RUBY'
       class Inner < Hash
         def each(&block)
@@ -351,7 +350,7 @@ class OverriddenEachTest < ExtTest
         end
       end
       Thread.new { abandon(100) }.join
-      # Others take the place of those that are freed too soon.
+      # New buffers reuse the memory of buffers that were freed too early.
       others = Array.new(10) do
         GC.start
         Array.new(50) { PacketBuf.new << "x" * 1000 }
@@ -372,10 +371,10 @@ class OverriddenEachTest < ExtTest
     assert_equal %w[0 1003], rest
   end
 
-  # --- what nobody may find -------------------------------------------------------------------------------
+  # --- internal objects stay hidden -----------------------------------------------------------------------
 
-  # Everything that ObjectSpace shows while values are written and read is copied, and asked what it leads to.
-  def test_nothing_of_the_extension_is_to_be_found
+  # Copies each object that ObjectSpace shows during encoding and decoding, and inspects what it references.
+  def test_internal_objects_are_not_found
     assert_equal "well
 ", run_ruby(<<-'RUBY', "-robjspace")
       COPIED = [:dup, :clone]
@@ -499,7 +498,7 @@ class OverriddenEachTest < ExtTest
   def test_each_that_grows_the_buffer
     @buf << [0, OwnEach.new { |block| @buf.write_raw(MEGABYTES); block.call(MEGABYTES, 1) }, 2]
     bytes = Hex.decode("0a 80 08") + MEGABYTES + Hex.decode("07 c0 8d b7 01") + MEGABYTES + Hex.decode("81 09 82 0b")
-    assert @buf.to_str == bytes, "bytes around those of a growing buffer"
+    assert @buf.to_str == bytes, "bytes around the ones that made the buffer grow"
   end
 
   def test_each_that_uses_the_frame
@@ -519,7 +518,7 @@ class OverriddenEachTest < ExtTest
 
   # --- depth ---------------------------------------------------------------------------------------------
 
-  def test_own_each_at_every_level
+  def test_overridden_each_at_every_level
     hash = 63.times.inject(1) { |inner, _| OwnEach.new { |block| block.call(2, inner) } }
     assert_equal "08 82 " * 63 + "81" + " 09" * 63, encode(hash)
     too_deep = OwnEach.new { |block| block.call(2, hash) }
@@ -529,7 +528,7 @@ class OverriddenEachTest < ExtTest
     assert_usable @buf
   end
 
-  def test_own_each_that_writes_itself_forever
+  def test_overridden_each_that_writes_itself_forever
     skip "Ruby #{RUBY_VERSION} raises out of its signal handler, and may hang" if RUBY_VERSION < "2.3"
     hash = OwnEach.new { @buf << hash }
     assert_raises(SystemStackError) { @buf << hash }

@@ -2,7 +2,7 @@
 
 # A Hash whose `each` hands its block to a callable.
 class OwnEach < Hash
-  # For a process of its own: an option that loads this file.
+  # The option that makes a child Ruby load this file.
   OPTION = "-r#{File.expand_path(__FILE__)}".freeze
 
   def initialize(&body)

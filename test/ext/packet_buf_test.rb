@@ -80,7 +80,7 @@ class PacketBufTest < ExtTest
     assert_binary "\0" * 10 + "x", @buf.to_str
   end
 
-  def test_values_too_overwrite_and_fill_the_gap
+  def test_values_also_overwrite_and_fill_the_gap
     @buf.write_raw("abcdef").seek(1) << nil << "x"
     assert_binary "a\0\x07\x01xf", @buf.seek(6).to_str
     @buf.seek(8) << true
@@ -105,7 +105,7 @@ class PacketBufTest < ExtTest
     assert_equal [0, 0], [@buf.pos, @buf.payload_size]
   end
 
-  # The storage of the beginning ends at 65536 bytes; from there on it moves.
+  # The initial storage has 65536 bytes; growing beyond that moves them.
   def test_growth_keeps_the_bytes
     [65_534, 65_535, 65_536, 65_537, 131_072, 1_000_000].each do |size|
       bytes = (0...size).map { |i| i * 31 % 251 }.pack("C*")
@@ -125,7 +125,7 @@ class PacketBufTest < ExtTest
     3.9 => 3, IntegerLike.new(12) => 12, IntegerLike.new(2**32 + 1) => 1
   }.freeze
 
-  def test_positions_are_cut_to_32_bits
+  def test_positions_are_truncated_to_32_bits
     POSITIONS.each do |given, expected|
       @buf.pos = given
       assert_equal expected, @buf.pos, "pos = #{given.inspect}"
@@ -133,7 +133,7 @@ class PacketBufTest < ExtTest
     end
   end
 
-  def test_what_is_no_integer_is_refused_by_ruby
+  def test_non_integers_are_refused_by_ruby
     { 2**64 => RangeError, -2**64 => RangeError, Float::NAN => RangeError, nil => TypeError, "1" => TypeError,
       :one => TypeError, Object.new => TypeError, IntegerLike.new("1") => TypeError }.each do |value, error|
       @buf.seek(4)
@@ -174,7 +174,7 @@ class PacketBufTest < ExtTest
     end
   end
 
-  def test_to_str_gives_a_string_of_its_own
+  def test_to_str_returns_a_new_string
     @buf.write_raw("abc")
     first = @buf.to_str
     first << "more"
@@ -191,7 +191,7 @@ class PacketBufTest < ExtTest
     assert_predicate PacketBuf.new.write_raw("abc").to_str, :ascii_only?
   end
 
-  def test_a_buffer_serves_where_ruby_wants_a_string
+  def test_a_buffer_converts_implicitly_to_a_string
     @buf.write_raw("abc")
     assert_equal "<abc", "<" + @buf
     assert_equal "abc", File.join(@buf)
@@ -199,7 +199,7 @@ class PacketBufTest < ExtTest
 
   # --- the object ----------------------------------------------------------------------------------------
 
-  def test_inspection_of_memory_sees_the_storage
+  def test_memsize_of_includes_the_storage
     small = ObjectSpace.memsize_of(@buf)
     assert_operator small, :>=, 65_536
     assert_operator ObjectSpace.memsize_of(@buf.write_raw("x" * 1_000_000)), :>=, 1_000_000

@@ -27,7 +27,7 @@ class PacketFrameInTest < ExtTest
     bytes
   end
 
-  # Feeds chunks as a receiver does; returns [seq, payload] of every frame that they complete.
+  # Feeds chunks as a receiver does; returns [seq, payload] of each completed frame.
   def receive(chunks)
     received = []
     chunks.each do |chunk|
@@ -46,7 +46,6 @@ class PacketFrameInTest < ExtTest
     received
   end
 
-  # Cuts a stream before each index in cuts.
   def cut(stream, cuts)
     [0, *cuts, stream.size].each_cons(2).map { |from, to| stream[from...to] }
   end
@@ -58,7 +57,7 @@ class PacketFrameInTest < ExtTest
     end
   end
 
-  # --- the road of a frame -------------------------------------------------------------------------------
+  # --- the states of a frame -----------------------------------------------------------------------------
 
   def test_fresh_frame_consumes_nothing_before_its_first_reset
     frame = PacketFrameIn.new
@@ -228,7 +227,7 @@ class PacketFrameInTest < ExtTest
     end
   end
 
-  def test_check_byte_is_no_matter_of_an_eight_byte_header
+  def test_eight_byte_headers_have_no_header_check
     bytes = BAD_HEADER_CHECK.dup
     bytes.setbyte(1, 3)
     bytes[4, 4] = Hex.decode("00 00 00 06")
@@ -250,7 +249,7 @@ class PacketFrameInTest < ExtTest
     end
   end
 
-  def test_empty_data_is_taken_whatever_the_offset
+  def test_empty_data_is_accepted_whatever_the_offset
     [0, 3, -1, nil, "x", 2**70].each { |offset| assert_equal 0, @frame.assemble("", offset) }
   end
 
@@ -261,11 +260,11 @@ class PacketFrameInTest < ExtTest
     assert_equal [3, 2, 1], (0..2).map { |offset| @frame.assemble("abc", offset) }
   end
 
-  def test_offset_is_cut_to_32_bits
+  def test_offset_is_truncated_to_32_bits
     assert_equal [2, 3, 1], [2**32 + 1, -2**62, 2.9].map { |offset| @frame.assemble("abc", offset) }
   end
 
-  def test_offset_that_is_no_integer_is_refused_by_ruby
+  def test_non_integer_offsets_are_refused_by_ruby
     { nil => TypeError, "0" => TypeError, 2**64 => RangeError, 2**63 => RangeError }.each do |offset, error|
       assert_raises(error) { @frame.assemble("abc", offset) }
     end
@@ -330,7 +329,7 @@ class PacketFrameInTest < ExtTest
     end
   end
 
-  # Storage keeps the bytes of an earlier, longer frame behind the payload.
+  # The storage keeps the bytes of an earlier, longer frame behind the payload.
   def frame_before_old_bytes(payload, old)
     room = PacketFrameIn.new.reset
     [old, payload].each do |bytes|

@@ -68,7 +68,7 @@ class PacketFrameOutTest < ExtTest
     end
   end
 
-  def test_next_seq_refuses_what_is_no_integer
+  def test_next_seq_refuses_non_integers
     @frame.next_seq = 5
     { nil => TypeError, "1" => TypeError, 2**64 => RangeError }.each do |value, error|
       assert_raises(error) { @frame.next_seq = value }
@@ -120,7 +120,7 @@ class PacketFrameOutTest < ExtTest
     assert_equal ["a5 01 00 00 00 00 00 03 06 01 61", "a5 01 00 01 00 00 00 03 06 01 62"], frames
   end
 
-  def test_switching_the_layout_starts_the_frame_anew
+  def test_switching_the_layout_starts_the_frame_over
     @frame.reset.write_raw("abcdefgh")
     assert_equal "a5 00 00 00 00 00 01 de ad be ef 5a 58", Hex.encode(twelve.write_raw("X").compute_frame_header.to_str)
   end
@@ -148,7 +148,7 @@ class PacketFrameOutTest < ExtTest
                  "the header before the failure is kept"
   end
 
-  # The header is computed from the position alone: no payload has to exist for that.
+  # The header is computed from the position alone, so no 2 GiB payload has to exist.
   def test_longest_eight_byte_payload
     @frame.seek(2_147_483_647 + 8).compute_frame_header
     assert_equal "a5 01 00 00 7f ff ff ff", Hex.encode(@frame.seek(8).to_str)

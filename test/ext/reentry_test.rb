@@ -3,7 +3,7 @@
 require_relative "helper"
 require_relative "ruby_process"
 
-# Frames of a decode that are left for ever, or entered again after they have returned: from a key's `hash` and `eql?`.
+# A key's `hash` and `eql?` may leave a decode for good, or re-enter its stack frames after they have returned.
 class ReentryTest < ExtTest
   include RubyProcess
 
@@ -24,22 +24,22 @@ class ReentryTest < ExtTest
     end
     Array.prepend(Hook)
     ARRAYS = 20_000
-    # Two keys, the second with a hash of its own, and more arrays than fit into any frame.
+    # Two Hashes with an Array as key, and between them more arrays than a stack frame has room to count.
     BYTES = "\x0a\x08\x0a\x81\x0b\x81\x09".b + "\x0a\x81\x82\x83\x0b".b * ARRAYS + "\x08\x0a\x82\x0b\x82\x09\x0b".b
     BUF = PacketBuf.new.write_raw(BYTES)
     def right?(value)
       value.first == { [1] => 1 } && value.last == { [2] => 2 } &&
         value[1...-1].all? { |it| it == [1, 2, 3] || it.is_a?(Hash) }
     end
-    # What would be handed out again, were it free.
+    # Reuses the memory that a decode has freed too early.
     def fill
       $junk = Array.new(60) { "\xff".b * (4 * ARRAYS + 8) }
       GC.start
     end
   RUBY
 
-  # 10 times back into a decode that has returned. Before 3.0 Ruby lets no continuation there.
-  def test_a_decode_that_has_returned_is_entered_again
+  # Re-enters a decode that has returned. Before 3.0 Ruby refuses such a continuation.
+  def test_a_decode_is_entered_again_after_it_has_returned
     out, = run_ruby_with_errors(<<-RUBY, "-W0", "-rcontinuation")
       #{TAKE}
       times = 0
@@ -58,8 +58,8 @@ class ReentryTest < ExtTest
     assert_equal RUBY_VERSION < "3.0" ? "continuation called across stack rewinding barrier\n" : "10\n", out
   end
 
-  # From the second key back into the first, in a decode that goes on.
-  def test_a_decode_that_goes_on_is_entered_again
+  # The second key's `hash` jumps back into the first key's, within one decode.
+  def test_a_decode_is_entered_again_before_it_returns
     out, = run_ruby_with_errors(<<-RUBY, "-W0", "-rcontinuation")
       #{TAKE}
       times = 0
@@ -77,7 +77,7 @@ class ReentryTest < ExtTest
     assert_equal "true\n5\n", out
   end
 
-  # Out of a decode by a continuation that was taken before it: its frames are skipped.
+  # A continuation that was taken before the decode skips the decode's stack frames.
   def test_decodes_that_are_left_by_a_continuation
     out, = run_ruby_with_errors(<<-RUBY, "-W0", "-rcontinuation")
       #{TAKE}
@@ -101,7 +101,7 @@ class ReentryTest < ExtTest
     assert_operator peak.to_i, :<, 300, "MB" unless ENV["LD_PRELOAD"]
   end
 
-  # A fiber that waits in a key's hash is dropped, or goes on after its buffer was written to and dropped.
+  # A fiber that waits in a key's `hash` is abandoned, or resumed when its buffer has been written to and abandoned.
   def test_fibers_that_are_abandoned
     assert_equal "done\n", run_ruby(<<-RUBY)
       #{TAKE}
@@ -129,8 +129,8 @@ class ReentryTest < ExtTest
     RUBY
   end
 
-  # What another thread raises in a key's hash.
-  def test_threads_that_are_raised_in
+  # Another thread raises an exception in a thread that waits in a key's `hash`, or kills it.
+  def test_threads_interrupted_in_a_key
     assert_equal "done\n", run_ruby(<<-RUBY)
       #{TAKE}
       50.times do |i|
@@ -153,9 +153,9 @@ class ReentryTest < ExtTest
     RUBY
   end
 
-  # Objects that are being built are found, wherever the collector moves them.
+  # Objects under construction must stay referenced, wherever a compaction moves them.
   def test_references_are_verified_in_callbacks
-    skip "Ruby #{RUBY_VERSION} verifies nothing" unless GC.respond_to?(:verify_compaction_references)
+    skip "Ruby #{RUBY_VERSION} does not verify compactions" unless GC.respond_to?(:verify_compaction_references)
     assert_equal "done\n", run_ruby(<<-RUBY)
       #{TAKE}
       verify = -> { GC.verify_compaction_references(toward: :empty) }
@@ -171,7 +171,7 @@ class ReentryTest < ExtTest
     RUBY
   end
 
-  # The interpreter does not see refinements, and neither does a decode.
+  # The interpreter's C code ignores refinements, and so must a decode.
   def test_refinements_are_not_called
     assert_equal "{[1]=>2}\n", run_ruby(<<-'RUBY').delete(" ")
       module Refined
@@ -183,8 +183,8 @@ class ReentryTest < ExtTest
     RUBY
   end
 
-  # What a random key does, step after step. What was read is right, or what the key did came out; the buffer serves on.
-  # VORN_STEPS sets how many.
+  # In each step a key's `hash` takes a random action. The decode must return the right value or end as the action
+  # demands, and the buffer must stay usable. VORN_STEPS sets the number of steps, VORN_SEED their seed.
   STEPS = <<-'RUBY'
     require "fiber"
     Hook.body = nil
@@ -230,7 +230,7 @@ class ReentryTest < ExtTest
               when :kill then Thread.new(&decode).value
               else decode.call
               end
-      if $in && again < 2 # the same objects are filled once more
+      if $in && again < 2 # the decode fills the same objects once more
         again += 1
         begin
           $in.call
@@ -248,7 +248,7 @@ class ReentryTest < ExtTest
               when Array then [:write, :enter].include?(name)
               end
       abort "step #{i}, #{name}: #{found.inspect[0, 200]}" unless right
-      if waiting.size > 20 # some go on, the others are dropped
+      if waiting.size > 20 # some are resumed, the others are abandoned
         waiting.shuffle!(random: random).pop(5).each do |fiber, _|
           next unless fiber.alive?
           result = fiber.resume
@@ -271,7 +271,7 @@ class ReentryTest < ExtTest
 
   # --- bytes of earlier frames -----------------------------------------------------------------------------
 
-  # A string's length against all that the frame's object stores, at every length: exactly those bytes, or an error.
+  # A string may reach beyond its payload, into bytes of an earlier frame: it has exactly those bytes, or is refused.
   def test_strings_that_reach_behind_their_frame
     frame = PacketFrameIn.new
     first = (0...120).map { |i| i + 130 }.pack("C*")

@@ -3,7 +3,7 @@
 require_relative "helper"
 require_relative "ruby_process"
 
-# What Ruby code sees of the extension: names, arities, class tree. Nothing less, and nothing more.
+# The extension's Ruby API is exactly this: names, arities and class tree.
 class RegistrationTest < ExtTest
   include RubyProcess
 
@@ -78,7 +78,7 @@ class RegistrationTest < ExtTest
     refute require("vorn_rpc_ext")
   end
 
-  def test_loading_warns_of_nothing
+  def test_loading_prints_no_warning
     assert_equal ["", ""], run_ruby_with_errors("PacketBuf.new << { 1 => [2.5] }")
   end
 
@@ -100,7 +100,7 @@ class RegistrationTest < ExtTest
     assert_equal "true\n", run_ruby(code, "-W:no-experimental")
   end
 
-  # --- objects that are none -----------------------------------------------------------------------------
+  # --- copies and foreign objects ------------------------------------------------------------------------
 
   class OwnBuf < PacketBuf
   end

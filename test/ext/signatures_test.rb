@@ -5,10 +5,10 @@ require "vorn_rpc"
 begin
   require "rbs"
 rescue LoadError
-  nil # skipped below
+  nil # setup skips the tests
 end
 
-# The signatures in sig/ and the methods that there are say the same, both ways.
+# The signatures in sig/ and the extension's methods must match, both ways.
 class SignaturesTest < Minitest::Test
   FOLDER = File.expand_path("../../sig", __dir__)
   CLASSES = [
@@ -37,7 +37,7 @@ class SignaturesTest < Minitest::Test
     RBS::TypeName.new(name: parts.last, namespace: namespace)
   end
 
-  # What the class itself declares.
+  # Without the inherited methods.
   def signatures(mod)
     builder.build_instance(type_name(mod)).methods.select { |_, method| method.defined_in == type_name(mod) }
   end
@@ -61,7 +61,7 @@ class SignaturesTest < Minitest::Test
     CLASSES.each do |mod|
       signatures(mod).each do |name, method|
         label = "#{mod}##{name}"
-        # A constructor is private whatever is said of it.
+        # Ruby makes `initialize` private, whatever the signature says.
         assert_equal mod.private_method_defined?(name), method.private?, label unless name == :initialize
         method.method_types.each do |type|
           function = type.type
@@ -85,8 +85,7 @@ class SignaturesTest < Minitest::Test
     assert_equal modules.sort, ENVIRONMENT.class_decls.keys.map(&:to_s).grep(/\A::VORN::/).sort
   end
 
-  # What the methods give back is of the declared types.
-  def test_results
+  def test_results_have_the_declared_types
     buf = VORN::PROTO::PacketBuf.new
     out = VORN::PROTO::PacketFrameOut.new
     frame = VORN::PROTO::PacketFrameIn.new
@@ -106,7 +105,7 @@ class SignaturesTest < Minitest::Test
     checked = calls.map do |receiver, name, *arguments|
       result = receiver.__send__(name, *arguments)
       type = builder.build_instance(type_name(receiver.class)).methods[name].method_types.first.type.return_type
-      assert fits?(result, type, receiver), "#{receiver.class}##{name} gives #{result.inspect}, declared #{type}"
+      assert fits?(result, type, receiver), "#{receiver.class}##{name} returns #{result.inspect}, declared #{type}"
       name
     end
     assert_empty CLASSES.flat_map { |mod| mod.public_instance_methods(false) } - checked

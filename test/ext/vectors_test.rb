@@ -4,7 +4,7 @@ require_relative "helper"
 require "support/notation"
 require "support/vectors"
 
-# The tables that both codecs are held to.
+# Runs the Ruby codec on the tables that both codecs must satisfy.
 class VectorsTest < Minitest::Test
   PROTO = VORN::PROTO
 
@@ -21,7 +21,7 @@ class VectorsTest < Minitest::Test
     "unknown_type" => "decode_next_packetbuf_rbobj: unrecognized protocol transport type"
   }
 
-  # Who reads a table leaves no row out.
+  # A reader that skipped rows would leave them untested.
   def test_rows
     { values: Vectors.values, faults: Vectors.faults, frames: Vectors.frames }.each do |table, read|
       lines = File.readlines(File.join(Vectors::DIR, "#{table}.txt"))
@@ -65,7 +65,7 @@ class VectorsTest < Minitest::Test
       end
     end
 
-    # All bytes are stored, the payload ends too early: the bytes of a string may be taken, nothing else.
+    # All bytes are stored, but the payload ends early: only the body of a string may be read beyond it.
     define_method("test_value behind the payload's end #{vector.name}") do
       Vectors.cuts(vector.bytes.size).each do |size|
         begin
@@ -143,8 +143,8 @@ class VectorsTest < Minitest::Test
     buf
   end
 
-  # A complete frame that stores all the bytes behind its header and of which only the first `payload` are its
-  # payload: the others are left over from an earlier frame.
+  # A complete frame that stores all bytes behind its header, but whose payload has only the first `payload` of them:
+  # the others are left over from an earlier frame.
   def in_frame(bytes, payload)
     frame = PROTO::PacketFrameIn.new
     [bytes.size, payload].each do |size|
