@@ -11,7 +11,6 @@ class AttackTest < Minitest::Test
   ATTACK = File.expand_path("attack.rb", __dir__)
   MAIN = File.expand_path("main.rb", __dir__)
 
-  # Runs `ops` operations from this seed on.
   def attack(seed, ops, level = "normal")
     out, err = run_ruby_with_errors("ARGV.replace(%w[--seed #{seed} --ops #{ops} --gc #{level}])\nload #{MAIN.inspect}")
     assert_equal "", err
@@ -27,13 +26,12 @@ class AttackTest < Minitest::Test
     attack(100, 250, "stress")
   end
 
-  def test_operations_while_objects_are_moved
-    skip "nothing is moved by Ruby #{RUBY_VERSION}" unless GC.respond_to?(:compact)
+  def test_operations_with_compactions
+    skip "Ruby #{RUBY_VERSION} does not compact" unless GC.respond_to?(:compact)
     attack(200, 3_000, "compact")
   end
 
-  # Every row of the cost table, with tiny payloads.
-  def test_costs_in_small
+  def test_every_row_of_costs_with_a_tiny_payload
     skip_without_proc
     skip_under_sanitizers
     costs = File.expand_path("costs.rb", __dir__)
@@ -69,7 +67,7 @@ class AttackTest < Minitest::Test
     end
   end
 
-  # Faults planted in the model.
+  # Faults planted in the model: an attack that does not notice them compares nothing.
   FAULTS = {
     "levels of writing" => "class Model::Encoder; remove_const :MAXDEPTH; MAXDEPTH = 65; end",
     "32 bits of integers" => "class Model::Encoder; def carried(value) value; end; end",

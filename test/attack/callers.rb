@@ -4,7 +4,7 @@ module Attack
   # Misbehaving objects: descriptions of objects whose methods run Ruby code in the middle of an operation. Each pool
   # builds its own objects from a description. They act through steps:
   #
-  #   [:yield, args]              calls the block of its own `each`
+  #   [:yield, args]              calls the block of an overridden `each`
   #   [:attempt, args]            likewise, and continues when that raises; the outcome is logged
   #   [:operate, operation]       performs an operation on the pool; the outcome is logged
   #   [:keep]                     keeps the block for a later call
@@ -174,7 +174,7 @@ module Attack
       pool.log << ObjectPool.raised(error)
     end
 
-    # A fiber or a thread must not throw out of itself.
+    # A throw cannot leave its fiber or thread: the interpreter raises one of several errors, depending on its version.
     def within(pool)
       yield
       nil
@@ -198,7 +198,7 @@ module Attack
     }.freeze
   end
 
-  # Makes the next Array or Hash that is asked for its hash perform steps first, once.
+  # Makes the next call of Array#hash or Hash#hash perform steps first, once.
   module KeyHook
     class << self
       attr_accessor :steps, :pool

@@ -1,12 +1,12 @@
 # frozen_string_literal: true
 
 module Attack
-  # How hard the garbage collector works during the operations.
+  # How often the garbage collector runs during the operations.
   #
   #   normal   as in any program
   #   stress   a collection at every allocation inside the extension's operations
-  #   compact  everything is moved now and then, references are verified where the interpreter supports that, and
-  #            objects are moved at every full collection where it supports that
+  #   compact  a compaction now and then, with a check of all references, and one at every full collection; each where
+  #            the interpreter supports it
   class Collector
     LEVELS = %w[normal stress compact].freeze
     # Operations between two compactions.

@@ -1,7 +1,6 @@
 # frozen_string_literal: true
 
 module Attack
-  # The model and the extension disagree.
   class Difference < StandardError
   end
 
@@ -186,7 +185,7 @@ module Attack
       end
     end
 
-    # Compares all stored bytes; for an inbound frame, only those up to the payload's end.
+    # In an inbound frame, the bytes beyond the payload's end are unspecified.
     def compare_bytes(what, slot, expected, actual)
       size = [expected.payload_end, expected.data.bytesize].min
       return if size == 0 || !expected.readable?(size - 1)

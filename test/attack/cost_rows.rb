@@ -117,7 +117,7 @@ module CostRows
   # --- the rest -----------------------------------------------------------------------------------------
 
   OTHER = {}
-  # 1 GiB for the payloads' usual 1 MiB.
+  # Announces 1 GiB where the other payloads have 1 MiB.
   OTHER["header that announces 1024 times this"] = lambda do |size, _|
     frame = VORN::PROTO::PacketFrameIn.new.reset
     header = [0xA5, 1, 0, 1024 * size].pack("CCnN")

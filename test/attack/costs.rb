@@ -19,8 +19,8 @@ class Costs
   end
 
   def run
-    puts "Ruby #{RUBY_VERSION}: memory is the resident size at its largest, less that before; seconds are the",
-         "processor's; another thread that wants a turn every 2 ms waited so long for one, at most", ""
+    puts "Ruby #{RUBY_VERSION}: memory is the peak growth of the resident size; seconds are CPU time; waited is the",
+         "longest time for which another thread, which wants the GVL every 2 ms, did not get it", ""
     puts format("%-38s %10s %12s %7s %9s %8s", "what", "bytes", "memory", "times", "seconds", "waited")
     names = ruby("-e", "puts CostRows::ALL.keys", "-r#{ROWS}").lines.map(&:chomp)
     names.grep(@only).each { |name| puts line(name, *ruby(ROWS, name, @size.to_s, @keys.to_s).chomp.split("\t")) }

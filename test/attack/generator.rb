@@ -8,7 +8,7 @@ module Attack
               :start_over].freeze
     # Slots that values may be copied to.
     DESTINATIONS = POOL.each_index.select { |slot| [:buf, :out].include?(POOL[slot]) }.freeze
-    # The capacity at which storage has to move.
+    # The initial capacity: beyond it the storage is reallocated.
     CAPACITY = 65_536
     # Objects larger than this are soon replaced.
     LARGE = 2000
@@ -25,7 +25,6 @@ module Attack
       in: { feed: 45, feed_badly: 2, ask: 5, hostile_feed: 3 }
     }.freeze
 
-    # Repeats each kind by its weight.
     KINDS = Hash[OWN_OF.map do |key, own|
       weights = ANY.merge(key == :own_out ? OWN_OF[:out] : own)
       [key, weights.flat_map { |kind, weight| [kind] * weight }.freeze]
@@ -39,7 +38,6 @@ module Attack
       @plan = []
     end
 
-    # Planned operations first.
     def next_operation
       return @plan.shift unless @plan.empty?
       slot = self.slot
@@ -122,7 +120,7 @@ module Attack
       op(slot, :extract_object)
     end
 
-    # Reads what is written next from its start, or copies it.
+    # Reads or copies the next value, from its start.
     def read_back(slot)
       buf = @model.objects[slot]
       return extract(slot) if buf.pos > LARGE
@@ -163,7 +161,7 @@ module Attack
       end
     end
 
-    # Writes where the storage has to move, while a copy to the same buffer is in progress.
+    # Makes the storage grow while a copy to the same buffer is in progress.
     def at_capacity(slot)
       start = CAPACITY - @inputs.below(30)
       last = case @inputs.below(4)

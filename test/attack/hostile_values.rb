@@ -3,7 +3,7 @@
 module Attack
   # Random descriptions of misbehaving objects.
   class HostileValues
-    # What an own `each` may yield: pairs in both forms, and non-pairs.
+    # What an overridden `each` may yield: pairs in both forms, and non-pairs.
     YIELDS = [
       ->(inputs) { [inputs.any_value, inputs.any_value] },
       ->(inputs) { [[inputs.any_value, inputs.any_value]] },

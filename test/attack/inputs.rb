@@ -13,7 +13,6 @@ module Attack
                 2**62 - 1, 2**62, 2**63 - 1].flat_map { |n| [n, -n, -n - 1] }.freeze
     FLOATS = [0.0, -0.0, 1.5, -2.25, 1e300, -1e-300, 5e-324, Float::INFINITY, -Float::INFINITY, Float::NAN, Float::MAX,
               0.1].freeze
-    # Values that cannot be encoded.
     UNSUPPORTED = [Object.new, Class, Math, /r/, 1..2, 2**64, -2**64, 2**63, -2**63 - 1, Rational(1, 3), Complex(1, 2),
                    Struct.new(:a).new(1), Time.at(0), proc {}, BasicObject.new, Callers::NoString.new, $stderr,
                    Thread.current,
@@ -100,7 +99,7 @@ module Attack
       string.force_encoding(pick(ENCODINGS))
     end
 
-    # At or beyond the limit of levels.
+    # At or beyond the limit of nesting.
     def deep_value
       (60 + below(8)).times.inject(below(2)) { |inner, _| chance(2) ? [inner] : { inner => 1 } }
     end

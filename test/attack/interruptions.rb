@@ -79,7 +79,6 @@ module Interruptions
       self
     end
 
-    # How often each step was performed.
     def counts
       @counts.sort_by { |name, _| name.to_s }.map { |name, count| "#{name} #{count}" }.join(", ")
     end
@@ -100,7 +99,7 @@ module Interruptions
 
     private
 
-    # Containers that a step creates for itself perform none.
+    # Containers that a step creates for itself perform no steps.
     def deeper
       keys, SteppingKeys.run = SteppingKeys.run, nil
       @depth += 1
@@ -151,7 +150,7 @@ module Interruptions
     def in_thread(&work)
       depth = @depth
       thread = Thread.new { outcome(&work) }
-      thread.join(5) or raise "a thread that does not end"
+      thread.join(5) or raise "the thread does not end"
       @depth = depth
     end
 
@@ -181,12 +180,12 @@ module Interruptions
     end
 
     def check(guard, bytes)
-      raise "another buffer's bytes" unless guard.to_str == bytes
+      raise "the bytes of another buffer changed" unless guard.to_str == bytes
       @buffers.each do |buf|
-        raise "position" if buf.pos > 1 << 24
+        raise "wrong position" if buf.pos > 1 << 24
         buf.reset << [1, { "a" => [2.5] }, nil]
-        raise "bytes" unless buf.to_str == "\x0A\x81\x08\x07\x01a\x0A\x04\x40\x04\0\0\0\0\0\0\x0B\x09\x00\x0B".b
-        raise "value" unless buf.seek(0).extract_object == [1, { "a" => [2.5] }, nil]
+        raise "wrong bytes" unless buf.to_str == "\x0A\x81\x08\x07\x01a\x0A\x04\x40\x04\0\0\0\0\0\0\x0B\x09\x00\x0B".b
+        raise "wrong value" unless buf.seek(0).extract_object == [1, { "a" => [2.5] }, nil]
       end
     end
 
@@ -237,7 +236,7 @@ module Interruptions
       container
     end
 
-    # --- steps that go on -----------------------------------------------------------------------------------
+    # --- steps that return ----------------------------------------------------------------------------------
 
     def step_nothing(_)
     end
@@ -305,10 +304,10 @@ module Interruptions
       return if @refined && below(50) > 0
       @refined = true
       Module.new do
-        refine(Hash) { def each; raise "a refinement that nobody activated"; end }
+        refine(Hash) { def each; raise "an inactive refinement was called"; end }
         refine(Array) do
-          def hash; raise "a refinement that nobody activated"; end
-          def eql?(_); raise "a refinement that nobody activated"; end
+          def hash; raise "an inactive refinement was called"; end
+          def eql?(_); raise "an inactive refinement was called"; end
         end
       end
     end
@@ -317,7 +316,7 @@ module Interruptions
       Thread.pass
     end
 
-    # --- steps that leave -----------------------------------------------------------------------------------
+    # --- steps that do not return ---------------------------------------------------------------------------
 
     def step_raise(_)
       raise Stopped

@@ -37,7 +37,7 @@ double processor_seconds() {
   return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
 }
 
-/// Runs the work and prints its row. The work's result must outlive it.
+/// The work's result must outlive it, so that the result's memory counts.
 void measure(const std::string& name, size_t payload, const std::function<void()>& work) {
   std::ofstream("/proc/self/clear_refs") << "5";  // resets the peak resident size
   const double before = status("VmRSS");
@@ -98,7 +98,7 @@ void measure_keys(const std::string& name, const std::string& front, bool backwa
   measure_decode(name, hash_of(keys));
 }
 
-/// 1 GiB for the payloads' usual 1 MiB.
+/// Announces 1 GiB where the other payloads have 1 MiB.
 void measure_announced(size_t size) {
   PacketFrameIn frame;
   frame.reset();

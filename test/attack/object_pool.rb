@@ -89,7 +89,6 @@ module Attack
       ObjectPool.raised(error)
     end
 
-    # Calls a kept block of an own `each`.
     def call_kept(index, args)
       @kept[index].call(*args)
       [:value, nil]

@@ -1,7 +1,7 @@
 # frozen_string_literal: true
 
-# A day of work in one run: ten million messages through one pair of frames, then a million new buffers. Memory must
-# stay where it was after the first tenth, or the exit status is 1. bin/test soak runs it.
+# A day's work in one run: ten million messages through one pair of frames, then a million new buffers. The exit status
+# is 1 if memory grows after the first tenth. bin/test soak runs it.
 
 require "optparse"
 require "vorn_rpc"
