@@ -61,7 +61,7 @@ inline std::string from_hex(const std::string& text) {
   for (size_t i = 0; i < digits.size(); i += 2) {
     size_t end = 0;
     out += static_cast<char>(std::stoi(digits.substr(i, 2), &end, 16));
-    if (end != 2) throw std::invalid_argument("no hexadecimal digits: " + text);
+    if (end != 2) throw std::invalid_argument("not hexadecimal digits: " + text);
   }
   return out;
 }

@@ -58,8 +58,8 @@ class ReferenceDecoder {
     return byte;
   }
 
-  /// Reads a varint, lowest bits first; a byte's continuation flag is above its data bits. Bits of a group beyond bit
-  /// 63 are lost, and the next group continues at its place modulo 64.
+  /// Reads a varint, lowest bits first; a byte's continuation flag is above its data bits. Shifts wrap around modulo
+  /// 64, and the bits of a group that a shift moves beyond bit 63 are lost.
   Number number(unsigned first_data_bits, bool is_signed, const char* failure) {
     Number result = {0, false};
     unsigned place = 0;

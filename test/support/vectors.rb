@@ -58,7 +58,7 @@ module Vectors
   def bytes(text)
     digits = expand(text).delete(" ")
     return "".b if digits == "-"
-    raise "no hexadecimal bytes: #{text}" unless digits =~ /\A([0-9A-F]{2})*\z/
+    raise "not hexadecimal bytes: #{text}" unless digits =~ /\A([0-9A-F]{2})*\z/
     Hex.decode(digits)
   end
 
@@ -70,7 +70,7 @@ module Vectors
     raise "#{file}: no rows" if rows.empty?
     rows.each { |cells| raise "#{file}: too many cells: #{cells.first}" if cells.size > columns }
     twice = rows.map(&:first).group_by { |name| name }.select { |_, all| all.size > 1 }.keys
-    raise "#{file}: names that occur twice: #{twice.join(', ')}" unless twice.empty?
+    raise "#{file}: duplicate names: #{twice.join(', ')}" unless twice.empty?
     rows.map { |cells| cells + ["="] * (columns - cells.size) }
   end
 end

@@ -1,8 +1,8 @@
 # frozen_string_literal: true
 
 module Model
-  # The conversion of arguments to numbers. A failing conversion raises what the interpreter raises in its own methods;
-  # Array#at stands for them.
+  # The conversion of arguments to numbers. A failing conversion raises what the interpreter's own methods raise: it
+  # calls one of them, Array#at.
   module Conversions
     CUT = 2**32 - 1
     LONG = (-2**63...2**63).freeze

@@ -1,8 +1,8 @@
 # frozen_string_literal: true
 
 module Model
-  # Reads one value at a buffer's position in two passes: the first checks it without making objects, the second builds
-  # it. The buffer's position moves at the end of a pass, even a failing one: it is then where reading stopped.
+  # Decodes the value at a buffer's position in two passes: the first checks it without allocating objects, the second
+  # builds it. Only the end of a pass, even of a failing one, moves the buffer's position: to where reading stopped.
   class Decoder
     VALUE = "decode_next_packetbuf_rbobj: "
     STRING = "decode_next_packetbuf_rbstr: "
@@ -63,7 +63,7 @@ module Model
       end
     end
 
-    # Reads a varint, whose first group has its own width. Bits beyond the 64th wrap around.
+    # Reads a varint, whose first group has its own width. Shifts wrap around modulo 64.
     def groups(first_bits, continued, underrun)
       magnitude = 0
       shift = 0

@@ -1,13 +1,13 @@
 # frozen_string_literal: true
 
 module Model
-  # Writes one value at a buffer's position. A failure leaves the bytes written so far.
+  # Encodes a value at a buffer's position. A failure keeps the bytes written so far.
   class Encoder
     NAME = "serialize_rbobj_to_packetbuf: "
     MAXDEPTH = 64
     IMMEDIATE = (-2**62...2**62).freeze
 
-    # The interpreter's own methods: subclasses may override them.
+    # The built-in method, which subclasses may override.
     EACH = Hash.instance_method(:each)
     EACH_OWNERS = [Hash, Hash.instance_method(:each).owner].freeze
     ARRAY_SIZE = Array.instance_method(:size)
@@ -40,7 +40,7 @@ module Model
       @buffer.write_bytes(bytes.pack("C*"))
     end
 
-    # Immediate Integers, of 63 bits, are cut to 32 bits. The others must fit into 64.
+    # Immediate Integers, of 63 bits, are truncated to 32 bits. The others must fit into 64.
     def carried(value)
       return Conversions.signed_32(value) if IMMEDIATE.cover?(value)
       return value if Conversions::LONG.cover?(value)
@@ -91,8 +91,8 @@ module Model
       put(0x09)
     end
 
-    # A Hash subclass's own `each` yields an Array, whose first two members count, or a key and a value. It may call its
-    # block late.
+    # An overridden `each` yields an Array, whose first two members count, or a key and a value. It may call its block
+    # after the iteration has ended.
     def own_each(value, depth)
       ended = false
       value.each do |*yielded|

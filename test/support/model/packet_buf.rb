@@ -1,14 +1,13 @@
 # frozen_string_literal: true
 
 module Model
-  # A write would make a buffer larger than a test should; the extension has no such limit. Not a StandardError, so that
-  # no rescue of the model's errors catches it.
+  # Raised when a write would make a buffer too large for a test; the extension has no such limit. Not a StandardError,
+  # so that no rescue of the model's errors catches it.
   class TooLarge < Exception
   end
 
   # Bytes, a position, and a payload, which in this class is all of the bytes.
   class PacketBuf
-    # The most bytes that a model stores.
     LARGEST = 300_000
 
     attr_reader :data, :maxdepth, :preserve_symbols_on_extract
@@ -26,7 +25,7 @@ module Model
       buf
     end
 
-    # The name of the modelled class.
+    # The extension's class, as error texts name it.
     def self.modelled
       "VORN::PROTO::" + name[/\w+\z/]
     end
@@ -37,7 +36,7 @@ module Model
       self
     end
 
-    # --- options: what freezing protects, and all that it does ---------------------------------------------
+    # --- options, which are all that freezing protects -----------------------------------------------------
 
     def freeze
       @options_are_frozen = true

@@ -119,7 +119,7 @@ module Model
       0
     end
 
-    # Ruby code cannot see the reason.
+    # Ruby code cannot see the reason, so the model does not keep it.
     def fail_with(_message)
       @state = :failed
       0
