@@ -74,7 +74,7 @@ class Document
     end
   end
 
-  # Called by the examples.
+  # The code that the examples are rewritten to calls it.
   def equal(line, expected, actual)
     @counts["results"] += 1
     return actual if expected == actual && expected.class == actual.class
@@ -85,10 +85,10 @@ class Document
   def raising(line, klass, text)
     @counts["results"] += 1
     yield
-    fail_at(line, "says #{klass} is raised, and nothing is")
+    fail_at(line, "says #{klass} is raised, but nothing was raised")
   rescue Exception => e
     return if e.class.name == klass && (text.nil? || e.message == text)
-    fail_at(line, "says #{klass} #{text.inspect} is raised, but #{e.class} #{e.message.inspect} is")
+    fail_at(line, "says #{klass} #{text.inspect} is raised, but #{e.class} #{e.message.inspect} was")
   end
 
   private
@@ -234,7 +234,7 @@ class Document
     fail_at(block.first_line, "the command that goes on has printed\n#{printed}instead of\n#{running.shown}")
   end
 
-  # Returns its output once it is as long as expected.
+  # Returns the command's output once it is as long as expected.
   def wait_for(expected, running)
     deadline = Time.now + SECONDS_TO_WAIT
     until Time.now > deadline || ended?(running.pid)

@@ -7,7 +7,7 @@ TABLE = "docs/operations/operating.md"
 SOURCES = Dir["{ext,proto,vobject}/*.{cc,h}"] +
           %w[ext/extconf.rb tools/inspect/stream_scanner.cc tools/inspect/value_scanner.cc]
 
-# Names of data types, which no error contains.
+# Names of data types look like messages, but no error contains them.
 NO_ERROR = /\AVORN /
 
 # The string literals of a source that look like a message, with adjacent literals joined.

@@ -37,7 +37,7 @@ def text?(object)
   object && !object.comment.to_s.strip.empty?
 end
 
-# Returns the names without a text.
+# Returns the names of what is not documented.
 def missing_in(store)
   classes = VORN::PROTO.constants.map { |name| VORN::PROTO.const_get(name) }
   missing = [VORN, VORN::PROTO, *classes].flat_map do |owner|
@@ -62,6 +62,6 @@ folder = File.expand_path(ARGV.fetch(0))
 store, said = document(folder)
 missing, unknown = missing_in(store)
 abort "ruby_reference: #{said}" unless said.empty?
-abort "ruby_reference: without a text: #{missing.join(', ')}" unless missing.empty?
+abort "ruby_reference: not documented: #{missing.join(', ')}" unless missing.empty?
 abort "ruby_reference: not in the extension: #{unknown.join(', ')}" unless unknown.empty?
-puts "Ruby: #{store.all_classes_and_modules.flat_map(&:method_list).size} methods, each with its text"
+puts "Ruby: #{store.all_classes_and_modules.flat_map(&:method_list).size} methods, all documented"

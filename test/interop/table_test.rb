@@ -1,7 +1,7 @@
 # frozen_string_literal: true
 
-# Every row of test/vectors/values.txt, from Ruby through C++ to Ruby and from C++ through Ruby to C++. Where the two
-# differ on purpose, the table has both results; and the bytes that either writes have a row too, for the next reader.
+# Passes every row of test/vectors/values.txt from Ruby through C++ to Ruby, and from C++ through Ruby to C++. The bytes
+# that either writes need a row of their own, which says what the next reader must read.
 
 require_relative "peer"
 require_relative "../support/hex"
@@ -75,8 +75,8 @@ class TableTest < Minitest::Test
     Reading.new(*texts, row.variant_bytes)
   end
 
-  # Passes the bytes of each row along the hands: each checks its reading against its column of the table, and writes
-  # the value for the next. `hands` are pairs of a reader and its expectation.
+  # Passes the bytes of each row from reader to reader: each compares its reading with its column of the table, and
+  # writes the value for the next. `hands` are pairs of a reader and its expectation.
   def follow(*hands)
     wrong = []
     passed_on = ROWS.map { |row| [row, row.bytes] }
@@ -85,7 +85,7 @@ class TableTest < Minitest::Test
       passed_on = passed_on.map do |start, bytes|
         reading = readings.fetch(bytes)
         row = ROW_OF[bytes]
-        wrong << "#{start.name}: #{Hex.encode(bytes)} is no row" unless row
+        wrong << "#{start.name}: #{Hex.encode(bytes)} has no row in the table" unless row
         next if row.nil?
         wanted = expected.call(row)
         wrong << "#{start.name}, at #{row.name}:\n  #{reading}\n  #{wanted}" unless reading == wanted

@@ -102,7 +102,7 @@ bool each_frame(Use use) {
   return true;
 }
 
-/// Likewise with the value of each frame.
+/// Calls `use` with the value of each frame of standard input. False: the stream is damaged.
 template <typename Use>
 bool each_value(Use use) {
   std::vector<VObject> messages;
