@@ -108,7 +108,6 @@ class DissectorTest < ToolTestCase
     end
   end
 
-  # A stream split at each of its bytes.
   def test_every_cut
     stream = sample_stream
     expected = meaning_of(stream)
@@ -249,7 +248,7 @@ class DissectorTest < ToolTestCase
         label = "#{sizes} #{options.join(' ')}"
         check("#{label}: frames", %w[1 2 1 3], shown["vorn.seq"])
         check("#{label}: messages", %w[2 3], shown["vorn.message"])
-        check("#{label}: nothing taken for garbage", [[], []], shown.values_at("vorn.skipped", "vorn.error"))
+        check("#{label}: no bytes taken for garbage", [[], []], shown.values_at("vorn.skipped", "vorn.error"))
       end
     end
     name = capture(PcapWriter.cut(long[0, 1_900_000], 60_000), [frame(4, "\x84".b)], [[:server, frame(5, "\x85".b)]])

@@ -117,7 +117,7 @@ class InspectTest < ToolTestCase
 
   # Frames with --values get a hint; the output stays the same.
   def test_values_that_are_frames
-    hint = "vorn-inspect: this looks like frames; leave out --values\n"
+    hint = "vorn-inspect: this looks like frames; try without --values\n"
     twelve = frame(1, "\x81".b, 12)
     { "a frame" => frame(1, "\x81".b), "an empty frame" => frame(1, ""), "12 bytes" => twelve, "many" => twelve * 1000,
       "the longest" => [0xA5, 1, 0, 64 << 20].pack("CCnN") }.each do |what, stream|
@@ -167,7 +167,7 @@ class InspectTest < ToolTestCase
     end
   end
 
-  # No byte from a peer or in a name reaches a terminal as a control character; and the text can be read back.
+  # No byte from a peer or in a file name may reach a terminal as a control character, and the text must be reversible.
   def test_controls
     marks = [0x7F, *0x80..0x9F, 0x061C, 0x200E, 0x200F, *0x2028..0x202E, *0x2066..0x2069]
     text = ((0..0x1F).to_a + marks).pack("U*")
@@ -228,37 +228,37 @@ class InspectTest < ToolTestCase
     Open3.popen3(@program, "--follow", path("log")) do |_, out, err, process|
       check("at first", "offset 0  layout 8  seq 1  length 0\n", lines_of(out, 1))
       File.rename(path("log"), path("old"))
-      check("renamed", said("is gone; waiting for its successor"), lines_of(err, 1))
+      check("renamed", said("is gone; waiting for a new file"), lines_of(err, 1))
       append("old", "\x82".b)
       check("the old one is still read", "offset 8  layout 8  seq 2  length 2\n  1\n  2\n", lines_of(out, 3))
       append("old", frame(3, "\x81\x82".b)[0, 9])
       Dir.mkdir(path("log"))
-      check("a folder", said("is no regular file any more; waiting for one"), lines_of(err, 1))
+      check("a folder", said("is no longer a regular file; waiting for one"), lines_of(err, 1))
       Dir.rmdir(path("log"))
-      check("gone again", said("is gone; waiting for its successor"), lines_of(err, 1))
+      check("gone again", said("is gone; waiting for a new file"), lines_of(err, 1))
       File.mkfifo(path("log")) if File.respond_to?(:mkfifo)
       lines_of(err, 1) if File.respond_to?(:mkfifo)
       File.binwrite(path("new"), frame(4, "\x81".b))
       File.rename(path("new"), path("log"))
-      check("another", said("is another file now; going on with that"), lines_of(err, 1))
+      check("another", said("was replaced; reading the new file"), lines_of(err, 1))
       check("what the old one left unfinished, and the new one",
             "! skipped 9 bytes at offset 18\n" \
             "!   offset 18: cut off by the end of the input (layout 8, seq 3, length 2)\n" \
             "offset 0  layout 8  seq 4  length 1\n  1\n", lines_of(out, 4))
       File.truncate(path("log"), 0)
-      check("shorter", said("became shorter; going on at its beginning"), lines_of(err, 1))
+      check("shorter", said("was truncated; reading from its beginning"), lines_of(err, 1))
       append("log", frame(5, ""))
       check("from the beginning", "offset 0  layout 8  seq 5  length 0\n", lines_of(out, 1))
       File.truncate(path("log"), 0)
-      check("shorter again", said("became shorter; going on at its beginning"), lines_of(err, 1))
+      check("shorter again", said("was truncated; reading from its beginning"), lines_of(err, 1))
       File.delete(path("log"))
-      check("gone for good", said("is gone; waiting for its successor"), lines_of(err, 1))
+      check("gone for good", said("is gone; waiting for a new file"), lines_of(err, 1))
       sleep 0.3
       Process.kill(:TERM, process.pid)
       check("ended", [1, "", ""], [Timeout.timeout(10) { process.value }.exitstatus, out.read, err.read])
     end
     File.binwrite(path("log"), frame(6, "") * 2)
-    shorter = "vorn-inspect: standard input: became shorter; going on at its beginning\n"
+    shorter = "vorn-inspect: standard input: was truncated; reading from its beginning\n"
     check("standard input", ["offset 0  layout 8  seq 6  length 0\n", [shorter] * 2], followed_input)
   end
 
@@ -300,7 +300,7 @@ class InspectTest < ToolTestCase
     end
   end
 
-  # Output appears at once, and a reader that leaves causes no message.
+  # Output appears at once, and a reader that closes its pipe causes no message.
   def test_pipes
     Open3.popen3(@program) do |input, out, err, process|
       input.binmode.write(frame(1, "\x81".b))
@@ -326,7 +326,7 @@ class InspectTest < ToolTestCase
     check("not without a terminal", "", inspector("--stats", path("large")).err)
   end
 
-  # The peak memory after reading this much and showing its contents.
+  # Memory must not depend on the length of a capture.
   def test_memory
     clean = frame(1, "\x08\x05\x02id\x81\x09".b) * 60_000
     check("a long capture", true, peak(Array.new(100) { clean }) < 16)
@@ -347,7 +347,7 @@ class InspectTest < ToolTestCase
     check_memory("one string", Vectors.bytes("05 80 92 F4 01") + "\x01".b * size)
   end
 
-  # The program on damaged captures: it always succeeds, and shows the undamaged frames.
+  # On damaged captures the program must succeed and show the undamaged frames.
   def test_mutated
     random = Random.new(20_240_607)
     Integer(ENV.fetch("VORN_CAPTURES", 1000)).times do |n|
@@ -401,7 +401,7 @@ class InspectTest < ToolTestCase
     shell("#{@quoted} #{arguments}")
   end
 
-  # The same input in all ways of reading it.
+  # All ways to pass the same input.
   def ways(stream)
     File.binwrite(path("stream"), stream)
     { "file" => inspector(path("stream")), "pipe" => inspector(stdin: stream), "dash" => inspector("-", stdin: stream),
@@ -485,7 +485,6 @@ class InspectTest < ToolTestCase
     end
   end
 
-  # In MiB.
   def peak(parts, *options)
     Open3.popen3(@program, *options) do |input, out, _, process|
       reader = Thread.new { IO.copy_stream(out, File::NULL) }
@@ -495,7 +494,7 @@ class InspectTest < ToolTestCase
       mib = resident(process.pid)
       input.close
       reader.join
-      puts format("  peak %.1f MiB behind %d MB", mib, parts.map(&:bytesize).inject(:+) / 1_000_000)
+      puts format("  peak %.1f MiB after %d MB", mib, parts.map(&:bytesize).inject(:+) / 1_000_000)
       mib
     end
   end

@@ -34,7 +34,7 @@ module JsonText
   def special(object)
     kind = object.size == 1 && object.keys.first[/\A\$(bytes|double|hash)\z/, 1]
     return yield kind, object.values.first if kind
-    raise "a name that begins with a dollar sign: #{object}" if object.keys.any? { |key| key.start_with?("$") }
+    raise "name with a leading dollar sign: #{object}" if object.keys.any? { |key| key.start_with?("$") }
     yield "hash", object.to_a
   end
 

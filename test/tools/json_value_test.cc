@@ -25,7 +25,7 @@ TEST(JsonValue, ShowsScalars) {
   EXPECT_EQ("-9223372036854775808", json_of("E0 (8:80) 04"));
 }
 
-TEST(JsonValue, KeepsDoublesApartFromIntegers) {
+TEST(JsonValue, DistinguishesDoublesFromIntegers) {
   EXPECT_EQ("1.0", json_of("04 3F F0 00 00 00 00 00 00"));
   EXPECT_EQ("-0.0", json_of("04 80 00 00 00 00 00 00 00"));
   EXPECT_EQ("0.1", json_of("04 3F B9 99 99 99 99 99 9A"));
@@ -52,14 +52,14 @@ TEST(JsonValue, CannotBeMisledByKeys) {
   EXPECT_EQ("{\"$hash\":[[\"a\",1],[{\"$bytes\":\"ff\"},2]]}", json_of("08 05 01 61 81 05 01 FF 82 09"));
 }
 
-TEST(JsonValue, OrdersEntriesAndKeepsTheLastOfAKey) {
+TEST(JsonValue, OrdersEntriesAndKeepsTheLastOfEqualKeys) {
   EXPECT_EQ("{\"\":1,\"a\":3,\"b\":4}", json_of("08 05 01 62 82 05 01 61 83 05 00 81 05 01 62 84 09"));
   EXPECT_EQ("{\"$hash\":[[\"$\",{\"a\":[{\"b\":2}]}],[\"c\",3]]}",
             json_of("08 05 01 63 83 05 01 24 08 05 01 61 0A 08 05 01 62 82 09 0B 09 09"));
 }
 
 // Enough entries that sorting reorders equal keys unless it compares their order too.
-TEST(JsonValue, KeepsTheLastOfManyOfAKey) {
+TEST(JsonValue, KeepsTheLastOfManyEqualKeys) {
   for (unsigned entries = 2; entries <= 32; entries += 2) {
     std::string bytes = "\x08";
     for (unsigned i = 0; i < entries; ++i) {
@@ -70,7 +70,7 @@ TEST(JsonValue, KeepsTheLastOfManyOfAKey) {
   }
 }
 
-TEST(JsonValue, EscapesWhatATerminalMayObey) {
+TEST(JsonValue, EscapesTerminalControls) {
   EXPECT_EQ("\"\\b\\f\\n\\r\\t\\u001b\\\\\"", json_of("05 07 08 0C 0A 0D 09 1B 5C"));
   EXPECT_EQ("\"~\\u007f\\u0080\\u009b\\u009f\xC2\xA0\"", json_of("05 0A 7E 7F C2 80 C2 9B C2 9F C2 A0"));
   EXPECT_EQ("{\"\\u202e\":\"a\\u2066\"}", json_of("08 05 03 E2 80 AE 05 04 61 E2 81 A6 09"));
@@ -99,7 +99,7 @@ TEST(JsonValue, ParsesToTheSameText) {
   }
 }
 
-// Longer than the pieces in which strings are written.
+// Strings longer than the pieces in which they are written.
 TEST(JsonValue, WritesLongStrings) {
   std::string text;
   for (int i = 0; i < 40000; ++i) text += i % 7 == 0 ? "\xE2\x80\xAE" : "a\x7F\xC3\xA4";

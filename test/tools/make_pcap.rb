@@ -1,7 +1,7 @@
 # frozen_string_literal: true
 
-# Writes capture files of TCP connections with exactly the segments that a test needs; a real connection does not
-# promise any.
+# Writes capture files of TCP connections with exactly the segments that a test needs, which a real connection does
+# not promise.
 #
 #   ruby test/tools/make_pcap.rb OUT.pcap [PORT [SIZE...]] < stream
 #

@@ -73,7 +73,7 @@ Reading library_reads(const std::string& payload) {
   return out;
 }
 
-TEST(MessageReader, FindsAndWritesWhatTheLibraryDoes) {
+TEST(MessageReader, ReadsAndRendersLikeTheLibrary) {
   std::vector<std::string> values;
   for (const auto& row : vorn_test::value_vectors()) values.push_back(row.bytes);
   std::mt19937_64 random(20261121);
@@ -105,7 +105,7 @@ TEST(MessageReader, FindsAndWritesWhatTheLibraryDoes) {
   EXPECT_GT(messages, payloads / 2);
 }
 
-TEST(MessageReader, WordsAKeyThatIsNoStringAsTheLibraryDoes) {
+TEST(MessageReader, ReportsAKeyThatIsNoStringLikeTheLibrary) {
   for (const char* const hex :
        {"08 81 82 09", "08 05 00 81 0A 0B 81 09", "0A 08 08 02 81 09 81 09 0B", "08 05 00 08 81 81 09 09"}) {
     const Reading reading = read(from_hex(hex));

@@ -26,7 +26,7 @@ class MessageText
 
   def text
     text = value
-    raise "no notation: #{@in.string}" unless @in.eos?
+    raise "not in the notation: #{@in.string}" unless @in.eos?
     text
   end
 
@@ -40,7 +40,7 @@ class MessageText
     elsif @in.skip(/\[/) then "[#{members.join(', ')}]"
     elsif @in.skip(/\{/) then "{#{entries.join(', ')}}"
     else
-      raise "no notation: #{@in.string} at #{@in.pos}"
+      raise "not in the notation: #{@in.string} at #{@in.pos}"
     end
   end
 
@@ -56,12 +56,12 @@ class MessageText
     list
   end
 
-  # The notation has them in the order of their bytes already.
+  # The notation already has the entries in the order of their bytes.
   def entries
     list = []
     until @in.skip(/ *\}/)
       key = value
-      raise "no entry: #{@in.string} at #{@in.pos}" unless @in.skip(/=/)
+      raise "not an entry: #{@in.string} at #{@in.pos}" unless @in.skip(/=/)
       list << "#{key}=>#{value}"
     end
     list

@@ -142,7 +142,7 @@ TEST_F(MutatedCaptures, EveryUndamagedFrameIsFound) {
     report_all_ways(stream);
     if (HasFailure()) return;
   }
-  std::printf("%llu captures, %llu undamaged frames, %llu found, %llu inside frames that nothing speaks against\n",
+  std::printf("%llu captures, %llu undamaged frames, %llu found, %llu inside frames that nothing contradicts\n",
               static_cast<unsigned long long>(captures), static_cast<unsigned long long>(undamaged),
               static_cast<unsigned long long>(found), static_cast<unsigned long long>(hidden));
   RecordProperty("undamaged", std::to_string(undamaged));

@@ -9,7 +9,7 @@ using namespace vorn_inspect;
 
 namespace {
 
-/// Renders like the library.
+/// Renders like the library, so that tests can compare the two.
 void render(const EncodedValue& encoded, std::string& out) {
   encoded.window.select(encoded.offset, encoded.size);
   VORN::VObject value;

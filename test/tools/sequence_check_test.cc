@@ -6,14 +6,14 @@ namespace {
 
 using vorn_inspect::SequenceCheck;
 
-TEST(SequenceCheck, IsContentWithNumbersThatCountUp) {
+TEST(SequenceCheck, AcceptsConsecutiveNumbers) {
   SequenceCheck check;
   for (const unsigned seq : {65534U, 65535U, 0U, 1U}) check.add(static_cast<uint16_t>(seq), 0);
   EXPECT_EQ(0U, check.gaps() + check.repeats() + check.returns());
   EXPECT_TRUE(check.jumps().empty());
 }
 
-TEST(SequenceCheck, TellsGapsFromRepeatsAndReturns) {
+TEST(SequenceCheck, DistinguishesGapsRepeatsAndReturns) {
   SequenceCheck check;
   uint64_t offset = 0;
   for (const unsigned seq : {1U, 5U, 5U, 4U, 5U, 6U}) check.add(static_cast<uint16_t>(seq), offset += 10);

@@ -1,7 +1,6 @@
 # frozen_string_literal: true
 
-# The reading of a receiver that resets its frame after every frame and every error, in as little code as possible, for
-# comparison.
+# A model of a receiver that resets its frame after every frame and every error, in as little code as possible.
 module StreamModel
   # `size` is what the frame consumes. A header that fails its check byte has no seq and no length.
   Frame = Struct.new(:layout, :seq, :length, :error, :size)

@@ -35,7 +35,7 @@ TEST(StreamScanner, ReportsFramesWithTheirMessages) {
   EXPECT_EQ(Lines{}, lines(""));
 }
 
-TEST(StreamScanner, BelievesWhatTheAssemblerBelieves) {
+TEST(StreamScanner, AcceptsWhatTheAssemblerAccepts) {
   for (const auto& row : vorn_test::frame_vectors()) {
     SCOPED_TRACE(row.name);
     // Only rows with a single frame; bytes around a frame have their own tests.
@@ -65,7 +65,7 @@ TEST(StreamScanner, SaysWhyAMessageCannotBeRead) {
   }
 }
 
-TEST(StreamScanner, ShowsWhatStandsBetweenFrames) {
+TEST(StreamScanner, ReportsBytesBetweenFrames) {
   EXPECT_EQ((Lines{"skipped 3 at 0: of 0", "frame 3 layout 8 seq 1 length 0:", "skipped 2 at 11: of 0",
                    "frame 13 layout 8 seq 2 length 0:", "skipped 1 at 21: of 0"}),
             lines("abc" + frame(1, "") + "de" + frame(2, "") + "f"));
@@ -131,7 +131,7 @@ TEST(StreamScanner, MarksFramesThatOverlap) {
             lines(stream + frame(2, from_hex("82"))));
 }
 
-TEST(StreamScanner, DoesNotLookIntoFramesThatNothingSpeaksAgainst) {
+TEST(StreamScanner, DoesNotSearchFramesThatNothingContradicts) {
   const std::string inner = frame(9, from_hex("81"));
   const std::string outer = frame(1, from_hex("05 09") + inner);
   EXPECT_EQ((Lines{"frame 0 layout 8 seq 1 length 11: \"\\xa5\\x01\\x00\\x09\\x00\\x00\\x00\\x01\\x81\"",
@@ -146,7 +146,7 @@ TEST(StreamScanner, ReportsBothReadingsOfAFrameThatEndsLikeAnother) {
             lines(frame(1, from_hex("82") + frame(0, "")) + frame(2, "")));
 }
 
-TEST(StreamScanner, LooksBehindACutFrame) {
+TEST(StreamScanner, SearchesATruncatedFrame) {
   std::string stream = frame(1, from_hex("81"));
   stream[5] = 1;
   EXPECT_EQ((Lines{"skipped 9 at 0: 0 cut off by the end of the input; of 1", "frame 9 layout 8 seq 2 length 1: 2",
@@ -154,7 +154,7 @@ TEST(StreamScanner, LooksBehindACutFrame) {
             lines(stream + frame(2, from_hex("82")) + frame(3, "", 12)));
 }
 
-TEST(StreamScanner, TakesNoNoiseForAFrameWhereNoneIsExpected) {
+TEST(StreamScanner, DoesNotMistakeNoiseForAFrame) {
   EXPECT_EQ((Lines{"skipped 16 at 0: 1 no readable payload, where no frame is expected; of 1",
                    "frame 16 layout 8 seq 1 length 0:"}),
             lines(from_hex("00 A5 01 00 00 00 00 00 05 0C 0C 0C 0C 0C 00 00") + frame(1, "")));
@@ -199,9 +199,9 @@ TEST(StreamScanner, HostileStreamsCostLinearWork) {
   constexpr uint32_t MAX = 1 << 20;
   const std::vector<std::string> hostile = {
       from_hex("A5 01 00 00 00 08 00 01"),                          // readable, no header after it
-      from_hex("A5 01 00 00 00 0F FF F8"),                          // readable, and trusted
+      from_hex("A5 01 00 00 00 0F FF F8"),                          // readable, and so trusted
       from_hex("A5 00 00 00 08 00 01 DE AD BE EF 5A"),              // unreadable, but of 12 bytes
-      from_hex("A5 01 00 00 00 00 00 00 A5 01 00 00 00 08 00 01"),  // trusted ones between them
+      from_hex("A5 01 00 00 00 00 00 00 A5 01 00 00 00 08 00 01"),  // with trusted frames between them
       from_hex("A5 A5 00 00 00 08 00 A5"),
       from_hex("A5"),
       from_hex("A5 01"),

@@ -43,7 +43,7 @@ module Tshark
     @doubles_backslashes = !said.include?("is not a valid field output")
   end
 
-  # One hash per packet: field to the list of its values. Raises an error of the script.
+  # One hash per packet, from field to the list of its values. Raises if the dissector's script fails.
   def packets(capture, fields, *options)
     fields += ["_ws.lua.error"]
     names = fields.map { |field| ["-e", field] }.flatten

@@ -45,7 +45,7 @@ TEST(Unicode, AgreesWithTheJsonLibraryAboutUtf8) {
   }
 }
 
-TEST(Unicode, KnowsWhatATerminalMayObey) {
+TEST(Unicode, KnowsTerminalControls) {
   const std::pair<char32_t, char32_t> controls[] = {{0, 0x1F},        {0x7F, 0x9F},     {0x61C, 0x61C},
                                                     {0x200E, 0x200F}, {0x2028, 0x202E}, {0x2066, 0x2069}};
   char32_t behind = 0;
@@ -57,7 +57,7 @@ TEST(Unicode, KnowsWhatATerminalMayObey) {
   for (char32_t c = behind; c < 0x11000; ++c) ASSERT_FALSE(is_control(c)) << std::hex << c;
 }
 
-TEST(Unicode, TakesCharacters) {
+TEST(Unicode, DecodesCharacters) {
   const std::string bytes = from_hex("41 C2 80 DF BF E0 A0 80 EF BF BF F0 90 80 80 F4 8F BF BF");
   std::string_view rest = bytes;
   for (const char32_t c : {0x41, 0x80, 0x7FF, 0x800, 0xFFFF, 0x10000, 0x10FFFF}) {

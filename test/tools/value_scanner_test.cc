@@ -28,19 +28,19 @@ TEST(ValueScanner, ReportsValues) {
   EXPECT_EQ(Lines{}, lines(""));
 }
 
-TEST(ValueScanner, StopsAtAValueWhoseEndCannotBeTold) {
+TEST(ValueScanner, StopsAtAValueWhoseEndIsUnknown) {
   EXPECT_EQ((Lines{"value 0 size 1: 1", "failed 1: 3 VObject::deserialize: unrecognized protocol transport type"}),
             lines(from_hex("81 0A 0C 0B 81")));
   EXPECT_EQ((Lines{"failed 0: 2 VObject::deserialize_array: buffer underrun"}), lines(from_hex("0A 81")));
 }
 
-TEST(ValueScanner, GoesOnBehindAValueThatIsWhole) {
+TEST(ValueScanner, ContinuesBehindARefusedValueWithAKnownEnd) {
   EXPECT_EQ((Lines{"failed 0: 2 VObject::deserialize_hash: only hash keys of type string are supported",
                    "value 4 size 1: 5"}),
             lines(from_hex("08 81 82 09 85")));
 }
 
-TEST(ValueScanner, BoundsWhatAValueMayNeed) {
+TEST(ValueScanner, LimitsTheLengthOfAValue) {
   const std::string string = from_hex("05 10") + std::string(16, 'x');
   EXPECT_EQ(Lines{"value 0 size 18: \"xxxxxxxxxxxxxxxx\""}, lines(string, 18));
   EXPECT_EQ(Lines{"failed 0: 0 value longer than the limit"}, lines(string, 17));

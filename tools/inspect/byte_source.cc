@@ -90,7 +90,7 @@ bool ByteSource::became_shorter() {
   struct stat status;
   if (::fstat(fd_, &status) != 0 || status.st_size >= ::lseek(fd_, 0, SEEK_CUR)) return false;
   ::lseek(fd_, 0, SEEK_SET);
-  say("became shorter; going on at its beginning");
+  say("was truncated; reading from its beginning");
   said_ = "";
   return begins_anew_ = true;
 }
@@ -101,7 +101,7 @@ bool ByteSource::find_successor() {
   struct stat mine, named;
   if (::fstat(fd_, &mine) != 0) return false;
   if (::stat(name_.c_str(), &named) != 0) {
-    say(errno == ENOENT ? "is gone; waiting for its successor" : std::strerror(errno));
+    say(errno == ENOENT ? "is gone; waiting for a new file" : std::strerror(errno));
     return false;
   }
   if (mine.st_dev == named.st_dev && mine.st_ino == named.st_ino) {
@@ -116,13 +116,13 @@ bool ByteSource::find_successor() {
       return false;
     }
     if (::fstat(successor_, &named) == 0 && S_ISREG(named.st_mode)) {
-      say("is another file now; going on with that");
+      say("was replaced; reading the new file");
       said_ = "";
       return true;
     }
     ::close(std::exchange(successor_, -1));
   }
-  say("is no regular file any more; waiting for one");
+  say("is no longer a regular file; waiting for one");
   return false;
 }
 

@@ -65,7 +65,7 @@ class FrameHint {
     if (!wanted_) return;
     head_ += bytes.substr(0, VORN::PROTO::PF12_HEADER_LEN - head_.size());
     const bool found = looks_like_frame(head_, max_length_);
-    if (found) std::fputs("vorn-inspect: this looks like frames; leave out --values\n", stderr);
+    if (found) std::fputs("vorn-inspect: this looks like frames; try without --values\n", stderr);
     wanted_ = !found && head_.size() < VORN::PROTO::PF12_HEADER_LEN;
   }
 

@@ -14,17 +14,17 @@ std::optional<Options> parse_options(int argc, char** argv, int& status) {
   CLI::App app("Shows the frames and messages of a captured Vorn RPC byte stream.", "vorn-inspect");
   app.set_version_flag("--version", "vorn-inspect " VORN_INSPECT_VERSION);
   app.add_option("FILE", options.input, "The captured bytes; - or nothing: standard input")->option_text(" ");
-  app.add_flag("--json", options.json, "One JSON object a line");
+  app.add_flag("--json", options.json, "One JSON object per line");
   CLI::Option* const hex = app.add_flag("--hex", options.hex, "Show the bytes too");
   app.add_flag("--stats", options.stats, "Counts, sizes and sequence numbers in place of contents")->excludes(hex);
   app.add_flag("--values", options.values, "The input has values without frames");
-  app.add_flag("--follow", options.follow, "Go on at the end of the file as it grows");
+  app.add_flag("--follow", options.follow, "Keep reading as the file grows");
   app.add_option("--max-length", max_length,
                  "A frame that announces more bytes counts as damaged; with K, M or G (default: 64M)")
       ->transform(CLI::AsSizeValue(false))
       ->check(CLI::Range(uint64_t{0}, VORN::PROTO::PF8_MAX_DATA_LEN))
       ->option_text("SIZE");
-  app.footer("Exit status: 0 all is well, 1 damage was found, 2 the command line or the input is at fault.");
+  app.footer("Exit status: 0 no damage, 1 damage was found, 2 an error in the command line or the input.");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {

@@ -23,9 +23,9 @@ local MAX_LABEL = 120 -- bytes of text per line of the tree
 
 vorn.prefs.ports = Pref.range("TCP ports", "", "Ports whose streams are Vorn RPC, whatever they begin with", 65535)
 vorn.prefs.max_frame = Pref.uint("Longest payload to reassemble (MiB)", 64,
-  "Longer payloads are stepped over, not collected in memory")
+  "Longer payloads are skipped, not reassembled in memory")
 vorn.prefs.max_values = Pref.uint("Values to decode at once", 100000,
-  "Decoding of a packet stops behind so many values")
+  "Decoding of a packet stops after this many values")
 
 local registered_ports = ""
 function vorn.prefs_changed()
@@ -383,7 +383,7 @@ local function add_messages(tvb, bytes, tree, start, stop)
       first_fault = report_fault(walk, item)
     elseif text and not first_fault then
       local message = item:add(f.message, tvb(message_start, walk.pos - message_start), text):set_generated()
-      if walk.text_cut then message:add_proto_expert_info(cut, "The text is cut") end
+      if walk.text_cut then message:add_proto_expert_info(cut, "The text is truncated") end
       count, first_text = count + 1, first_text or text
     end
     if walk.fault then break end
