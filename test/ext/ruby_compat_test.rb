@@ -8,10 +8,11 @@ require_relative "ruby_process"
 class RubyCompatTest < ExtTest
   EXTCONF = File.expand_path("../../ext/extconf.rb", __dir__)
 
-  # The probes, and whether this interpreter needs the function, as the table in ext/ruby_compat.h says.
+  # The probes, and whether the extension must import the function here: the table in ext/ruby_compat.h. Ruby 2.7 has
+  # rb_hash_bulk_insert, which is called only together with rb_enc_interned_str.
   PROBES = {
     "rb_gc_adjust_memory_usage" => RUBY_VERSION >= "2.4",
-    "rb_hash_bulk_insert" => RUBY_VERSION >= "2.7",
+    "rb_hash_bulk_insert" => RUBY_VERSION >= "3.0",
     "rb_enc_interned_str" => RUBY_VERSION >= "3.0",
     "rb_ext_ractor_safe" => RUBY_VERSION >= "3.0",
     "pthread_getattr_np" => RUBY_VERSION < "2.7"
