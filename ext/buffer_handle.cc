@@ -11,7 +11,6 @@ void free_native(void* data) {
   if (data == nullptr) return;
   BufferHandle* const native = static_cast<BufferHandle*>(data);
   adjust_gc_memory_usage(-native->reported_bytes);
-  delete native->buf;
   delete native;
 }
 
@@ -41,11 +40,14 @@ const rb_data_type_t packet_frame_out_type = data_type("PacketFrameOut", &packet
 BufferHandle& buffer_handle(VALUE obj, const rb_data_type_t& type) {
   void* const data = rb_check_typeddata(obj, &type);
   if (data == nullptr) rb_raise(rb_eRuntimeError, "NULL object DATA pointer, wanted PacketBuf");
-  return *static_cast<BufferHandle*>(data);
+  BufferHandle& native = *static_cast<BufferHandle*>(data);
+  native.buf->cut_tail();
+  return native;
 }
 
 void report_storage(VALUE obj) {
   BufferHandle& native = *static_cast<BufferHandle*>(DATA_PTR(obj));
+  native.buf->cut_tail();
   const int64_t capacity = static_cast<int64_t>(native.buf->data().capacity());
   if (capacity == native.reported_bytes) return;
   const int64_t difference = capacity - native.reported_bytes;

@@ -14,8 +14,22 @@ namespace EXT {
 
 /// What a Ruby object owns. It holds no Ruby values, so the collector has nothing to mark in it.
 struct BufferHandle {
-  PROTO::PacketBuf* buf;
-  int64_t reported_bytes;  ///< storage that the collector has been told of
+  PROTO::PacketBuf* const buf;
+  int64_t reported_bytes = 0;  ///< storage that the collector has been told of
+
+  virtual ~BufferHandle() = default;
+
+ protected:
+  explicit BufferHandle(PROTO::PacketBuf* b) : buf(b) {}
+};
+
+/// The handle and its buffer in one piece of memory.
+template <typename Native>
+struct OwnedBuffer final : BufferHandle {
+  Native native;
+
+  template <typename... Arguments>
+  explicit OwnedBuffer(Arguments... arguments) : BufferHandle(&native), native(arguments...) {}
 };
 
 extern const rb_data_type_t packet_buf_type;
@@ -25,6 +39,7 @@ extern const rb_data_type_t packet_frame_out_type;
 /// The receiver check. Raises TypeError for what is no object of this library, and RuntimeError "NULL object
 /// DATA pointer, wanted PacketBuf" for one without its native object. The result lives as long as the Ruby
 /// object: a method that still uses it after its last use of the VALUE needs RB_GC_GUARD.
+/// Ends what a write in progress has open: Ruby code sees a buffer through here, and sees what has been written.
 BufferHandle& buffer_handle(VALUE obj, const rb_data_type_t& type);
 
 /// The same for any of the classes. The fast path is inlined.
@@ -32,7 +47,9 @@ inline PROTO::PacketBuf& packet_buf_of(VALUE obj) {
   if (RB_TYPE_P(obj, T_DATA) && RTYPEDDATA_P(obj) && DATA_PTR(obj) != nullptr) {
     const rb_data_type_t* const type = RTYPEDDATA_TYPE(obj);
     if (type == &packet_buf_type || type->parent == &packet_buf_type) {
-      return *static_cast<BufferHandle*>(DATA_PTR(obj))->buf;
+      PROTO::PacketBuf& buf = *static_cast<BufferHandle*>(DATA_PTR(obj))->buf;
+      buf.cut_tail();
+      return buf;
     }
   }
   return *buffer_handle(obj, packet_buf_type).buf;
@@ -47,27 +64,24 @@ inline PROTO::PacketFrameOut& packet_frame_out_of(VALUE obj) {
 }
 
 /// Reports to the collector how the native storage has changed since the last report. Called where a method may
-/// have grown it. May start a collection.
+/// have grown it; ends what a write has open, as buffer_handle() does. May start a collection.
 void report_storage(VALUE obj);
 
 /// The body of an allocation function. The Ruby object comes first and its native object after, so that nothing
 /// native is lost when Ruby runs out of memory. Raises RuntimeError `failed` when allocation yields nothing,
 /// `threw` when the constructor throws.
-template <typename Native>
-VALUE allocate_native(VALUE klass, const rb_data_type_t& type, const char* failed, const char* threw) {
+template <typename Native, typename... Arguments>
+VALUE allocate_native(VALUE klass, const rb_data_type_t& type, const char* failed, const char* threw,
+                      Arguments... arguments) {
   const VALUE obj = TypedData_Wrap_Struct(klass, &type, nullptr);
   bool thrown = false;
   BufferHandle* native = nullptr;
   try {
-    native = new (std::nothrow) BufferHandle{nullptr, 0};
-    if (native != nullptr) native->buf = new (std::nothrow) Native();
+    native = new (std::nothrow) OwnedBuffer<Native>(arguments...);
   } catch (...) {
     thrown = true;
   }
-  if (native == nullptr || native->buf == nullptr) {
-    delete native;
-    rb_raise(rb_eRuntimeError, "%s", thrown ? threw : failed);
-  }
+  if (native == nullptr) rb_raise(rb_eRuntimeError, "%s", thrown ? threw : failed);
   DATA_PTR(obj) = native;
   report_storage(obj);
   return obj;

@@ -34,13 +34,15 @@ struct SerializeContext {
   BuiltinEach builtin_each{};
 };
 
-/// Ruby code may have redefined any `each`, and may have moved the position.
+/// Ruby code may have redefined any `each`, and may have looked at the buffer and moved its position.
 inline void after_ruby_code(SerializeContext& ctx) {
   ctx.builtin_each.forget();
+  ctx.buf.open_tail();
   ctx.check_at = ctx.buf.pos() + BYTES_BETWEEN_CHECKS;
 }
 
 inline SerializeContext context_for(VALUE owner, PacketBuf& buf) {
+  buf.open_tail();
   return {owner, buf, buf.pos() + BYTES_BETWEEN_CHECKS};
 }
 

@@ -1,13 +1,30 @@
 #include "proto/packet_buf.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <new>
 #include <stdexcept>
 
 namespace VORN {
 namespace PROTO {
 
 namespace {
+
+// How many bytes claim() adds to the tail at once: half of what is there already, within these bounds. The upper one
+// keeps the pauses short in a buffer of gigabytes.
+constexpr uint64_t MIN_TAIL = 256;
+constexpr uint64_t MAX_TAIL = 0x10000;
+
+// A message that has outgrown this keeps the scratch memory instead of being copied out of it.
+constexpr size_t MAX_SCRATCH = 0x40000;
+
+/// Where the first value of a buffer without memory is encoded: warm in the caches, and large enough for most (without
+/// it: 300 texts into a new buffer, 7.4 to 10.3 us). Empty while a buffer borrows it.
+std::string& scratch_of_this_thread() {
+  thread_local std::string scratch;
+  return scratch;
+}
 
 [[noreturn]] void fail_out_of_range() {
   throw std::length_error("PacketBuf::claim: position out of range");
@@ -17,6 +34,10 @@ namespace {
 
 PacketBuf::PacketBuf() {
   data_.reserve(INITIAL_CAPACITY);
+}
+
+PacketBuf::PacketBuf(size_t capacity) {
+  data_.reserve(capacity);
 }
 
 PacketBuf::~PacketBuf() = default;
@@ -72,7 +93,46 @@ void PacketBuf::grow_to(uint64_t n) {
   const uint64_t end = pos_ + n;
   if (end < pos_) fail_out_of_range();
   grow_to(end);
+  if (tail_is_open_) {
+    const uint64_t tail = std::min(std::max(end / 2, MIN_TAIL), MAX_TAIL);
+    grow_to(std::min<uint64_t>(end + tail, data_.capacity()));
+  }
   return at_pos();
+}
+
+void PacketBuf::borrow_scratch() noexcept {
+  const bool owns_memory = data_.capacity() > std::string().capacity();
+  if (owns_memory) return;
+  std::string& scratch = scratch_of_this_thread();
+  try {
+    if (scratch.empty()) scratch.resize(INITIAL_CAPACITY);
+  } catch (const std::bad_alloc&) {
+    return;  // the writer may need less
+  }
+  if (pos_ > scratch.size()) return;
+  data_.swap(scratch);
+  in_scratch_ = true;
+  std::memset(&data_[0], 0, static_cast<size_t>(pos_));
+}
+
+/// Whether the buffer has memory of its own now, with its first `size` bytes.
+bool PacketBuf::return_scratch(size_t size) noexcept {
+  in_scratch_ = false;
+  if (data_.size() > MAX_SCRATCH) return false;
+  try {
+    std::string own(data_, 0, size);
+    data_.swap(own);
+    scratch_of_this_thread().swap(own);
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;  // the scratch memory becomes the buffer's own
+  }
+}
+
+void PacketBuf::remove_tail() noexcept {
+  const uint64_t written = std::max(size_before_tail_, pos_);
+  const size_t size = static_cast<size_t>(std::min<uint64_t>(written, data_.size()));
+  if (!in_scratch_ || !return_scratch(size)) data_.resize(size);
 }
 
 }  // namespace PROTO

@@ -24,6 +24,9 @@ class VORN_API PacketBuf {
 
   /// Empty, at position 0, with INITIAL_CAPACITY bytes reserved. Throws std::bad_alloc.
   PacketBuf();
+  /// The same with `capacity` bytes reserved. 0 is for buffers that live for one message: what is written between
+  /// open_tail() and cut_tail() then takes memory of just its size. Throws std::bad_alloc.
+  explicit PacketBuf(size_t capacity);
   virtual ~PacketBuf();
   PacketBuf(const PacketBuf&) = delete;
   PacketBuf& operator=(const PacketBuf&) = delete;
@@ -68,6 +71,25 @@ class VORN_API PacketBuf {
   void end_write(const char* end);
   /// @}
 
+  /// For writers of many small pieces, whose bytes would otherwise come to exist piece by piece. Between the calls there
+  /// may be a tail, bytes behind the position that nobody has asked for yet; so claim() does not promise zeros, and what
+  /// data() and the payload range say is not to be used. Both calls may be repeated, and cut_tail() may come from
+  /// anywhere that wants to look at the buffer.
+  /// REQUIRES: what is claimed in between is written, and set_pos() is not called.
+  /// @{
+  void open_tail() noexcept {
+    if (tail_is_open_) return;
+    tail_is_open_ = true;
+    size_before_tail_ = data_.size();
+    if (size_before_tail_ == 0) borrow_scratch();
+  }
+  void cut_tail() noexcept {
+    if (!tail_is_open_) return;
+    tail_is_open_ = false;
+    if (data_.size() != size_before_tail_) remove_tail();
+  }
+  /// @}
+
   /// The position may be set anywhere; a write beyond the stored bytes fills the gap with zeros.
   /// @{
   uint64_t pos() const { return pos_; }
@@ -89,6 +111,9 @@ class VORN_API PacketBuf {
 
  private:
   char* claim_fallback(uint64_t n);
+  void borrow_scratch() noexcept;
+  bool return_scratch(size_t size) noexcept;
+  void remove_tail() noexcept;
   /// The byte at the position. REQUIRES: it exists, or is the next one to come.
   char* at_pos() {
     assert(pos_ <= data_.size());
@@ -97,6 +122,9 @@ class VORN_API PacketBuf {
 
   std::string data_;
   uint64_t pos_ = 0;
+  uint64_t size_before_tail_ = 0;
+  bool tail_is_open_ = false;
+  bool in_scratch_ = false;  ///< the tail and all before it lie in the thread's scratch memory
 };
 
 inline char* PacketBuf::begin_write(uint64_t most) {

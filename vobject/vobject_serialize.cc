@@ -74,6 +74,12 @@ void serialize_vector(const VObjectVector& elements, const SerializeContext& ctx
 }  // namespace
 
 void VObject::serialize(PacketBuf& buf, uint32_t maxdepth) const {
+  struct Tail {
+    PacketBuf& buf;
+    explicit Tail(PacketBuf& b) : buf(b) { buf.open_tail(); }
+    ~Tail() { buf.cut_tail(); }
+  };
+  const Tail tail(buf);
   const SerializeContext ctx{buf, static_cast<int32_t>(maxdepth)};
   serialize_value(*this, ctx, 1);
 }

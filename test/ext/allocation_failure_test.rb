@@ -84,7 +84,8 @@ class AllocationFailureTest < ExtTest
 
   def test_new_objects
     classes = %w[PacketBuf PacketFrameIn PacketFrameOut]
-    expected = classes.map { |name| [name, ["failed newing #{name}"] * 2 + ["exception newing #{name}"]] }
+    expected = classes.map { |name| [name, ["failed newing #{name}", "exception newing #{name}"]] }
+    expected[0][1].pop  # has no memory of its own before something is written
     assert_fails expected, <<-'RUBY'
       [PacketBuf, PacketFrameIn, PacketFrameOut].each do |c|
         fail_each(c.name[/\w+\z/], -> {}, ->(_) {}, ->(_) { c.new.maxdepth })
@@ -121,12 +122,35 @@ class AllocationFailureTest < ExtTest
         end
       end
       [["a", "x" * 100_000], { "key" => "x" * 100_000 }, OwnEach.new].each do |value|
-        buf = PacketBuf.new
+        buf = PacketBuf.new.write_raw("abc")
         FailingAllocator.arm(1)
         text = failure { buf << value }
         puts FailingAllocator.disarm && text == "C++ exception: std::bad_alloc"
-        whole = PacketBuf.new.write_object(value).to_str
-        puts buf.pos > 3 && buf.to_str == whole[0, buf.pos] && (buf.reset << value).to_str == whole
+        whole = "abc" + PacketBuf.new.write_object(value).to_str
+        puts buf.pos > 6 && buf.to_str == whole[0, buf.pos] && (buf.seek(3) << value).to_str == whole
+      end
+    RUBY
+  end
+
+  # A new buffer can do without the memory that only makes it fast.
+  def test_writing_to_a_new_buffer
+    expected = [[nil, nil], [nil, NO_MEMORY, nil], [nil, NO_MEMORY, NO_MEMORY]]
+    assert_equal expected.map { |texts| "#{texts.inspect}\n" }.join, with_allocator(<<-'RUBY')
+      [100, 100_000, 1_000_000].each do |n|
+        value = ["x" * n]
+        texts = []
+        (1..9).each do |nth|
+          PacketBuf.new << "x" * 300_000  # keeps the thread's scratch memory
+          whole = PacketBuf.new.write_raw("a").write_object(value).to_str[1..-1]
+          buf = PacketBuf.new
+          FailingAllocator.arm(nth)
+          text = failure { buf << value }
+          break unless FailingAllocator.disarm
+          texts << text
+          abort "#{n}, #{nth}" unless buf.to_str == whole[0, buf.pos] && (text || buf.pos == whole.bytesize)
+          abort "unusable" unless (buf.reset << value).to_str == whole
+        end
+        p texts
       end
     RUBY
   end

@@ -332,10 +332,11 @@ class MemoryTest < ExtTest
       leave(60)
       kept = []
       begin
-        10_000.times { kept << PacketBuf.new }
+        10_000.times { kept << PacketFrameOut.new }
         abort "did not run out of memory"
       rescue RuntimeError => error
-        abort error.inspect unless ["exception newing PacketBuf", "failed newing PacketBuf"].include?(error.message)
+        texts = ["exception newing PacketFrameOut", "failed newing PacketFrameOut"]
+        abort error.inspect unless texts.include?(error.message)
       rescue NoMemoryError
         # Ruby ran out of memory first, for an object of its own.
       end
