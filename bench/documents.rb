@@ -3,23 +3,62 @@
 require "json"
 
 # The documents that the Ruby benchmark encodes and decodes. All come from one seed, so that two runs measure the
-# same bytes. Integers stay within 32 bits and keys are Strings: every codec here can represent them.
+# same bytes.
 module Documents
+  # use: how a program calls the codecs for this document, one of those in codecs.rb.
+  Document = Struct.new(:name, :value, :use)
+
   WORDS = %w[the quick brown fox jumps over lazy dog while every other animal sleeps near old river bank and
              nobody wants to hear about yesterday café naïve über jalapeño].freeze
 
   module_function
 
   def all(random = Random.new(20_240_117))
-    {
+    records = records(random, 1_000)
+    common = {
       "small request" => small_request,
-      "1,000 records" => records(random, 1_000),
+      "1,000 records" => records,
       "social posts" => posts(random, 620),
       "event catalogue" => catalogue(random),
       "coordinates" => coordinates(random),
       "20,000 integers" => Array.new(20_000) { |i| i.even? ? random.rand(128) : random.rand(2**31) - 2**30 },
       "5,000 strings" => Array.new(5_000) { text(random, 60) }
     }
+    shapes = shapes(random)
+    new_buffer = { "small request, new buffer" => small_request, "1,000 records, new buffer" => records,
+                   "300 texts, new buffer" => shapes["300 texts"] }
+    states = %i[created queued running failed finished]
+    symbol_keys = records.map { |record| table(record) { |key, value| [key.to_sym, value] } }
+    with_use(common, :reused) + with_use(shapes, :reused) + with_use(new_buffer, :new_buffer) +
+      with_use({ "1,000 records, Symbol keys" => symbol_keys }, :symbol_keys) +
+      with_use({ "20,000 Symbols" => Array.new(20_000) { |i| states[i * 7 % 5] } }, :symbol_values)
+  end
+
+  def with_use(documents, use)
+    documents.map { |name, value| Document.new(name, value, use) }
+  end
+
+  # What the documents above have little of. Integers are either within 32 bits or too large for an immediate
+  # Integer: those between are cut to 32 bits.
+  def shapes(random)
+    {
+      "300 texts" => Array.new(300) { text(random, 60 + random.rand(141)) },
+      "20,000 short strings" => Array.new(20_000) { text(random, 1 + random.rand(8)) },
+      "2,000 binary strings" => Array.new(2_000) { random.bytes(100) },
+      "a Hash of 10,000 keys" => table(10_000) { |i| ["key #{i}", i] },
+      "200 Hashes of 64 keys" => Array.new(200) { table(64) { |i| ["column #{i}", i] } },
+      "5,000 small Hashes" => Array.new(5_000) { |i| { "x" => i, "y" => -i } },
+      "5,000 Integer keys" => table(5_000) { |i| [i * 7, i] },
+      "5,000 Bignums" => Array.new(5_000) { |i| (2**62 + random.rand(2**62)) * (i.even? ? 1 : -1) },
+      "20,000 nils" => Array.new(20_000),
+      "20,000 empty Arrays" => Array.new(20_000) { [] },
+      "60 levels" => (1..60).inject(1) { |inner, _| [inner] }
+    }
+  end
+
+  def table(members, &pair)
+    members = members.times if members.is_a?(Integer)
+    members.map(&pair).to_h
   end
 
   # Documents of a chosen size and the same shape, to show how the cost grows with the size.
