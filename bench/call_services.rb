@@ -1,0 +1,238 @@
+# frozen_string_literal: true
+
+require "json"
+require "socket"
+require "vorn_rpc"
+
+# The services that bench/calls.rb compares: each echoes a value over a UNIX socket. A server runs until it is ended.
+# A client's run calls the block before each call of each of its connections, until the block returns false. Where
+# the messages are ours to choose they are those of examples/rpc: [1, "echo", [value]] and [1, nil, value].
+module CallServices
+  def self.request(value)
+    [1, "echo", [value]]
+  end
+
+  def self.answer(request)
+    id, _, arguments = request
+    [id, nil, arguments[0]]
+  end
+
+  def self.check(answer, value)
+    raise "a wrong answer" unless answer == value
+  end
+
+  def self.in_threads(count, &block)
+    Array.new(count) { Thread.new(&block) }.each(&:join)
+  end
+
+  # Messages on a byte stream. bytes(value) are to be sent; feed(chunk) yields the values that it completes.
+  class Frames
+    def initialize
+      @in = VORN::PROTO::PacketFrameIn.new.reset
+      @out = VORN::PROTO::PacketFrameOut.new
+    end
+
+    def bytes(value)
+      @out.reset
+      @out << value
+      @out.compute_frame_header.to_str
+    end
+
+    def feed(chunk)
+      offset = 0
+      while offset < chunk.bytesize
+        offset += @in.assemble(chunk, offset)
+        next unless @in.have_complete_frame?
+        yield @in.seek_payload_start.extract_object
+        @in.reset
+      end
+    end
+  end
+
+  class Msgpack
+    def initialize
+      require "msgpack"
+      @unpacker = MessagePack::Unpacker.new
+    end
+
+    def bytes(value)
+      MessagePack.pack(value)
+    end
+
+    def feed(chunk, &block)
+      @unpacker.feed_each(chunk, &block)
+    end
+  end
+
+  class JsonLines
+    def initialize
+      @held = "".dup
+    end
+
+    def bytes(value)
+      JSON.generate(value) << "\n"
+    end
+
+    def feed(chunk)
+      @held << chunk
+      while (line = @held.slice!(/.*\n/))
+        yield JSON.parse(line)
+      end
+    end
+  end
+
+  # One thread, which waits for all of its connections.
+  class Loop
+    def initialize(protocol)
+      @protocol = protocol
+    end
+
+    def serve(path)
+      listener = UNIXServer.new(path)
+      connections = { listener => nil }
+      loop do
+        IO.select(connections.keys)[0].each do |socket|
+          if socket.equal?(listener)
+            connections[listener.accept] = @protocol.new
+          else
+            receive(connections, socket) do |request|
+              socket.write(connections[socket].bytes(CallServices.answer(request)))
+            end
+          end
+        end
+      end
+    end
+
+    def run(path, clients, value)
+      connections = Array.new(clients) { [UNIXSocket.new(path), @protocol.new] }.to_h
+      connections.each { |socket, protocol| socket.write(protocol.bytes(CallServices.request(value))) if yield }
+      loop do
+        IO.select(connections.keys)[0].each do |socket|
+          receive(connections, socket) do |answer|
+            CallServices.check(answer[2], value)
+            return unless yield
+            socket.write(connections[socket].bytes(CallServices.request(value)))
+          end
+        end
+      end
+    end
+
+    private
+
+    def receive(connections, socket, &block)
+      connections[socket].feed(socket.readpartial(65_536), &block)
+    rescue EOFError, SystemCallError # the client has ended
+      connections.delete(socket)
+    end
+  end
+
+  # A thread for each connection.
+  class Threads
+    def initialize(protocol)
+      @protocol = protocol
+    end
+
+    def serve(path)
+      listener = UNIXServer.new(path)
+      loop { Thread.new(listener.accept) { |socket| answer(socket) } }
+    end
+
+    def run(path, clients, value, &more)
+      CallServices.in_threads(clients) { call(path, value, &more) }
+    end
+
+    private
+
+    def answer(socket)
+      protocol = @protocol.new
+      loop { protocol.feed(socket.readpartial(65_536)) { |r| socket.write(protocol.bytes(CallServices.answer(r))) } }
+    rescue EOFError, SystemCallError
+      socket.close
+    end
+
+    def call(path, value)
+      socket = UNIXSocket.new(path)
+      protocol = @protocol.new
+      while yield
+        socket.write(protocol.bytes(CallServices.request(value)))
+        answered = false
+        until answered
+          protocol.feed(socket.readpartial(65_536)) do |answer|
+            CallServices.check(answer[2], value)
+            answered = true
+          end
+        end
+      end
+    end
+  end
+
+  RPC = File.expand_path("../examples/rpc", __dir__)
+
+  # examples/rpc with fibers.
+  class RpcFibers
+    def serve(path)
+      require File.join(RPC, "fiber_server")
+      FiberServer.new("unix:#{path}", Logger.new($stderr)).run
+    end
+
+    def run(path, clients, value)
+      require File.join(RPC, "fiber_client")
+      reactor = Reactor.new
+      clients.times do
+        reactor.spawn do
+          client = FiberClient.new("unix:#{path}", reactor)
+          CallServices.check(client.call("echo", [value]), value) while yield
+          client.close
+        end
+      end
+      reactor.run
+    end
+  end
+
+  # examples/rpc with threads.
+  class RpcThreads
+    def serve(path)
+      require File.join(RPC, "thread_server")
+      ThreadServer.new("unix:#{path}", Logger.new($stderr)).run
+    end
+
+    def run(path, clients, value)
+      require File.join(RPC, "thread_client")
+      CallServices.in_threads(clients) do
+        client = ThreadClient.new("unix:#{path}")
+        CallServices.check(client.call("echo", [value]), value) while yield
+        client.close
+      end
+    end
+  end
+
+  class Drb
+    Echo = Class.new { def echo(value) value end }
+
+    def serve(path)
+      require "drb/unix"
+      DRb.start_service("drbunix:#{path}", Echo.new)
+      DRb.thread.join
+    end
+
+    def run(path, clients, value)
+      require "drb/unix"
+      CallServices.in_threads(clients) do
+        service = DRbObject.new_with_uri("drbunix:#{path}")
+        CallServices.check(service.echo(value), value) while yield
+      end
+    end
+  end
+
+  ALL = {
+    "one thread" => {
+      "frames" => Loop.new(Frames), "msgpack" => Loop.new(Msgpack), "JSON lines" => Loop.new(JsonLines),
+      "examples/rpc, fibers" => RpcFibers.new
+    },
+    "a thread per connection" => {
+      "frames" => Threads.new(Frames), "msgpack" => Threads.new(Msgpack), "JSON lines" => Threads.new(JsonLines),
+      "examples/rpc, threads" => RpcThreads.new, "DRb" => Drb.new
+    }
+  }.freeze
+
+end
