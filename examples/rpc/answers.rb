@@ -31,4 +31,11 @@ module Answers
 
     answer
   end
+
+  def result_of(answer)
+    _, error, result = answer
+    raise RemoteError.new(*error) if error
+
+    result
+  end
 end

@@ -20,7 +20,7 @@ class FiberClient
   MAX_RETRY_SECONDS = 1
 
   Connection = Struct.new(:socket, :writer, :calls)
-  Call = Struct.new(:fiber, :done, :error, :result)
+  Call = Struct.new(:fiber, :answer, :lost) # lost: why no answer can come
 
   attr_reader :late # answers that came after their calls had timed out
 
@@ -41,18 +41,15 @@ class FiberClient
     call = connection.calls[id] = Call.new(Fiber.current)
     begin
       write(connection, [id, method, arguments], deadline)
-      until call.done
-        left = deadline - Sockets.now
-        raise TimedOut, "no answer in time" if left <= 0
-
-        @reactor.park(left)
+      until call.answer || call.lost
+        raise TimedOut, "no answer in time" unless @reactor.park(deadline)
       end
     ensure
       connection.calls.delete(id)
     end
-    raise call.error if call.error
+    raise ConnectionLost, call.lost unless call.answer
 
-    call.result
+    result_of(call.answer)
   end
 
   def close
@@ -107,7 +104,7 @@ class FiberClient
   # The fiber that reads from one connection; only this fiber closes the socket.
   def read(connection)
     reader = FrameReader.new(MAX_PAYLOAD)
-    while (chunk = connection.socket.read)
+    while connection.socket.wait_readable && (chunk = connection.socket.read)
       reader.feed(chunk) { |answer| accept(connection, answer) }
     end
     lose(connection, "the server closed the connection")
@@ -116,24 +113,20 @@ class FiberClient
   end
 
   def accept(connection, answer)
-    id, error, result = check_answer(answer)
-    call = connection.calls[id]
+    call = connection.calls[check_answer(answer)[0]]
     return @late += 1 unless call
 
-    finish(call, error && RemoteError.new(*error), result)
+    call.answer = answer
+    @reactor.wake(call.fiber)
   end
 
   def lose(connection, reason)
     @connection = nil if connection.equal?(@connection)
-    connection.calls.each_value { |call| finish(call, ConnectionLost.new(reason), nil) unless call.done }
+    connection.calls.each_value do |call|
+      call.lost = reason
+      @reactor.wake(call.fiber)
+    end
     connection.socket.close
-  end
-
-  def finish(call, error, result)
-    call.error = error
-    call.result = result
-    call.done = true
-    @reactor.wake(call.fiber)
   end
 end
 

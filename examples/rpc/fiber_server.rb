@@ -87,16 +87,13 @@ class FiberServer
     reader = FrameReader.new(MAX_PAYLOAD)
     patience = Patience.new(@idle_seconds)
     loop do
-      patience.over(client.in_progress) until client.socket.wait_readable(patience.left)
+      patience.over(client.in_progress) until client.socket.wait_readable(patience.deadline)
       return unless (chunk = client.socket.read)
 
-      turn = Sockets.now + TURN_SECONDS
+      turn = nil
       reader.feed(chunk) do |request|
         @service.check(request)
-        if Sockets.now > turn
-          @reactor.pass
-          turn = Sockets.now + TURN_SECONDS
-        end
+        turn = take_turn(turn)
         wait_for_room(client)
         return if client.gone
 
@@ -107,6 +104,15 @@ class FiberServer
       end
       patience.heard(reader.between_frames?)
     end
+  end
+
+  # Returns when the turn ends. The requests of a chunk begin with one; most chunks have but one request.
+  def take_turn(turn)
+    time = Sockets.now
+    return turn if turn && time <= turn
+
+    @reactor.pass if turn
+    time + TURN_SECONDS
   end
 
   def wait_for_room(client)

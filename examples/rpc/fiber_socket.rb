@@ -9,36 +9,31 @@ class FiberSocket
     @reactor = reactor
     @outgoing = "".b # not yet taken by the fiber that flushes
     @batch = "".b    # being sent by it
+    @chunk = "".b    # the last read bytes
     @flushing = false
   end
 
-  # False: nothing arrived within `seconds`. Waiting before each read gives other fibers their turn, however much this
-  # peer sends.
-  def wait_readable(seconds)
-    @reactor.wait_readable(@socket, seconds)
+  # False: nothing arrived before the deadline. Waiting before each read gives other fibers their turn, however much
+  # this peer sends.
+  def wait_readable(deadline = Reactor::NEVER)
+    @reactor.wait_readable(@socket, deadline)
   end
 
-  # Returns the bytes that have arrived; nil at the end of input.
+  # Returns the bytes that have arrived, in a String that the next call uses again; nil at the end of input.
   def read
-    @socket.read_nonblock(65_536)
-  rescue IO::WaitReadable
-    @reactor.wait_readable(@socket) ? retry : nil
-  rescue EOFError
-    nil
+    while (chunk = @socket.read_nonblock(65_536, @chunk, exception: false)) == :wait_readable
+      wait_readable
+    end
+    chunk
   end
 
-  # Concurrent writes would mix their frames, so the first fiber also writes the bytes that others add meanwhile; their
-  # calls return at once. Raises Errno::ETIMEDOUT when the peer does not read a batch within `seconds`.
+  # Concurrent writes would mix their frames, so the first fiber that has to wait also writes the bytes that others add
+  # meanwhile; their calls return at once. Raises Errno::ETIMEDOUT when the peer does not read a batch within `seconds`.
   def write(bytes, seconds)
-    @outgoing << bytes
-    return if @flushing
+    return @outgoing << bytes if @flushing
 
-    @flushing = true
-    begin
-      flush(seconds)
-    ensure
-      @flushing = false
-    end
+    sent = write_some(bytes)
+    flush(bytes.byteslice(sent..-1), seconds) if sent < bytes.bytesize
   end
 
   def unsent
@@ -58,23 +53,31 @@ class FiberSocket
 
   private
 
-  def flush(seconds)
-    until @outgoing.empty?
+  def flush(rest, seconds)
+    @flushing = true
+    @batch = rest
+    until @batch.empty?
+      send_batch(Sockets.now + seconds)
       @batch = @outgoing
       @outgoing = "".b
-      send_batch(Sockets.now + seconds)
+    end
+  ensure
+    @flushing = false
+  end
+
+  # The deadline is for the whole batch: a peer that reads a byte now and then would move one per write.
+  def send_batch(deadline)
+    until @batch.empty?
+      in_time = Sockets.now < deadline && @reactor.wait_writable(@socket, deadline)
+      raise Errno::ETIMEDOUT, "the peer takes nothing" unless in_time
+
+      @batch = @batch.byteslice(write_some(@batch)..-1)
     end
   end
 
-  # The timeout is for the whole batch: a peer that reads a byte now and then would restart one per write.
-  def send_batch(deadline)
-    until @batch.empty?
-      begin
-        @batch = @batch.byteslice(@socket.write_nonblock(@batch)..-1)
-      rescue IO::WaitWritable
-        left = deadline - Sockets.now
-        raise Errno::ETIMEDOUT, "the peer takes nothing" unless left > 0 && @reactor.wait_writable(@socket, left)
-      end
-    end
+  # Returns how many bytes the kernel took.
+  def write_some(bytes)
+    sent = @socket.write_nonblock(bytes, exception: false)
+    sent == :wait_writable ? 0 : sent
   end
 end

@@ -22,6 +22,7 @@ class FrameReader
   include VORN::PROTO
 
   START = "\xA5".b.freeze
+  START_BYTE = START.getbyte(0)
 
   # A damaged stream raises BadFrame, after which the connection can only be closed: sockets lose no bytes, so the peer
   # is at fault and the following bytes are no better. Where bytes do get lost (a serial line, a truncated file), give a
@@ -36,8 +37,11 @@ class FrameReader
 
   # Yields the message of each frame that chunk, a binary String, completes.
   def feed(chunk)
-    data = @held.empty? ? chunk : @held + chunk
-    @held = "".b
+    data = chunk
+    unless @held.empty?
+      data = @held + chunk
+      @held = "".b
+    end
     offset = 0
     while offset < data.bytesize
       unless @header
@@ -70,26 +74,26 @@ class FrameReader
   # Checks the header before the assembler does. The assembler trusts the announced length and allocates it at once, up
   # to 2 GiB: eight bytes from any client would cost that much memory.
   def accept_header(data, offset)
-    start = data.index(START, offset)
+    start = data.getbyte(offset) == START_BYTE ? offset : data.index(START, offset)
     skipped = (start || data.bytesize) - offset
     @damaged.call("#{skipped} bytes that belong to no frame") if skipped > 0
     return data.bytesize unless start
 
-    header = data.byteslice(start, PacketFrame::PF12_HEADER_LEN)
-    short = header.bytesize > 1 && header.getbyte(1)[0] == 1
+    left = data.bytesize - start
+    short = left > 1 && data.getbyte(start + 1).odd?
     header_len = short ? PacketFrame::PF8_HEADER_LEN : PacketFrame::PF12_HEADER_LEN
-    if header.bytesize < header_len
-      @held = header
+    if left < header_len
+      @held = data.byteslice(start, left)
       return data.bytesize
     end
     # The length is in bytes 4 to 7 or, with 12 bytes, in 4 to 6.
-    payload_len = header.unpack("@4N")[0]
-    payload_len >>= 8 unless short
+    payload_len = data.getbyte(start + 4) << 16 | data.getbyte(start + 5) << 8 | data.getbyte(start + 6)
+    payload_len = payload_len << 8 | data.getbyte(start + 7) if short
     if payload_len > @max_payload
       @damaged.call("a frame announces #{payload_len} bytes, #{@max_payload} are accepted")
       return start + 1
     end
-    @header = header.byteslice(0, header_len)
+    @header = data.byteslice(start, header_len)
     @frame_len = header_len + payload_len
     start
   end

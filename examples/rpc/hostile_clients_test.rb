@@ -95,7 +95,7 @@ class HostileClientsTest < ExampleTest
     server = FiberServer.new("tcp:127.0.0.1:0", Logger.new(log), 60, reactor)
     thread = Thread.new { server.run }
     thread.report_on_exception = false if thread.respond_to?(:report_on_exception=)
-    yield server, thread, log, -> { reactor.instance_variable_get(:@waits).size }
+    yield server, thread, log, -> { reactor.waiting }
   ensure
     thread.kill.join if thread
   end

@@ -17,7 +17,9 @@ class Patience
     wait(@idle_seconds)
   end
 
-  # Seconds until the next bytes must arrive.
+  # When the next bytes must have arrived, and the seconds until then.
+  attr_reader :deadline
+
   def left
     [@deadline - Sockets.now, 0].max
   end

@@ -7,100 +7,132 @@ require "fiber"
 require_relative "sockets"
 
 class Reactor
-  MAX_SECONDS = 1_000_000_000 # IO.select accepts no infinite timeout
-
-  Wait = Struct.new(:fiber, :io, :write, :deadline)
+  NEVER = Float::INFINITY
+  LONGEST = 3600 # seconds of one IO.select, which accepts no infinite timeout
+  MAX_IDLE = 16
 
   def initialize
-    @ready = [] # [fiber, the result of its wait]
-    @waits = {} # by fiber
+    @ready = {}.compare_by_identity    # fibers to resume, with the results of their waits
+    @parked = {}.compare_by_identity   # fibers that wait for others or for a time, with their deadlines
+    @blocked = {}.compare_by_identity  # fibers that wait for a socket, with their deadlines
+    @reading = {}.compare_by_identity  # those of them that read or write, by socket
+    @writing = {}.compare_by_identity
+    @next_deadline = NEVER # no wait ends earlier; perhaps that of a wait which is over
+    @idle = [] # fibers whose block has ended
   end
 
-  # Runs the block in a new fiber, later. An exception in it would end #run, so a server's fibers raise none.
+  # Runs the block in a fiber, later. An exception in it would end #run, so a server's fibers raise none.
   def spawn(&block)
-    @ready << [Fiber.new(&block), nil]
+    @ready[fiber] = block
   end
 
   # Like spawn, but runs the block at once; returns when it ends or waits for the first time.
   def start(&block)
-    Fiber.new(&block).resume
+    fiber.resume(block)
   end
 
-  # Each wait returns true when its condition is met, false when the timeout comes first.
-  def wait_readable(io, seconds = nil)
-    suspend(io, false, seconds)
+  # Each wait returns true when its condition is met, false when the deadline comes first, a time of Sockets.now. Only
+  # one fiber at a time may wait to read from a socket, and one to write to it.
+  def wait_readable(socket, deadline = NEVER)
+    @reading[socket] = Fiber.current
+    suspend(@blocked, deadline)
   end
 
-  def wait_writable(io, seconds = nil)
-    suspend(io, true, seconds)
+  def wait_writable(socket, deadline = NEVER)
+    @writing[socket] = Fiber.current
+    suspend(@blocked, deadline)
   end
 
   # Waits until another fiber wakes this one.
-  def park(seconds = nil)
-    suspend(nil, false, seconds)
+  def park(deadline = NEVER)
+    suspend(@parked, deadline)
   end
 
   def sleep(seconds)
     raise ArgumentError, "no time to sleep: #{seconds}" unless seconds >= 0 # false for NaN too
 
-    suspend(nil, false, seconds)
+    suspend(@parked, Sockets.now + seconds)
   end
 
   # Lets the other fibers run.
   def pass
-    @ready << [Fiber.current, nil]
+    @ready[Fiber.current] = nil
     Fiber.yield
   end
 
+  # Ends the wait of a fiber that is parked.
   def wake(fiber)
-    @ready << [fiber, true] if @waits.delete(fiber)
+    @ready[fiber] = true if @parked.delete(fiber)
   end
 
   # Closes a socket. The waits of other fibers for it end as if timed out.
-  def close(io)
-    @waits.values.each { |wait| resume_later(wait, false) if io.equal?(wait.io) }
-    io.close
+  def close(socket)
+    [@reading, @writing].each { |sockets| unblock(sockets.delete(socket), false) if sockets.key?(socket) }
+    socket.close
+  end
+
+  # The number of fibers that wait.
+  def waiting
+    @parked.size + @blocked.size
   end
 
   # Returns when no fiber is left.
   def run
-    until @ready.empty? && @waits.empty?
+    until @ready.empty? && waiting.zero?
       ready = @ready
-      @ready = []
+      @ready = {}.compare_by_identity
       ready.each { |fiber, result| fiber.resume(result) }
-      poll unless @waits.empty?
+      poll unless waiting.zero?
     end
   end
 
   private
 
-  def suspend(io, write, seconds)
-    raise ArgumentError, "no time to wait: #{seconds}" unless seconds.nil? || seconds < MAX_SECONDS
+  # A fiber that takes a block. Making one costs more than a short block, so some run one block after the other.
+  def fiber
+    @idle.pop || Fiber.new do |block|
+      while block
+        block.call
+        block = nil # leaves what it holds to the garbage collector
+        if @idle.size < MAX_IDLE
+          @idle << Fiber.current
+          block = Fiber.yield
+        end
+      end
+    end
+  end
 
-    fiber = Fiber.current
-    @waits[fiber] = Wait.new(fiber, io, write, seconds && Sockets.now + seconds)
+  def suspend(waits, deadline)
+    waits[Fiber.current] = deadline
+    @next_deadline = deadline if deadline < @next_deadline
     Fiber.yield
   end
 
   def poll
-    waits = @waits.values
-    writing, reading = waits.select(&:io).partition(&:write)
-    readable, writable = IO.select(reading.map(&:io).uniq, writing.map(&:io).uniq, nil, patience(waits))
-    reading.each { |wait| resume_later(wait, true) if readable.include?(wait.io) } if readable
-    writing.each { |wait| resume_later(wait, true) if writable.include?(wait.io) } if writable
-    time = Sockets.now
-    waits.each { |wait| resume_later(wait, false) if wait.deadline && wait.deadline <= time }
+    readable, writable = IO.select(@reading.keys, @writing.keys, nil, patience)
+    readable.each { |socket| unblock(@reading.delete(socket), true) } if readable
+    writable.each { |socket| unblock(@writing.delete(socket), true) } if writable
+    time_out if @next_deadline <= Sockets.now
   end
 
   # The timeout until the next fiber can run without input or output.
-  def patience(waits)
+  def patience
     return 0 unless @ready.empty?
 
-    first = waits.map(&:deadline).compact.min
-    first && [first - Sockets.now, 0].max
+    [[@next_deadline - Sockets.now, 0].max, LONGEST].min
   end
 
-  def resume_later(wait, result)
-    @ready << [wait.fiber, result] if @waits.delete(wait.fiber)
+  def time_out
+    time = Sockets.now
+    @parked.select { |_, deadline| deadline <= time }.each_key { |fiber| @ready[fiber] = !@parked.delete(fiber) }
+    late = @blocked.select { |_, deadline| deadline <= time }
+    late.each_key { |fiber| unblock(fiber, false) }
+    [@reading, @writing].each { |sockets| sockets.delete_if { |_, fiber| late.key?(fiber) } }
+    @next_deadline = [*@parked.values, *@blocked.values, NEVER].min
+  end
+
+  def unblock(fiber, result)
+    @blocked.delete(fiber)
+    @ready[fiber] = result
   end
 end

@@ -10,8 +10,9 @@ require_relative "framing"
 # The client chooses the id: an Integer of 32 bits or a short String. The answer repeats it, so answers may come in any
 # order.
 class Service
-  IDS = (-2**31..2**31 - 1).freeze # a larger one would be cut to its low 32 bits
-  MAX_ID_BYTES = 64                # leaves room for the error answer, which repeats the id
+  MIN_ID = -2**31 # others would be cut to their low 32 bits
+  MAX_ID = 2**31 - 1
+  MAX_ID_BYTES = 64 # leaves room for the error answer, which repeats the id
 
   # Every exception that a request can cause; the rest are signals and the end of the process.
   FAILURES = [StandardError, ScriptError, NoMemoryError, SystemStackError].freeze
@@ -74,7 +75,7 @@ class Service
   private
 
   def id?(value)
-    value.is_a?(String) ? value.bytesize <= MAX_ID_BYTES : value.is_a?(Integer) && IDS.cover?(value)
+    value.is_a?(String) ? value.bytesize <= MAX_ID_BYTES : value.is_a?(Integer) && value >= MIN_ID && value <= MAX_ID
   end
 
   # A name from outside is looked up in the table, never passed to send.

@@ -51,14 +51,12 @@ module Sockets
 
   # Writes all bytes. Raises Errno::ETIMEDOUT when the peer does not read them within `seconds`.
   def write_within(socket, bytes, seconds)
-    deadline = now + seconds
-    until bytes.empty?
-      begin
-        bytes = bytes.byteslice(socket.write_nonblock(bytes)..-1)
-      rescue IO::WaitWritable
-        left = deadline - now
-        raise Errno::ETIMEDOUT, "the peer takes nothing" unless left > 0 && IO.select(nil, [socket], nil, left)
-      end
+    deadline = nil
+    until (sent = socket.write_nonblock(bytes, exception: false)) == bytes.bytesize
+      bytes = bytes.byteslice(sent..-1) unless sent == :wait_writable
+      deadline ||= now + seconds
+      left = deadline - now
+      raise Errno::ETIMEDOUT, "the peer takes nothing" unless left > 0 && IO.select(nil, [socket], nil, left)
     end
   end
 

@@ -18,7 +18,7 @@ class ThreadClient
   MAX_RETRY_SECONDS = 1
 
   Connection = Struct.new(:socket, :writer, :lock, :calls)
-  Call = Struct.new(:arrived, :done, :error, :result)
+  Call = Struct.new(:arrived, :answer, :lost) # lost: why no answer can come
 
   attr_reader :late # answers that came after their calls had timed out
 
@@ -43,9 +43,9 @@ class ThreadClient
     ensure
       @lock.synchronize { connection.calls.delete(id) }
     end
-    raise call.error if call.error
+    raise ConnectionLost, call.lost unless call.answer
 
-    call.result
+    result_of(call.answer)
   end
 
   def close
@@ -109,7 +109,7 @@ class ThreadClient
 
   def wait(call, deadline)
     @lock.synchronize do
-      until call.done
+      until call.answer || call.lost
         left = deadline - Sockets.now
         raise TimedOut, "no answer in time" if left <= 0
 
@@ -131,28 +131,25 @@ class ThreadClient
   end
 
   def accept(connection, answer)
-    id, error, result = check_answer(answer)
+    id = check_answer(answer)[0]
     @lock.synchronize do
       call = connection.calls[id]
       next @late += 1 unless call
 
-      finish(call, error && RemoteError.new(*error), result)
+      call.answer = answer
+      call.arrived.signal
     end
   end
 
   def lose(connection, reason)
     @lock.synchronize do
       @connection = nil if connection.equal?(@connection)
-      connection.calls.each_value { |call| finish(call, ConnectionLost.new(reason), nil) unless call.done }
+      connection.calls.each_value do |call|
+        call.lost = reason
+        call.arrived.signal
+      end
     end
     connection.socket.close
-  end
-
-  def finish(call, error, result)
-    call.error = error
-    call.result = result
-    call.done = true
-    call.arrived.signal
   end
 
   # Gives the reading thread the end of input.
