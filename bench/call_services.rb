@@ -225,14 +225,13 @@ module CallServices
   end
 
   ALL = {
-    "one thread" => {
+    "loop" => {
       "frames" => Loop.new(Frames), "msgpack" => Loop.new(Msgpack), "JSON lines" => Loop.new(JsonLines),
-      "examples/rpc, fibers" => RpcFibers.new
+      "examples/rpc" => RpcFibers.new
     },
-    "a thread per connection" => {
+    "threads" => {
       "frames" => Threads.new(Frames), "msgpack" => Threads.new(Msgpack), "JSON lines" => Threads.new(JsonLines),
-      "examples/rpc, threads" => RpcThreads.new, "DRb" => Drb.new
+      "examples/rpc" => RpcThreads.new, "DRb" => Drb.new
     }
   }.freeze
-
 end

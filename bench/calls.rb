@@ -107,17 +107,17 @@ counts = ARGV.empty? ? [1, 32] : ARGV.map { |count| Integer(count) }
 puts RUBY_DESCRIPTION, "best of #{RUNS} runs of #{options[:seconds]} s; CPU time per call in microseconds"
 figures = []
 counts.each do |count|
-  CallServices::ALL.each do |layout, services|
-    puts "", format("%-42s %10s %9s %10s %10s  %s", "#{count} clients, #{layout}", "calls/s", "us a call", "client CPU",
+  CallServices::ALL.each do |kind, services|
+    puts "", format("%-42s %10s %9s %10s %10s  %s", "#{count} clients, #{kind}", "calls/s", "us a call", "client CPU",
                     "server CPU", "of the frames")
     frames = nil
-    services.keys.grep(options[:filter]).each do |name|
-      best = Array.new(RUNS) { run(layout, name, count, options[:seconds]) }.compact.max_by { |r| r["per second"] }
-      next puts "#{name}: failed" unless best
-      frames ||= best["per second"] if name == "frames"
-      puts format("%-42s %10d %9.1f %10.1f %10.1f  %s", name, best["per second"], 1e6 / best["per second"],
+    services.keys.grep(options[:filter]).each do |peer|
+      best = Array.new(RUNS) { run(kind, peer, count, options[:seconds]) }.compact.max_by { |r| r["per second"] }
+      next puts "#{peer}: failed" unless best
+      frames ||= best["per second"] if peer == "frames"
+      puts format("%-42s %10d %9.1f %10.1f %10.1f  %s", peer, best["per second"], 1e6 / best["per second"],
                   best["client us"], best["server us"], frames && format("%.2f", best["per second"] / frames))
-      figures << { "clients" => count, "layout" => layout, "service" => name }.merge(best)
+      figures << { "clients" => count, "layout" => kind, "service" => peer }.merge(best)
     end
   end
 end
