@@ -1,5 +1,5 @@
 /// Variants against nlohmann::json's MessagePack codec and msgpack-cxx with its variant, on the same trees. Every
-/// result is checked before it is timed. Output buffers are reused, as a service would.
+/// result is checked before it is timed. Output buffers are reused, as a service would, where a name does not say _new.
 #include <benchmark/benchmark.h>
 
 #include <msgpack.hpp>
@@ -8,6 +8,7 @@
 
 #include "bench/native/documents.h"
 #include "proto/value_wire.h"
+#include "vobject/render.h"
 
 namespace {
 
@@ -75,6 +76,106 @@ void encode_vorn(benchmark::State& state, const VObject& value) {
     buf.reset();
     value.serialize(buf, DEFAULT_MAX_DEPTH);
     benchmark::DoNotOptimize(buf.data().data());
+  }
+}
+
+/// A new buffer for each message.
+void encode_new_vorn(benchmark::State& state, const VObject& value) {
+  for (auto _ : state) {
+    PacketBuf buf;
+    value.serialize(buf, DEFAULT_MAX_DEPTH);
+    benchmark::DoNotOptimize(buf.data().data());
+  }
+}
+
+void encode_new_nlohmann(benchmark::State& state, const VObject& value) {
+  const json j = to_json(value);
+  for (auto _ : state) {
+    const std::vector<uint8_t> bytes = json::to_msgpack(j);
+    benchmark::DoNotOptimize(bytes.data());
+  }
+}
+
+void encode_new_msgpack(benchmark::State& state, const VObject& value) {
+  const Msgpack v = to_msgpack(to_json(value));
+  for (auto _ : state) {
+    msgpack::sbuffer bytes;
+    msgpack::pack(bytes, v);
+    benchmark::DoNotOptimize(bytes.data());
+  }
+}
+
+/// The text of a value: ours for logs, nlohmann's is JSON.
+void render_vorn(benchmark::State& state, const VObject& value) {
+  for (auto _ : state) {
+    std::string out;
+    VORN::render(value, out);
+    benchmark::DoNotOptimize(out.data());
+  }
+}
+
+void render_nlohmann(benchmark::State& state, const VObject& value) {
+  const json j = to_json(value);
+  for (auto _ : state) {
+    const std::string out = j.dump();
+    benchmark::DoNotOptimize(out.data());
+  }
+}
+
+/// The value with every tenth of its members changed, if it is a hash of hashes.
+VObject changed(const VObject& value) {
+  VObject other;
+  deep_copy(value, other);
+  int i = 0;
+  for (auto& [key, member] : other.gethash()) {
+    if (i++ % 10 == 0) member.store("name", "another");
+  }
+  return other;
+}
+
+void diff_vorn(benchmark::State& state, const VObject& value) {
+  const VObject other = changed(value);
+  VObject patch;
+  VObject::diff(value, patch, other, VORN::DT_NIL, 0);
+  VObject again;
+  if (!(deep_copy(value, again).merge(patch) == other)) state.SkipWithError("not a patch");
+  for (auto _ : state) {
+    VObject out;
+    VObject::diff(value, out, other, VORN::DT_NIL, 0);
+    benchmark::DoNotOptimize(out);
+  }
+}
+
+void diff_nlohmann(benchmark::State& state, const VObject& value) {
+  const json j = to_json(value);
+  const json other = to_json(changed(value));
+  if (j.patch(json::diff(j, other)) != other) state.SkipWithError("not a patch");
+  for (auto _ : state) {
+    json out = json::diff(j, other);
+    benchmark::DoNotOptimize(out);
+  }
+}
+
+/// All members again, into a value that has them.
+void merge_vorn(benchmark::State& state, const VObject& value) {
+  const VObject other = changed(value);
+  VObject to;
+  deep_copy(value, to);
+  if (!(to.merge(other) == other)) state.SkipWithError("not merged");
+  for (auto _ : state) {
+    to.merge(other);
+    benchmark::ClobberMemory();
+  }
+}
+
+void merge_nlohmann(benchmark::State& state, const VObject& value) {
+  const json other = to_json(changed(value));
+  json to = to_json(value);
+  for (int i = 0; i < 2; ++i) to.update(other, true);
+  if (to != other) state.SkipWithError("not merged");
+  for (auto _ : state) {
+    to.update(other, true);
+    benchmark::ClobberMemory();
   }
 }
 
@@ -148,9 +249,21 @@ const bool registered = [] {
         body(state, value);
       })->Unit(benchmark::kMicrosecond);
     };
+    if (document.value.type() == VORN::DT_HASH && document.name != "small_request") {
+      add("diff/vorn", diff_vorn);
+      add("diff/nlohmann", diff_nlohmann);
+      add("merge/vorn", merge_vorn);
+      add("merge/nlohmann", merge_nlohmann);
+      continue;
+    }
     add("encode/vorn", encode_vorn);
     add("encode/nlohmann", encode_nlohmann);
     add("encode/msgpack", encode_msgpack);
+    add("encode_new/vorn", encode_new_vorn);
+    add("encode_new/nlohmann", encode_new_nlohmann);
+    add("encode_new/msgpack", encode_new_msgpack);
+    add("render/vorn", render_vorn);
+    add("render/nlohmann", render_nlohmann);
     add("decode/vorn", decode_vorn);
     add("decode/nlohmann", decode_nlohmann);
     add("decode/msgpack", decode_msgpack);
