@@ -80,12 +80,9 @@ VObject strings() {
 
 const std::vector<Document>& documents() {
   static const VObject known = records();
-  static const std::vector<Document> all = {{"small_request", small_request()},
-                                            {"1000_records", known},
-                                            {"1000_named_records", table(known)},
-                                            {"110000_doubles", doubles()},
-                                            {"20000_integers", integers()},
-                                            {"5000_strings", strings()}};
+  static const std::vector<Document> all = {{"small_request", small_request()},   {"1000_records", known},
+                                            {"1000_named_records", table(known)}, {"110000_doubles", doubles()},
+                                            {"20000_integers", integers()},       {"5000_strings", strings()}};
   return all;
 }
 
