@@ -17,6 +17,7 @@
 
 #include "proto/export.h"
 #include "vobject/string_ref.h"
+#include "vobject/symbol_index.h"
 #include "vobject/vobject_string.h"
 
 namespace VORN {
@@ -30,7 +31,8 @@ class VORN_API SymbolTable {
   /// The table of the process. Thread-safe.
   static SymbolTable& instance();
 
-  /// Every function below except name_slot() takes the lock. A thread may take it again.
+  /// Every function below except name_slot() takes the lock, unless it is asked for what was there before this thread
+  /// last held it: that never changes. A thread may take it again.
   boost::recursive_mutex& symbol_table_lock() { return lock_; }
 
   /// The id of that name, a new one if it has none. Throws std::bad_alloc; the table is then as before.
@@ -53,12 +55,14 @@ class VORN_API SymbolTable {
   SymbolTable() = default;
   ~SymbolTable() = default;
 
-  uint32_t create_symbol(const string_ref& name);
+  uint32_t create_symbol(const string_ref& name, size_t hash);
+  VObjectString* find_met(uint32_t id) const;
 
   boost::recursive_mutex lock_;
   std::map<string_ref, uint32_t> symbol_ids_;  ///< keys are static, over the strings of the names
   std::unordered_map<uint32_t, VObjectString*> symbol_names_;
   uint32_t next_id_ = 1;
+  SymbolIndex index_;  ///< keeps the strings of the names, and keeps them reachable for leak checkers
 };
 
 }  // namespace VORN

@@ -62,6 +62,47 @@ TEST(SymbolThreads, OneIdForEachNameInTheEnd) {
   EXPECT_EQ(static_cast<size_t>(NAMES), distinct.size());
 }
 
+/// Threads that make names, meet those of others and use again what they know, while the table grows: a name whose
+/// place moved or was taken has another id, or another id's name.
+class SymbolSharing : public testing::TestWithParam<int> {};
+
+TEST_P(SymbolSharing, WhatAThreadKnowsStays) {
+  constexpr int SHARE = 400;
+  const int count = GetParam();
+  const auto name = [count](int n) { return std::to_string(count) + " share " + std::to_string(n); };
+  std::vector<std::vector<uint32_t>> ids(count);
+  std::atomic<int> waiting{count};
+  std::atomic<int> faults{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < count; ++t) {
+    threads.emplace_back([&, t] {
+      --waiting;
+      while (waiting > 0) std::this_thread::yield();
+      // Half of a thread's names are the next thread's too.
+      for (int i = 0; i < SHARE; ++i) {
+        ids[t].push_back(VObject::intern(name(t * SHARE / 2 + i)));
+        for (int known = i; known >= 0; known = known * 2 / 3 - 1) {
+          if (VObject::intern(name(t * SHARE / 2 + known)) != ids[t][known]) ++faults;
+          if (*VObject::sym_lookup(ids[t][known]) != name(t * SHARE / 2 + known)) ++faults;
+        }
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+
+  EXPECT_EQ(0, faults);
+  std::set<uint32_t> distinct;
+  for (int t = 0; t < count; ++t) {
+    for (int i = 0; i < SHARE; ++i) {
+      EXPECT_EQ(ids[t][i], VObject::intern(name(t * SHARE / 2 + i)));
+      distinct.insert(ids[t][i]);
+    }
+  }
+  EXPECT_EQ(static_cast<size_t>((count + 1) * SHARE / 2), distinct.size());
+}
+
+INSTANTIATE_TEST_SUITE_P(Threads, SymbolSharing, testing::Values(8, 16));
+
 /// Every use of the table that takes its lock, each by itself; whether it found what it should.
 std::vector<std::function<bool()>> single_uses() {
   const uint32_t id = VObject::intern("known from before");
