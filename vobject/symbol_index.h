@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string_view>
 
 #include "vobject/vobject_string.h"
@@ -21,11 +22,13 @@ struct SymbolName {
 /// All zero before its first use, and without a destructor: the process may end in any order.
 class SymbolIndex {
  public:
-  /// Makes room for the name of this id. Throws std::bad_alloc. REQUIRES: the ids before it have been added.
-  void reserve(uint32_t id);
+  class Room;
 
-  /// Takes the name for good. REQUIRES: reserve() has made room for its id.
-  void add(SymbolName* name) noexcept;
+  /// What add() needs for the name of this id. Throws std::bad_alloc. REQUIRES: the ids before it have been added.
+  Room room_for(uint32_t id) const;
+
+  /// Takes the name for good. REQUIRES: the room is for its id, and nothing was added since it was made.
+  void add(SymbolName* name, Room room) noexcept;
 
   /// The name of these bytes. Null: it is not known, or may be too far from where its hash says.
   const SymbolName* find(std::string_view bytes, size_t hash) const noexcept {
@@ -54,7 +57,7 @@ class SymbolIndex {
   /// Twice as many as names, or more.
   struct Slots {
     size_t mask;
-    Slot* at;
+    std::unique_ptr<Slot[]> at;
     const Slots* previous;  ///< others may be reading them still
   };
 
@@ -63,6 +66,13 @@ class SymbolIndex {
 
   std::atomic<const Slots*> slots_{nullptr};
   SymbolName** rows_[32] = {};  ///< each twice as long as the one before it, so that none has to move
+};
+
+/// Freed if no name takes it.
+class SymbolIndex::Room {
+  friend class SymbolIndex;
+  std::unique_ptr<SymbolName*[]> row_;
+  std::unique_ptr<Slots> slots_;
 };
 
 }  // namespace VORN

@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <string_view>
+#include <utility>
 
 namespace VORN {
 
@@ -39,7 +40,7 @@ uint32_t SymbolTable::intern(const string_ref& name) {
 /// REQUIRES: the lock is held and the name is new.
 uint32_t SymbolTable::create_symbol(const string_ref& name, size_t hash) {
   const uint32_t id = next_id_;
-  index_.reserve(id);
+  SymbolIndex::Room room = index_.room_for(id);
   std::unique_ptr<SymbolName> made(new SymbolName{VObjectString(name.data(), name.length()), id, hash});
   VObjectString& text = made->text;
   [[maybe_unused]] const auto [entry, is_new] =
@@ -51,7 +52,7 @@ uint32_t SymbolTable::create_symbol(const string_ref& name, size_t hash) {
     symbol_ids_.erase(entry);
     throw;
   }
-  index_.add(made.release());
+  index_.add(made.release(), std::move(room));
   ++next_id_;
   return id;
 }

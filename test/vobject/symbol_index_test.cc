@@ -16,9 +16,8 @@ class SymbolIndexTest : public testing::Test {
  protected:
   SymbolName* add(const std::string& text, size_t hash) {
     const uint32_t id = static_cast<uint32_t>(names_.size()) + 1;
-    index_.reserve(id);
     names_.push_back(std::make_unique<SymbolName>(SymbolName{text, id, hash}));
-    index_.add(names_.back().get());
+    index_.add(names_.back().get(), index_.room_for(id));
     return names_.back().get();
   }
 

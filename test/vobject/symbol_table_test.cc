@@ -62,6 +62,10 @@ TEST(SymbolTable, NamesAreCopiedAndStay) {
 
 TEST(SymbolTable, LookupRejectsWhatWasNeverGiven) {
   EXPECT_FAILS("VObject::sym_lookup: supplied symbol value not found in map", VObject::sym_lookup(0xFFFFFFF0));
+  const uint32_t next = VObject::intern("last so far") + 1;
+  for (int i = 0; i < 2; ++i) {  // the second time this thread has seen which ids there are
+    EXPECT_FAILS("VObject::sym_lookup: supplied symbol value not found in map", VObject::sym_lookup(next));
+  }
 }
 
 VObject forged_symbol(uint32_t id) {
