@@ -9,8 +9,8 @@
 ///   rb_gc_adjust_memory_usage           | since 2.4        | gc_memory_usage.cc counts, and starts collections
 ///   rb_method_basic_definition_p        | exact since 2.3  | overridden_each.cc looks for aliases itself
 ///   ruby_stack_check                    | sure since 2.7   | machine_stack.cc looks at the stack's bounds
-///   rb_hash_bulk_insert                 | since 2.7        | key_cache.cc stores pair by pair
-///   rb_enc_interned_str                 | since 3.0        | likewise, and a Hash makes its own keys
+///   rb_enc_interned_str                 | since 3.0        | a Hash makes its own keys
+///   rb_hash_bulk_insert                 | used with it     | key_cache.cc stores pair by pair
 ///   rb_ext_ractor_safe, Ractor's locals | since 3.0        | there are no Ractors
 #pragma once
 

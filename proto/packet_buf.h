@@ -71,11 +71,11 @@ class VORN_API PacketBuf {
   void end_write(const char* end);
   /// @}
 
-  /// For writers of many small pieces, whose bytes would otherwise come to exist piece by piece. Between the calls there
-  /// may be a tail, bytes behind the position that nobody has asked for yet; so claim() does not promise zeros, and what
-  /// data() and the payload range say is not to be used. Both calls may be repeated, and cut_tail() may come from
-  /// anywhere that wants to look at the buffer.
-  /// REQUIRES: what is claimed in between is written, and set_pos() is not called.
+  /// For writers of many small pieces, whose bytes would otherwise come to exist piece by piece. Between the calls
+  /// there may be a tail, bytes behind the position that nobody has asked for yet; so claim() does not promise zeros,
+  /// and what data() and the payload range say is not to be used. Both calls may be repeated, and cut_tail() may come
+  /// from anywhere that wants to look at the buffer. REQUIRES: what is claimed in between is written, and set_pos() is
+  /// not called.
   /// @{
   void open_tail() noexcept {
     if (tail_is_open_) return;
