@@ -1,6 +1,7 @@
 #include "proto/packet_buf.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstddef>
 #include <cstring>
 #include <new>
@@ -130,8 +131,9 @@ bool PacketBuf::return_scratch(size_t size) noexcept {
 }
 
 void PacketBuf::remove_tail() noexcept {
-  const uint64_t written = std::max(size_before_tail_, pos_);
-  const size_t size = static_cast<size_t>(std::min<uint64_t>(written, data_.size()));
+  // A tail is made for what ends behind the bytes there were, unless nothing has been written at all.
+  const size_t size = static_cast<size_t>(pos_ > pos_before_tail_ ? pos_ : size_before_tail_);
+  assert(size >= size_before_tail_ && size <= data_.size());
   if (!in_scratch_ || !return_scratch(size)) data_.resize(size);
 }
 

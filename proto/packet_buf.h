@@ -81,6 +81,7 @@ class VORN_API PacketBuf {
     if (tail_is_open_) return;
     tail_is_open_ = true;
     size_before_tail_ = data_.size();
+    pos_before_tail_ = pos_;
     if (size_before_tail_ == 0) borrow_scratch();
   }
   void cut_tail() noexcept {
@@ -123,6 +124,7 @@ class VORN_API PacketBuf {
   std::string data_;
   uint64_t pos_ = 0;
   uint64_t size_before_tail_ = 0;
+  uint64_t pos_before_tail_ = 0;
   bool tail_is_open_ = false;
   bool in_scratch_ = false;  ///< the tail and all before it lie in the thread's scratch memory
 };
