@@ -85,6 +85,14 @@ class NewBufferTest < ExtTest
     end
   end
 
+  def test_a_failure_before_anything_is_written
+    [0, 8, 100_000].each do |pos|
+      buf = PacketBuf.new.seek(pos)
+      assert_raises(RuntimeError) { buf << Object.new }
+      assert_equal [pos, 0], [buf.pos, buf.payload_size]
+    end
+  end
+
   def test_a_write_that_is_left_for_ever
     buf = PacketBuf.new
     fiber = Fiber.new { buf << looking_hash { Fiber.yield } }
