@@ -83,6 +83,8 @@ Gem::Specification.new do |gem|
     vobject/render.cc
     vobject/render.h
     vobject/string_ref.h
+    vobject/symbol_index.cc
+    vobject/symbol_index.h
     vobject/symbol_table.cc
     vobject/symbol_table.h
     vobject/vobject.cc

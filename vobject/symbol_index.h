@@ -14,9 +14,9 @@ namespace VORN {
 
 /// A name and what it is found by.
 struct SymbolName {
-  VObjectString text;
-  uint32_t id;
-  size_t hash;
+  VObjectString text;  ///< stays where it is
+  uint32_t id;         ///< from 1 on
+  size_t hash;         ///< of the text, as find() is given it
 };
 
 /// All zero before its first use, and without a destructor: the process may end in any order.
