@@ -168,6 +168,8 @@ class VectorsTest < Minitest::Test
     assert_equal vector.layout || 8, frame.seek_payload_start.pos
     return if !vector.complete? || vector.data_len == 0
     frame.pos = vector.layout + vector.data_len
-    assert_equal Hex.encode(vector.payload), Hex.encode(frame.to_str[vector.layout..-1])
+    payload = frame.to_str[vector.layout..-1]
+    # In digits only for the message: to encode every payload took a quarter of all tests' time.
+    assert_equal Hex.encode(vector.payload), Hex.encode(payload) if payload != vector.payload
   end
 end
