@@ -17,7 +17,7 @@ void free_native(void* data) {
 size_t size_of_native(const void* data) {
   if (data == nullptr) return 0;
   const BufferHandle* const native = static_cast<const BufferHandle*>(data);
-  return sizeof *native + sizeof *native->buf + native->buf->data().capacity();
+  return sizeof *native + sizeof *native->buf + native->buf->capacity();
 }
 
 rb_data_type_t data_type(const char* name, const rb_data_type_t* parent) noexcept {
@@ -48,7 +48,7 @@ BufferHandle& buffer_handle(VALUE obj, const rb_data_type_t& type) {
 void report_storage(VALUE obj) {
   BufferHandle& native = *static_cast<BufferHandle*>(DATA_PTR(obj));
   native.buf->cut_tail();
-  const int64_t capacity = static_cast<int64_t>(native.buf->data().capacity());
+  const int64_t capacity = static_cast<int64_t>(native.buf->capacity());
   if (capacity == native.reported_bytes) return;
   const int64_t difference = capacity - native.reported_bytes;
   native.reported_bytes = capacity;

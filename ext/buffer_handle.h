@@ -39,7 +39,8 @@ extern const rb_data_type_t packet_frame_out_type;
 /// The receiver check. Raises TypeError for what is no object of this library, and RuntimeError "NULL object
 /// DATA pointer, wanted PacketBuf" for one without its native object. The result lives as long as the Ruby
 /// object: a method that still uses it after its last use of the VALUE needs RB_GC_GUARD.
-/// Ends what a write in progress has open: Ruby code sees a buffer through here, and sees what has been written.
+/// Ends what a write in progress has open: Ruby code sees a buffer through here, and sees what has been written. Ruby
+/// code may continue that write, so a method that runs some asks here again, or calls cut_tail().
 BufferHandle& buffer_handle(VALUE obj, const rb_data_type_t& type);
 
 /// The same for any of the classes. The fast path is inlined.

@@ -182,6 +182,7 @@ VALUE decode_packetbuf_rbhash(DecodeContext& ctx, int32_t depth) {
     if (hashing_keys > 0) ctx.stack.require_room(batch, hashing_keys);
     KeyCache::store(hash, batch, batched);
     batched = 0;
+    ctx.buf.cut_tail();
     ctx.in.resync(ctx.buf);  // a key's `hash` or `eql?` may have written to the buffer
   };
   while (ctx.in.readable()) {
@@ -228,6 +229,7 @@ VALUE deserialize_packetbuf_single_rbobj(PacketBuf& buf, DecodeOptions options, 
   if (fault == ValueFault::none && !scan_only_result && ctx.jump_state == 0) {
     result = rb_protect(build, reinterpret_cast<VALUE>(&ctx), &ctx.jump_state);
   }
+  buf.cut_tail();
   ctx.in.commit(buf);
   if (ctx.jump_state != 0) rb_jump_tag(ctx.jump_state);
   if (fault != ValueFault::none) raise_fault(fault);

@@ -100,8 +100,9 @@ VALUE packetbuf_pos(VALUE self) {
  *   buf.seek(2).write_raw("x").to_str  # => "\x00\x00x"
  */
 VALUE packetbuf_set_pos(VALUE self, VALUE pos) {
-  PacketBuf& buf = packet_buf_of(self);
-  buf.set_pos(cut_to_uint32(pos));
+  packet_buf_of(self);  // what has no buffer raises before Ruby code runs
+  const uint32_t to = cut_to_uint32(pos);
+  packet_buf_of(self).set_pos(to);
   return self;
 }
 
@@ -117,8 +118,9 @@ VALUE packetbuf_set_pos(VALUE self, VALUE pos) {
  *   buf.index_within_payload?(3)  # => false
  */
 VALUE packetbuf_index_within_payload(VALUE self, VALUE index) {
-  const PacketBuf& buf = packet_buf_of(self);
-  return buf.index_within_payload(cut_to_uint32(index)) ? Qtrue : Qfalse;
+  packet_buf_of(self);  // as in pos=
+  const uint32_t i = cut_to_uint32(index);
+  return packet_buf_of(self).index_within_payload(i) ? Qtrue : Qfalse;
 }
 
 /*

@@ -18,7 +18,7 @@ using PROTO::PacketBuf;
 ID id_preserve_symbols;
 ID id_maxdepth;
 
-// May run Ruby code: @maxdepth is converted with to_int.
+// May run Ruby code: @maxdepth is converted with to_int. The receiver is checked before, and looked up after it.
 DecodeOptions decode_options(VALUE self) {
   const bool preserve_symbols = RTEST(rb_attr_get(self, id_preserve_symbols));
   return {preserve_symbols, cut_to_int32(rb_attr_get(self, id_maxdepth))};
@@ -137,8 +137,9 @@ VALUE packetbuf_write_object(VALUE self, VALUE obj) {
  *   buf.extract_object  # raises RuntimeError "decode_next_packetbuf_rbobj: buffer underrun"
  */
 VALUE packetbuf_extract_object(VALUE self) {
-  PacketBuf& buf = packet_buf_of(self);
+  packet_buf_of(self);
   const DecodeOptions options = decode_options(self);
+  PacketBuf& buf = packet_buf_of(self);
   const VALUE obj = deserialize_packetbuf_single_rbobj(buf, options, false);
   RB_GC_GUARD(self);
   return obj;
@@ -159,7 +160,7 @@ VALUE packetbuf_extract_object(VALUE self) {
  *   out.to_str == buf.to_str  # => true
  */
 VALUE packetbuf_copy_object(VALUE self, VALUE dest) {
-  PacketBuf& buf = packet_buf_of(self);
+  packet_buf_of(self);
   const bool accepted =
       RB_TYPE_P(dest, T_DATA) && (rb_obj_class(dest) == cPacketBuf || rb_obj_class(dest) == cPacketFrameOut);
   if (!accepted) {
@@ -167,6 +168,7 @@ VALUE packetbuf_copy_object(VALUE self, VALUE dest) {
   }
   PacketBuf& to = packet_buf_of(dest);
   const DecodeOptions options = decode_options(self);
+  PacketBuf& buf = packet_buf_of(self);
   const uint64_t start = buf.pos();
   deserialize_packetbuf_single_rbobj(buf, options, true);
   const uint64_t end = buf.pos();

@@ -46,7 +46,7 @@ VALUE packetframein_allocate(VALUE klass) {
  *   frame.seek_payload_start.extract_object  # => true
  */
 VALUE packetframein_assemble(VALUE self, VALUE data, VALUE offset) {
-  PacketFrameIn& frame = packet_frame_in_of(self);
+  packet_frame_in_of(self);
   if (!RB_TYPE_P(data, T_STRING)) {
     rb_raise(rb_eArgError, "packetframein_assemble: data argument should be T_STRING");
   }
@@ -55,6 +55,7 @@ VALUE packetframein_assemble(VALUE self, VALUE data, VALUE offset) {
   if (from < 0 || from >= RSTRING_LEN(data)) {
     rb_raise(rb_eArgError, "packetframein_assemble: offset argument out of range");
   }
+  PacketFrameIn& frame = packet_frame_in_of(self);
   const uint64_t consumed = native_guard([&] {
     return frame.assemble(RSTRING_PTR(data), static_cast<uint64_t>(RSTRING_LEN(data)), static_cast<uint64_t>(from));
   });

@@ -53,7 +53,7 @@ uint64_t PacketBuf::payload_start() const {
 }
 
 uint64_t PacketBuf::payload_end() const {
-  return data_.size();
+  return data().size();
 }
 
 uint64_t PacketBuf::payload_size() const {
@@ -61,7 +61,7 @@ uint64_t PacketBuf::payload_size() const {
 }
 
 bool PacketBuf::index_within_payload(uint64_t i) const {
-  return i >= payload_start() && i < payload_end() && i < data_.size();
+  return i >= payload_start() && i < payload_end() && i < data().size();
 }
 
 void PacketBuf::reserve(uint64_t n) {

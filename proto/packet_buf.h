@@ -19,10 +19,11 @@ namespace PROTO {
 /// Bytes, a position, and the payload range, which the frame classes narrow.
 class VORN_API PacketBuf {
  public:
-  /// A buffer does not reallocate while it stays within this many bytes.
+  /// What a buffer and every frame reserve at first, unless told otherwise.
   static constexpr uint64_t INITIAL_CAPACITY = 0x10000;
 
-  /// Empty, at position 0, with INITIAL_CAPACITY bytes reserved. Throws std::bad_alloc.
+  /// Empty, at position 0, with INITIAL_CAPACITY bytes reserved: it does not reallocate while it stays within them.
+  /// Throws std::bad_alloc.
   PacketBuf();
   /// The same with `capacity` bytes reserved. 0 is for buffers that live for one message: what is written between
   /// open_tail() and cut_tail() then takes memory of just its size. Throws std::bad_alloc.
@@ -94,11 +95,20 @@ class VORN_API PacketBuf {
   /// The position may be set anywhere; a write beyond the stored bytes fills the gap with zeros.
   /// @{
   uint64_t pos() const { return pos_; }
-  void set_pos(uint64_t p) { pos_ = p; }
+  void set_pos(uint64_t p) {
+    assert(!tail_is_open_);
+    pos_ = p;
+  }
   /// @}
 
   /// All stored bytes, from index 0. The reference is bound to this buffer, pointers into it to the next write.
-  const std::string& data() const { return data_; }
+  const std::string& data() const {
+    assert(!tail_is_open_);
+    return data_;
+  }
+
+  /// Bytes of memory behind data(), used or not.
+  size_t capacity() const noexcept { return data_.capacity(); }
 
   /// Whether the pointer is to one of the stored bytes.
   bool holds(const char* at) const {

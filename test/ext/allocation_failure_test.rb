@@ -93,6 +93,40 @@ class AllocationFailureTest < ExtTest
     RUBY
   end
 
+  # ObjectSpace finds the object whose native one could not be made. Each method refuses it before it runs Ruby code.
+  def test_objects_without_their_native_object
+    assert_equal "PacketBuf\nPacketFrameIn\nPacketFrameOut\n", with_allocator(<<-'RUBY')
+      hostile = Object.new
+      def hostile.to_int
+        abort "converted"
+      end
+      other = PacketBuf.new << 1
+      # They convert nothing, and know no native object.
+      accessors = [:initialize, :maxdepth, :maxdepth=, :preserve_symbols_on_extract, :preserve_symbols_on_extract=]
+      calls = { assemble: ["x", hostile], copy_object: [other] }
+      [PacketBuf, PacketFrameIn, PacketFrameOut].each do |c|
+        FailingAllocator.arm(1)
+        failure { c.new }
+        FailingAllocator.disarm
+        void = ObjectSpace.each_object(c).find { |it| failure { it.reset } } or abort "none left"
+        void.maxdepth = hostile
+        methods = c.ancestors.take_while { |it| it != Object }.flat_map { |it| it.instance_methods(false) }.uniq
+        (methods - accessors).each do |name|
+          arguments = calls.fetch(name) { [hostile] * c.instance_method(name).arity }
+          text = failure { void.__send__(name, *arguments) }
+          abort "#{c}##{name}: #{text}" unless text == "NULL object DATA pointer, wanted PacketBuf"
+        end
+        if [PacketBuf, PacketFrameOut].include?(c)
+          other.maxdepth = hostile
+          text = failure { other.copy_object(void) }
+          abort "copy_object(#{c}): #{text}" unless text == "NULL object DATA pointer, wanted PacketBuf"
+          other.maxdepth = 64
+        end
+        puts c.name[/\w+\z/]
+      end
+    RUBY
+  end
+
   # A failing write keeps what it has already written. Each value here fails at its first byte, so nothing changes.
   def test_writing
     expected = %w[write_raw gap string symbol array integers hash copy_object].map { |name| [name, [NO_MEMORY]] }

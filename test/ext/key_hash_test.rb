@@ -1,25 +1,11 @@
 # frozen_string_literal: true
 
+require_relative "hash_hook"
 require_relative "helper"
 
 # `hash` of a key is Ruby code that runs in the middle of decoding: it can change the buffer that is being read.
 # Decoding raises a Ruby exception or returns the right result.
 class KeyHashTest < ExtTest
-  # An Array#hash that runs `body` first, once.
-  module HashHook
-    class << self
-      attr_accessor :body
-    end
-
-    def hash
-      body = HashHook.body
-      HashHook.body = nil
-      body.call if body
-      super
-    end
-  end
-  Array.prepend(HashHook)
-
   def teardown
     HashHook.body = nil
   end
