@@ -42,15 +42,19 @@ class CodecTable
     times = costs(figure["microseconds"], operation)
     row = format("%-26s", document) + names.map { |n| times[n] ? format("%10.1f", times[n]) : "-".rjust(10) }.join
     peer, = best_peer(figure, times, "#{operation} ratio")
-    row << format("  %-12s  %5.2f", peer || "-", figure["#{operation} ratio"] || 1)
+    row << format("  %-12s  %5s", peer || "-", ratio(figure["#{operation} ratio"]))
     if @counted
       counts = costs(figure["instructions"], operation)
       peer, fewest = best_peer(figure, counts, "#{operation} instructions ratio")
-      row << format("  %12d  %12d %-8s  %5.2f", counts["vorn"], fewest, peer,
-                    figure["#{operation} instructions ratio"])
+      row << format("  %12d  %12s %-8s  %5s", counts["vorn"], fewest || "-", peer || "-",
+                    ratio(figure["#{operation} instructions ratio"]))
     end
     row << format("  %10.2f", (times["in buffer"] || times["vorn"]) / times["floor"]) if times["floor"]
     row
+  end
+
+  def ratio(number)
+    number ? format("%.2f", number) : "-"
   end
 
   def costs(figures, operation)

@@ -37,7 +37,7 @@ void PacketFrameOut::compute_frame_header() {
   }
   char header[PF12_HEADER_LEN];
   encode_frame_header({next_seq_, static_cast<uint32_t>(data_len)}, use_12byte_header_, header);
-  // The write cannot fail: a header always fits into the capacity that every buffer starts with.
+  // The write cannot fail: a header always fits into the capacity that every frame starts with.
   set_pos(0);
   write_bytes(header, header_len);
   set_pos(end);

@@ -30,7 +30,7 @@ std::vector<std::string> names(int64_t count) {
   return all;
 }
 
-// Of a protocol, of a large program, and more than any thread remembers.
+// Of a protocol, of a large program, and more than the caches hold.
 void sizes(benchmark::internal::Benchmark* bench) {
   bench->ArgName("names")->Arg(100)->Arg(1000)->Arg(100000)->Threads(1)->Threads(2)->UseRealTime();
 }
