@@ -66,6 +66,7 @@ Gem::Specification.new do |gem|
     proto/packet_frame_out.cc
     proto/packet_frame_out.h
     proto/transport_type.h
+    proto/trusting_reader.h
     proto/value_check.cc
     proto/value_check.h
     proto/value_wire.h

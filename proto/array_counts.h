@@ -47,7 +47,7 @@ class ArrayCounts {
   }
 
   /// Up to this many counts are kept without an allocation.
-  static constexpr size_t INLINE_SLOTS = 32;
+  static constexpr size_t INLINE_SLOTS = 64;
 
  private:
   uint32_t inline_[INLINE_SLOTS];

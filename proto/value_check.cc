@@ -11,14 +11,16 @@ namespace {
 
 constexpr size_t HASH = SIZE_MAX;
 
+// No end mark may come.
+constexpr uint8_t NO_END = 0x7F;
+
 /// A container whose end mark has not come yet.
 struct OpenContainer {
   size_t slot;       ///< where an array's count goes; HASH for a hash
-  uint64_t members;  ///< values met so far; in a hash a key is due when this is even
+  uint32_t members;  ///< of an array, met so far
+  uint8_t end;       ///< the end mark that may come now: a hash's only where a key may come
 
   bool is_hash() const { return slot == HASH; }
-  uint8_t end_mark() const { return is_hash() ? PTT_HASH_END : PTT_ARRAY_END; }
-  bool may_end() const { return !is_hash() || members % 2 == 0; }
 };
 
 /// The open containers but the innermost, outermost first. Those of ordinary messages need no allocation.
@@ -48,24 +50,22 @@ class OuterContainers {
 
 // Inlined into check_value(), whose cursor then stays in registers, as `inner` does (docs/development/performance.md:
 // the checking pass). Integers and strings, which are most of a message, are tested for ahead of the jump table.
-[[gnu::always_inline]] inline ValueFault check(WireReader& in, const CheckLimits& limits, ArrayCounts& counts) {
+[[gnu::always_inline]] inline ValueFault check(WireReader& in, const CheckLimits& limits, ArrayCounts& counts,
+                                               KeyTypes& keys) {
   const uint64_t value_end = std::min(in.limit(), limits.value_end);
   const uint64_t max_open = limits.maxdepth > 0 ? static_cast<uint64_t>(limits.maxdepth) : 0;
   OuterContainers outer;
-  OpenContainer inner{HASH, 1};  // stands around the value: no end mark is due
+  OpenContainer inner{0, 0, NO_END};  // stands around the value
   uint64_t depth = 0;
   do {
-    const bool may_end = inner.may_end();
     if (in.pos() >= value_end) {
-      if (may_end) return inner.is_hash() ? ValueFault::underrun_hash : ValueFault::underrun_array;
+      if (inner.end != NO_END) return inner.is_hash() ? ValueFault::underrun_hash : ValueFault::underrun_array;
       return depth >= max_open ? ValueFault::max_depth : ValueFault::underrun;
     }
     const uint8_t type = in.peek();
-    if (type == inner.end_mark() && may_end) {
+    if (type == inner.end && type != NO_END) {
       in.skip(1);
-      if (!inner.is_hash()) {
-        counts.set(inner.slot, static_cast<uint32_t>(std::min<uint64_t>(inner.members, UINT32_MAX)));
-      }
+      if (!inner.is_hash()) counts.set(inner.slot, inner.members);
       inner = outer.pop();
       --depth;
       continue;
@@ -73,7 +73,14 @@ class OuterContainers {
 
     // The value itself counts one level on top of the containers around it.
     if (depth >= max_open) return ValueFault::max_depth;
-    ++inner.members;
+    if (!inner.is_hash()) {
+      ++inner.members;
+    } else if (inner.end == NO_END) {
+      inner.end = PTT_HASH_END;
+    } else {
+      inner.end = NO_END;
+      keys.add(type);
+    }
     if (type >= PTT_INT) {
       int64_t value;
       if (!in.read_int(value)) return ValueFault::underrun_int;
@@ -102,15 +109,26 @@ class OuterContainers {
         break;
       }
       case PTT_HASH_START:
+        if (in.pos() < value_end && in.peek() == PTT_HASH_END) {
+          in.skip(1);
+          break;
+        }
         outer.push(inner);
-        inner = {HASH, 0};
+        inner = {HASH, 0, PTT_HASH_END};
         ++depth;
         break;
-      case PTT_ARRAY_START:
+      case PTT_ARRAY_START: {
+        const size_t slot = counts.add();
+        if (in.pos() < value_end && in.peek() == PTT_ARRAY_END) {
+          in.skip(1);
+          counts.set(slot, 0);
+          break;
+        }
         outer.push(inner);
-        inner = {counts.add(), 0};
+        inner = {slot, 0, PTT_ARRAY_END};
         ++depth;
         break;
+      }
       default: return ValueFault::unknown_type;
     }
   } while (depth > 0);
@@ -120,10 +138,17 @@ class OuterContainers {
 }  // namespace
 
 ValueFault check_value(WireReader& in, const CheckLimits& limits, ArrayCounts& counts) {
-  // A copy whose address is not taken can stay in registers.
+  KeyTypes keys;
+  return check_value(in, limits, counts, keys);
+}
+
+ValueFault check_value(WireReader& in, const CheckLimits& limits, ArrayCounts& counts, KeyTypes& keys) {
+  // Copies whose addresses are not taken can stay in registers.
   WireReader cursor = in;
-  const ValueFault fault = check(cursor, limits, counts);
+  KeyTypes types = keys;
+  const ValueFault fault = check(cursor, limits, counts, types);
   in = cursor;
+  keys = types;
   return fault;
 }
 

@@ -1,9 +1,11 @@
 /// The checking pass of every decoder (Ruby's, the variant's, vorn-inspect's): walks one encoded value without building
-/// anything, and counts the members of its arrays. The open containers are kept in a list, so that nesting costs no
-/// machine stack, however deep the caller's limit allows it to be.
+/// anything, counts the members of its arrays, and collects the types of its keys. The open containers are kept in a
+/// list, so that nesting costs no machine stack, however deep the caller's limit allows it to be.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <initializer_list>
 
 #include "proto/array_counts.h"
 #include "proto/export.h"
@@ -34,9 +36,29 @@ struct CheckLimits {
   uint64_t string_end;  ///< the bytes of a string lie below this index
 };
 
+/// The types of all keys in a value, each a bit: that of its type byte, the last one for integers.
+class KeyTypes {
+ public:
+  /// Notes a key whose first byte this is.
+  void add(uint8_t type) { bits_ |= uint32_t{1} << std::min<uint8_t>(type, 31); }
+
+  /// Whether all keys, if there are any, are of these types.
+  bool only(std::initializer_list<uint8_t> types) const {
+    uint32_t allowed = 0;
+    for (const uint8_t type : types) allowed |= uint32_t{1} << type;
+    return (bits_ & ~allowed) == 0;
+  }
+
+ private:
+  uint32_t bits_ = 0;
+};
+
 /// Walks the value at the cursor. On success the cursor stands behind the value; on a fault it stays where
 /// reading stopped. Throws std::bad_alloc.
 VORN_API ValueFault check_value(WireReader& in, const CheckLimits& limits, ArrayCounts& counts);
+
+/// The same, and adds the types of the keys that it met.
+VORN_API ValueFault check_value(WireReader& in, const CheckLimits& limits, ArrayCounts& counts, KeyTypes& keys);
 
 }  // namespace PROTO
 }  // namespace VORN

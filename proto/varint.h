@@ -30,17 +30,37 @@ struct VarintShape {
 /// The longest varint in the shape of integers, that of a 64-bit magnitude.
 constexpr unsigned MAX_VARINT_SIZE = 10;
 
-/// The two shapes in use.
-/// @{
-constexpr VarintShape INT_SHAPE{7, true};
-constexpr VarintShape LENGTH_SHAPE{8, false};
-/// @}
-
 /// The parts of every continuation byte.
 /// @{
 constexpr unsigned CONTINUATION_BYTE_DATA_BITS = 7;
 constexpr unsigned CONTINUATION_BYTE_DATA_MASK = 0x7F;
 constexpr unsigned CONTINUATION_BYTE_FLAG = 0x80;
+/// @}
+
+/// Reads a varint from the bytes that `next` hands out: false, and no byte, when there is none. False: the bytes ran
+/// out before the last one, and the magnitude is 0. Groups beyond bit 63 fold back to bit 0 on.
+template <typename Next>
+inline bool read_varint_from(const Next& next, VarintShape shape, uint64_t& magnitude, bool& negative) {
+  magnitude = 0;
+  negative = false;
+  unsigned byte;
+  if (!next(byte)) return false;
+  negative = (byte & shape.sign_flag()) != 0;
+  uint64_t value = byte & shape.first_data_mask();
+  bool more = (byte & shape.continuation_flag()) != 0;
+  for (unsigned shift = shape.first_data_bits(); more; shift += CONTINUATION_BYTE_DATA_BITS) {
+    if (!next(byte)) return false;
+    value |= uint64_t{byte & CONTINUATION_BYTE_DATA_MASK} << (shift & 63U);
+    more = (byte & CONTINUATION_BYTE_FLAG) != 0;
+  }
+  magnitude = value;
+  return true;
+}
+
+/// The two shapes in use.
+/// @{
+constexpr VarintShape INT_SHAPE{7, true};
+constexpr VarintShape LENGTH_SHAPE{8, false};
 /// @}
 
 }  // namespace PROTO

@@ -100,21 +100,12 @@ class WireReader {
 };
 
 inline bool WireReader::read_varint(VarintShape shape, uint64_t& magnitude, bool& negative) {
-  magnitude = 0;
-  negative = false;
-  if (pos_ >= limit_) return false;
-  const unsigned first = base_[pos_++];
-  negative = (first & shape.sign_flag()) != 0;
-  uint64_t value = first & shape.first_data_mask();
-  bool more = (first & shape.continuation_flag()) != 0;
-  for (unsigned shift = shape.first_data_bits(); more; shift += CONTINUATION_BYTE_DATA_BITS) {
+  const auto next = [this](unsigned& byte) {
     if (pos_ >= limit_) return false;
-    const unsigned byte = base_[pos_++];
-    value |= uint64_t{byte & CONTINUATION_BYTE_DATA_MASK} << (shift & 63U);
-    more = (byte & CONTINUATION_BYTE_FLAG) != 0;
-  }
-  magnitude = value;
-  return true;
+    byte = base_[pos_++];
+    return true;
+  };
+  return read_varint_from(next, shape, magnitude, negative);
 }
 
 inline bool WireReader::read_int(int64_t& value) {

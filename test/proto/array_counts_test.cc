@@ -12,7 +12,7 @@ namespace {
 using VORN::PROTO::ArrayCounts;
 
 TEST(ArrayCounts, GivesTheCountsInTheOrderOfTheSlots) {
-  for (const uint32_t arrays : {0U, 1U, 31U, 32U, 33U, 34U, 1000U}) {
+  for (const uint32_t arrays : {0U, 1U, 63U, 64U, 65U, 66U, 1000U}) {
     ArrayCounts counts;
     for (uint32_t i = 0; i < arrays; ++i) EXPECT_EQ(i, counts.add());
     for (uint32_t i = arrays; i > 0; --i) counts.set(i - 1, 10 * i);  // an inner array ends before its outer
@@ -23,7 +23,7 @@ TEST(ArrayCounts, GivesTheCountsInTheOrderOfTheSlots) {
 }
 
 TEST(ArrayCounts, IsCopied) {
-  for (const uint32_t arrays : {0U, 1U, 32U, 33U, 1000U}) {
+  for (const uint32_t arrays : {0U, 1U, 64U, 65U, 1000U}) {
     ArrayCounts counts;
     for (uint32_t i = 0; i < arrays; ++i) counts.set(counts.add(), i + 1);
     ASSERT_EQ(arrays, counts.size());
@@ -43,19 +43,19 @@ TEST(ArrayCounts, HoldsTheLargestCount) {
 TEST(ArrayCounts, NeedsNoMemoryForFewArrays) {
   const vorn_test::AllocationCount allocations;
   ArrayCounts counts;
-  for (int i = 0; i < 32; ++i) counts.add();
+  for (int i = 0; i < 64; ++i) counts.add();
   EXPECT_EQ(0U, allocations.count());
 }
 
 TEST(ArrayCounts, WithoutMemoryNoSlotIsAdded) {
   ArrayCounts counts;
-  for (uint32_t i = 0; i < 32; ++i) counts.set(counts.add(), i);
+  for (uint32_t i = 0; i < 64; ++i) counts.set(counts.add(), i);
   {
     const vorn_test::FailAllocation fail(1);
     EXPECT_THROW(counts.add(), std::bad_alloc);
   }
-  counts.set(counts.add(), 32);
-  for (uint32_t i = 0; i < 33; ++i) EXPECT_EQ(i, counts.next());
+  counts.set(counts.add(), 64);
+  for (uint32_t i = 0; i < 65; ++i) EXPECT_EQ(i, counts.next());
   EXPECT_EQ(0U, counts.next());
 }
 

@@ -282,9 +282,61 @@ TEST(ValueCheck, CountsTheMembersOfEachArrayInTheOrderOfTheirStarts) {
   EXPECT_EQ((Counts(200, 1)), counts_of(from_hex("(200:0A) 81 (200:0B)")));
 }
 
+KeyTypes key_types_of(const std::string& hex) {
+  PacketBuf buf;
+  vorn_test::fill(buf, from_hex(hex));
+  WireReader in(buf);
+  ArrayCounts counts;
+  KeyTypes keys;
+  EXPECT_EQ(ValueFault::none, check_value(in, {64, NO_END, NO_END}, counts, keys)) << hex;
+  EXPECT_EQ(buf.data().size(), in.pos()) << hex;
+  return keys;
+}
+
+TEST(ValueCheck, KnowsTheTypesOfAllKeysAndOfNothingElse) {
+  const std::string values =
+      " 00 01 02 80 A0 01 03 00 00 00 00 04 00 00 00 00 00 00 00 00 05 00 06 00 07 00 0A 0B 08 09 ";
+  EXPECT_TRUE(key_types_of("80").only({})) << "no keys";
+  EXPECT_TRUE(key_types_of("07 00").only({}));
+  EXPECT_TRUE(key_types_of("0A" + values + "0B").only({})) << "members";
+  for (const char* value : {"00", "01", "02", "80", "A0 01", "03 00 00 00 00", "04 00 00 00 00 00 00 00 00", "05 00",
+                            "06 00", "07 01 61", "0A 0B", "0A 81 0B", "08 09", "08 07 00 80 09"}) {
+    const std::string one = value;
+    EXPECT_TRUE(key_types_of("08 07 00 " + one + " 09").only({PTT_UTF8STR})) << one << " as a value";
+    EXPECT_TRUE(key_types_of("08 07 00 " + one + " 07 00 " + one + " 09").only({PTT_UTF8STR})) << one;
+    const uint8_t type = static_cast<uint8_t>(from_hex(one)[0]);
+    for (const std::string& around : {"08 " + one + " 80 09", "08 07 00 80 " + one + " 80 09",
+                                      "0A 08 " + one + " 07 00 09 0B", "08 07 00 08 " + one + " 80 09 09"}) {
+      const KeyTypes keys = key_types_of(around);
+      EXPECT_EQ(type == PTT_UTF8STR, keys.only({PTT_UTF8STR})) << around;
+      EXPECT_EQ(type == PTT_BINSTR || type == PTT_UTF8STR, keys.only({PTT_BINSTR, PTT_UTF8STR})) << around;
+      if (type < PTT_INT) {
+        EXPECT_TRUE(keys.only({PTT_UTF8STR, type})) << around;
+      }
+    }
+  }
+}
+
+TEST(ValueCheck, EmptyContainersEndWhereTheBytesDo) {
+  EXPECT_EQ((Result{"underrun_array", 1}), scan_bytes(from_hex("0A")));
+  EXPECT_EQ((Result{"underrun_hash", 1}), scan_bytes(from_hex("08")));
+  EXPECT_EQ((Result{"none", 2}), scan_bytes(from_hex("0A 0B"), 1));
+  EXPECT_EQ((Result{"none", 2}), scan_bytes(from_hex("08 09"), 1));
+  EXPECT_EQ((Result{"max_depth", 1}), scan_bytes(from_hex("0A 0A 0B 0B"), 1));
+  PacketBuf buf;
+  vorn_test::fill(buf, from_hex("0A 0B 08 09"));
+  for (const uint64_t start : {uint64_t{0}, uint64_t{2}}) {
+    buf.set_pos(start);
+    WireReader in(buf);
+    ArrayCounts counts;
+    EXPECT_EQ(start == 0 ? "underrun_array" : "underrun_hash",
+              name_of(check_value(in, {64, start + 1, NO_END}, counts)));
+  }
+}
+
 TEST(ValueCheck, OrdinaryValuesNeedNoMemory) {
   PacketBuf buf;
-  vorn_test::fill(buf, from_hex("0A (31:0A 08 81 82 09 07 01 61 0B) 0B"));
+  vorn_test::fill(buf, from_hex("0A (63:0A 08 81 82 09 07 01 61 0B) 0B"));
   const vorn_test::AllocationCount allocations;
   EXPECT_EQ("none", scan_stored(buf, 64).fault);
   EXPECT_EQ(0U, allocations.count());
