@@ -62,6 +62,8 @@ have_func("rb_ext_ractor_safe", "ruby.h")
 have_func("rb_enc_interned_str", "ruby/encoding.h")
 have_func("rb_hash_bulk_insert", "ruby.h")
 $defs << "-DVORN_RUBY_HAS_TYPED_CALLBACKS" unless ruby_before?("2.7") # <ruby/backward/cxxanyargs.hpp>
+# Of a newer Ruby nobody has looked yet, docs/development/decisions/0010-no-second-check.md.
+$defs << "-DVORN_RUBY_HASHES_STRINGS_ITSELF" if RUBY_ENGINE == "ruby" && ruby_before?("3.5")
 $defs << "-DVORN_RUBY_ALIASES_PASS_FOR_BUILTIN" if ruby_before?("2.3") # to rb_method_basic_definition_p
 # In 2.2 ruby_stack_check() is the constant 0; where it is no more, between that and 2.7, was not tried.
 if ruby_before?("2.7") && have_func("pthread_getattr_np", ["ruby.h", "pthread.h"])

@@ -15,6 +15,9 @@ namespace EXT {
 /// The stack that its maker runs on: a thread's or a fiber's.
 class MachineStack {
  public:
+  // Takes 3 MB of stack. Whatever `maxdepth` allows, a peer shall not have all that a main thread's 8 MB leave.
+  static constexpr int32_t MAX_DEPTH = 10000;
+
   /// Enters a frame of a recursion that is `depth` levels deep: has_room(), or SystemStackError "stack level too deep".
   /// So it is beyond MAX_DEPTH, however large the stack.
   void enter(int32_t depth, void* here) {
@@ -34,9 +37,6 @@ class MachineStack {
   }
 
  private:
-  // Takes 3 MB of stack. Whatever `maxdepth` allows, a peer shall not have all that a main thread's 8 MB leave.
-  static constexpr int32_t MAX_DEPTH = 10000;
-
   [[noreturn]] static void raise_too_deep();
   bool find_room(uintptr_t here, size_t bytes);
 

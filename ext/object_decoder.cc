@@ -1,11 +1,14 @@
 #include "ext/object_decoder.h"
 
 #include <algorithm>
+#include <cassert>
+#include <type_traits>
 
 #include "ext/key_cache.h"
 #include "ext/machine_stack.h"
 #include "ext/member_counts.h"
 #include "ext/native_guard.h"
+#include "proto/trusting_reader.h"
 #include "proto/value_wire.h"
 
 namespace VORN {
@@ -14,24 +17,63 @@ namespace EXT {
 namespace {
 
 using PROTO::PacketBuf;
+using PROTO::TrustingReader;
 using PROTO::ValueFault;
 using PROTO::WireReader;
 
 int binary_index;
 int utf8_index;
 
-/// One call's state. It may be left for ever or entered again, like the frames of the building pass, and owns nothing.
-struct DecodeContext {
+/// The state of a building pass. It may be left for ever or entered again, like the frames of that pass, and owns
+/// nothing.
+///
+/// With a TrustingReader nothing is checked again: no code of the program has run since the checking pass, and none can
+/// before this pass ends, so the buffer is as it was (docs/development/decisions/0010-no-second-check.md).
+template <typename Reader>
+struct BuildContext {
+  static constexpr bool TRUSTS = std::is_same<Reader, TrustingReader>::value;
+
   PacketBuf& buf;
   const DecodeOptions options;
-  WireReader in;
-  MemberCounts counts{};
+  MemberCounts& counts;
+  Reader in;
   KeyCache keys{};
   MachineStack stack{};
   HashingRoom hashing{};
-  int jump_state = 0;  ///< for rb_jump_tag(), when the passes are behind us
 
-  DecodeContext(PacketBuf& b, DecodeOptions o) : buf(b), options(o), in(b) {}
+  BuildContext(PacketBuf& b, DecodeOptions o, MemberCounts& c, const WireReader& start)
+      : buf(b), options(o), counts(c), in(start) {}
+
+  /// Whether a container is empty, whose start is behind us. Then its end is, too.
+  bool ends_at_once(uint8_t mark, int32_t depth) {
+    return depth <= MachineStack::MAX_DEPTH && in.readable() && at_end(mark);
+  }
+
+  /// Whether a container's end mark comes next, which is then behind us. REQUIRES: readable.
+  bool at_end(uint8_t mark) {
+    if (in.peek() != mark) return false;
+    in.skip(1);
+    return true;
+  }
+
+  // As in HashingRoom. Containers are no keys where nothing is checked again.
+  size_t begin_hashing() { return TRUSTS ? 0 : hashing.begin(); }
+  void end_hashing(size_t outer, size_t own) {
+    if (!TRUSTS) hashing.end(outer, own);
+  }
+
+  bool too_deep(int32_t depth) const { return !TRUSTS && depth > options.maxdepth; }
+
+  /// Whether a string's bytes, of which there are some, lie in the buffer: below the end of the data, which may be
+  /// behind that of the payload.
+  bool has_string(uint32_t length) const {
+    if constexpr (TRUSTS) {
+      assert(in.has(length));
+      return true;
+    } else {
+      return in.pos() + (length - 1) < in.data_len();
+    }
+  }
 };
 
 const char* fault_text(ValueFault fault) {
@@ -55,9 +97,9 @@ const char* fault_text(ValueFault fault) {
   rb_raise(rb_eRuntimeError, "%s", fault_text(fault));
 }
 
-// The building pass checks every bound again: a Hash key's `hash` method may have changed the buffer since the
-// checking pass. It allocates nothing native and throws nothing. `depth` counts the levels around a value, itself
-// included.
+// The building pass allocates nothing native and throws nothing. `depth` counts the levels around a value, itself
+// included. Unless it trusts the checking pass, it checks every bound again: a Hash key's `hash` method may have
+// changed the buffer since.
 
 // Members are batched on the machine stack, where the collector finds them, and stored in their container together
 // (without it: 20,000 Integers take half as many instructions again).
@@ -72,30 +114,31 @@ constexpr int ARRAY_BATCH = 16;
 
 // Scalars are inlined into the loops over their containers (without it: 20,000 Integers take a fifth more
 // instructions).
-[[gnu::noinline]] VALUE decode_packetbuf_rbarray(DecodeContext& ctx, int32_t depth);
-[[gnu::noinline]] VALUE decode_packetbuf_rbhash(DecodeContext& ctx, int32_t depth);
+template <typename Context>
+[[gnu::noinline]] VALUE decode_packetbuf_rbarray(Context& ctx, int32_t depth);
+template <typename Context>
+[[gnu::noinline]] VALUE decode_packetbuf_rbhash(Context& ctx, int32_t depth);
 
 /// Reads a string's length and steps over its bytes, which are returned.
-inline const char* read_string_bytes(DecodeContext& ctx, uint32_t& length) {
+template <typename Context>
+inline const char* read_string_bytes(Context& ctx, uint32_t& length) {
   if (!ctx.in.read_length(length)) raise_fault(ValueFault::underrun_length);
-  // The bound is the end of the data, not that of the payload.
-  if (length > 0 && ctx.in.pos() + (length - 1) >= ctx.in.data_len()) raise_fault(ValueFault::underrun_string);
+  if (length > 0 && !ctx.has_string(length)) raise_fault(ValueFault::underrun_string);
   const char* const bytes = length > 0 ? ctx.in.bytes() : "";
   ctx.in.skip(length);
   return bytes;
 }
 
-inline VALUE decode_next_packetbuf_rbstr(DecodeContext& ctx, int encoding_index) {
+template <typename Context>
+inline VALUE decode_next_packetbuf_rbstr(Context& ctx, int encoding_index) {
   uint32_t length;
   const char* const bytes = read_string_bytes(ctx, length);
-  const VALUE str = rb_str_new(bytes, static_cast<long>(length));
-  // rb_enc_associate() would check what is known of a new String, and of an index small enough for its flags.
-  ENCODING_SET_INLINED(str, encoding_index);
-  return taint(str);
+  return new_string(bytes, static_cast<long>(length), encoding_index);
 }
 
-[[gnu::always_inline]] inline VALUE decode_next_packetbuf_rbobj(DecodeContext& ctx, int32_t depth) {
-  if (depth > ctx.options.maxdepth) raise_fault(ValueFault::max_depth);
+template <typename Context>
+[[gnu::always_inline]] inline VALUE decode_next_packetbuf_rbobj(Context& ctx, int32_t depth) {
+  if (ctx.too_deep(depth)) raise_fault(ValueFault::max_depth);
   if (!ctx.in.readable()) raise_fault(ValueFault::underrun);
   const uint8_t type = ctx.in.peek();
   if (type >= PROTO::PTT_INT) {
@@ -121,26 +164,36 @@ inline VALUE decode_next_packetbuf_rbstr(DecodeContext& ctx, int encoding_index)
     case PROTO::PTT_BINSTR: return decode_next_packetbuf_rbstr(ctx, binary_index);
     case PROTO::PTT_UTF8STR: return decode_next_packetbuf_rbstr(ctx, utf8_index);
     case PROTO::PTT_SYMBOL: {
-      const VALUE name = decode_next_packetbuf_rbstr(ctx, utf8_index);
-      return ctx.options.preserve_symbols ? rb_str_intern(name) : name;
+      if (!ctx.options.preserve_symbols) return decode_next_packetbuf_rbstr(ctx, utf8_index);
+      uint32_t length;
+      const char* const bytes = read_string_bytes(ctx, length);
+      return ctx.keys.symbol(bytes, length);
     }
-    case PROTO::PTT_HASH_START: return decode_packetbuf_rbhash(ctx, depth);
-    case PROTO::PTT_ARRAY_START: return decode_packetbuf_rbarray(ctx, depth);
+    // Empty ones need no frame (with one: 20,000 empty arrays take a fifth more instructions).
+    case PROTO::PTT_HASH_START:
+      if (!ctx.ends_at_once(PROTO::PTT_HASH_END, depth)) return decode_packetbuf_rbhash(ctx, depth);
+      ctx.end_hashing(ctx.begin_hashing(), HashingRoom::HASH);
+      return rb_hash_new();
+    case PROTO::PTT_ARRAY_START:
+      if (!ctx.ends_at_once(PROTO::PTT_ARRAY_END, depth)) return decode_packetbuf_rbarray(ctx, depth);
+      ctx.end_hashing(ctx.begin_hashing(), HashingRoom::ARRAY);
+      ctx.counts.next();
+      return rb_ary_new();
     default: raise_fault(ValueFault::unknown_type);
   }
 }
 
-VALUE decode_packetbuf_rbarray(DecodeContext& ctx, int32_t depth) {
+template <typename Context>
+VALUE decode_packetbuf_rbarray(Context& ctx, int32_t depth) {
   VALUE batch[ARRAY_BATCH];
   ctx.stack.enter(depth, batch);
-  const size_t hashing_outer = ctx.hashing.begin();
+  const size_t hashing_outer = ctx.begin_hashing();
   const uint32_t count = ctx.counts.next();
   int batched = 0;
   VALUE array = count > ARRAY_BATCH ? rb_ary_new_capa(static_cast<long>(count)) : Qnil;
   while (ctx.in.readable()) {
-    if (ctx.in.peek() == PROTO::PTT_ARRAY_END) {
-      ctx.in.skip(1);
-      ctx.hashing.end(hashing_outer, HashingRoom::ARRAY);
+    if (ctx.at_end(PROTO::PTT_ARRAY_END)) {
+      ctx.end_hashing(hashing_outer, HashingRoom::ARRAY);
       return NIL_P(array) ? rb_ary_new_from_values(batched, batch) : rb_ary_cat(array, batch, batched);
     }
     if (batched == ARRAY_BATCH) {
@@ -153,9 +206,11 @@ VALUE decode_packetbuf_rbarray(DecodeContext& ctx, int32_t depth) {
   raise_fault(ValueFault::underrun_array);
 }
 
-/// A Hash's key, a String from the cache. `hashing` is raised to the stack that hashing a container takes.
-inline VALUE decode_key(DecodeContext& ctx, int32_t depth, size_t& hashing) {
-  if (depth <= ctx.options.maxdepth && ctx.in.readable()) {
+/// A Hash's key, a String from the cache, unless many are `before` it. `hashing` is raised to the stack that hashing a
+/// container takes.
+template <typename Context>
+inline VALUE decode_key(Context& ctx, int32_t depth, size_t& hashing, long before) {
+  if (!ctx.too_deep(depth) && ctx.in.readable()) {
     const uint8_t type = ctx.in.peek();
     const bool string = type == PROTO::PTT_UTF8STR || type == PROTO::PTT_BINSTR ||
                         (type == PROTO::PTT_SYMBOL && !ctx.options.preserve_symbols);
@@ -163,7 +218,9 @@ inline VALUE decode_key(DecodeContext& ctx, int32_t depth, size_t& hashing) {
       ctx.in.skip(1);
       uint32_t length;
       const char* const bytes = read_string_bytes(ctx, length);
-      return ctx.keys.find(bytes, length, type == PROTO::PTT_BINSTR ? binary_index : utf8_index);
+      const int encoding_index = type == PROTO::PTT_BINSTR ? binary_index : utf8_index;
+      return before < KeyCache::MOST_KEYS ? ctx.keys.find(bytes, length, encoding_index)
+                                          : KeyCache::lone(bytes, length, encoding_index);
     }
   }
   const VALUE key = decode_next_packetbuf_rbobj(ctx, depth);
@@ -171,69 +228,105 @@ inline VALUE decode_key(DecodeContext& ctx, int32_t depth, size_t& hashing) {
   return key;
 }
 
-VALUE decode_packetbuf_rbhash(DecodeContext& ctx, int32_t depth) {
+template <typename Context>
+VALUE decode_packetbuf_rbhash(Context& ctx, int32_t depth) {
   VALUE batch[HASH_BATCH];
   ctx.stack.enter(depth, batch);
   const VALUE hash = rb_hash_new();
   int batched = 0;
-  const size_t hashing_outer = ctx.hashing.begin();
+  const size_t hashing_outer = ctx.begin_hashing();
   size_t hashing_keys = 0;
+  PairList pairs;
   const auto store = [&] {
     if (hashing_keys > 0) ctx.stack.require_room(batch, hashing_keys);
     KeyCache::store(hash, batch, batched);
-    batched = 0;
     ctx.buf.cut_tail();
     ctx.in.resync(ctx.buf);  // a key's `hash` or `eql?` may have written to the buffer
   };
   while (ctx.in.readable()) {
-    if (ctx.in.peek() == PROTO::PTT_HASH_END) {
-      ctx.in.skip(1);
-      if (batched > 0) store();
-      ctx.hashing.end(hashing_outer, HashingRoom::HASH);
+    if (ctx.at_end(PROTO::PTT_HASH_END)) {
+      if (pairs.any()) {
+        pairs.add(batch, batched);
+        pairs.move_to(hash);
+      } else if (batched > 0) {
+        store();
+      }
+      ctx.end_hashing(hashing_outer, HashingRoom::HASH);
       return hash;
     }
     if (batched == HASH_BATCH) {
-      store();
+      if (Context::TRUSTS && INTERNS_KEYS) {
+        pairs.add(batch, batched);
+      } else {
+        store();
+      }
+      batched = 0;
       continue;
     }
-    batch[batched] = decode_key(ctx, depth + 1, hashing_keys);
+    batch[batched] = decode_key(ctx, depth + 1, hashing_keys, pairs.size());
     batch[batched + 1] = decode_next_packetbuf_rbobj(ctx, depth + 1);
     batched += 2;
   }
   raise_fault(ValueFault::underrun_hash);
 }
 
-// With nothing native left on return.
-ValueFault check(DecodeContext& ctx, bool build_follows) {
-  PROTO::ArrayCounts counts;
-  const PROTO::CheckLimits rules{ctx.options.maxdepth, UINT64_MAX, ctx.in.data_len()};
-  const WireReader start = ctx.in;
-  const ValueFault fault = PROTO::check_value(ctx.in, rules, counts);
-  if (fault == ValueFault::none && build_follows) {
-    ctx.in = start;
-    ctx.jump_state = ctx.counts.take(counts);
-  }
-  return fault;
+template <typename Reader>
+VALUE build_protected(VALUE arg) {
+  return decode_next_packetbuf_rbobj(*reinterpret_cast<BuildContext<Reader>*>(arg), 1);
 }
 
-VALUE build(VALUE arg) {
-  return decode_next_packetbuf_rbobj(*reinterpret_cast<DecodeContext*>(arg), 1);
+/// The building pass. Moves the buffer's position to where reading stops, however that comes about.
+template <typename Reader>
+VALUE build(PacketBuf& buf, DecodeOptions options, MemberCounts& counts, const WireReader& start) {
+  BuildContext<Reader> ctx(buf, options, counts, start);
+  int jump_state = 0;
+  const VALUE result = rb_protect(build_protected<Reader>, reinterpret_cast<VALUE>(&ctx), &jump_state);
+  buf.cut_tail();
+  ctx.in.commit(buf);
+  if (jump_state != 0) rb_jump_tag(jump_state);
+  return result;
+}
+
+/// What the checking pass found.
+struct Checked {
+  ValueFault fault = ValueFault::none;
+  bool trusted = false;  ///< nothing can run while this value is built
+  int jump_state = 0;    ///< for rb_jump_tag()
+};
+
+// With nothing native left on return.
+Checked check(WireReader& in, DecodeOptions options, bool build_follows, MemberCounts& kept) {
+  Checked checked;
+  PROTO::ArrayCounts counts;
+  PROTO::KeyTypes keys;
+  const PROTO::CheckLimits rules{options.maxdepth, UINT64_MAX, in.data_len()};
+  checked.fault = PROTO::check_value(in, rules, counts, keys);
+  if (checked.fault == ValueFault::none && build_follows) {
+    checked.jump_state = kept.take(counts);
+    // The interpreter itself hashes Strings and compares them. It may ask a Symbol's methods.
+    checked.trusted =
+        HASHES_STRINGS_ITSELF &&
+        (keys.only({PROTO::PTT_BINSTR, PROTO::PTT_UTF8STR}) ||
+         (!options.preserve_symbols && keys.only({PROTO::PTT_BINSTR, PROTO::PTT_UTF8STR, PROTO::PTT_SYMBOL})));
+  }
+  return checked;
 }
 
 }  // namespace
 
 VALUE deserialize_packetbuf_single_rbobj(PacketBuf& buf, DecodeOptions options, bool scan_only_result) {
-  DecodeContext ctx(buf, options);
-  const ValueFault fault = native_guard([&] { return check(ctx, !scan_only_result); });
-  VALUE result = Qnil;
-  if (fault == ValueFault::none && !scan_only_result && ctx.jump_state == 0) {
-    result = rb_protect(build, reinterpret_cast<VALUE>(&ctx), &ctx.jump_state);
+  const WireReader start(buf);
+  WireReader in = start;
+  MemberCounts counts;
+  const Checked checked = native_guard([&] { return check(in, options, !scan_only_result, counts); });
+  if (checked.jump_state != 0) rb_jump_tag(checked.jump_state);
+  if (checked.fault != ValueFault::none || scan_only_result) {
+    in.commit(buf);
+    if (checked.fault != ValueFault::none) raise_fault(checked.fault);
+    return Qnil;
   }
-  buf.cut_tail();
-  ctx.in.commit(buf);
-  if (ctx.jump_state != 0) rb_jump_tag(ctx.jump_state);
-  if (fault != ValueFault::none) raise_fault(fault);
-  return result;
+  return checked.trusted ? build<TrustingReader>(buf, options, counts, start)
+                         : build<WireReader>(buf, options, counts, start);
 }
 
 void init_object_decoder() {

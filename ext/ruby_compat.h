@@ -8,6 +8,7 @@
 ///   OBJ_TAINT                           | until 2.6        | nothing is tainted
 ///   rb_gc_adjust_memory_usage           | since 2.4        | gc_memory_usage.cc counts, and starts collections
 ///   rb_method_basic_definition_p        | exact since 2.3  | overridden_each.cc looks for aliases itself
+///   Strings are hashed by itself        | known until 3.4  | object_decoder.cc checks every bound twice
 ///   ruby_stack_check                    | sure since 2.7   | machine_stack.cc looks at the stack's bounds
 ///   rb_enc_interned_str                 | since 3.0        | a Hash makes its own keys
 ///   rb_hash_bulk_insert                 | used with it     | key_cache.cc stores pair by pair
@@ -142,20 +143,34 @@ constexpr bool INTERNS_KEYS = true;
 constexpr bool INTERNS_KEYS = false;
 #endif
 
+/// A new String.
+inline VALUE new_string(const char* bytes, long length, int encoding_index) {
+  const VALUE str = rb_str_new(bytes, length);
+  // rb_enc_associate() would check what is known of a new String, and of an index small enough for its flags.
+  ENCODING_SET_INLINED(str, encoding_index);
+  return taint(str);
+}
+
+/// Whether the interpreter hashes Strings and compares them without a call that the program could have replaced:
+/// docs/development/decisions/0010-no-second-check.md.
+#ifdef VORN_RUBY_HASHES_STRINGS_ITSELF
+constexpr bool HASHES_STRINGS_ITSELF = true;
+#else
+constexpr bool HASHES_STRINGS_ITSELF = false;
+#endif
+
 /// A String for a key of these bytes: the one that all Hashes share, or one of which a Hash makes its own.
 inline VALUE key_string(const char* bytes, long length, int encoding_index) {
 #ifdef VORN_RUBY_INTERNS_KEYS
   return rb_enc_interned_str(bytes, length, rb_enc_from_index(encoding_index));
 #else
-  const VALUE str = rb_str_new(bytes, length);
-  ENCODING_SET_INLINED(str, encoding_index);
-  return taint(str);
+  return new_string(bytes, length, encoding_index);
 #endif
 }
 
 /// Stores keys and values that alternate in a Hash, all at once. False: that cannot be, and nothing is stored.
 /// REQUIRES: String keys come from key_string().
-inline bool insert_in_bulk(VALUE hash, const VALUE* pairs, int count) {
+inline bool insert_in_bulk(VALUE hash, const VALUE* pairs, long count) {
 #ifdef VORN_RUBY_INTERNS_KEYS
   rb_hash_bulk_insert(count, pairs, hash);
 #else

@@ -419,7 +419,9 @@ class ObjectDecoderTest < ExtTest
   # Arrays are allocated for as many members as the checking pass counted; 40 of them are more than it counts inline.
   def test_arrays_take_no_more_than_their_members
     [17, 100, 1000, 5000].each do |length|
-      arrays = (PacketBuf.new << [[nil] * length] * 40).seek(0).extract_object
+      arrays = (PacketBuf.new << [[nil] * length] * 70).seek(0).extract_object
+      arrays.each { |array| assert_operator ObjectSpace.memsize_of(array), :<=, 8 * length + 60, length }
+      arrays = (PacketBuf.new << [[[], {}, [nil] * length]] * 70).seek(0).extract_object.map(&:last)
       arrays.each { |array| assert_operator ObjectSpace.memsize_of(array), :<=, 8 * length + 60, length }
     end
   end
