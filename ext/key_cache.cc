@@ -138,7 +138,7 @@ void KeyCache::store(VALUE hash, const VALUE* pairs, int count) {
 }
 
 void PairList::add(const VALUE* pairs, int count) {
-  if (!any()) members_ = rb_obj_hide(rb_ary_new_capa(4 * count));
+  if (!any()) members_ = rb_obj_hide(rb_ary_new_capa(4L * count));
   // Not all at once: see ARRAY_BATCH in object_decoder.cc.
   constexpr int AT_ONCE = 16;
   for (; count > AT_ONCE; pairs += AT_ONCE, count -= AT_ONCE) rb_ary_cat(members_, pairs, AT_ONCE);
