@@ -21,8 +21,15 @@ Gem::Specification.new do |gem|
     LICENSE
     README.md
     lib/vorn_rpc.rb
+    lib/vorn_rpc/stream.rb
+    lib/vorn_rpc/stream/decoder.rb
+    lib/vorn_rpc/stream/encoder.rb
+    lib/vorn_rpc/stream/errors.rb
+    lib/vorn_rpc/stream/reader.rb
+    lib/vorn_rpc/stream/writer.rb
     lib/vorn_rpc/version.rb
     sig/vorn_rpc.rbs
+    sig/vorn_rpc_stream.rbs
     ext/arguments.h
     ext/buffer_handle.cc
     ext/buffer_handle.h

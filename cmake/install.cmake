@@ -20,7 +20,7 @@ install(TARGETS ${vorn_rpc_targets} EXPORT vorn_rpc
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vorn_rpc)
-install(DIRECTORY proto vobject DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vorn_rpc FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY proto vobject stream DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vorn_rpc FILES_MATCHING PATTERN "*.h")
 
 set(vorn_rpc_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/vorn_rpc)
 install(EXPORT vorn_rpc NAMESPACE vorn_rpc:: FILE vorn_rpc-targets.cmake DESTINATION ${vorn_rpc_cmake_dir})

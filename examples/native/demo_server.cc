@@ -14,14 +14,19 @@
 #include <utility>
 #include <vector>
 
-#include "examples/native/framing.h"
+#include "examples/native/bad_message.h"
 #include "examples/native/sockets.h"
+#include "stream/stream_decoder.h"
+#include "stream/stream_encoder.h"
 #include "vobject/render.h"
 #include "vobject/vobject.h"
 
 namespace {
 
 using VORN::VObject;
+using VORN::STREAM::StreamDecoder;
+using VORN::STREAM::StreamEncoder;
+using VORN::STREAM::StreamFrame;
 
 constexpr uint32_t MAX_PAYLOAD = 1 << 24;
 constexpr std::chrono::seconds PATIENCE{30};  // how long a client may leave its answers unread
@@ -78,7 +83,7 @@ std::string rendered(const VObject& value) {
 }
 
 VObject answer_to(const VObject& message) {
-  if (!message.has_key("id") || !message.has_key("record")) throw rpc::BadFrame("a message without a record");
+  if (!message.has_key("id") || !message.has_key("record")) throw rpc::BadMessage("a message without a record");
   const VObject& record = message.fetch("record");
   const VObject tally = Tally(record).to_hash();
   const VObject& announced = message.fetch("tally");
@@ -93,18 +98,19 @@ VObject answer_to(const VObject& message) {
 
 /// Serves until the client closes its side. Returns the number of records.
 size_t serve(rpc::Socket& client) {
-  rpc::FrameReader reader(MAX_PAYLOAD);
-  rpc::FrameWriter writer(MAX_PAYLOAD);
+  StreamDecoder decoder({MAX_PAYLOAD});
+  StreamEncoder encoder({MAX_PAYLOAD});
   size_t frames = 0;
   size_t records = 0;
-  const auto answer = [&](rpc::InboundFrame& frame) {
-    if (frame.seq != frames % 65536) throw rpc::BadFrame("frame " + std::to_string(frame.seq) + " out of sequence");
+  const auto answer = [&](StreamFrame& frame) {
+    if (frame.seq != frames % 65536) throw rpc::BadMessage("frame " + std::to_string(frame.seq) + " out of sequence");
     ++frames;
     std::vector<VObject> answers;
     for (const VObject& message : frame.messages) answers.push_back(answer_to(message));
     records += answers.size();
     // Alternates between the two layouts.
-    client.send_all(writer.frame(answers, frames % 2 == 0), rpc::Clock::now() + PATIENCE);
+    encoder.use_twelve_byte_header(frames % 2 == 0);
+    client.send_all(encoder.frame(answers), rpc::Clock::now() + PATIENCE);
   };
 
   size_t chunks = 0;
@@ -112,12 +118,12 @@ size_t serve(rpc::Socket& client) {
   while (client.receive(received)) {
     for (std::string_view rest = received; !rest.empty(); ++chunks) {
       const std::string_view chunk = rest.substr(0, CHUNK_SIZES[chunks % CHUNK_SIZES.size()]);
-      reader.feed(chunk, answer);
+      decoder.feed(chunk, answer);
       rest.remove_prefix(chunk.size());
     }
     received.clear();
   }
-  if (!reader.between_frames()) throw rpc::BadFrame("the client closed the connection within a frame");
+  decoder.finish();
   return records;
 }
 

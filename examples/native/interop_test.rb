@@ -3,7 +3,7 @@
 # The C++ and the Ruby examples talk to each other over loopback TCP. NATIVE is the folder of the built C++ programs.
 
 require "socket"
-require_relative "../rpc/framing"
+require "vorn_rpc/stream"
 require_relative "../test_support"
 
 class InteropTest < ExampleTest
@@ -103,7 +103,7 @@ class InteropTest < ExampleTest
 
   # Checks the C++ client's output when its only call, with id 1, gets these messages or bytes as its answer.
   def assert_call(output, *answers, success: false, leaves: false)
-    writer = FrameWriter.new(1000)
+    writer = VORN::Stream::Encoder.new
     bytes = answers.map { |answer| answer.is_a?(String) ? answer.b : writer.frame(answer) }.join
     answering(bytes, leaves) do |address|
       text, status = output_of(RPC_TOUR, address, "call", "now")

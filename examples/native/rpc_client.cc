@@ -4,6 +4,9 @@
 #include <system_error>
 #include <utility>
 
+#include "examples/native/bad_message.h"
+#include "stream/stream_decoder.h"
+
 namespace rpc {
 
 using VORN::VObject;
@@ -20,23 +23,19 @@ Socket connect(const std::string& address, Clock::time_point deadline) {
 }
 
 /// Accepts [id, nil, result] and [id, [code, text], nil]; the server is not trusted to send nothing else.
-void check_answer(const std::vector<VObject>& messages) {
-  const auto is_answer = [](const VObject& answer) {
-    if (answer.type() != VORN::DT_VECTOR || answer.getvec().size() != 3) return false;
-    const VObject& error = answer.getvec()[1];
-    if (error.type() == VORN::DT_NIL) return true;
-    return error.type() == VORN::DT_VECTOR && error.getvec().size() == 2 && error.getvec()[0].type() == VORN::DT_STR &&
-           error.getvec()[1].type() == VORN::DT_STR;
-  };
-  if (messages.size() != 1 || !is_answer(messages[0])) throw BadFrame("not an answer");
+bool is_answer(const VObject& answer) {
+  if (answer.type() != VORN::DT_VECTOR || answer.getvec().size() != 3) return false;
+  const VObject& error = answer.getvec()[1];
+  if (error.type() == VORN::DT_NIL) return true;
+  return error.type() == VORN::DT_VECTOR && error.getvec().size() == 2 && error.getvec()[0].type() == VORN::DT_STR &&
+         error.getvec()[1].type() == VORN::DT_STR;
 }
 
 }  // namespace
 
 RpcClient::RpcClient(const std::string& address, bool twelve_byte_header, std::chrono::milliseconds timeout)
-    : twelve_byte_header_(twelve_byte_header),
-      socket_(connect(address, Clock::now() + timeout)),
-      writer_(MAX_PAYLOAD),
+    : socket_(connect(address, Clock::now() + timeout)),
+      encoder_({MAX_PAYLOAD, twelve_byte_header}),
       reader_([this] { read(); }) {}
 
 RpcClient::~RpcClient() {
@@ -79,7 +78,7 @@ void RpcClient::leave(int32_t id) {
 
 void RpcClient::send(const VObject& request, Clock::time_point deadline) {
   const std::lock_guard<std::mutex> hold(writing_);
-  const std::string_view bytes = writer_.frame(request, twelve_byte_header_);
+  const std::string_view bytes = encoder_.frame(request);
   try {
     socket_.send_all(bytes, deadline);
   } catch (const std::system_error& e) {
@@ -91,10 +90,12 @@ void RpcClient::send(const VObject& request, Clock::time_point deadline) {
 
 void RpcClient::read() {
   try {
-    FrameReader reader(MAX_PAYLOAD);
+    VORN::STREAM::StreamDecoder decoder({MAX_PAYLOAD});
     std::string bytes;
     while (socket_.receive(bytes)) {
-      reader.feed(bytes, [this](InboundFrame& frame) { accept(frame); });
+      decoder.feed(bytes, [this](VORN::STREAM::StreamFrame& frame) {
+        for (const VObject& answer : frame.messages) accept(answer);
+      });
       bytes.clear();
     }
     lose("the server closed the connection");
@@ -104,9 +105,9 @@ void RpcClient::read() {
   }
 }
 
-void RpcClient::accept(InboundFrame& frame) {
-  check_answer(frame.messages);
-  const VObjectVector& answer = frame.messages[0].getvec();
+void RpcClient::accept(const VObject& message) {
+  if (!is_answer(message)) throw BadMessage("not an answer");
+  const VObjectVector& answer = message.getvec();
   const std::lock_guard<std::mutex> hold(lock_);
   const auto found = answer[0].type() == VORN::DT_INT ? calls_.find(answer[0].to_i64()) : calls_.end();
   if (found == calls_.end()) {

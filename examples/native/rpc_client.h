@@ -12,8 +12,8 @@
 #include <string>
 #include <thread>
 
-#include "examples/native/framing.h"
 #include "examples/native/sockets.h"
+#include "stream/stream_encoder.h"
 #include "vobject/vobject.h"
 
 namespace rpc {
@@ -44,9 +44,9 @@ class RpcClient {
   RpcClient(const RpcClient&) = delete;
   RpcClient& operator=(const RpcClient&) = delete;
 
-  /// Returns the result. Throws RemoteError, TimedOut, ConnectionLost, MessageTooLarge, and VornRuntimeError for
-  /// arguments that have no encoding. A call that ends in TimedOut or ConnectionLost may have been executed: retry it
-  /// only if executing it twice does no harm.
+  /// Returns the result. Throws RemoteError, TimedOut, ConnectionLost, and what StreamEncoder::frame()
+  /// throws for arguments that cannot be sent. A call that ends in TimedOut or ConnectionLost may have been executed:
+  /// retry it only if executing it twice does no harm.
   VORN::VObject call(const std::string& method, const VORN::VObjectVector& arguments,
                      std::chrono::milliseconds timeout = std::chrono::seconds(5));
 
@@ -60,13 +60,12 @@ class RpcClient {
   void leave(int32_t id);
   void send(const VORN::VObject& request, Clock::time_point deadline);
   void read();
-  void accept(InboundFrame& frame);
+  void accept(const VORN::VObject& answer);
   void lose(const std::string& reason);
 
-  const bool twelve_byte_header_;
   Socket socket_;
-  std::mutex writing_;  ///< guards the writer
-  FrameWriter writer_;
+  std::mutex writing_;  ///< guards the encoder
+  VORN::STREAM::StreamEncoder encoder_;
   std::mutex lock_;  ///< guards the members below
   int32_t last_id_ = 0;
   std::map<int64_t, Result*> calls_;  ///< by id, as wide as an answer's; each belongs to the thread that waits for it

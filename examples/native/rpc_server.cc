@@ -24,17 +24,22 @@
 #include <utility>
 #include <vector>
 
+#include "examples/native/bad_message.h"
 #include "examples/native/bounded_queue.h"
-#include "examples/native/framing.h"
 #include "examples/native/patience.h"
 #include "examples/native/service.h"
 #include "examples/native/sockets.h"
 #include "proto/vorn_exception.h"
+#include "stream/stream_decoder.h"
+#include "stream/stream_encoder.h"
 
 namespace {
 
 using rpc::log_line;
 using VORN::VObject;
+using VORN::STREAM::StreamDecoder;
+using VORN::STREAM::StreamEncoder;
+using VORN::STREAM::StreamFrame;
 
 constexpr uint32_t MAX_PAYLOAD = 1 << 20;  // of requests and answers; decoded values take more, see examples/README.md
 constexpr size_t MAX_CONNECTIONS = 200;
@@ -66,15 +71,16 @@ struct Job {
 
 /// The answer's frame, in the layout of the request. A result that cannot be sent becomes an error: otherwise the
 /// client would wait for its timeout.
-std::string_view frame_of(rpc::FrameWriter& writer, const VObject& answer, bool twelve_byte_header) {
+std::string_view frame_of(StreamEncoder& encoder, const VObject& answer, bool twelve_byte_header) {
   const VObject& id = answer.getvec()[0];
+  encoder.use_twelve_byte_header(twelve_byte_header);
   try {
-    return writer.frame(answer, twelve_byte_header);
-  } catch (const rpc::MessageTooLarge& e) {
-    return writer.frame(rpc::failure(id, "too large", e.what()), twelve_byte_header);
+    return encoder.frame(answer);
+  } catch (const VORN::STREAM::MessageTooLarge& e) {
+    return encoder.frame(rpc::failure(id, "too large", e.what()));
   } catch (const VORN::VornException& e) {
     log_line(std::string("the result cannot be sent: ") + e.what());
-    return writer.frame(rpc::failure(id, "failed", "the result cannot be sent"), twelve_byte_header);
+    return encoder.frame(rpc::failure(id, "failed", "the result cannot be sent"));
   }
 }
 
@@ -139,7 +145,9 @@ class Server {
     try {
       writer = std::thread([&connection] { write(*connection); });
       receive(connection);
-    } catch (const rpc::BadFrame& e) {
+    } catch (const VORN::STREAM::DamagedStream& e) {
+      log_line(connection->name + ": " + e.what() + "; closing");
+    } catch (const rpc::BadMessage& e) {
       log_line(connection->name + ": " + e.what() + "; closing");
     } catch (const rpc::Silent& e) {
       log_line(connection->name + ": " + e.what() + "; closing");
@@ -153,21 +161,22 @@ class Server {
   }
 
   void receive(const std::shared_ptr<Connection>& connection) {
-    rpc::FrameReader reader(MAX_PAYLOAD);
+    StreamDecoder decoder({MAX_PAYLOAD});
     rpc::Patience patience(idle_time_);
     std::string bytes;
     for (;;) {
       while (!connection->socket.wait_readable(patience.deadline())) patience.over(!connection->in_progress.empty());
       if (!connection->socket.receive(bytes)) return;
-      reader.feed(bytes, [&](rpc::InboundFrame& frame) {
-        if (frame.messages.size() != 1) throw rpc::BadFrame("a frame holds something else than one message");
-        rpc::check_request(frame.messages[0]);
-        if (!connection->in_progress.push(true) || connection->gone) throw rpc::BadFrame("nothing can be answered");
-        patience.whole_frame();
-        requests_.push({connection, std::move(frame.messages[0]), frame.twelve_byte_header});
+      decoder.feed(bytes, [&](StreamFrame& frame) {
+        for (VObject& request : frame.messages) {
+          rpc::check_request(request);
+          if (!connection->in_progress.push(true) || connection->gone) throw rpc::BadMessage("nothing can be answered");
+          patience.whole_frame();
+          requests_.push({connection, std::move(request), frame.twelve_byte_header});
+        }
       });
       bytes.clear();
-      patience.heard(reader.between_frames());
+      patience.heard(decoder.between_frames());
     }
   }
 
@@ -189,13 +198,13 @@ class Server {
 
   /// A request counts towards the client's share until its answer is sent, so that unread answers are bounded too.
   static void write(Connection& connection) {
-    rpc::FrameWriter writer(MAX_PAYLOAD);
+    StreamEncoder encoder({MAX_PAYLOAD});
     Answer answer;
     bool token = false;
     while (connection.answers.pop(answer)) {
       try {
         if (!connection.gone) {
-          connection.socket.send_all(frame_of(writer, answer.value, answer.twelve_byte_header),
+          connection.socket.send_all(frame_of(encoder, answer.value, answer.twelve_byte_header),
                                      rpc::Clock::now() + WRITE_TIME);
         }
       } catch (const std::exception& e) {

@@ -35,7 +35,7 @@ void show(const char* name, Call call) {
     std::cout << e.what() << " (RemoteError)";
   } catch (const rpc::TimedOut& e) {
     std::cout << e.what() << " (TimedOut)";
-  } catch (const rpc::MessageTooLarge& e) {
+  } catch (const VORN::STREAM::MessageTooLarge& e) {
     std::cout << e.what() << " (MessageTooLarge)";
   }
   std::cout << std::endl;

@@ -10,7 +10,7 @@
 #include <mutex>
 #include <thread>
 
-#include "examples/native/framing.h"
+#include "examples/native/bad_message.h"
 #include "examples/native/number.h"
 #include "vobject/render.h"
 
@@ -115,7 +115,7 @@ void check_request(const VObject& request) {
     return parts.size() == 3 && is_id(parts[0]) && parts[1].type() == VORN::DT_STR &&
            parts[2].type() == VORN::DT_VECTOR;
   };
-  if (request.type() != VORN::DT_VECTOR || !has_form(request.getvec())) throw BadFrame("not a request");
+  if (request.type() != VORN::DT_VECTOR || !has_form(request.getvec())) throw BadMessage("not a request");
 }
 
 VObject answer_to(const VObject& request) {

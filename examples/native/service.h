@@ -24,7 +24,7 @@ class Refused : public std::runtime_error {
   std::string code_;
 };
 
-/// Throws BadFrame: a client that sends anything but requests does not speak this protocol.
+/// Throws BadMessage: a client that sends anything but requests does not speak this protocol.
 void check_request(const VORN::VObject& request);
 
 /// Executes a request and returns the answer. Any thread may call it. REQUIRES: check_request().

@@ -2,7 +2,7 @@
 
 # The ways in which a call can fail, and the check of answers, for both clients.
 
-require_relative "framing"
+require_relative "bad_message"
 
 # No answer in time. The server may still be working on the call.
 class TimedOut < StandardError; end
@@ -27,7 +27,7 @@ module Answers
   def check_answer(answer)
     ok = answer.is_a?(Array) && answer.size == 3 &&
          (answer[1].nil? || (answer[1].is_a?(Array) && answer[1].size == 2))
-    raise BadFrame, "not an answer" unless ok
+    raise BadMessage, "not an answer" unless ok
 
     answer
   end

@@ -5,9 +5,9 @@
 #
 #   ruby -Ilib examples/rpc/fiber_client.rb ADDRESS
 
+require "vorn_rpc/stream"
 require_relative "answers"
 require_relative "fiber_socket"
-require_relative "framing"
 require_relative "reactor"
 require_relative "sockets"
 
@@ -15,7 +15,7 @@ class FiberClient
   include Answers
 
   MAX_PAYLOAD = 1 << 20 # the server's limit
-  MAX_ID = 2**31 - 1    # ids beyond 32 bits would be cut; see FrameWriter#frame
+  MAX_ID = 2**31 - 1    # ids beyond 32 bits cannot be sent
   RETRY_SECONDS = 0.05  # between attempts to connect, doubled each time up to
   MAX_RETRY_SECONDS = 1
 
@@ -32,8 +32,8 @@ class FiberClient
     @connection = nil
   end
 
-  # Returns the result, or raises RemoteError, TimedOut, ConnectionLost, MessageTooLarge. A call that ends in TimedOut
-  # or ConnectionLost may have been executed: retry it only if executing it twice does no harm.
+  # Returns the result, or raises RemoteError, TimedOut, ConnectionLost, and what the encoder refuses. A call that ends
+  # in TimedOut or ConnectionLost may have been executed: retry it only if executing it twice does no harm.
   def call(method, arguments = [], timeout = 5)
     deadline = Sockets.now + timeout
     connection = connected(deadline)
@@ -80,7 +80,7 @@ class FiberClient
   def connect(deadline)
     seconds = [[deadline - Sockets.now, 0.5].min, 0.001].max
     socket = FiberSocket.new(Sockets.connect(@address, seconds), @reactor)
-    connection = Connection.new(socket, FrameWriter.new(MAX_PAYLOAD), {})
+    connection = Connection.new(socket, VORN::Stream::Encoder.new(max_length: MAX_PAYLOAD), {})
     @connection = connection
     @reactor.spawn { read(connection) }
   end
@@ -103,12 +103,12 @@ class FiberClient
 
   # The fiber that reads from one connection; only this fiber closes the socket.
   def read(connection)
-    reader = FrameReader.new(MAX_PAYLOAD)
+    reader = VORN::Stream::Decoder.new(max_length: MAX_PAYLOAD)
     while connection.socket.wait_readable && (chunk = connection.socket.read)
-      reader.feed(chunk) { |answer| accept(connection, answer) }
+      reader.feed_each(chunk) { |answer| accept(connection, answer) }
     end
     lose(connection, "the server closed the connection")
-  rescue SystemCallError, IOError, BadFrame => e
+  rescue SystemCallError, IOError, VORN::Stream::DamagedStream, BadMessage => e
     lose(connection, e.message)
   end
 

@@ -8,8 +8,8 @@
 # TERM and INT end it immediately.
 
 require "logger"
+require "vorn_rpc/stream"
 require_relative "fiber_socket"
-require_relative "framing"
 require_relative "patience"
 require_relative "reactor"
 require_relative "service"
@@ -71,8 +71,8 @@ class FiberServer
   def serve(socket)
     name = Sockets.name_of(socket)
     Sockets.prepare(socket)
-    receive(Client.new(FiberSocket.new(socket, @reactor), name, FrameWriter.new(MAX_PAYLOAD), 0))
-  rescue BadFrame, Silent => e
+    receive(Client.new(FiberSocket.new(socket, @reactor), name, VORN::Stream::Encoder.new(max_length: MAX_PAYLOAD), 0))
+  rescue VORN::Stream::DamagedStream, BadMessage, Silent => e
     @log.warn("#{name}: #{e.message}; closing")
   rescue SystemCallError => e
     @log.info("#{name}: #{e.message}")
@@ -84,14 +84,14 @@ class FiberServer
   end
 
   def receive(client)
-    reader = FrameReader.new(MAX_PAYLOAD)
+    reader = VORN::Stream::Decoder.new(max_length: MAX_PAYLOAD)
     patience = Patience.new(@idle_seconds)
     loop do
       patience.over(client.in_progress) until client.socket.wait_readable(patience.deadline)
       return unless (chunk = client.socket.read)
 
       turn = nil
-      reader.feed(chunk) do |request|
+      reader.feed_each(chunk) do |request|
         @service.check(request)
         turn = take_turn(turn)
         wait_for_room(client)

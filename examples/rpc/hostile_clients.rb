@@ -3,7 +3,7 @@
 # Hostile clients for the tests: slow, silent, flooding, resetting and malformed ones. They know only the address of the
 # server, which runs in a separate process.
 
-require_relative "framing"
+require "vorn_rpc/stream"
 require_relative "sockets"
 
 module HostileClients
@@ -16,7 +16,7 @@ module HostileClients
   end
 
   def request(id, method, *arguments)
-    FrameWriter.new(1 << 20).frame([id, method, arguments])
+    VORN::Stream::Encoder.new.frame([id, method, arguments])
   end
 
   # A header and the first byte of its payload.
@@ -42,7 +42,7 @@ module HostileClients
     socket.write(request(1, "echo", "well"))
     raise "no answer" unless IO.select([socket], nil, nil, 30)
 
-    FrameReader.new(1000).feed(socket.readpartial(1000)) do |answer|
+    VORN::Stream::Decoder.new.feed_each(socket.readpartial(1000)) do |answer|
       raise "a wrong answer: #{answer.inspect}" unless answer == [1, nil, "well"]
     end
     Sockets.now - began

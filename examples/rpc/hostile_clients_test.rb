@@ -240,7 +240,7 @@ class HostileClientsTest < ExampleTest
           sleep(0.9)
           straddling.write(frame.byteslice(3..-1) + frame.byteslice(0, 3))
         end
-        answers = 7 * FrameWriter.new(100).frame([1, nil, 1]).bytesize
+        answers = 7 * VORN::Stream::Encoder.new.frame([1, nil, 1]).bytesize
         assert_equal answers, within(5) { straddling.read(answers) }.bytesize, server
         assert within(20) { slow_frames.value }, server
         assert HostileClients.seconds_until_closed(stopped, 3), server
@@ -318,7 +318,7 @@ class HostileClientsTest < ExampleTest
       program.signal("TERM")
       assert_equal 0, program.wait(5), server
       answers = sockets.map { |socket| socket.read.bytesize }.reduce(:+)
-      assert_equal 8 * FrameWriter.new(100).frame([1, nil, 0.7]).bytesize, answers, server # there are 8 workers
+      assert_equal 8 * VORN::Stream::Encoder.new.frame([1, nil, 0.7]).bytesize, answers, server # there are 8 workers
       sockets.each(&:close)
     end
   end

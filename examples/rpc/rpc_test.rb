@@ -21,8 +21,8 @@ class RpcTest < ExampleTest
     result beyond 32 bits: overflow: the sum needs more than 32 bits (RemoteError)
     failure inside the service: failed: the service failed (RemoteError)
     result that has no encoding: failed: the result cannot be sent (RemoteError)
-    too large to send: a message of 1048591 bytes, 1048576 are allowed (MessageTooLarge)
-    too large to answer: too large: a message of 1048584 bytes, 1048576 are allowed (RemoteError)
+    too large to send: a frame of 1048591 bytes, 1048576 are allowed (VORN::Stream::MessageTooLarge)
+    too large to answer: too large: a frame of 1048584 bytes, 1048576 are allowed (RemoteError)
     just fits: 1048476
   LINES
 
@@ -85,13 +85,16 @@ class RpcTest < ExampleTest
 
   def test_servers_close_on_what_is_not_the_protocol
     {
-      "GET / HTTP/1.1\r\n\r\n" => "18 bytes that belong to no frame",
-      "\xA5\x01\x00\x00\x7F\xFF\xFF\xFF".b => "a frame announces 2147483647 bytes, 1048576 are accepted",
-      "\xA5\x00\x00\x00\x00\x00\x00\xDE\xAD\xBE\xEF\x59".b => "a frame failed its checks",
-      "\xA5\x01\x00\x00\x00\x00\x00\x01\x0C".b => "decode_next_packetbuf_rbobj: unrecognized protocol transport type",
-      FrameWriter.new(100).frame([1, "echo"]) => "not a request",
-      FrameWriter.new(100).frame([nil, "echo", []]) => "not a request",
-      FrameWriter.new(100).frame([1.5, "echo", []]) => "not a request"
+      "GET / HTTP/1.1\r\n\r\n" => "bytes that belong to no frame (at byte 0 of the stream)",
+      "\xA5\x01\x00\x00\x7F\xFF\xFF\xFF".b =>
+        "a frame announces 2147483647 bytes, 1048576 are accepted (at byte 0 of the stream)",
+      "\xA5\x00\x00\x00\x00\x00\x00\xDE\xAD\xBE\xEF\x59".b =>
+        "a frame header with wrong check bytes (at byte 0 of the stream)",
+      "\xA5\x01\x00\x00\x00\x00\x00\x01\x0C".b => "a frame whose payload cannot be read: " \
+        "decode_next_packetbuf_rbobj: unrecognized protocol transport type (at byte 0 of the stream)",
+      VORN::Stream::Encoder.new.frame([1, "echo"]) => "not a request",
+      VORN::Stream::Encoder.new.frame([nil, "echo", []]) => "not a request",
+      VORN::Stream::Encoder.new.frame([1.5, "echo", []]) => "not a request"
     }.each do |bytes, reason|
       SERVERS.each do |server|
         program, address = serve(server)
@@ -106,7 +109,7 @@ class RpcTest < ExampleTest
   def test_servers_outlive_clients_that_vanish
     SERVERS.each do |server|
       program, address = serve(server)
-      request = FrameWriter.new(1000).frame([1, "pause", [0.2]])
+      request = VORN::Stream::Encoder.new.frame([1, "pause", [0.2]])
       assert_equal "", sends(address, request.byteslice(0, 11), half_close: true)
       20.times do # disconnects before the answer
         socket = Sockets.connect(address, 1)
@@ -126,7 +129,7 @@ class RpcTest < ExampleTest
     SERVERS.each do |server|
       program, address = serve(server)
       greedy = Sockets.connect(address, 1)
-      writer = FrameWriter.new(1000)
+      writer = VORN::Stream::Encoder.new
       20.times { |id| greedy.write(writer.frame([id, "fill", [1_000_000]])) }
       each_client(address) { |client| assert_equal 1, client.call("echo", [1]) }
       eventually("#{server} gives up") { program.log.include?("the peer takes nothing; answer dropped") }
@@ -140,13 +143,13 @@ class RpcTest < ExampleTest
     SERVERS.each do |server|
       _, address = serve(server)
       socket = Sockets.connect(address, 1)
-      writer = FrameWriter.new(100)
+      writer = VORN::Stream::Encoder.new
       2000.times { |id| socket.write(writer.frame([id, "echo", [id]])) }
       ids = []
-      reader = FrameReader.new(100)
+      reader = VORN::Stream::Decoder.new
       within do
         until ids.size == 2000
-          reader.feed(socket.readpartial(65_536)) { |id, error, result| ids << id if error.nil? && result == id }
+          reader.feed_each(socket.readpartial(65_536)) { |id, error, result| ids << id if error.nil? && result == id }
         end
       end
       assert_equal (0...2000).to_a, ids.sort
@@ -250,10 +253,11 @@ class RpcTest < ExampleTest
 
   def test_clients_refuse_what_is_no_answer
     {
-      "\xA5\x01\x00\x00\x7F\xFF\xFF\xFF".b => "a frame announces 2147483647 bytes, 1048576 are accepted",
-      "HTTP/1.1 400\r\n" => "14 bytes that belong to no frame",
-      FrameWriter.new(100).frame("hello") => "not an answer",
-      FrameWriter.new(100).frame([1, "error", nil]) => "not an answer"
+      "\xA5\x01\x00\x00\x7F\xFF\xFF\xFF".b =>
+        "a frame announces 2147483647 bytes, 1048576 are accepted (at byte 0 of the stream)",
+      "HTTP/1.1 400\r\n" => "bytes that belong to no frame (at byte 0 of the stream)",
+      VORN::Stream::Encoder.new.frame("hello") => "not an answer",
+      VORN::Stream::Encoder.new.frame([1, "error", nil]) => "not an answer"
     }.each do |answer, reason|
       fake_server(answer) do |address|
         each_client(address) do |client|

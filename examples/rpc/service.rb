@@ -1,6 +1,7 @@
 # frozen_string_literal: true
 
-require_relative "framing"
+require "vorn_rpc/stream"
+require_relative "bad_message"
 
 # The methods of the server, independent of the transport. Both servers use it.
 #
@@ -58,7 +59,7 @@ class Service
   # The answer's frame. A result that cannot be sent becomes an error: otherwise the client would wait for its timeout.
   def frame(writer, answer)
     writer.frame(answer)
-  rescue MessageTooLarge => e
+  rescue VORN::Stream::MessageTooLarge => e
     writer.frame(failure(answer[0], "too large", e.message))
   rescue StandardError => e # raised by the encoder
     @log.error("the result cannot be sent: #{e.message}")
@@ -69,7 +70,7 @@ class Service
   def check(request)
     ok = request.is_a?(Array) && request.size == 3 &&
          id?(request[0]) && request[1].is_a?(String) && request[2].is_a?(Array)
-    raise BadFrame, "not a request" unless ok
+    raise BadMessage, "not a request" unless ok
   end
 
   private

@@ -5,15 +5,15 @@
 #
 #   ruby -Ilib examples/rpc/thread_client.rb ADDRESS
 
+require "vorn_rpc/stream"
 require_relative "answers"
-require_relative "framing"
 require_relative "sockets"
 
 class ThreadClient
   include Answers
 
   MAX_PAYLOAD = 1 << 20 # the server's limit
-  MAX_ID = 2**31 - 1    # ids beyond 32 bits would be cut; see FrameWriter#frame
+  MAX_ID = 2**31 - 1    # ids beyond 32 bits cannot be sent
   RETRY_SECONDS = 0.05  # between attempts to connect, doubled each time up to
   MAX_RETRY_SECONDS = 1
 
@@ -31,8 +31,8 @@ class ThreadClient
     @connecting = Mutex.new # one thread connects while the others wait for it
   end
 
-  # Returns the result, or raises RemoteError, TimedOut, ConnectionLost, MessageTooLarge. A call that ends in TimedOut
-  # or ConnectionLost may have been executed: retry it only if executing it twice does no harm.
+  # Returns the result, or raises RemoteError, TimedOut, ConnectionLost, and what the encoder refuses. A call that ends
+  # in TimedOut or ConnectionLost may have been executed: retry it only if executing it twice does no harm.
   def call(method, arguments = [], timeout = 5)
     deadline = Sockets.now + timeout
     connection = connected(deadline)
@@ -71,7 +71,7 @@ class ThreadClient
     delay = RETRY_SECONDS
     begin
       socket = Sockets.connect(@address, [deadline - Sockets.now, 0.001].max)
-      Connection.new(socket, FrameWriter.new(MAX_PAYLOAD), Mutex.new, {})
+      Connection.new(socket, VORN::Stream::Encoder.new(max_length: MAX_PAYLOAD), Mutex.new, {})
     rescue SystemCallError, SocketError => e
       # Jitter: when a server comes back, its clients must not all reconnect at once.
       pause = delay * (0.5 + rand / 2)
@@ -120,13 +120,13 @@ class ThreadClient
 
   # The thread that reads from one connection; only this thread closes the socket.
   def read(connection)
-    reader = FrameReader.new(MAX_PAYLOAD)
+    reader = VORN::Stream::Decoder.new(max_length: MAX_PAYLOAD)
     loop do
-      reader.feed(connection.socket.readpartial(65_536)) { |answer| accept(connection, answer) }
+      reader.feed_each(connection.socket.readpartial(65_536)) { |answer| accept(connection, answer) }
     end
   rescue EOFError
     lose(connection, "the server closed the connection")
-  rescue SystemCallError, IOError, BadFrame => e
+  rescue SystemCallError, IOError, VORN::Stream::DamagedStream, BadMessage => e
     lose(connection, e.message)
   end
 

@@ -9,7 +9,7 @@
 # address. On TERM and INT it answers the requests that were begun, for up to 2 s, and exits.
 
 require "logger"
-require_relative "framing"
+require "vorn_rpc/stream"
 require_relative "patience"
 require_relative "service"
 require_relative "sockets"
@@ -76,7 +76,7 @@ class ThreadServer
     receive(client)
   rescue EOFError
     nil
-  rescue BadFrame, Silent => e
+  rescue VORN::Stream::DamagedStream, BadMessage, Silent => e
     @log.warn("#{name}: #{e.message}; closing")
   rescue SystemCallError => e
     @log.info("#{name}: #{e.message}")
@@ -90,11 +90,11 @@ class ThreadServer
   end
 
   def receive(client)
-    reader = FrameReader.new(MAX_PAYLOAD)
+    reader = VORN::Stream::Decoder.new(max_length: MAX_PAYLOAD)
     patience = Patience.new(@idle_seconds)
     loop do
       patience.over(client.in_progress.size) until IO.select([client.socket], nil, nil, patience.left)
-      reader.feed(client.socket.readpartial(65_536)) do |request|
+      reader.feed_each(client.socket.readpartial(65_536)) do |request|
         @service.check(request)
         client.in_progress.push(true)
         return if client.gone
@@ -116,7 +116,7 @@ class ThreadServer
 
   # A request counts towards the client's share until its answer is sent, so that unread answers are bounded too.
   def write(client, name)
-    writer = FrameWriter.new(MAX_PAYLOAD)
+    writer = VORN::Stream::Encoder.new(max_length: MAX_PAYLOAD)
     while (answer = client.answers.pop)
       begin
         Sockets.write_within(client.socket, @service.frame(writer, answer), WRITE_SECONDS) unless client.gone

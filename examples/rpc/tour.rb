@@ -30,6 +30,6 @@ end
 
 def show(name)
   puts "#{name}: #{yield.inspect}"
-rescue RemoteError, TimedOut, MessageTooLarge => e
+rescue RemoteError, TimedOut, VORN::Stream::MessageTooLarge => e
   puts "#{name}: #{e.message} (#{e.class})"
 end

@@ -4,15 +4,22 @@
 # each row of the library's own texts has its source. bin/test documents calls it.
 
 TABLE = "docs/operations/operating.md"
-SOURCES = Dir["{ext,proto,vobject}/*.{cc,h}"] +
+SOURCES = Dir["{ext,proto,vobject,stream}/*.{cc,h}"] + Dir["lib/vorn_rpc/stream{,/*}.rb"] +
           %w[ext/extconf.rb tools/inspect/stream_scanner.cc tools/inspect/value_scanner.cc]
 
-# Names of data types look like messages, but no error contains them.
-NO_ERROR = /\AVORN /
+# Names of data types look like messages, but no error contains them. The place of damage stands above its table.
+NO_ERROR = /\AVORN |\A \(at byte \z|\A of the stream\)\z/
+
+# What is raised, or reported; what it says of a value becomes %s.
+def texts_of_ruby(code)
+  code = code.gsub(/^\s*#.*/, "")
+  code.scan(/(?:raise|skip).*?"(.*)"/).flatten.map { |text| text.gsub(/\#{.*?}/, "%s") }
+end
 
 # The string literals of a source that look like a message, with adjacent literals joined.
 def texts_of(file)
   code = File.read(file, encoding: "UTF-8")
+  return texts_of_ruby(code) if file.start_with?("lib/")
   code = code.gsub(%r{/\*.*?\*/}m, "").gsub(file.end_with?(".rb") ? /^\s*#.*/ : %r{^\s*//.*|\s//[/ ].*}, "")
   return code.scan(/abort "([^"#]*)/).flatten + code.scan(/require_that\("([^"]*)/).flatten if file.end_with?(".rb")
   code = code.gsub(/^\s*#.*/, "").gsub(/static_assert\(.*?\);/m, "")

@@ -3,11 +3,11 @@
 # usage: ruby_reference.rb FOLDER
 #
 # Generates the reference pages of the Ruby classes from the comments in ext/ and lib/. Fails on any warning, and if a
-# class, constant or public method of the built extension has no text.
+# class, constant or public method has no text.
 
 require "rdoc/rdoc"
 require "stringio"
-require "vorn_rpc"
+require "vorn_rpc/stream"
 
 ROOT = File.expand_path("../..", __dir__)
 TITLE = "Vorn RPC #{VORN::VERSION}"
@@ -39,15 +39,19 @@ end
 
 # Returns the names of what is not documented.
 def missing_in(store)
-  classes = VORN::PROTO.constants.map { |name| VORN::PROTO.const_get(name) }
-  missing = [VORN, VORN::PROTO, *classes].flat_map do |owner|
+  classes = [VORN::PROTO, VORN::Stream].flat_map { |mod| mod.constants.map { |name| mod.const_get(name) } }
+  classes = classes.grep(Class)
+  missing = [VORN, VORN::PROTO, VORN::Stream, *classes].flat_map do |owner|
     page = store.find_class_or_module(owner.name)
     next [owner.name] unless page
     own = text?(page) ? [] : [owner.name]
     constants = owner.constants(false).reject { |name| owner.const_get(name).is_a?(Module) }
     constants = constants.reject { |name| text?(page.constants.find { |constant| constant.name == name.to_s }) }
     methods = owner.is_a?(Class) ? owner.public_instance_methods(false) : []
-    methods = methods.reject { |name| text?(page.find_instance_method_named(name.to_s)) }
+    methods -= owner.members + owner.members.map { |member| :"#{member}=" } if owner < Struct # the class says what
+    methods = methods.reject do |name|
+      text?(page.find_instance_method_named(name.to_s) || page.find_attribute_named(name.to_s))
+    end
     own + constants.map { |name| "#{owner}::#{name}" } + methods.map { |name| "#{owner}##{name}" }
   end
   # A documented method that the extension lacks is a mistake in the sources or in their parsing.

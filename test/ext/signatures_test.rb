@@ -1,19 +1,24 @@
 # frozen_string_literal: true
 
 require_relative "helper"
-require "vorn_rpc"
+require "vorn_rpc/stream"
 begin
   require "rbs"
 rescue LoadError
   nil # setup skips the tests
 end
 
-# The signatures in sig/ and the extension's methods must match, both ways.
+# The signatures in sig/ and the methods must match, both ways.
 class SignaturesTest < Minitest::Test
   FOLDER = File.expand_path("../../sig", __dir__)
   CLASSES = [
     VORN::PROTO::PacketBuf, VORN::PROTO::PacketFrame, VORN::PROTO::PacketFrameOut, VORN::PROTO::PacketFrameIn
   ].freeze
+
+  STREAM = VORN::Stream
+  STREAM_CLASSES = [STREAM::Decoder, STREAM::Encoder, STREAM::Reader, STREAM::Writer, STREAM::Error,
+                    STREAM::DamagedStream, STREAM::TruncatedStream, STREAM::MessageTooLarge, STREAM::Damage].freeze
+  STATISTICS = STREAM::Decoder::Statistics
 
   # Parsed before the first test runs: other tests compact the heap, and the parser of rbs 2.1 crashes when its objects
   # are moved.
@@ -57,6 +62,27 @@ class SignaturesTest < Minitest::Test
     end
   end
 
+  def test_methods_of_streams
+    STREAM_CLASSES.each do |klass|
+      defined = klass.public_instance_methods(false)
+      defined += [:initialize] if klass.private_instance_methods(false).include?(:initialize)
+      declared = signatures(klass)
+      assert_equal defined.sort, declared.keys.sort, klass.name
+      defined.each do |name|
+        parameters = klass.instance_method(name).parameters
+        declared[name].method_types.each do |type|
+          function = type.type
+          label = "#{klass}##{name}"
+          assert_equal parameters.count { |kind, _| kind == :req }, function.required_positionals.size, label
+          assert_equal parameters.any? { |kind, _| kind == :rest }, !function.rest_positionals.nil?, label
+          next if parameters.any? { |kind, _| kind == :keyrest } # those of another class
+          assert_equal parameters.select { |kind, _| kind == :key }.map(&:last), function.optional_keywords.keys, label
+        end
+      end
+    end
+    assert_empty STATISTICS.members - signatures(STATISTICS).keys
+  end
+
   def test_visibility_and_parameters
     CLASSES.each do |mod|
       signatures(mod).each do |name, method|
@@ -74,12 +100,13 @@ class SignaturesTest < Minitest::Test
   end
 
   def test_superclasses_and_constants
-    CLASSES.each do |mod|
+    [*CLASSES, *STREAM_CLASSES, STATISTICS].each do |mod|
       declared = builder.ancestor_builder.one_instance_ancestors(type_name(mod)).super_class.name.to_s
       assert_equal mod.superclass.name, declared.sub(/\A::/, ""), mod.name
     end
     declared = ENVIRONMENT.constant_decls.keys.map(&:to_s).grep(/\A::VORN::/).sort
-    own = [VORN, VORN::PROTO, *CLASSES].flat_map { |mod| mod.constants(false).map { |name| "::#{mod}::#{name}" } }
+    owners = [VORN, VORN::PROTO, VORN::Stream, *CLASSES, *STREAM_CLASSES]
+    own = owners.flat_map { |mod| mod.constants(false).map { |name| "::#{mod}::#{name}" } }
     modules = own.select { |name| Object.const_get(name.sub(/\A::/, "")).is_a?(Module) }
     assert_equal (own - modules).sort, declared
     assert_equal modules.sort, ENVIRONMENT.class_decls.keys.map(&:to_s).grep(/\A::VORN::/).sort

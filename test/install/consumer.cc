@@ -11,6 +11,8 @@
 #include "proto/vorn_exception.h"
 #include "proto/vorn_proto_exception.h"
 #include "proto/vorn_runtime_error.h"
+#include "stream/stream_decoder.h"
+#include "stream/stream_encoder.h"
 #include "vobject/extract_messages.h"
 #include "vobject/render.h"
 #include "vobject/vobject.h"
@@ -104,12 +106,28 @@ void variants_make_the_round_trip() {
   }
 }
 
+void streams_make_the_round_trip() {
+  VORN::STREAM::StreamEncoder encoder;
+  VORN::STREAM::StreamDecoder decoder;
+  std::vector<VORN::VObject> messages;
+  decoder.feed(encoder.frame(VORN::VObject("text")),
+               [&](VORN::STREAM::StreamFrame& frame) { messages = frame.messages; });
+  expect(messages == std::vector<VORN::VObject>{VORN::VObject("text")}, "the message arrives");
+  try {
+    decoder.feed("?", [](VORN::STREAM::StreamFrame&) {});
+    expect(false, "damage is refused");
+  } catch (const VORN::STREAM::DamagedStream& e) {
+    expect(e.offset() == 14, "at its place");
+  }
+}
+
 }  // namespace
 
 int main() {
   primitives_make_the_round_trip();
   failures_are_caught_by_class();
   variants_make_the_round_trip();
+  streams_make_the_round_trip();
   std::cout << (failures == 0 ? "frames, values and variants work\n" : "");
   return failures == 0 ? 0 : 1;
 }

@@ -95,6 +95,51 @@ std::vector<FrameVector> read_frames() {
   return out;
 }
 
+std::vector<std::string> split(const std::string& text, const std::string& separator) {
+  std::vector<std::string> parts;
+  if (text.empty()) return parts;
+  size_t start = 0;
+  for (size_t at; (at = text.find(separator, start)) != std::string::npos; start = at + separator.size()) {
+    parts.push_back(text.substr(start, at - start));
+  }
+  parts.push_back(text.substr(start));
+  return parts;
+}
+
+// Options are separated by blanks: a word, or "name=number".
+void read_option(const std::string& option, StreamVector& v) {
+  const size_t equals = option.find('=');
+  const uint32_t number =
+      equals == std::string::npos ? 0 : static_cast<uint32_t>(std::stoul(option.substr(equals + 1)));
+  const std::string name = option.substr(0, equals);
+  if (name == "max_length") {
+    v.max_length = number;
+  } else if (name == "max_depth") {
+    v.max_depth = number;
+  } else if (name == "symbols") {
+    v.symbols = true;
+  } else if (name == "skip") {
+    v.skip = true;
+  } else if (name != "-") {
+    throw std::runtime_error("streams.txt: unknown option " + option);
+  }
+}
+
+std::vector<StreamVector> read_streams() {
+  std::vector<StreamVector> out;
+  for (const Cells& c : read_table("streams.txt", 5)) {
+    StreamVector v{c[0], 1 << 20, 64, false, false, from_hex(c[2]), {}, 0};
+    for (const std::string& option : split(c[1], " ")) read_option(option, v);
+    if (c[3] != "-") v.outcome = split(expand(c[3]), "; ");
+    for (std::string& event : v.outcome) {
+      if (event[0] == '<') event = replace_prefix(event, 'u', 't');
+    }
+    if (c[4] != "=") v.written = static_cast<unsigned>(std::stoul(c[4]));
+    out.push_back(v);
+  }
+  return out;
+}
+
 std::vector<VarintVector> read_varints() {
   std::vector<VarintVector> out;
   for (const Cells& c : read_table("group_numbers.txt", 7)) {
@@ -128,6 +173,15 @@ const std::vector<FrameVector>& frame_vectors() {
   return rows;
 }
 
+const std::vector<StreamVector>& stream_vectors() {
+  static const std::vector<StreamVector> rows = read_streams();
+  return rows;
+}
+
+std::vector<std::string> messages_of(const std::string& frame) {
+  return split(frame.substr(1, frame.size() - 2), ", ");
+}
+
 const std::vector<VarintVector>& varint_vectors() {
   static const std::vector<VarintVector> rows = read_varints();
   return rows;
@@ -150,6 +204,9 @@ std::ostream& operator<<(std::ostream& out, const FaultVector& v) {
 }
 std::ostream& operator<<(std::ostream& out, const FrameVector& v) {
   return out << "frames.txt: " << v.name;
+}
+std::ostream& operator<<(std::ostream& out, const StreamVector& v) {
+  return out << "streams.txt: " << v.name;
 }
 std::ostream& operator<<(std::ostream& out, const VarintVector& v) {
   return out << "group_numbers.txt: " << v.name;

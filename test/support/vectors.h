@@ -47,6 +47,21 @@ struct FrameVector {
   bool is_incomplete() const { return state == "incomplete"; }
 };
 
+/// The columns of streams.txt.
+struct StreamVector {
+  std::string name;
+  uint32_t max_length;
+  uint32_t max_depth;
+  bool symbols;
+  bool skip;
+  std::string bytes;
+  std::vector<std::string> outcome;  ///< a frame's begins with "<"
+  unsigned written;                  ///< 8 or 12; 0: not
+};
+
+/// The messages of a frame in an outcome, each in notation.
+std::vector<std::string> messages_of(const std::string& frame);
+
 /// The columns of group_numbers.txt.
 struct VarintVector {
   std::string name;
@@ -61,6 +76,7 @@ struct VarintVector {
 const std::vector<ValueVector>& value_vectors();
 const std::vector<FaultVector>& fault_vectors();
 const std::vector<FrameVector>& frame_vectors();
+const std::vector<StreamVector>& stream_vectors();
 const std::vector<VarintVector>& varint_vectors();
 
 /// Where to cut bytes of this length: everywhere, or near both ends if there are many.
@@ -70,6 +86,7 @@ std::vector<size_t> cuts(size_t length);
 std::ostream& operator<<(std::ostream& out, const ValueVector& v);
 std::ostream& operator<<(std::ostream& out, const FaultVector& v);
 std::ostream& operator<<(std::ostream& out, const FrameVector& v);
+std::ostream& operator<<(std::ostream& out, const StreamVector& v);
 std::ostream& operator<<(std::ostream& out, const VarintVector& v);
 
 }  // namespace vorn_test

@@ -15,6 +15,13 @@ module Vectors
     end
   end
 
+  # `options` are a decoder's; `messages` of each frame. `written` is 8, 12 or nil.
+  Stream = Struct.new(:name, :options, :skip, :bytes, :outcome, :written) do
+    def frames
+      outcome.select { |event| event.start_with?("<") }.map { |event| event[1..-2].split(", ") }
+    end
+  end
+
   module_function
 
   # The results of each codec: notation or "!fault", and the bytes it writes, nil if none.
@@ -42,6 +49,16 @@ module Vectors
     table("frames.txt", 9).map do |name, stream, consumed, state, layout, seq, data_len, payload, out|
       Frame.new(name, bytes(stream), Integer(consumed), state, layout == "-" ? nil : Integer(layout),
                 Integer(seq), Integer(data_len), bytes(payload), out == "=")
+    end
+  end
+
+  def streams
+    table("streams.txt", 5).map do |name, options, stream, outcome, written|
+      words = options.split - ["-", "skip"]
+      options_given = words.map { |word| [word[/\A\w+/].to_sym, word[/=(\d+)/, 1].to_i] }.to_h
+      options_given[:preserve_symbols] = true if options_given.delete(:symbols)
+      Stream.new(name, options_given, options.include?("skip"), bytes(stream),
+                 outcome == "-" ? [] : expand(outcome).split("; "), written == "=" ? nil : Integer(written))
     end
   end
 

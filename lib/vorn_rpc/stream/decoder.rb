@@ -1,0 +1,278 @@
+# frozen_string_literal: true
+
+module VORN
+  module Stream
+    # Turns the bytes of a stream, in chunks of any size, into messages. Does no input.
+    #
+    #   decoder = VORN::Stream::Decoder.new
+    #   bytes = VORN::Stream::Encoder.new.frame([1, "ping"])
+    #   decoder.feed_each(bytes[0, 10]).to_a   # => []
+    #   decoder.feed_each(bytes[10..-1]).to_a  # => [[1, "ping"]]
+    #
+    # How the stream was cut into chunks makes no difference to what comes out.
+    class Decoder
+      include Enumerable
+
+      # Counts since the decoder was made.
+      #
+      # bytes::    given to the decoder
+      # frames::   whole ones whose messages could be read, empty ones included
+      # messages:: in these frames
+      # skipped::  bytes that belonged to none of them
+      # damages::  runs of skipped bytes
+      Statistics = Struct.new(:bytes, :frames, :messages, :skipped, :damages)
+
+      # The Statistics, which go on counting.
+      #
+      #   decoder = VORN::Stream::Decoder.new
+      #   decoder.feed_each(VORN::Stream::Encoder.new.frame(1, 2)).to_a
+      #   decoder.statistics.messages  # => 2
+      attr_reader :statistics
+
+      # The sequence number of the frame that held the last message, nil before the first.
+      #
+      #   decoder = VORN::Stream::Decoder.new
+      #   encoder = VORN::Stream::Encoder.new
+      #   decoder.feed_each(encoder.frame(1) + encoder.frame(2)).map { decoder.seq }  # => [0, 1]
+      attr_reader :seq
+
+      # max_length::       the most payload bytes that a frame may announce. So much, and what the values in it become,
+      #                    is what a peer can make this side keep
+      # max_depth::        levels of a message, scalars included
+      # preserve_symbols:: Symbols for symbols; otherwise Strings, so that a peer cannot fill the symbol table
+      #
+      # Without a block, bytes that are no frames of values raise DamagedStream, and the decoder is of no more use.
+      #
+      # With a block the decoder skips them and goes on at the next frame, for media that lose bytes: a serial line, a
+      # file that was cut. The block receives the Damage before the first message behind it. Do not give one for
+      # connections to programs that you do not trust: bytes inside a damaged frame may then be taken for frames.
+      #
+      #   bytes = "noise" + VORN::Stream::Encoder.new.frame(1)
+      #   VORN::Stream::Decoder.new.feed_each(bytes).to_a  # raises VORN::Stream::DamagedStream
+      #   skipped = []
+      #   VORN::Stream::Decoder.new { |damage| skipped << damage.bytes }.feed_each(bytes).to_a  # => [1]
+      #   skipped  # => [5]
+      #
+      # Raises ArgumentError for a max_length that no header can announce.
+      def initialize(max_length: MAX_LENGTH, max_depth: MAX_DEPTH, preserve_symbols: false, &on_damage)
+        @max_length = Stream.length_limit(max_length)
+        @on_damage = on_damage
+        @frame = PROTO::PacketFrameIn.new.reset
+        @frame.maxdepth = max_depth
+        @frame.preserve_symbols_on_extract = preserve_symbols
+        @statistics = Statistics.new(0, 0, 0, 0, 0)
+        @messages = []     # of the last frame, not yielded yet
+        @input = NOTHING   # what is not read yet begins at @offset
+        @offset = 0
+        @input_begins = 0  # in the stream
+        @frame_begins = nil # in the stream, while a frame is being assembled
+        @frame_length = 0
+        @damage = nil # the run of skipped bytes before what comes next
+        @failure = nil
+      end
+
+      # Takes bytes, and yields each message of each frame that they complete. A frame is delivered whole or not at all.
+      # What the block raises, or leaves behind by `break`, stays for the next call.
+      #
+      # Without a block, returns an Enumerator, which takes the bytes when it is used.
+      #
+      #   VORN::Stream::Decoder.new.feed_each(VORN::Stream::Encoder.new.frame(1, [2])).to_a  # => [1, [2]]
+      #
+      # Raises DamagedStream, TypeError for what is no String, and what reading a value raises: SystemStackError with a
+      # raised max_depth, NoMemoryError.
+      def feed_each(bytes, &block)
+        return enum_for(:feed_each, bytes) unless block
+        take(bytes)
+        begin
+          each(&block)
+        ensure
+          keep_rest # the caller may reuse the String
+        end
+      end
+
+      # Takes bytes, whose messages #each will yield. Raises as feed_each does.
+      #
+      #   decoder = VORN::Stream::Decoder.new
+      #   decoder.feed(VORN::Stream::Encoder.new.frame("ping"))
+      #   decoder.first  # => "ping"
+      def feed(bytes)
+        take(bytes)
+        keep_rest
+        self
+      end
+
+      # Yields the messages that are complete, as feed_each does.
+      #
+      #   decoder = VORN::Stream::Decoder.new
+      #   decoder.feed(VORN::Stream::Encoder.new.frame(1)).feed(VORN::Stream::Encoder.new.frame(2))
+      #   decoder.each.to_a  # => [1, 2]
+      def each
+        return enum_for(:each) unless block_given?
+        raise @failure if @failure && @messages.empty?
+        begin
+          yield @messages.shift until @messages.empty?
+        end while next_frame
+        self
+      end
+
+      # Says that the stream has ended, when all messages have been taken. In the middle of a frame that raises
+      # TruncatedStream; with a block to #new the block receives the rest as Damage.
+      #
+      #   VORN::Stream::Decoder.new.feed("\xA5\x01").finish  # raises VORN::Stream::TruncatedStream
+      def finish
+        raise @failure if @failure
+        begins = @frame_begins || @input_begins + @offset
+        missed = @input_begins + @input.bytesize - begins
+        if missed > 0
+          skip(missed, "the stream ends in the middle of a frame", begins, TruncatedStream)
+          @offset = @input.bytesize
+          next_header
+        end
+        report_damage
+        self
+      end
+
+      # Whether the stream may end here: no frame has begun that is not complete.
+      #
+      #   VORN::Stream::Decoder.new.feed("\xA5\x01").between_frames?  # => false
+      def between_frames?
+        @frame_begins.nil? && @offset == @input.bytesize
+      end
+
+      private
+
+      NOTHING = "".b.freeze
+      START = [0xA5].pack("C").freeze
+      START_BYTE = 0xA5
+      LAYOUT_8 = 1 # a bit of the byte behind it
+      HEADER_8 = PROTO::PacketFrame::PF8_HEADER_LEN
+      HEADER_12 = PROTO::PacketFrame::PF12_HEADER_LEN
+      PAYLOAD_CHECK = [0xDEADBEEF].pack("N").freeze
+      HEADER_CHECK = 0x5A
+      private_constant :NOTHING, :START, :START_BYTE, :LAYOUT_8, :HEADER_8, :HEADER_12, :PAYLOAD_CHECK, :HEADER_CHECK
+
+      def take(bytes)
+        raise @failure if @failure
+        raise TypeError, "bytes must be a String" unless bytes.is_a?(String)
+        @statistics.bytes += bytes.bytesize
+        bytes = bytes.b unless bytes.encoding == Encoding::BINARY
+        keep_rest
+        @input = @input.empty? ? bytes : @input + bytes
+      end
+
+      # Leaves the String that @input may share with the caller.
+      def keep_rest
+        @input_begins += @offset
+        @input = @offset == @input.bytesize ? NOTHING : @input.byteslice(@offset..-1)
+        @offset = 0
+      end
+
+      # Reads on, and returns true when a frame has been completed; false when more bytes are needed.
+      def next_frame
+        while @offset < @input.bytesize
+          return false unless @frame_begins || accept_header
+          next unless @frame_begins # something was skipped
+          assemble
+          return true if @frame.have_complete_frame? && take_messages
+        end
+        false
+      end
+
+      def assemble
+        @offset += @frame.assemble(@input, @offset)
+      rescue StandardError, NoMemoryError => error # no memory for the payload
+        @failure = error
+        raise
+      end
+
+      # Looks at the header before the assembler does, which trusts the announced length and reserves it at once: up to
+      # 2 GiB for eight bytes from anybody. False: it has not arrived yet.
+      def accept_header
+        left = @input.bytesize - @offset
+        return skip_to_start(0, "bytes that belong to no frame") if @input.getbyte(@offset) != START_BYTE
+        return false if left < 2
+        header_length = @input.getbyte(@offset + 1) & LAYOUT_8 == 0 ? HEADER_12 : HEADER_8
+        return false if left < header_length
+        if header_length == HEADER_12 && !checks_pass?
+          return skip_to_start(1, "a frame header with wrong check bytes")
+        end
+        length = announced_length(header_length)
+        if length > @max_length
+          return skip_to_start(1, "a frame announces #{length} bytes, #{@max_length} are accepted")
+        end
+        @frame_begins = @input_begins + @offset
+        @frame_length = header_length + length
+        true
+      end
+
+      # The assembler would see a wrong payload check only after the whole payload.
+      def checks_pass?
+        @input.getbyte(@offset + 11) == HEADER_CHECK && @input.byteslice(@offset + 7, 4) == PAYLOAD_CHECK
+      end
+
+      def announced_length(header_length)
+        high = @input.getbyte(@offset + 4) << 16 | @input.getbyte(@offset + 5) << 8 | @input.getbyte(@offset + 6)
+        header_length == HEADER_8 ? high << 8 | @input.getbyte(@offset + 7) : high
+      end
+
+      # Skips what cannot begin a frame, from `least` bytes on.
+      def skip_to_start(least, reason)
+        start = @input.index(START, @offset + least) || @input.bytesize
+        skip(start - @offset, reason, @input_begins + @offset)
+        @offset = start
+        true
+      end
+
+      # Takes the messages of the frame that is complete. False: it could not be read.
+      def take_messages
+        messages = read_messages
+        return false unless messages
+        @seq = @frame.seq
+        @messages = messages
+        @statistics.frames += 1
+        @statistics.messages += messages.size
+        report_damage
+        true
+      ensure
+        next_header
+      end
+
+      # All of the frame's messages, or nil.
+      def read_messages
+        messages = []
+        @frame.seek_payload_start
+        messages << @frame.extract_object while @frame.pos < @frame_length
+        return messages if @frame.pos == @frame_length
+        # A string's length reaches behind the frame, into bytes that an earlier one has left there.
+        skip(@frame_length, "a frame whose payload cannot be read: a value ends behind it", @frame_begins)
+      rescue RuntimeError, EncodingError => error
+        skip(@frame_length, "a frame whose payload cannot be read: #{error.message}", @frame_begins)
+      end
+
+      def next_header
+        @frame_begins = nil
+        @frame.reset
+      end
+
+      # Counts bytes as skipped, which join those skipped just before, or ends the stream. Returns nil.
+      def skip(bytes, reason, begins, error_class = DamagedStream)
+        unless @on_damage
+          @failure = error_class.new(reason, begins)
+          raise @failure
+        end
+        first = @damage || Damage.new(reason, begins, 0)
+        @damage = Damage.new(first.reason, first.offset, first.bytes + bytes)
+        @statistics.skipped += bytes
+        nil
+      end
+
+      def report_damage
+        return unless @damage
+        damage = @damage
+        @damage = nil
+        @statistics.damages += 1
+        @on_damage.call(damage)
+      end
+    end
+  end
+end
