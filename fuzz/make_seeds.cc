@@ -69,6 +69,14 @@ void add_frame_seeds(Folder& folder) {
   }
 }
 
+void add_stream_seeds(Folder& folder) {
+  for (const auto& v : vorn_test::stream_vectors()) {
+    const unsigned skip = v.skip ? 1 : 0;
+    folder.add(bytes_of({3, skip, 1, 1}) + v.bytes);
+    folder.add(bytes_of({8, skip, 0, 2, 0, 3, 1, 7, 2}) + v.bytes);
+  }
+}
+
 /// The targets that grow trees read any bytes as choices.
 void add_tree_seeds(Folder& folder) {
   for (const auto& v : vorn_test::value_vectors()) folder.add(bytes_of({0, 1, 4, 3}) + v.bytes);
@@ -97,6 +105,8 @@ int main(int argc, char** argv) try {
   }
   Folder frames(root / "frame_in");
   add_frame_seeds(frames);
+  Folder streams(root / "stream_decoder");
+  add_stream_seeds(streams);
   return 0;
 } catch (const std::exception& e) {
   std::cerr << "make_seeds: " << e.what() << "\n";

@@ -16,9 +16,7 @@ constexpr char START = static_cast<char>(PROTO::PF_START_MARKER);
 }  // namespace
 
 StreamDecoder::StreamDecoder(DecoderOptions options, OnDamage on_damage)
-    : options_(options), on_damage_(std::move(on_damage)) {
-  frame_.reset();  // a new frame consumes nothing until reset
-}
+    : options_(options), on_damage_(std::move(on_damage)) {}
 
 StreamDecoder::~StreamDecoder() = default;
 
@@ -44,7 +42,8 @@ void StreamDecoder::feed(std::string_view bytes, const OnFrame& on_frame) {
     bytes = joined;
   }
   try {
-    while (!bytes.empty()) read(bytes, on_frame);
+    while (!bytes.empty() && read(bytes, on_frame)) continue;
+    rest_.assign(bytes);
   } catch (...) {
     rest_.assign(bytes);
     throw;
@@ -53,70 +52,54 @@ void StreamDecoder::feed(std::string_view bytes, const OnFrame& on_frame) {
 
 void StreamDecoder::finish() {
   if (failure_) std::rethrow_exception(failure_);
-  const uint64_t missed = header_is_whole_ ? frame_.pos() : header_.size();
+  const uint64_t arrived = in_frame_ ? frame_.pos() : 0;
+  const uint64_t missed = arrived + rest_.size();
   if (missed > 0) {
-    skip<TruncatedStream>(missed, "the stream ends in the middle of a frame", position_ - missed);
-    next_frame();
+    skip<TruncatedStream>(missed, "the stream ends in the middle of a frame", position_ - arrived);
+    in_frame_ = false;
+    rest_.clear();
   }
   report_damage();
 }
 
-/// Reads one step on: a header, or part of a payload.
-void StreamDecoder::read(std::string_view& bytes, const OnFrame& on_frame) {
-  if (!header_is_whole_) {
-    if (!accept_header(bytes)) return;
-    frame_.assemble(header_.data(), header_.size(), 0);
-  } else {
-    const uint64_t taken = frame_.assemble(bytes.data(), bytes.size(), 0);
-    consume(bytes, taken);
+/// Reads one step on: over bytes that begin no frame, or into a frame. False: the header has not arrived yet.
+bool StreamDecoder::read(std::string_view& bytes, const OnFrame& on_frame) {
+  if (!in_frame_) {
+    if (bytes.front() != START) return skip_to_start(bytes, 0, "bytes that belong to no frame");
+    const uint64_t header_len = PROTO::frame_header_len(bytes);
+    if (bytes.size() < header_len) return false;
+    const std::string fault = header_fault(bytes);
+    if (!fault.empty()) return skip_to_start(bytes, 1, fault);
+    delivered_.twelve_byte_header = header_len == PROTO::PF12_HEADER_LEN;
+    frame_.reset();
   }
+  in_frame_ = false;  // stays so if there is no memory for the payload: the header is then read again
+  const uint64_t taken = frame_.assemble(bytes.data(), bytes.size(), 0);
+  in_frame_ = true;
+  consume(bytes, taken);
   if (frame_.have_complete_frame()) deliver(on_frame);
+  return true;
 }
 
-/// Looks at the header before the assembler does, which trusts the announced length and reserves it at once: up to
-/// 2 GiB for eight bytes from anybody. False: it has not arrived yet, or was none.
-bool StreamDecoder::accept_header(std::string_view& bytes) {
-  if (header_.empty() && bytes.front() != START) {
-    const size_t start = bytes.find(START);
-    const size_t skipped = start == std::string_view::npos ? bytes.size() : start;
-    skip<DamagedStream>(skipped, "bytes that belong to no frame", position_);
-    consume(bytes, skipped);
-    return false;
-  }
-  const size_t held = header_.size();
-  std::string window = header_;
-  window += bytes.substr(0, PROTO::PF12_HEADER_LEN - held);
-  const size_t length = PROTO::frame_header_len(window);
-  if (window.size() < length) {
-    header_ = window;
-    consume(bytes, bytes.size());
-    return false;
-  }
-  const std::string fault = header_fault(std::string_view(window).substr(0, length));
-  if (fault.empty()) {
-    consume(bytes, length - held);
-    header_ = window.substr(0, length);
-    header_is_whole_ = true;
-    return true;
-  }
-  const size_t start = window.find(START, 1);
-  const size_t skipped = start == std::string::npos ? window.size() : start;
-  skip<DamagedStream>(skipped, fault, position_ - held);
-  header_.erase(0, skipped);
-  consume(bytes, skipped - std::min(held, skipped));
-  return false;
-}
-
-/// What is wrong with a header; nothing if it is empty.
-std::string StreamDecoder::header_fault(std::string_view header) const {
-  // The assembler would see a wrong payload check only behind the payload.
-  if (!PROTO::frame_header_check_passes(header) || !PROTO::frame_payload_check_passes(header)) {
+/// What is wrong with the header that begins there; nothing if it is empty. The assembler would trust the announced
+/// length and reserve it at once, up to 2 GiB for eight bytes from anybody, and see a wrong payload check only behind
+/// the payload.
+std::string StreamDecoder::header_fault(std::string_view bytes) const {
+  if (!PROTO::frame_header_check_passes(bytes) || !PROTO::frame_payload_check_passes(bytes)) {
     return "a frame header with wrong check bytes";
   }
-  const uint32_t length = PROTO::decode_frame_header(header).data_len;
+  const uint32_t length = PROTO::decode_frame_header(bytes).data_len;
   if (length <= options_.max_length && length <= PROTO::PF8_MAX_DATA_LEN) return "";
   return "a frame announces " + std::to_string(length) + " bytes, " + std::to_string(options_.max_length) +
          " are accepted";
+}
+
+/// Skips what cannot begin a frame, from `least` bytes on. Returns true.
+bool StreamDecoder::skip_to_start(std::string_view& bytes, size_t least, const std::string& reason) {
+  const size_t skipped = std::min(bytes.find(START, least), bytes.size());
+  skip<DamagedStream>(skipped, reason, position_);
+  consume(bytes, skipped);
+  return true;
 }
 
 void StreamDecoder::consume(std::string_view& bytes, uint64_t count) {
@@ -137,7 +120,6 @@ bool StreamDecoder::read_messages() {
   const uint64_t length = frame_.payload_end();
   const uint64_t begins = position_ - length;
   delivered_.seq = frame_.seq();
-  delivered_.twelve_byte_header = header_.size() == PROTO::PF12_HEADER_LEN;
   delivered_.messages.clear();
   try {
     frame_.set_pos(frame_.payload_start());
@@ -146,21 +128,15 @@ bool StreamDecoder::read_messages() {
       VObject::deserialize(frame_, length, delivered_.messages.back(), options_.symbols_as_strings, options_.max_depth);
     }
   } catch (const VornException& e) {
-    next_frame();
+    in_frame_ = false;
     skip<DamagedStream>(length, std::string("a frame whose payload cannot be read: ") + e.what(), begins);
     return false;
   } catch (...) {
-    next_frame();
+    in_frame_ = false;
     throw;
   }
-  next_frame();
+  in_frame_ = false;
   return true;
-}
-
-void StreamDecoder::next_frame() {
-  frame_.reset();
-  header_.clear();
-  header_is_whole_ = false;
 }
 
 void StreamDecoder::report_damage() {

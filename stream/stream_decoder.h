@@ -79,19 +79,18 @@ class VORN_API StreamDecoder {
   void finish();
 
   /// Whether the stream may end here: no frame has begun that is not complete.
-  bool between_frames() const { return header_.empty() && rest_.empty(); }
+  bool between_frames() const { return !in_frame_ && rest_.empty(); }
 
   /// What was counted up to now.
   const DecoderStatistics& statistics() const { return statistics_; }
 
  private:
-  void read(std::string_view& bytes, const OnFrame& on_frame);
-  bool accept_header(std::string_view& bytes);
-  std::string header_fault(std::string_view header) const;
+  bool read(std::string_view& bytes, const OnFrame& on_frame);
+  std::string header_fault(std::string_view bytes) const;
+  bool skip_to_start(std::string_view& bytes, size_t least, const std::string& reason);
   void consume(std::string_view& bytes, uint64_t count);
   void deliver(const OnFrame& on_frame);
   bool read_messages();
-  void next_frame();
   template <typename Error>
   void skip(uint64_t bytes, const std::string& reason, uint64_t begins);
   void report_damage();
@@ -100,10 +99,9 @@ class VORN_API StreamDecoder {
   const OnDamage on_damage_;
   PROTO::PacketFrameIn frame_;
   StreamFrame delivered_;
-  std::string header_;  ///< of the current frame, as far as it has arrived
-  bool header_is_whole_ = false;
-  std::string rest_;            ///< behind a frame whose callback threw
-  uint64_t position_ = 0;       ///< in the stream, behind the header as far as it has arrived
+  bool in_frame_ = false;       ///< a frame is being assembled, whose header has passed
+  std::string rest_;            ///< arrived and not read: part of a header, or what is behind a callback that threw
+  uint64_t position_ = 0;       ///< in the stream, of what is to be read next
   Damage damage_;               ///< the run of skipped bytes before what comes next
   std::exception_ptr failure_;  ///< what has ended the stream
   DecoderStatistics statistics_;

@@ -1,5 +1,8 @@
 #include "stream/stream_decoder.h"
 
+#include <algorithm>
+#include <cstddef>
+#include <new>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -9,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "stream/stream_encoder.h"
+#include "test/support/allocations.h"
 #include "test/support/hex.h"
 #include "vobject/render.h"
 
@@ -118,6 +122,28 @@ TEST(StreamDecoder, AReportThatThrowsLosesItsFrameOnly) {
   EXPECT_TRUE(thrown);
   EXPECT_EQ((std::vector<int64_t>{2}), numbers(decoder, ""));
   EXPECT_EQ((std::vector<int64_t>{3}), numbers(decoder, bytes_of({VObject(3)})));
+}
+
+TEST(StreamDecoder, WithoutMemoryForThePayloadTheFrameIsStillToBeRead) {
+  STREAM::DecoderOptions options;
+  options.max_length = 1 << 24;
+  StreamDecoder decoder(options);
+  const std::string text(1 << 23, 'x');
+  StreamEncoder encoder({1 << 24, false});
+  const std::string bytes = std::string(encoder.frame(VObject(1))) + std::string(encoder.frame(VObject(text)));
+  size_t frames = 0;
+  const auto take = [&](StreamFrame& frame) {
+    ++frames;
+    EXPECT_TRUE(frames == 1 || text == frame.messages.at(0).getstr());
+  };
+  {
+    const vorn_test::LimitAllocations limit(1 << 22);
+    EXPECT_THROW(decoder.feed(std::string_view(bytes).substr(0, 100), take), std::bad_alloc);
+  }
+  EXPECT_EQ(1U, frames);
+  decoder.feed(std::string_view(bytes).substr(100), take);
+  EXPECT_EQ(2U, frames);
+  decoder.finish();
 }
 
 TEST(StreamDecoder, ManyBeginningsTakeTimeInProportion) {

@@ -212,6 +212,23 @@ class StreamTest < Minitest::Test
     assert_operator after - before, :<, 1 << 20, "KiB of address space"
   end
 
+  # The assembler takes the header, and finds no memory for what it announces.
+  def test_no_memory_for_a_payload
+    decoder = Decoder.new
+    calls = 0
+    decoder.instance_variable_get(:@frame).define_singleton_method(:assemble) do |bytes, offset|
+      next super(bytes, offset) unless (calls += 1) == 2
+      super(bytes.byteslice(0, offset + 8), offset)
+      raise "C++ exception: std::bad_alloc"
+    end
+    read = []
+    text = "x" * 1000
+    assert_raises(RuntimeError) { decoder.feed_each(bytes_of(1, text)) { |message| read << message } }
+    assert_equal [1], read
+    decoder.feed_each(bytes_of(2)) { |message| read << message }
+    assert_equal [1, text, 2], read
+  end
+
   # What the program's own code raises is no damage.
   def test_a_report_that_raises
     decoder = Decoder.new { raise "out of here" }
@@ -328,9 +345,11 @@ class StreamTest < Minitest::Test
 
   # What helps beyond the core is loaded by its own name.
   def test_the_core_is_without_it
-    assert_equal "[:PROTO, :VERSION] [:PacketBuf, :PacketFrame, :PacketFrameIn, :PacketFrameOut]", run_ruby(<<-'RUBY', "-I#{LIB}")
+    loaded = run_ruby(<<-RUBY)
+      $LOAD_PATH.push(#{LIB.inspect})
       require "vorn_rpc"
       print VORN.constants.sort.inspect, " ", VORN::PROTO.constants.sort.inspect
     RUBY
+    assert_equal "[:PROTO, :VERSION] [:PacketBuf, :PacketFrame, :PacketFrameIn, :PacketFrameOut]", loaded
   end
 end

@@ -78,8 +78,9 @@ module VORN
       #
       #   VORN::Stream::Decoder.new.feed_each(VORN::Stream::Encoder.new.frame(1, [2])).to_a  # => [1, [2]]
       #
-      # Raises DamagedStream, TypeError for what is no String, and what reading a value raises: SystemStackError with a
-      # raised max_depth, NoMemoryError.
+      # Raises DamagedStream, TypeError for what is no String, what reading a value raises (SystemStackError with a
+      # raised max_depth, NoMemoryError), and RuntimeError where there is no memory for a payload; then that frame is
+      # still to be read.
       def feed_each(bytes, &block)
         return enum_for(:feed_each, bytes) unless block
         take(bytes)
@@ -180,8 +181,8 @@ module VORN
 
       def assemble
         @offset += @frame.assemble(@input, @offset)
-      rescue StandardError, NoMemoryError => error # no memory for the payload
-        @failure = error
+      rescue StandardError, NoMemoryError # no memory for the payload: the header is read again
+        next_header
         raise
       end
 
