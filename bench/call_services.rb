@@ -2,7 +2,7 @@
 
 require "json"
 require "socket"
-require "vorn_rpc"
+require "vorn_rpc/stream"
 
 # The services that bench/calls.rb compares: each echoes a value over a UNIX socket. A server runs until it is ended.
 # A client's run calls the block before each call of each of its connections, until the block returns false. Where
@@ -46,6 +46,22 @@ module CallServices
         yield @in.seek_payload_start.extract_object
         @in.reset
       end
+    end
+  end
+
+  # The same with the decoder and the encoder of streams, which check more.
+  class Streams
+    def initialize
+      @decoder = VORN::Stream::Decoder.new
+      @encoder = VORN::Stream::Encoder.new
+    end
+
+    def bytes(value)
+      @encoder.frame(value)
+    end
+
+    def feed(chunk, &block)
+      @decoder.feed_each(chunk, &block)
     end
   end
 
@@ -226,12 +242,12 @@ module CallServices
 
   ALL = {
     "loop" => {
-      "frames" => Loop.new(Frames), "msgpack" => Loop.new(Msgpack), "JSON lines" => Loop.new(JsonLines),
-      "examples/rpc" => RpcFibers.new
+      "frames" => Loop.new(Frames), "streams" => Loop.new(Streams), "msgpack" => Loop.new(Msgpack),
+      "JSON lines" => Loop.new(JsonLines), "examples/rpc" => RpcFibers.new
     },
     "threads" => {
-      "frames" => Threads.new(Frames), "msgpack" => Threads.new(Msgpack), "JSON lines" => Threads.new(JsonLines),
-      "examples/rpc" => RpcThreads.new, "DRb" => Drb.new
+      "frames" => Threads.new(Frames), "streams" => Threads.new(Streams), "msgpack" => Threads.new(Msgpack),
+      "JSON lines" => Threads.new(JsonLines), "examples/rpc" => RpcThreads.new, "DRb" => Drb.new
     }
   }.freeze
 end

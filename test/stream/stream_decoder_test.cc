@@ -124,6 +124,30 @@ TEST(StreamDecoder, AReportThatThrowsLosesItsFrameOnly) {
   EXPECT_EQ((std::vector<int64_t>{3}), numbers(decoder, bytes_of({VObject(3)})));
 }
 
+TEST(StreamDecoder, TellsACleanEndFromAnyOther) {
+  const std::vector<std::string> frames{bytes_of({VObject(1)}), bytes_of({VObject("two")}, true),
+                                        vorn_test::from_hex("A5 01 00 00 00 00 00 00"), bytes_of({VObject(3)})};
+  std::string bytes;
+  for (const std::string& frame : frames) bytes += frame;
+  for (size_t length = 0; length <= bytes.size(); ++length) {
+    SCOPED_TRACE(length);
+    size_t whole = 0;
+    uint64_t count = 0;
+    while (count < frames.size() && whole + frames[count].size() <= length) whole += frames[count++].size();
+    StreamDecoder decoder;
+    decoder.feed(std::string_view(bytes).substr(0, length), [](StreamFrame&) {});
+    EXPECT_EQ(count, decoder.statistics().frames);
+    EXPECT_EQ(whole == length, decoder.between_frames());
+    try {
+      decoder.finish();
+      EXPECT_EQ(whole, length);
+    } catch (const STREAM::TruncatedStream& e) {
+      EXPECT_EQ(whole, e.offset());
+      EXPECT_LT(whole, length);
+    }
+  }
+}
+
 TEST(StreamDecoder, WithoutMemoryForThePayloadTheFrameIsStillToBeRead) {
   STREAM::DecoderOptions options;
   options.max_length = 1 << 24;

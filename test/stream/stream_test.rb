@@ -253,6 +253,21 @@ class StreamTest < Minitest::Test
     end
   end
 
+  # A stream that is cut at any byte yields the frames before, and tells a clean end from another.
+  def test_every_end
+    frames = [bytes_of(1), bytes_of("two", twelve_byte_header: true), Encoder.new.frame, Encoder.new.frame([3], nil)]
+    bytes = frames.join
+    ends = frames.each_index.map { |i| frames[0..i].map(&:bytesize).inject(:+) }
+    (0..bytes.bytesize).each do |length|
+      decoder = Decoder.new
+      decoder.feed_each(bytes.byteslice(0, length)) {}
+      whole = [0, *ends].select { |at| at <= length }.max
+      assert_equal [0, *ends].index(whole), decoder.statistics.frames
+      next assert_same(decoder, decoder.finish) if whole == length
+      assert_equal whole, assert_raises(TruncatedStream) { decoder.finish }.offset
+    end
+  end
+
   # A long run of bytes in which many frames could begin takes time in proportion.
   def test_many_beginnings
     bytes = "\xA5\x00\xA5\x01\xFF".b * 20_000
