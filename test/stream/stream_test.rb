@@ -173,6 +173,13 @@ class StreamTest < Minitest::Test
     assert_equal MESSAGES * 3 + [7], read
   end
 
+  def test_feeding_byte_by_byte_before_reading
+    text = "x" * 300_000
+    decoder = Decoder.new
+    bytes_of(text, 1).each_char { |byte| decoder.feed(byte) }
+    assert_equal [text, 1], decoder.to_a
+  end
+
   def test_a_block_that_feeds
     decoder = Decoder.new
     read = []

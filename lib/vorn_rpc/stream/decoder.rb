@@ -64,11 +64,12 @@ module VORN
         @messages = []     # of the last frame, not yielded yet
         @input = NOTHING   # what is not read yet begins at @offset
         @offset = 0
+        @callers = false   # whether @input is the String that the caller gave
         @input_begins = 0  # in the stream
-        @frame_begins = nil # in the stream, while a frame is being assembled
+        @frame_begins = nil # likewise, while a frame is being assembled
         @frame_length = 0
-        @damage = nil # the run of skipped bytes before what comes next
-        @failure = nil
+        @damage = nil  # the run of skipped bytes before what comes next
+        @failure = nil # what has ended the stream
       end
 
       # Takes bytes, and yields each message of each frame that they complete. A frame is delivered whole or not at all.
@@ -158,11 +159,14 @@ module VORN
         @statistics.bytes += bytes.bytesize
         bytes = bytes.b unless bytes.encoding == Encoding::BINARY
         keep_rest
-        @input = @input.empty? ? bytes : @input + bytes
+        @callers = @input.empty?
+        @input = @callers ? bytes : @input << bytes
       end
 
-      # Leaves the String that @input may share with the caller.
+      # Leaves the caller's String, and what has been read.
       def keep_rest
+        return if @offset.zero? && !@callers
+        @callers = false
         @input_begins += @offset
         @input = @offset == @input.bytesize ? NOTHING : @input.byteslice(@offset..-1)
         @offset = 0
