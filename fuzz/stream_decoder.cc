@@ -79,8 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   const Seen whole = feed(stream, options, skip, [&] { return stream.size(); });
   VORN_CHECK(feed(stream, options, skip, [] { return 1; }) == whole);
-  VORN_CHECK(feed(stream, options, skip, [&] {
-               return choices.empty() ? stream.size() : size_t{1} + choices.byte() % 32;
-             }) == whole);
+  VORN_CHECK(feed(stream, options, skip,
+                  [&] { return choices.empty() ? stream.size() : size_t{1} + choices.byte() % 32; }) == whole);
   return 0;
 }

@@ -45,24 +45,31 @@ module VORN
 
       private
 
-      # What the codec writes in full: what fits 32 bits, and what this Ruby has on the heap.
-      IN_32_BITS = (-2**31..2**31 - 1).freeze
-      IMMEDIATE = (-2**(0.size * 8 - 2)..2**(0.size * 8 - 2) - 1).freeze
-      private_constant :IN_32_BITS, :IMMEDIATE
+      # Integers between these fit 32 bits.
+      LEAST = -2**31
+      MOST = 2**31 - 1
+      # Others than these are on the heap, and written in full.
+      LEAST_IMMEDIATE = -2**(0.size * 8 - 2)
+      MOST_IMMEDIATE = 2**(0.size * 8 - 2) - 1
+      private_constant :LEAST, :MOST, :LEAST_IMMEDIATE, :MOST_IMMEDIATE
 
+      # Most members are Strings, which need no call.
       def check_integers(value)
-        case value
-        when Integer
-          return if IN_32_BITS.cover?(value) || !IMMEDIATE.cover?(value)
-          raise RangeError, "#{value} would be cut to 32 bits"
-        when Array
-          value.each { |member| check_integers(member) }
-        when Hash
+        if Integer === value
+          refuse(value) if value > MOST || value < LEAST
+        elsif Array === value
+          value.each { |member| check_integers(member) unless String === member }
+        elsif Hash === value
           value.each do |key, member|
-            check_integers(key)
-            check_integers(member)
+            check_integers(key) unless String === key
+            check_integers(member) unless String === member
           end
         end
+      end
+
+      def refuse(integer)
+        return if integer > MOST_IMMEDIATE || integer < LEAST_IMMEDIATE
+        raise RangeError, "#{integer} would be cut to 32 bits"
       end
     end
   end
