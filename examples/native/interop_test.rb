@@ -66,14 +66,21 @@ class InteropTest < ExampleTest
      [1, ["code", 2], nil], [1, [1, "text"], nil], [1, %w[code text more], nil]].each do |answer|
       assert_call "not an answer", answer
     end
-    assert_call "not an answer", "\xA5\x01\0\0\0\0\0\x0A" + "\x0A\x81\x00\x00\x0B" * 2 # two messages in a frame
-    assert_call "not an answer", "\xA5\x01\0\0\0\0\0\0" # a frame without any
+    # In a frame with others, too.
+    assert_call "not an answer", "\xA5\x01\0\0\0\0\0\x07" + "\x0A\x82\x00\x00\x0B" + "\x0A\x0B"
+  end
+
+  def test_the_cpp_client_takes_frames_of_any_number_of_answers
+    two = "\xA5\x01\0\0\0\0\0\x0A" + "\x0A\x82\x00\x00\x0B" + "\x0A\x81\x00\x02\x0B" # of ids 2 and 1
+    none = "\xA5\x01\0\0\0\0\0\0"
+    assert_call "true", none, two, success: true
   end
 
   def test_the_cpp_client_refuses_bad_frames
-    assert_call "bytes that belong to no frame", "HTTP/1.1 400\r\n"
-    assert_call "a frame announces 1048577 bytes, 1048576 are accepted", "\xA5\x01\0\0\0\x10\0\x01"
-    assert_call "Bad Header CRC", "\xA5\0\0\0\0\0\0\xDE\xAD\xBE\xEF\x59"
+    place = "(at byte 0 of the stream)"
+    assert_call "bytes that belong to no frame #{place}", "HTTP/1.1 400\r\n"
+    assert_call "a frame announces 1048577 bytes, 1048576 are accepted #{place}", "\xA5\x01\0\0\0\x10\0\x01"
+    assert_call "a frame header with wrong check bytes #{place}", "\xA5\0\0\0\0\0\0\xDE\xAD\xBE\xEF\x59"
   end
 
   def test_the_cpp_client_of_a_server_that_leaves_or_says_nothing
