@@ -46,8 +46,8 @@ Seen feed(const std::string& stream, DecoderOptions options, bool skip, ChunkSiz
     seen.events += " in " + std::to_string(frame.seq) + "\n";
   };
   try {
-    for (uint64_t offset = 0; offset < stream.size();) {
-      const uint64_t n = std::min<uint64_t>(chunk_size(), stream.size() - offset);
+    for (size_t offset = 0; offset < stream.size();) {
+      const size_t n = std::min<size_t>(chunk_size(), stream.size() - offset);
       const std::unique_ptr<char[]> chunk(new char[n]);  // a block of its exact size, so that a sanitizer sees its end
       std::copy_n(stream.data() + offset, n, chunk.get());
       decoder.feed({chunk.get(), n}, on_frame);

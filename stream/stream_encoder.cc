@@ -1,6 +1,7 @@
 #include "stream/stream_encoder.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <string>
 
 #include "proto/value_wire.h"
@@ -38,7 +39,7 @@ std::string_view StreamEncoder::end() {
   }
   frame_.compute_frame_header();
   frame_.inc_seq();
-  return {frame_.data().data(), frame_.pos()};
+  return std::string_view(frame_.data()).substr(0, static_cast<size_t>(frame_.pos()));
 }
 
 }  // namespace STREAM
