@@ -89,9 +89,9 @@ std::string StreamDecoder::header_fault(std::string_view bytes) const {
     return "a frame header with wrong check bytes";
   }
   const uint32_t length = PROTO::decode_frame_header(bytes).data_len;
-  if (length <= options_.max_length && length <= PROTO::PF8_MAX_DATA_LEN) return "";
-  return "a frame announces " + std::to_string(length) + " bytes, " + std::to_string(options_.max_length) +
-         " are accepted";
+  const uint64_t most = std::min<uint64_t>(options_.max_length, PROTO::PF8_MAX_DATA_LEN);
+  if (length <= most) return "";
+  return "a frame announces " + std::to_string(length) + " bytes, " + std::to_string(most) + " are accepted";
 }
 
 /// Skips what cannot begin a frame, from `least` bytes on. Returns true.
@@ -115,8 +115,9 @@ void StreamDecoder::deliver(const OnFrame& on_frame) {
   on_frame(delivered_);
 }
 
-/// Takes the messages of the frame that is complete, and makes room for the next. False: it could not be read.
+/// Takes the messages of the frame that is complete; the next may begin. False: it could not be read.
 bool StreamDecoder::read_messages() {
+  in_frame_ = false;
   const uint64_t length = frame_.payload_end();
   const uint64_t begins = position_ - length;
   delivered_.seq = frame_.seq();
@@ -128,14 +129,9 @@ bool StreamDecoder::read_messages() {
       VObject::deserialize(frame_, length, delivered_.messages.back(), options_.symbols_as_strings, options_.max_depth);
     }
   } catch (const VornException& e) {
-    in_frame_ = false;
     skip<DamagedStream>(length, std::string("a frame whose payload cannot be read: ") + e.what(), begins);
     return false;
-  } catch (...) {
-    in_frame_ = false;
-    throw;
   }
-  in_frame_ = false;
   return true;
 }
 

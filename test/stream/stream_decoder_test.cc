@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <new>
 #include <random>
 #include <stdexcept>
@@ -168,6 +169,18 @@ TEST(StreamDecoder, WithoutMemoryForThePayloadTheFrameIsStillToBeRead) {
   decoder.feed(std::string_view(bytes).substr(100), take);
   EXPECT_EQ(2U, frames);
   decoder.finish();
+}
+
+TEST(StreamDecoder, NoLimitIsHigherThanTheAssemblers) {
+  STREAM::DecoderOptions options;
+  options.max_length = UINT32_MAX;
+  StreamDecoder decoder(options);
+  try {
+    decoder.feed(vorn_test::from_hex("A5 01 00 00 80 00 00 00"), [](StreamFrame&) {});
+    FAIL();
+  } catch (const DamagedStream& e) {
+    EXPECT_STREQ("a frame announces 2147483648 bytes, 2147483647 are accepted (at byte 0 of the stream)", e.what());
+  }
 }
 
 TEST(StreamDecoder, ManyBeginningsTakeTimeInProportion) {
