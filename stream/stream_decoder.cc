@@ -73,9 +73,8 @@ bool StreamDecoder::read(std::string_view& bytes, const OnFrame& on_frame) {
     delivered_.twelve_byte_header = header_len == PROTO::PF12_HEADER_LEN;
     frame_.reset();
   }
-  in_frame_ = false;  // stays so if there is no memory for the payload: the header is then read again
   const uint64_t taken = frame_.assemble(bytes.data(), bytes.size(), 0);
-  in_frame_ = true;
+  in_frame_ = true;  // not before: without memory for the payload the header is read again
   consume(bytes, taken);
   if (frame_.have_complete_frame()) deliver(on_frame);
   return true;

@@ -112,6 +112,16 @@ TEST(StreamDecoder, ADamagedStreamHasEnded) {
   EXPECT_THROW(decoder.finish(), DamagedStream);
 }
 
+TEST(StreamDecoder, ATruncatedStreamHasEnded) {
+  StreamDecoder decoder;
+  const std::string bytes = bytes_of({VObject(1)});
+  const auto none = [](StreamFrame&) { FAIL(); };
+  decoder.feed(std::string_view(bytes).substr(0, 8), none);
+  EXPECT_THROW(decoder.finish(), STREAM::TruncatedStream);
+  EXPECT_THROW(decoder.feed(std::string_view(bytes).substr(8), none), STREAM::TruncatedStream);
+  EXPECT_THROW(decoder.finish(), STREAM::TruncatedStream);
+}
+
 TEST(StreamDecoder, AReportThatThrowsLosesItsFrameOnly) {
   bool thrown = false;
   StreamDecoder decoder({}, [&](const Damage& damage) {

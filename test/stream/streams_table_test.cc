@@ -53,6 +53,7 @@ Outcome outcome_of(const StreamVector& v, const std::vector<std::string_view>& c
     const bool truncated = !v.outcome.empty() && v.outcome.back().find("the stream ends") != std::string::npos;
     EXPECT_TRUE(v.skip || decoder.between_frames() != truncated);
     decoder.finish();
+    EXPECT_TRUE(decoder.between_frames());
   } catch (const TruncatedStream& e) {
     events.push_back(std::to_string(e.offset()) + "? " + e.what());
   } catch (const DamagedStream& e) {
