@@ -106,9 +106,10 @@ class StreamTest < Minitest::Test
   # What the IO raises goes through, and what had arrived is not lost.
   def test_an_io_that_fails_now_and_then
     bytes = bytes_of(*MESSAGES)
+    failing = false
     io = Class.new do
       define_method(:readpartial) do |_count|
-        raise IOError, "later" if (@failing = !@failing)
+        raise IOError, "later" if (failing = !failing)
         raise EOFError if bytes.empty?
         bytes.slice!(0, 7)
       end
