@@ -21,6 +21,9 @@ Gem::Specification.new do |gem|
     LICENSE
     README.md
     lib/vorn_rpc.rb
+    lib/vorn_rpc/packing.rb
+    lib/vorn_rpc/packing/errors.rb
+    lib/vorn_rpc/packing/ready_made.rb
     lib/vorn_rpc/stream.rb
     lib/vorn_rpc/stream/decoder.rb
     lib/vorn_rpc/stream/encoder.rb
@@ -29,6 +32,7 @@ Gem::Specification.new do |gem|
     lib/vorn_rpc/stream/writer.rb
     lib/vorn_rpc/version.rb
     sig/vorn_rpc.rbs
+    sig/vorn_rpc_packing.rbs
     sig/vorn_rpc_stream.rbs
     ext/arguments.h
     ext/buffer_handle.cc

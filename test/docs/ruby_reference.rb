@@ -7,6 +7,7 @@
 
 require "rdoc/rdoc"
 require "stringio"
+require "vorn_rpc/packing"
 require "vorn_rpc/stream"
 
 ROOT = File.expand_path("../..", __dir__)
@@ -39,8 +40,9 @@ end
 
 # Returns the names of what is not documented.
 def missing_in(store)
-  classes = [VORN::PROTO, VORN::Stream].flat_map { |mod| mod.constants.map { |name| mod.const_get(name) } }
-  classes = classes.grep(Class)
+  owners = [VORN::PROTO, VORN::Stream, VORN::Packing]
+  classes = owners.flat_map { |mod| mod.constants(false).map { |name| mod.const_get(name) } }.grep(Class)
+  classes << VORN::Packing
   missing = [VORN, VORN::PROTO, VORN::Stream, *classes].flat_map do |owner|
     page = store.find_class_or_module(owner.name)
     next [owner.name] unless page

@@ -4,6 +4,7 @@ require_relative "helper"
 
 require "socket"
 require "stringio"
+require "vorn_rpc/packing"
 require "vorn_rpc/stream"
 
 # Runs the examples in the methods' comments. Indented lines are examples:
@@ -76,9 +77,9 @@ class DocumentationTest < ExtTest
     assert_equal (methods.map(&:to_s) + ["new"]).sort, documented.sort
   end
 
-  def test_every_method_of_streams_has_an_example
+  def test_every_method_above_the_core_has_an_example
     stream = VORN::Stream
-    classes = [stream::Decoder, stream::Encoder, stream::Reader, stream::Writer]
+    classes = [stream::Decoder, stream::Encoder, stream::Reader, stream::Writer, VORN::Packing]
     methods = classes.flat_map { |klass| klass.public_instance_methods(false) + [:initialize] }
     shown = RUBY_COMMENTS.reject { |comment| comment.example.empty? }.flat_map(&:signatures)
     assert_empty methods.map(&:to_s).uniq - shown

@@ -1,6 +1,7 @@
 # frozen_string_literal: true
 
 require_relative "helper"
+require "vorn_rpc/packing"
 require "vorn_rpc/stream"
 begin
   require "rbs"
@@ -18,6 +19,8 @@ class SignaturesTest < Minitest::Test
   STREAM = VORN::Stream
   STREAM_CLASSES = [STREAM::Decoder, STREAM::Encoder, STREAM::Reader, STREAM::Writer, STREAM::Error,
                     STREAM::DamagedStream, STREAM::TruncatedStream, STREAM::MessageTooLarge, STREAM::Damage].freeze
+  PACKING = VORN::Packing
+  PACKING_CLASSES = [PACKING, PACKING::Error, PACKING::UnknownType, PACKING::Malformed, PACKING::TooDeep].freeze
   STATISTICS = STREAM::Decoder::Statistics
 
   # Parsed before the first test runs: other tests compact the heap, and the parser of rbs 2.1 crashes when its objects
@@ -62,8 +65,8 @@ class SignaturesTest < Minitest::Test
     end
   end
 
-  def test_methods_of_streams
-    STREAM_CLASSES.each do |klass|
+  def test_methods_above_the_core
+    [*STREAM_CLASSES, *PACKING_CLASSES].each do |klass|
       defined = klass.public_instance_methods(false)
       defined += [:initialize] if klass.private_instance_methods(false).include?(:initialize)
       declared = signatures(klass)
@@ -77,6 +80,8 @@ class SignaturesTest < Minitest::Test
           assert_equal parameters.any? { |kind, _| kind == :rest }, !function.rest_positionals.nil?, label
           next if parameters.any? { |kind, _| kind == :keyrest } # those of another class
           assert_equal parameters.select { |kind, _| kind == :key }.map(&:last), function.optional_keywords.keys, label
+          required = parameters.select { |kind, _| kind == :keyreq }.map(&:last)
+          assert_equal required, function.required_keywords.keys, label
         end
       end
     end
@@ -100,12 +105,12 @@ class SignaturesTest < Minitest::Test
   end
 
   def test_superclasses_and_constants
-    [*CLASSES, *STREAM_CLASSES, STATISTICS].each do |mod|
+    [*CLASSES, *STREAM_CLASSES, *PACKING_CLASSES, STATISTICS].each do |mod|
       declared = builder.ancestor_builder.one_instance_ancestors(type_name(mod)).super_class.name.to_s
       assert_equal mod.superclass.name, declared.sub(/\A::/, ""), mod.name
     end
     declared = ENVIRONMENT.constant_decls.keys.map(&:to_s).grep(/\A::VORN::/).sort
-    owners = [VORN, VORN::PROTO, VORN::Stream, *CLASSES, *STREAM_CLASSES]
+    owners = [VORN, VORN::PROTO, VORN::Stream, *CLASSES, *STREAM_CLASSES, *PACKING_CLASSES]
     own = owners.flat_map { |mod| mod.constants(false).map { |name| "::#{mod}::#{name}" } }
     modules = own.select { |name| Object.const_get(name.sub(/\A::/, "")).is_a?(Module) }
     assert_equal (own - modules).sort, declared
