@@ -312,6 +312,14 @@ class PackingTest < Minitest::Test
     assert_equal({ "~s" => [1, 2] }, packing.pack(shows_less.new(1, 2)))
   end
 
+  def test_numbers_are_strings
+    [:"5", 5, nil, ["5"]].each do |body|
+      assert_raises_with(Packing::Malformed, "cannot unpack the type integer: ArgumentError") do
+        ALL.unpack("~integer" => body)
+      end
+    end
+  end
+
   def test_what_a_type_raises
     cause = IndexError.new("hostile")
     packing = Packing.new do |types|
