@@ -48,6 +48,25 @@ class InspectTest < ToolTestCase
     check("nothing", ["", "", 0], inspector("", stdin: "").to_a)
   end
 
+  def test_sizes
+    wrong = "a number of bytes, or one with K, M or G, is expected"
+    most = "at most 2147483647 bytes"
+    refused = { wrong => ["5X", "K", "1KB", "1.5M", "0x10", " 1"],
+                most => %w[2147483648 2097152k 2048M 2G 99999999999999999999] }
+    refused.flat_map { |text, sizes| sizes.map { |size| [size, text] } }.each do |size, text|
+      result = inspector("--max-length", size, stdin: "")
+      check(size, [2, "vorn-inspect: --max-length: #{text} (see --help)\n"], [result.status, result.err])
+    end
+    exactly, more = [1024, 1025].map { |length| frame(1, "\0" * length) }
+    %w[1024 1K 1k].each do |size|
+      check("#{size}: so much", 0, inspector("--max-length", size, stdin: exactly).status)
+      check("#{size}: more", 1, inspector("--max-length", size, stdin: more).status)
+    end
+    %w[1M 1G 2097151K 2147483647].each do |size|
+      check(size, 0, inspector("--max-length", size, stdin: more).status)
+    end
+  end
+
   def test_text
     stream = frame(7, Vectors.bytes("81 02")) + "xyz" + bad_header(8) + frame(9, "\x82\x0C".b, 12) + "A"
     expected = <<-TEXT.gsub(/^ {6}/, "")
