@@ -79,7 +79,8 @@ class PackingTest < Minitest::Test
 
   # Values that look like packed ones, above all.
   class Values
-    KEYS = ["~", "~~", "~time", "~~time", "~integer", "~point", "~none", "a", "", "~\u00E9", "~\xFF".b, "\xFE~".b].freeze
+    KEYS = ["~", "~~", "~time", "~~time", "~integer", "~point", "~none", "a", "", "~\u00E9", "~\xFF".b,
+            "\xFE~".b].freeze
     SYMBOLS = KEYS.select { |key| key.dup.force_encoding("UTF-8").valid_encoding? }.map { |key| key.b.to_sym }.freeze
 
     def initialize(seed)
@@ -135,9 +136,10 @@ class PackingTest < Minitest::Test
     ROUNDS.times do |round|
       value = values.value(round % 5)
       packed = ALL.pack(value)
-      assert_equal exactly(value), exactly(there_and_back(value)), "seed #{seed}, round #{round}"
-      assert_equal exactly(packed), exactly(there_and_back(packed)), "seed #{seed}, round #{round}: packed twice"
-      assert_equal exactly(value), exactly(ALL.unpack(there_and_back(packed))), "seed #{seed}, round #{round}: unpacked twice"
+      note = "seed #{seed}, round #{round}"
+      assert_equal exactly(value), exactly(there_and_back(value)), note
+      assert_equal exactly(packed), exactly(there_and_back(packed)), "#{note}: packed twice"
+      assert_equal exactly(value), exactly(ALL.unpack(there_and_back(packed))), "#{note}: unpacked twice"
     end
   end
 
@@ -173,7 +175,7 @@ class PackingTest < Minitest::Test
     assert_equal [["~a".b, false]], exactly(there_and_back(utf16 => 1).keys)
     ascii = "~a".dup.force_encoding("US-ASCII")
     assert_equal [["~a".b, false]], exactly(there_and_back(ascii => 1).keys)
-    assert_equal [:"~a", :"~\u00E9"], there_and_back(:"~a" => 1, :"~\u00E9" => 2).keys
+    assert_equal [:"~a", :"~\u00E9"], there_and_back("~a": 1, "~\u00E9": 2).keys
     assert_equal [:"~a"], there_and_back(utf16.to_sym => 1).keys
   end
 
@@ -382,7 +384,7 @@ class PackingTest < Minitest::Test
 
   def test_loaded_by_its_name_only
     code = 'require "vorn_rpc/stream"; print defined?(VORN::Packing).inspect; require "vorn_rpc/packing"; ' \
-           'print VORN::Packing.new.pack(1), defined?(Date).inspect, defined?(BigDecimal).inspect'
+           "print VORN::Packing.new.pack(1), defined?(Date).inspect, defined?(BigDecimal).inspect"
     assert_equal "nil1nilnil", run_ruby(code, "-I#{LIB}")
   end
 end
