@@ -3,6 +3,7 @@
 #include <cassert>
 #include <cstdio>
 #include <functional>
+#include <ostream>
 #include <string_view>
 
 #include "vobject/symbol_table.h"
@@ -117,6 +118,12 @@ void render(const VObject& v, std::string& out) {
       out += '>';
       break;
   }
+}
+
+std::ostream& operator<<(std::ostream& out, const VObject& v) {
+  std::string text;
+  render(v, text);
+  return out << text;
 }
 
 }  // namespace VORN

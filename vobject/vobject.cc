@@ -20,6 +20,8 @@ VObject::VObject(const char* bytes, size_t length)
 
 VObject::VObject(const std::string& bytes) : payload_(DT_STR, boost::make_shared<VObjectString>(bytes)) {}
 
+VObject::VObject(std::string_view bytes) : payload_(DT_STR, boost::make_shared<VObjectString>(std::string(bytes))) {}
+
 VObject::VObject(const VObjectString& text) : VObject(text.c_str()) {}
 
 VObject::VObject(const VObjectVector& elements) : payload_(DT_VECTOR, boost::make_shared<VObjectVector>(elements)) {}

@@ -27,7 +27,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <iosfwd>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -83,6 +85,7 @@ class VORN_API VObject {
   VObject(const char* text);
   VObject(const char* bytes, size_t length);
   VObject(const std::string& bytes);
+  VObject(std::string_view bytes);
   VObject(const VObjectString& text);
   /// @}
 
@@ -230,21 +233,29 @@ class VORN_API VObject {
   /// value without an object. Symbols, hashes and vectors are true, empty ones too.
   bool to_bool() const noexcept;
 
+  /// Keys are texts that end at a zero byte, or all bytes of a std::string or std::string_view.
+  /// @{
+
   /// Whether the target is a hash that has the key. Allocates nothing.
   bool has_key(const char* key) const;
+  bool has_key(std::string_view key) const;
 
   /// The element under the key, which is made (nil) if it is missing. Bound to the hash.
   /// Throws "non-const VObject::fetch called on non-hash object" and std::bad_alloc.
   VObject& fetch(const char* key);
+  VObject& fetch(std::string_view key);
 
   /// The element under the key; a nil that lives as long as the process when there is none or when this is no hash. On
   /// a reference, however, this is the other fetch() on the referent, insertion and failure included.
   const VObject& fetch(const char* key) const;
+  const VObject& fetch(std::string_view key) const;
 
   /// Assigns `value` to the element under the key, as operator= does, making it first if it is missing. `value` may be
   /// an element of this hash. Returns the target.
   /// Throws "VObject::store called on non-hash object" and std::bad_alloc.
   VObject& store(const char* key, const VObject& value);
+  VObject& store(std::string_view key, const VObject& value);
+  /// @}
 
   /// The element; negative indexes count from the end. Bound to the vector, until it changes its size.
   /// Throws "non-const VObject::at called on non-vector object" and "non-const VObject::at: index out of range".
@@ -334,6 +345,9 @@ class VORN_API VObject {
   /// - "VObject::deserialize_array: buffer underrun"
   static void deserialize(PROTO::PacketBuf& buf, uint64_t end, VObject& out, bool symbols_as_strings,
                           uint32_t maxdepth);
+
+  /// Prints what render() makes of the value. For VObjects only, not for what converts to one.
+  friend VORN_API std::ostream& operator<<(std::ostream& out, const VObject& v);
 
  private:
   friend struct VObjectInternal;

@@ -6,30 +6,54 @@
 
 namespace VORN {
 
+namespace {
+
+string_ref borrowed(std::string_view key) {
+  return {key.data(), key.size()};
+}
+
+}  // namespace
+
 bool VObject::has_key(const char* key) const {
+  return has_key(std::string_view(key));
+}
+
+bool VObject::has_key(std::string_view key) const {
   const VObject& t = target();
-  return t.type() == DT_HASH && t.payload_.hash().find(string_ref(key)) != t.payload_.hash().end();
+  return t.type() == DT_HASH && t.payload_.hash().find(borrowed(key)) != t.payload_.hash().end();
 }
 
 VObject& VObject::fetch(const char* key) {
+  return fetch(std::string_view(key));
+}
+
+VObject& VObject::fetch(std::string_view key) {
   const VObject& t = target();
   if (t.type() != DT_HASH) throw VornRuntimeError("non-const VObject::fetch called on non-hash object");
-  return t.payload_.hash().try_emplace(string_ref(key)).first->second;
+  return t.payload_.hash().try_emplace(borrowed(key)).first->second;
 }
 
 const VObject& VObject::fetch(const char* key) const {
+  return fetch(std::string_view(key));
+}
+
+const VObject& VObject::fetch(std::string_view key) const {
   static const VObject nil;
   if (type() == DT_REF) return payload_.referent()->fetch(key);
   if (type() != DT_HASH) return nil;
   const VObjectHash& hash = payload_.hash();
-  const auto found = hash.find(string_ref(key));
+  const auto found = hash.find(borrowed(key));
   return found == hash.end() ? nil : found->second;
 }
 
 VObject& VObject::store(const char* key, const VObject& value) {
+  return store(std::string_view(key), value);
+}
+
+VObject& VObject::store(std::string_view key, const VObject& value) {
   VObject& t = target();
   if (t.type() != DT_HASH) throw VornRuntimeError("VObject::store called on non-hash object");
-  t.payload_.hash().try_emplace(string_ref(key)).first->second = value;
+  t.payload_.hash().try_emplace(borrowed(key)).first->second = value;
   return t;
 }
 

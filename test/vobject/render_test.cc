@@ -3,6 +3,7 @@
 #include <cfloat>
 #include <climits>
 #include <cmath>
+#include <sstream>
 
 #include "test/vobject/values.h"
 
@@ -147,6 +148,23 @@ TEST(EscapeStr, Quotes) {
   std::string text = "x\n";
   escape_str(text, text, '"');
   EXPECT_EQ("x\n\"x\\x0a\"", text);
+}
+
+template <typename T, typename = void>
+struct IsPrintable : std::false_type {};
+template <typename T>
+struct IsPrintable<T, std::void_t<decltype(std::declval<std::ostream&>() << std::declval<T>())>> : std::true_type {};
+
+// Made where the namespace's functions are found without argument-dependent lookup too.
+struct Convertible {
+  operator VObject() const { return VObject(1); }
+};
+
+TEST(Print, VariantsOnly) {
+  std::ostringstream out;
+  out << hash({{"a", 1}}) << ' ' << VObject("b\n");
+  EXPECT_EQ("{\"a\"=>1} \"b\\x0a\"", out.str());
+  EXPECT_FALSE(IsPrintable<Convertible>::value);
 }
 
 #ifndef NDEBUG

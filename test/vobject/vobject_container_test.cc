@@ -24,6 +24,31 @@ TEST(Fetch, RejectsOtherKinds) {
   }
 }
 
+TEST(Keys, AreTextsOrAllBytes) {
+  const std::string zero("a\0b", 3);
+  VObject h = VObject::new_hash();
+  h.store(zero, 1).store(std::string_view("bcd").substr(1), 2).store("e", 3);
+  EXPECT_EQ(3U, h.gethash().size());
+  EXPECT_TRUE(h.has_key(zero));
+  EXPECT_TRUE(h.has_key("cd"));
+  EXPECT_TRUE(h.has_key(std::string("e")));
+  EXPECT_FALSE(h.has_key("a"));
+  EXPECT_FALSE(h.has_key(zero.c_str())) << "a text ends at the zero byte";
+  EXPECT_EQ(VObject(1), h.fetch(zero));
+  h.fetch(std::string_view("new")) = 4;
+  const VObject& read_only = h;
+  EXPECT_EQ(VObject(4), read_only.fetch(std::string("new")));
+  EXPECT_EQ(DT_NIL, read_only.fetch(std::string_view("none")).type());
+  EXPECT_EQ(4U, h.gethash().size());
+  h.store(VObject("from a string").getstr(), 5);
+  EXPECT_TRUE(h.has_key("from a string"));
+  h.store(std::string_view(), 6);
+  EXPECT_EQ(VObject(6), h.fetch("")) << "no bytes, and no pointer to any";
+  VObject not_a_hash(1);
+  EXPECT_FAILS("non-const VObject::fetch called on non-hash object", not_a_hash.fetch(zero));
+  EXPECT_FAILS("VObject::store called on non-hash object", not_a_hash.store(zero, 1));
+}
+
 TEST(ConstFetch, InsertsNothing) {
   const VObject h = hash({{"a", 1}});
   EXPECT_EQ(&h.gethash().begin()->second, &h.fetch("a"));

@@ -55,6 +55,8 @@ TEST(VObjectConstruction, FromEachKind) {
 TEST(VObjectConstruction, OfStrings) {
   EXPECT_EQ(std::string("a\0b", 3), VObject("a\0bc", 3).getstr());
   EXPECT_EQ(std::string("a\0b", 3), VObject(std::string("a\0b", 3)).getstr());
+  EXPECT_EQ(std::string("a\0b", 3), VObject(std::string_view("a\0bc", 3)).getstr());
+  EXPECT_EQ("", VObject(std::string_view()).getstr());
   EXPECT_EQ("a", VObject(VObjectString("a\0b", 3)).getstr()) << "the string class stops at the first zero byte";
   EXPECT_EQ("", VObject("").getstr());
   EXPECT_EQ("", VObject(static_cast<const char*>(nullptr)).getstr());
