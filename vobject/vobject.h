@@ -89,6 +89,10 @@ class VORN_API VObject {
   VObject(const VObjectString& text);
   /// @}
 
+  /// Two texts are no vector: new_vector() and append() make one.
+  template <typename T, std::enable_if_t<std::is_pointer<T>::value, int> = 0>
+  VObject(const char* text, T second) = delete;
+
   /// A vector with copies of the elements. Explicit, so that copying a std::vector<VObject> with braces does not wrap
   /// it in a variant. Throws std::bad_alloc.
   explicit VObject(const VObjectVector& elements);
