@@ -4,6 +4,7 @@
 #include "proto/vorn_runtime_error.h"
 #include "vobject/symbol_table.h"
 #include "vobject/vobject.h"
+#include "vobject/vobject_internal.h"
 
 namespace VORN {
 
@@ -93,6 +94,13 @@ bool VObject::to_bool() const noexcept {
     case DT_UDT: return t.payload_.udt() != nullptr;
     default: return t.payload_.word() != 0;
   }
+}
+
+double to_double(const VObject& v) {
+  const VObjectPayload& payload = VObjectInternal::payload(VObjectInternal::target(v));
+  if (payload.tag() == DT_INT) return static_cast<double>(payload.integer());
+  if (payload.tag() != DT_DOUBLE) throw VornRuntimeError("to_double: neither an integer nor a double");
+  return payload.real();
 }
 
 }  // namespace VORN

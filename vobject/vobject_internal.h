@@ -7,7 +7,7 @@
 
 namespace VORN {
 
-/// The one friend of VObject.
+/// The friend of VObject that sees its representation.
 struct VObjectInternal {
   /// What the value itself holds, references not followed.
   /// @{

@@ -1,3 +1,4 @@
+#include <cfloat>
 #include <climits>
 #include <cmath>
 #include <limits>
@@ -152,6 +153,26 @@ TEST(Conversions, OfAWideBooleanAreOneAndTrue) {
   EXPECT_EQ(VObject(true), v);
   EXPECT_EQ("true", rendered(v));
   EXPECT_EQ("02", to_hex(encoded(v)));
+}
+
+TEST(ToDouble, IsExact) {
+  EXPECT_EQ(0.1, to_double(0.1));
+  EXPECT_EQ(DBL_TRUE_MIN, to_double(DBL_TRUE_MIN));
+  EXPECT_TRUE(std::signbit(to_double(-0.0)));
+  EXPECT_TRUE(std::isnan(to_double(NAN)));
+  EXPECT_EQ(-HUGE_VAL, to_double(-HUGE_VAL));
+  EXPECT_EQ(-7.0, to_double(-7));
+  EXPECT_EQ(9007199254740992.0, to_double(int64_t{9007199254740993})) << "2^53 + 1 is no double";
+  EXPECT_EQ(-9223372036854775808.0, to_double(INT64_MIN));
+  EXPECT_EQ(2.5, to_double(make_ref(2.5)));
+  EXPECT_EQ(3.0, to_double(make_ref(3)));
+}
+
+TEST(ToDouble, RejectsOtherKinds) {
+  for (const VObject& v : {VObject(), VObject(true), VObject("1.5"), VObject::new_hash(), VObject::new_vector(),
+                           VObject(number(1)), make_ref("1.5")}) {
+    EXPECT_FAILS("to_double: neither an integer nor a double", to_double(v));
+  }
 }
 
 }  // namespace
