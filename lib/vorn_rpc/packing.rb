@@ -51,8 +51,8 @@ module VORN
     # Registers a type. To be called in the block of #new.
     #
     # tag::    its name on the wire: printable ASCII, without blanks and tildes
-    # klass::  objects of exactly this class are packed. Those of subclasses are not: they would arrive as another class.
-    #          Of Integer, those that do not fit 32 bits are packed
+    # klass::  objects of exactly this class are packed. Those of subclasses are not: they would arrive as its own. Of
+    #          Integer, those that do not fit 32 bits are packed
     # pack::   called with the object, returns what the wire or a registered type can carry
     # unpack:: called with what has arrived, unpacked already, returns the object. A peer may have sent anything there.
     #          What it raises becomes Malformed
