@@ -396,9 +396,8 @@ VORN_API VObject& merge(VObject& dst, const VObject& src);
 /// nil. At most 64 levels. Throws what serialize() and deserialize() throw; `target` is then nil or partly built.
 VORN_API VObject& deep_copy(const VObject& source, VObject& target);
 
-/// The target as a double, exactly: to_i64() truncates one, and render() rounds it. An integer beyond 2^53 is rounded to
-/// the nearest double. What a peer sent may be NaN or infinite.
-/// Throws "to_double: neither an integer nor a double".
+/// The target as a double, exactly: to_i64() truncates one, and render() rounds it. An integer beyond 2^53 is rounded
+/// to the nearest double. What a peer sent may be NaN or infinite. Throws "to_double: neither an integer nor a double".
 VORN_API double to_double(const VObject& v);
 
 }  // namespace VORN
