@@ -24,6 +24,19 @@ Gem::Specification.new do |gem|
     lib/vorn_rpc/packing.rb
     lib/vorn_rpc/packing/errors.rb
     lib/vorn_rpc/packing/ready_made.rb
+    lib/vorn_rpc/rpc.rb
+    lib/vorn_rpc/rpc/address.rb
+    lib/vorn_rpc/rpc/client.rb
+    lib/vorn_rpc/rpc/client_connection.rb
+    lib/vorn_rpc/rpc/clock.rb
+    lib/vorn_rpc/rpc/envelope.rb
+    lib/vorn_rpc/rpc/errors.rb
+    lib/vorn_rpc/rpc/interrupts.rb
+    lib/vorn_rpc/rpc/method_table.rb
+    lib/vorn_rpc/rpc/patience.rb
+    lib/vorn_rpc/rpc/server.rb
+    lib/vorn_rpc/rpc/server_connection.rb
+    lib/vorn_rpc/rpc/workers.rb
     lib/vorn_rpc/stream.rb
     lib/vorn_rpc/stream/decoder.rb
     lib/vorn_rpc/stream/encoder.rb
@@ -33,6 +46,7 @@ Gem::Specification.new do |gem|
     lib/vorn_rpc/version.rb
     sig/vorn_rpc.rbs
     sig/vorn_rpc_packing.rbs
+    sig/vorn_rpc_rpc.rbs
     sig/vorn_rpc_stream.rbs
     ext/arguments.h
     ext/buffer_handle.cc

@@ -2,11 +2,11 @@
 
 require "json"
 require "socket"
-require "vorn_rpc/stream"
+require "vorn_rpc/rpc"
 
 # The services that bench/calls.rb compares: each echoes a value over a UNIX socket. A server runs until it is ended.
 # A client's run calls the block before each call of each of its connections, until the block returns false. Where
-# the messages are ours to choose they are those of examples/rpc: [1, "echo", [value]] and [1, nil, value].
+# the messages are ours to choose they are those of VORN::RPC: [1, "echo", [value]] and [1, nil, value].
 module CallServices
   def self.request(value)
     [1, "echo", [value]]
@@ -182,42 +182,21 @@ module CallServices
     end
   end
 
-  RPC = File.expand_path("../examples/rpc", __dir__)
+  # The library of calls, with methods on worker threads or, with none, on the thread that reads.
+  class Rpc
+    def initialize(workers)
+      @workers = workers
+    end
 
-  # examples/rpc with fibers.
-  class RpcFibers
     def serve(path)
-      require File.join(RPC, "fiber_server")
-      FiberServer.new("unix:#{path}", Logger.new($stderr)).run
+      VORN::RPC::Server.new("unix:#{path}", { "echo" => ->(value) { value } }, workers: @workers).run
     end
 
     def run(path, clients, value)
-      require File.join(RPC, "fiber_client")
-      reactor = Reactor.new
-      clients.times do
-        reactor.spawn do
-          client = FiberClient.new("unix:#{path}", reactor)
-          CallServices.check(client.call("echo", [value]), value) while yield
-          client.close
-        end
-      end
-      reactor.run
-    end
-  end
-
-  # examples/rpc with threads.
-  class RpcThreads
-    def serve(path)
-      require File.join(RPC, "thread_server")
-      ThreadServer.new("unix:#{path}", Logger.new($stderr)).run
-    end
-
-    def run(path, clients, value)
-      require File.join(RPC, "thread_client")
       CallServices.in_threads(clients) do
-        client = ThreadClient.new("unix:#{path}")
-        CallServices.check(client.call("echo", [value]), value) while yield
-        client.close
+        VORN::RPC::Client.open("unix:#{path}") do |client|
+          CallServices.check(client.call("echo", value), value) while yield
+        end
       end
     end
   end
@@ -243,11 +222,11 @@ module CallServices
   ALL = {
     "loop" => {
       "frames" => Loop.new(Frames), "streams" => Loop.new(Streams), "msgpack" => Loop.new(Msgpack),
-      "JSON lines" => Loop.new(JsonLines), "examples/rpc" => RpcFibers.new
+      "JSON lines" => Loop.new(JsonLines), "rpc" => Rpc.new(0)
     },
     "threads" => {
       "frames" => Threads.new(Frames), "streams" => Threads.new(Streams), "msgpack" => Threads.new(Msgpack),
-      "JSON lines" => Threads.new(JsonLines), "examples/rpc" => RpcThreads.new, "DRb" => Drb.new
+      "JSON lines" => Threads.new(JsonLines), "rpc" => Rpc.new(8), "DRb" => Drb.new
     }
   }.freeze
 end

@@ -203,7 +203,7 @@ class Server {
     bool token = false;
     while (connection.answers.pop(answer)) {
       try {
-        if (!connection.gone) {
+        if (!connection.gone && answer.value.type() != VORN::DT_NIL) {
           connection.socket.send_all(frame_of(encoder, answer.value, answer.twelve_byte_header),
                                      rpc::Clock::now() + WRITE_TIME);
         }

@@ -101,8 +101,9 @@ VObject call(const std::string& name, const VObjectVector& arguments) {
   return method.body(arguments);
 }
 
-/// Whether a client may use this id: a Ruby server would cut one beyond 32 bits.
+/// Whether a client may use this id: a Ruby server would cut one beyond 32 bits. A notification has nil.
 bool is_id(const VObject& id) {
+  if (id.type() == VORN::DT_NIL) return true;
   if (id.type() == VORN::DT_STR) return id.getstr().size() <= MAX_ID_BYTES;
   return id.type() == VORN::DT_INT && id.to_i64() >= std::numeric_limits<int32_t>::min() &&
          id.to_i64() <= std::numeric_limits<int32_t>::max();
@@ -121,14 +122,16 @@ void check_request(const VObject& request) {
 VObject answer_to(const VObject& request) {
   const VObjectVector& parts = request.getvec();
   const VObject& id = parts[0];
+  const bool notification = id.type() == VORN::DT_NIL;
   try {
-    return VObject(VObjectVector{id, VObject(), call(parts[1].getstr(), parts[2].getvec())});
+    VObject result = call(parts[1].getstr(), parts[2].getvec());
+    return notification ? VObject() : VObject(VObjectVector{id, VObject(), std::move(result)});
   } catch (const Refused& e) {
-    return failure(id, e.code(), e.what());
+    return notification ? VObject() : failure(id, e.code(), e.what());
   } catch (const std::exception& e) {
     // The log has the details; the client does not see the server's internals.
     log_line(std::string(parts[1].getstr()) + ": " + e.what());
-    return failure(id, "failed", "the service failed");
+    return notification ? VObject() : failure(id, "failed", "the service failed");
   }
 }
 

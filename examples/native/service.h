@@ -27,7 +27,9 @@ class Refused : public std::runtime_error {
 /// Throws BadMessage: a client that sends anything but requests does not speak this protocol.
 void check_request(const VORN::VObject& request);
 
-/// Executes a request and returns the answer. Any thread may call it. REQUIRES: check_request().
+/// Executes a request and returns the answer; nil for a notification. Any thread may call it.
+///
+/// REQUIRES: check_request().
 VORN::VObject answer_to(const VORN::VObject& request);
 
 VORN::VObject failure(const VORN::VObject& id, const std::string& code, const std::string& text);

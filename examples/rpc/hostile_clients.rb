@@ -3,16 +3,21 @@
 # Hostile clients for the tests: slow, silent, flooding, resetting and malformed ones. They know only the address of the
 # server, which runs in a separate process.
 
+require "socket"
 require "vorn_rpc/stream"
-require_relative "sockets"
 
 module HostileClients
   module_function
 
   RESETTING = [1, 0].pack("ii").freeze # SO_LINGER: close() sends a reset
 
+  def now
+    Process.clock_gettime(Process::CLOCK_MONOTONIC)
+  end
+
   def connect(address)
-    Sockets.connect(address, 5)
+    kind, where = address.split(":", 2)
+    kind == "unix" ? UNIXSocket.new(where) : TCPSocket.new(*where.split(":"))
   end
 
   def request(id, method, *arguments)
@@ -37,7 +42,7 @@ module HostileClients
 
   # How long a well-behaved client waits for an answer, including connecting. Raises after 30 s without one.
   def seconds_for_others(address)
-    began = Sockets.now
+    began = now
     socket = connect(address)
     socket.write(request(1, "echo", "well"))
     raise "no answer" unless IO.select([socket], nil, nil, 30)
@@ -45,22 +50,22 @@ module HostileClients
     VORN::Stream::Decoder.new.feed_each(socket.readpartial(1000)) do |answer|
       raise "a wrong answer: #{answer.inspect}" unless answer == [1, nil, "well"]
     end
-    Sockets.now - began
+    now - began
   ensure
     socket.close if socket
   end
 
   # How long until the server closes the connection; nil: it does not within `limit`. Received bytes are dropped.
   def seconds_until_closed(socket, limit)
-    began = Sockets.now
+    began = now
     loop do
-      left = began + limit - Sockets.now
+      left = began + limit - now
       return unless left > 0 && IO.select([socket], nil, nil, left)
 
       socket.readpartial(65_536)
     end
   rescue EOFError, Errno::ECONNRESET
-    Sockets.now - began
+    now - began
   end
 
   # Requests many large answers in one write and reads none. Returns the longest time that another client waited.

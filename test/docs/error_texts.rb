@@ -4,16 +4,16 @@
 # each row of the library's own texts has its source. bin/test documents calls it.
 
 TABLE = "docs/operations/operating.md"
-SOURCES = Dir["{ext,proto,vobject,stream}/*.{cc,h}"] + Dir["lib/vorn_rpc/{stream,packing}{,/*}.rb"] +
+SOURCES = Dir["{ext,proto,vobject,stream}/*.{cc,h}"] + Dir["lib/vorn_rpc/{stream,packing,rpc}{,/*}.rb"] +
           %w[ext/extconf.rb tools/inspect/stream_scanner.cc tools/inspect/value_scanner.cc]
 
 # Names of data types look like messages, but no error contains them. The place of damage stands above its table.
-NO_ERROR = /\AVORN |\A \(at byte \z|\A of the stream\)\z/
+NO_ERROR = /\AVORN |\A \(at byte \z|\A of the stream\)\z|\A%s: %s; closing\z/
 
 # What is raised, or reported; what it says of a value becomes %s.
 def texts_of_ruby(code)
   code = code.gsub(/^\s*#.*/, "")
-  code.scan(/(?:raise|skip).*?"(.*)"/).flatten.map { |text| text.gsub(/\#{.*?}/, "%s") }
+  code.scan(/(?:raise|skip|lose|failure|logger\.warn).*?"(.*)"/).flatten.map { |text| text.gsub(/\#{.*?}/, "%s") }
 end
 
 # The string literals of a source that look like a message, with adjacent literals joined.

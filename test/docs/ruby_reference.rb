@@ -8,7 +8,7 @@
 require "rdoc/rdoc"
 require "stringio"
 require "vorn_rpc/packing"
-require "vorn_rpc/stream"
+require "vorn_rpc/rpc"
 
 ROOT = File.expand_path("../..", __dir__)
 TITLE = "Vorn RPC #{VORN::VERSION}"
@@ -40,10 +40,10 @@ end
 
 # Returns the names of what is not documented.
 def missing_in(store)
-  owners = [VORN::PROTO, VORN::Stream, VORN::Packing]
+  owners = [VORN::PROTO, VORN::Stream, VORN::Packing, VORN::RPC]
   classes = owners.flat_map { |mod| mod.constants(false).map { |name| mod.const_get(name) } }.grep(Class)
   classes << VORN::Packing
-  missing = [VORN, VORN::PROTO, VORN::Stream, *classes].flat_map do |owner|
+  missing = [VORN, VORN::PROTO, VORN::Stream, VORN::RPC, *classes].flat_map do |owner|
     page = store.find_class_or_module(owner.name)
     next [owner.name] unless page
     own = text?(page) ? [] : [owner.name]
@@ -58,8 +58,8 @@ def missing_in(store)
   end
   # A documented method that the extension lacks is a mistake in the sources or in their parsing.
   methods = store.all_classes_and_modules.flat_map(&:method_list)
-  read = methods.reject { |method| method.visibility == :private }
-  known = classes.flat_map { |owner| owner.public_instance_methods(false) }.map(&:to_s)
+  read = methods.reject { |method| method.visibility != :public }
+  known = classes.flat_map { |owner| owner.public_instance_methods(false) + owner.singleton_methods(false) }.map(&:to_s)
   unknown = read.map(&:name).uniq - known - %w[new]
   [missing, unknown]
 end

@@ -5,7 +5,7 @@ require_relative "helper"
 require "socket"
 require "stringio"
 require "vorn_rpc/packing"
-require "vorn_rpc/stream"
+require "vorn_rpc/rpc"
 
 # Runs the examples in the methods' comments. Indented lines are examples:
 #
@@ -81,6 +81,8 @@ class DocumentationTest < ExtTest
     stream = VORN::Stream
     classes = [stream::Decoder, stream::Encoder, stream::Reader, stream::Writer, VORN::Packing]
     methods = classes.flat_map { |klass| klass.public_instance_methods(false) + [:initialize] }
+    methods += [VORN::RPC::Client, VORN::RPC::Server].flat_map { |klass| klass.public_instance_methods(false) }
+    methods -= [:run] # that of #stop runs it
     shown = RUBY_COMMENTS.reject { |comment| comment.example.empty? }.flat_map(&:signatures)
     assert_empty methods.map(&:to_s).uniq - shown
   end

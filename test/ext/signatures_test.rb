@@ -2,7 +2,7 @@
 
 require_relative "helper"
 require "vorn_rpc/packing"
-require "vorn_rpc/stream"
+require "vorn_rpc/rpc"
 begin
   require "rbs"
 rescue LoadError
@@ -22,6 +22,10 @@ class SignaturesTest < Minitest::Test
   PACKING = VORN::Packing
   PACKING_CLASSES = [PACKING, PACKING::Error, PACKING::UnknownType, PACKING::Malformed, PACKING::TooDeep].freeze
   STATISTICS = STREAM::Decoder::Statistics
+
+  RPC = VORN::RPC
+  RPC_CLASSES = [RPC::Client, RPC::Server, RPC::Error, RPC::TimedOut, RPC::ConnectionLost, RPC::BadMessage,
+                 RPC::RemoteError, RPC::Refused].freeze
 
   # Parsed before the first test runs: other tests compact the heap, and the parser of rbs 2.1 crashes when its objects
   # are moved.
@@ -66,7 +70,7 @@ class SignaturesTest < Minitest::Test
   end
 
   def test_methods_above_the_core
-    [*STREAM_CLASSES, *PACKING_CLASSES].each do |klass|
+    [*STREAM_CLASSES, *PACKING_CLASSES, *RPC_CLASSES].each do |klass|
       defined = klass.public_instance_methods(false)
       defined += [:initialize] if klass.private_instance_methods(false).include?(:initialize)
       declared = signatures(klass)
@@ -105,12 +109,12 @@ class SignaturesTest < Minitest::Test
   end
 
   def test_superclasses_and_constants
-    [*CLASSES, *STREAM_CLASSES, *PACKING_CLASSES, STATISTICS].each do |mod|
+    [*CLASSES, *STREAM_CLASSES, *PACKING_CLASSES, *RPC_CLASSES, STATISTICS].each do |mod|
       declared = builder.ancestor_builder.one_instance_ancestors(type_name(mod)).super_class.name.to_s
       assert_equal mod.superclass.name, declared.sub(/\A::/, ""), mod.name
     end
     declared = ENVIRONMENT.constant_decls.keys.map(&:to_s).grep(/\A::VORN::/).sort
-    owners = [VORN, VORN::PROTO, VORN::Stream, *CLASSES, *STREAM_CLASSES, *PACKING_CLASSES]
+    owners = [VORN, VORN::PROTO, VORN::Stream, VORN::RPC, *CLASSES, *STREAM_CLASSES, *PACKING_CLASSES, *RPC_CLASSES]
     own = owners.flat_map { |mod| mod.constants(false).map { |name| "::#{mod}::#{name}" } }
     modules = own.select { |name| Object.const_get(name.sub(/\A::/, "")).is_a?(Module) }
     assert_equal (own - modules).sort, declared

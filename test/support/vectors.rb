@@ -22,7 +22,40 @@ module Vectors
     end
   end
 
+  # What a server does with the payload of a frame: the payloads of its answers, and "closes".
+  Call = Struct.new(:name, :payload, :outcome) do
+    # Sends it to a server. When all has come that should, another request shows that nothing else does.
+    def outcome_at(socket)
+      socket.write(Vectors.frame(payload))
+      answers = outcome.map { answer(socket) }
+      return answers if answers.last == "closes"
+      socket.write(Vectors.frame(Hex.decode("0A 07 03 65 6E 64 07 04 65 63 68 6F 0A 00 0B 0B")))
+      last = answer(socket)
+      last == "0A 07 03 65 6E 64 00 00 0B" ? answers : answers << last
+    end
+
+    private
+
+    def answer(socket)
+      header = socket.read(8)
+      header ? Hex.encode(socket.read(header.unpack("x4N")[0])).upcase : "closes"
+    rescue Errno::ECONNRESET
+      "closes"
+    end
+  end
+
   module_function
+
+  def frame(payload)
+    [0xA5, 1, 0, payload.bytesize].pack("CCnN") + payload
+  end
+
+  def calls
+    table("calls.txt", 3).map do |name, payload, outcome|
+      outcomes = outcome.split(";").map { |cell| cell.strip == "closes" ? "closes" : Hex.encode(bytes(cell)).upcase }
+      Call.new(name, bytes(payload), outcome == "-" ? [] : outcomes)
+    end
+  end
 
   # The results of each codec: notation or "!fault", and the bytes it writes, nil if none.
   def values

@@ -1,0 +1,396 @@
+# frozen_string_literal: true
+
+require_relative "helper"
+
+class RpcClientTest < RpcTest
+  def test_calls_of_many_threads
+    with_client do |client|
+      threads = Array.new(20) do |one|
+        Thread.new { (0...50).all? { |other| client.call("add", one, other) == one + other } }
+      end
+      assert within { threads.all?(&:value) }
+    end
+  end
+
+  # They share one connection, and the answers come in their own order.
+  def test_calls_in_flight_at_once
+    with_client do |client|
+      finished = Queue.new
+      began = now
+      threads = [0.6, 0.4, 0.2].map { |seconds| Thread.new { finished << client.call("sleep", seconds) } }
+      threads.each(&:join)
+      assert_operator now - began, :<, 1.1
+      assert_equal [0.2, 0.4, 0.6], Array.new(3) { finished.pop }
+    end
+  end
+
+  # The thread that reads has its answer first, is ended, or times out: another one reads on.
+  def test_whoever_reads_may_leave
+    with_client do |client|
+      first = Thread.new { client.call("sleep", 0.2) }
+      sleep(0.05)
+      second = Thread.new { client.call("sleep", 0.4) }
+      assert_equal [0.2, 0.4], within { [first, second].map(&:value) }
+
+      first = Thread.new { client.call("sleep", 5) }
+      sleep(0.05)
+      second = Thread.new { client.call("sleep", 0.3) }
+      sleep(0.05)
+      first.kill
+      assert_equal 0.3, within { second.value }
+
+      first = Thread.new { client.call("sleep", 0.8) }
+      sleep(0.05)
+      began = now
+      assert_raises(TimedOut) { client.with(timeout: 0.2).call("sleep", 0.7) }
+      assert_operator now - began, :<, 0.6
+      assert_equal 0.8, within { first.value }
+
+      first = Thread.new { assert_raises(TimedOut) { client.with(timeout: 0.1).call("sleep", 2) } }
+      sleep(0.05)
+      second = Thread.new { client.call("sleep", 0.3) }
+      within { [first, second].each(&:join) }
+    end
+  end
+
+  # Exceptions from outside, at any moment, lose no other call.
+  def test_threads_that_are_interrupted
+    with_client(max_in_progress: 100) do |client|
+      calm = Array.new(3) do |one|
+        Thread.new { (0...150).all? { |other| client.call("add", one, other) == one + other } }
+      end
+      150.times do |number|
+        thread = Thread.new { client.call("echo", number) }
+        thread.report_on_exception = false if thread.respond_to?(:report_on_exception=)
+        sleep(rand / 1000)
+        number.odd? ? thread.raise(IndexError) : thread.kill
+        begin
+          within { thread.join }
+        rescue IndexError
+          nil
+        end
+      end
+      assert within { calm.all?(&:value) }
+      assert_equal 3, client.call("add", 1, 2)
+    end
+  end
+
+  # The exception comes when bytes have been read and nobody has looked at them.
+  def test_an_interrupt_between_reading_and_decoding
+    interrupt = false
+    here, there = UNIXSocket.pair
+    here.define_singleton_method(:read_nonblock) do |length, buffer, **options|
+      chunk = super(length, buffer, **options)
+      Thread.current.raise(IndexError) if interrupt && chunk.is_a?(String)
+      chunk
+    end
+    Client.open(->(_) { here }) do |client|
+      reader = Thread.new { assert_raises(IndexError) { client.call("echo", 1) } }
+      eventually("it reads") { client.instance_variable_get(:@state).connection && reader.stop? }
+      other = Thread.new { client.call("echo", 2) }
+      both = 2 * frame([1, "echo", [1]]).bytesize
+      eventually("both have been sent") { there.recv(1000, Socket::MSG_PEEK).bytesize == both }
+      interrupt = true
+      there.write(frame([2, nil, "two"]).byteslice(0, 12))
+      within { reader.join }
+      interrupt = false
+      there.write(frame([2, nil, "two"]).byteslice(12..-1))
+      assert_equal "two", within { other.value }
+    end
+    there.close
+  end
+
+  # Who is to read next is ended before it knows: somebody else has to.
+  def test_the_next_reader_is_ended
+    here, there = UNIXSocket.pair
+    Client.open(->(_) { here }) do |client|
+      calls = Array.new(3) do |number|
+        thread = Thread.new { client.call("echo", number) }
+        eventually("it waits") do
+          connection = client.instance_variable_get(:@state).connection
+          connection && connection.instance_variable_get(:@calls).size == number + 1 && thread.stop?
+        end
+        thread
+      end
+      lock = client.instance_variable_get(:@state).connection.instance_variable_get(:@lock)
+      lock.lock
+      there.write(frame([1, nil, "one"]))
+      sleep(0.1) # the first has read it, and wants the lock
+      calls[1].kill
+      sleep(0.1) # so does the second, to leave
+      lock.unlock
+      assert_equal "one", within { calls[0].value }
+      there.write(frame([3, nil, "three"]))
+      assert_equal "three", within(3) { calls[2].value }
+    end
+    there.close
+  end
+
+  # A thread that only looked whether the connection had ended reads for a moment.
+  def test_who_reads_before_a_call
+    entered = Queue.new
+    go_on = Queue.new
+    hooked = false
+    here, there = UNIXSocket.pair
+    here.define_singleton_method(:read_nonblock) do |length, buffer, **options|
+      if hooked
+        hooked = false
+        entered << true
+        go_on.pop
+      end
+      super(length, buffer, **options)
+    end
+    Client.open(->(_) { here }) do |client|
+      first = Thread.new { client.call("echo", 1) }
+      there.readpartial(1000)
+      there.write(frame([1, nil, 1]))
+      within { first.join }
+      hooked = true
+      looking = Thread.new { assert_raises(RuntimeError) { client.call("echo", Time.now) } }
+      within { entered.pop }
+      waiting = Thread.new { client.call("echo", 2) }
+      connection = client.instance_variable_get(:@state).connection
+      eventually("the other one waits") { connection.instance_variable_get(:@calls).any? && waiting.stop? }
+      there.readpartial(1000)
+      go_on << true
+      within { looking.join }
+      there.write(frame([2, nil, 2]))
+      assert_equal 2, within(3) { waiting.value }
+    end
+    there.close
+  end
+
+  def test_time_outs
+    with_client do |client|
+      began = now
+      error = assert_raises(TimedOut) { client.with(timeout: 0.2).call("sleep", 1) }
+      assert_equal "no answer in time", error.message
+      assert_includes 0.15..0.9, now - began
+      # The late answer is dropped.
+      assert_equal 1, client.call("echo", 1)
+      assert_equal 1.2, client.call("sleep", 1.2)
+    end
+  end
+
+  def test_a_silent_server
+    fake_server(->(_) { "" }) do |address|
+      Client.open(address, timeout: 0.2) { |client| assert_raises(TimedOut) { client.call("echo", 1) } }
+    end
+  end
+
+  NO_ANSWERS = {
+    "\xA5\x01\x00\x00\x7F\xFF\xFF\xFF".b =>
+      "a frame announces 2147483647 bytes, 1048576 are accepted (at byte 0 of the stream)",
+    "HTTP/1.1 400\r\n" => "bytes that belong to no frame (at byte 0 of the stream)"
+  }.merge(["hello", nil, [], [1, nil], [1, nil, 1, 1], [1, "error", nil], [1, ["code"], nil], [1, ["code", 1], nil],
+           [1, [1, "text"], nil], [1, [], nil], [1, false, 1], { 1 => nil }]
+          .map { |message| [VORN::Stream::Encoder.new.frame(message), "not an answer"] }.to_h).freeze
+
+  def test_what_is_no_answer
+    NO_ANSWERS.each do |bytes, reason|
+      fake_server(->(_) { bytes }) do |address|
+        Client.open(address) do |client|
+          assert_equal reason, assert_raises(ConnectionLost) { client.call("echo", 1) }.message
+        end
+      end
+    end
+  end
+
+  def test_answers_to_questions_never_asked
+    others = frame([2, nil, 2]) + frame([nil, nil, nil]) + frame([1.0, nil, 1.0]) + frame(["1", nil, "1"]) + frame
+    fake_server(->(_) { others * 100 + frame([1, nil, "mine"], [1, nil, "second"]) }) do |address|
+      Client.open(address) { |client| assert_equal "mine", client.call("echo", 1) }
+    end
+  end
+
+  # The server ends in the middle of a call, and comes back.
+  def test_connections_that_are_lost
+    answer = frame([1, nil, 1])
+    (0...answer.bytesize).each do |cut|
+      here, there = UNIXSocket.pair
+      Client.open(->(_) { here }) do |client|
+        call = Thread.new { assert_raises(ConnectionLost) { client.call("echo", 1) } }
+        there.readpartial(100)
+        there.write(answer.byteslice(0, cut))
+        there.close
+        assert_match(/closed the connection|reset/, within { call.value }.message)
+        assert here.closed?
+      end
+    end
+  end
+
+  def test_a_server_that_restarts
+    address = "unix:#{@folder}/socket"
+    client = Client.new(address)
+    serve(address, stop_seconds: 0.1) do |server|
+      assert_equal 3, client.call("add", 1, 2)
+      stopper = Thread.new { sleep(0.2); server.stop }
+      assert_raises(ConnectionLost, RemoteError) { client.call("sleep", 5) }
+      stopper.join
+    end
+    began = now
+    error = assert_raises(ConnectionLost) { client.with(timeout: 0.5).call("add", 1, 2) }
+    assert_match(/\Acannot connect: /, error.message)
+    assert_operator now - began, :<, 1
+    # A call that begins before the server does succeeds.
+    call = Thread.new { client.call("add", 1, 2) }
+    sleep(0.2)
+    serve(address) do
+      assert_equal 3, within { call.value }
+      client.close
+    end
+  end
+
+  # The end of a connection that nobody uses costs no call.
+  def test_a_connection_that_ends_between_calls
+    address = "unix:#{@folder}/socket"
+    client = Client.new(address)
+    2.times { serve(address) { assert_equal 3, client.call("add", 1, 2) } }
+    client.close
+  end
+
+  def test_calls_that_may_be_repeated
+    # Two connections end without an answer.
+    fake_server(->(number) { number < 3 ? "\x00" : frame([1, nil, number]) }) do |address|
+      Client.open(address, repeat: true) { |client| assert_equal 3, client.call("echo", 1) }
+    end
+    fake_server(->(_) { "\x00" }) do |address|
+      Client.open(address) do |client|
+        began = now
+        assert_raises(ConnectionLost) { client.with(repeat: true, timeout: 0.4).call("echo", 1) }
+        assert_includes 0.1..1, now - began
+      end
+    end
+  end
+
+  # Nothing is sent, and the connection remains.
+  def test_arguments_that_cannot_be_sent
+    with_client do |client|
+      { RuntimeError => Time.now, RangeError => 5_000_000_000,
+        VORN::Stream::MessageTooLarge => "x" * (1 << 20) }.each do |error, argument|
+        assert_raises(error) { client.call("echo", argument) }
+        assert_raises(error) { client.notify("echo", argument) }
+        assert_equal 1, client.call("echo", 1)
+      end
+    end
+  end
+
+  # The server takes no more before its answers are read, and the client's only thread writes.
+  def test_writing_while_answers_wait
+    serve("unix:#{@folder}/socket", write_seconds: 10, max_in_progress: 1) do |server|
+      Client.open(server.address) do |client|
+        40.times do
+          begin
+            client.with(timeout: 0.002).call("fill", 900_000)
+          rescue TimedOut
+            nil # as nearly all of them
+          end
+        end
+        assert_equal "y" * 1_000_000, client.call("echo", "y" * 1_000_000)
+      end
+    end
+  end
+
+  # Nothing can follow a part of a request, so the next one needs another connection.
+  def test_a_server_that_takes_nothing
+    pairs = []
+    connect = ->(_) { pairs.push(UNIXSocket.pair).last[0] }
+    Client.open(connect, timeout: 0.2) do |client|
+      error = assert_raises(ConnectionLost) { loop { client.notify("echo", "x" * 100_000) } }
+      assert_match(/the server takes nothing/, error.message)
+      assert pairs[0][0].closed?
+      client.notify("echo", 1)
+      assert_equal 2, pairs.size
+    end
+    pairs.each { |_, there| there.close }
+  end
+
+  # After the largest id comes 1: an id beyond 32 bits would come back as another. A call that waits keeps its own.
+  def test_ids_wrap_around
+    with_client do |client|
+      client.call("echo", 0)
+      connection = client.instance_variable_get(:@state).connection
+      connection.instance_variable_set(:@last_id, 2**31 - 3)
+      assert_equal [0, 1, 2, 3], Array.new(4) { |number| client.call("echo", number) }
+      assert_equal 2, connection.instance_variable_get(:@last_id)
+
+      connection.instance_variable_set(:@last_id, 0)
+      long = Thread.new { client.call("sleep", 0.4) }
+      eventually("it is under way") { connection.instance_variable_get(:@calls).keys == [1] }
+      connection.instance_variable_set(:@last_id, 0)
+      assert_equal 1, client.call("echo", 1)
+      assert_equal 2, connection.instance_variable_get(:@last_id)
+      assert_equal 0.4, within { long.value }
+    end
+  end
+
+  def test_closing
+    with_client do |client|
+      calls = Array.new(3) { Thread.new { assert_raises(ConnectionLost) { client.call("sleep", 5) }.message } }
+      sleep(0.2)
+      client.close
+      assert_equal ["the client is closed"] * 3, within { calls.map(&:value) }
+      assert_equal "the client is closed", assert_raises(ConnectionLost) { client.call("echo", 1) }.message
+      client.close
+      began = now
+      assert_raises(ConnectionLost) { client.with(repeat: true).call("echo", 1) }
+      assert_operator now - began, :<, 1
+    end
+    Client.new("tcp:127.0.0.1:1").close # without a connection
+    assert_equal 1, Client.open("tcp:127.0.0.1:1") { 1 }
+  end
+
+  def test_what_the_connection_raises
+    assert_raises(KeyError) { Client.new(->(_) { {}.fetch(1) }).call("echo", 1) }
+    error = assert_raises(ConnectionLost) { Client.new(->(_) { raise IOError, "no" }, timeout: 0.1).call("echo", 1) }
+    assert_equal "cannot connect: no", error.message
+    assert_match(/cannot connect: /, assert_raises(ConnectionLost) do
+      Client.new("unix:#{@folder}/nothing", timeout: 0.1).call("echo", 1)
+    end.message)
+  end
+
+  def test_a_hook_around_each_call
+    calls = []
+    around = lambda do |name, arguments, &run|
+      result = run.call
+      calls << [name, arguments, result]
+      result
+    end
+    serve do |server|
+      Client.open(server.address, around: around) do |client|
+        assert_equal 3, client.call("add", 1, 2)
+        assert_equal 7, client.with(timeout: 1).call("add", 3, 4)
+        client.notify("add", 5, 6)
+        assert_raises(RemoteError) { client.call("fail") }
+      end
+    end
+    assert_equal [["add", [1, 2], 3], ["add", [3, 4], 7], ["add", [5, 6], nil]], calls
+  end
+
+  def test_symbols_and_limits
+    serve do |server|
+      Client.open(server.address) { |client| assert_equal "s", client.call("echo", :s) }
+      Client.open(server.address, preserve_symbols: true, max_length: 100) do |client|
+        # The server's own Symbols; its decoder makes Strings of the client's.
+        assert_equal "s", client.call("echo", :s)
+        assert_raises(VORN::Stream::MessageTooLarge) { client.call("echo", "x" * 100) }
+        assert_raises(ConnectionLost) { client.call("fill", 100) }
+      end
+      Client.open(server.address, max_depth: 3) do |client|
+        assert_equal [], client.call("echo", [])
+        assert_raises(ConnectionLost) { client.call("echo", [[1]]) }
+      end
+    end
+    serve(methods: { "symbol" => -> { :s } }) do |server|
+      Client.open(server.address, preserve_symbols: true) { |client| assert_equal :s, client.call("symbol") }
+    end
+  end
+
+  # A call that does not return is not held by Timeout either.
+  def test_timeout_from_outside
+    with_client do |client|
+      assert_raises(Timeout::Error) { Timeout.timeout(0.1) { client.call("sleep", 2) } }
+      assert_equal 1, client.call("echo", 1)
+    end
+  end
+end

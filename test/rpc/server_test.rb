@@ -1,0 +1,563 @@
+# frozen_string_literal: true
+
+require_relative "helper"
+begin
+  require "openssl"
+rescue LoadError
+  nil # test_tls is skipped
+end
+
+class RpcServerTest < RpcTest
+  Refused = VORN::RPC::Refused
+
+  # Each way to run methods: worker threads, and the thread of the loop.
+  WORKERS = [8, 0].freeze
+
+  def test_a_call
+    WORKERS.each do |workers|
+      with_client(workers: workers) do |client|
+        assert_equal 42, client.call("add", 20, 22)
+        value = [{ "a" => [1, 2.5, nil, true, "text", "\xFF".b] }]
+        assert_equal value, client.call("echo", value)
+        assert_nil client.call("echo", nil)
+        assert_equal false, client.call("echo", false)
+      end
+    end
+  end
+
+  def test_addresses
+    ["tcp:127.0.0.1:0", "unix:#{@folder}/socket"].each do |address|
+      serve(address) { |server| Client.open(server.address) { |client| assert_equal 3, client.call("add", 1, 2) } }
+    end
+    ["", "tcp:127.0.0.1", "tcp::1", "udp:127.0.0.1:1", "unix:", "tcp:a:b"].each do |address|
+      assert_raises(ArgumentError, address) { Server.new(address, {}) }
+      assert_raises(ArgumentError, address) { Client.new(address) }
+    end
+  end
+
+  def test_listening_sockets
+    [TCPServer.new("127.0.0.1", 0), Addrinfo.tcp("127.0.0.1", 0).listen].each do |listener|
+      serve(listener) { |server| Client.open(server.address) { |client| assert_equal 3, client.call("add", 1, 2) } }
+      assert listener.closed?
+    end
+  end
+
+  # A stale socket file is replaced; one in use is not.
+  def test_socket_files
+    address = "unix:#{@folder}/socket"
+    serve(address) { assert_raises(Errno::EADDRINUSE) { Server.new(address, {}) } }
+    assert File.socket?("#{@folder}/socket")
+    serve(address) { Client.open(address) { |client| assert_equal 3, client.call("add", 1, 2) } }
+  end
+
+  def test_a_connection_that_exists
+    serve(nil) do |server|
+      assert_nil server.address
+      here, there = UNIXSocket.pair
+      server.serve(there)
+      Client.open(->(_) { here }) { |client| assert_equal 3, client.call("add", 1, 2) }
+      eventually("the server closes it") { there.closed? }
+    end
+  end
+
+  def test_a_connection_that_somebody_else_closes
+    serve(nil) do |server|
+      2.times do
+        here, there = UNIXSocket.pair
+        server.serve(there)
+        Client.open(->(_) { here }) { |client| client.call("echo", 1); there.close }
+      end
+      here, there = UNIXSocket.pair
+      server.serve(there)
+      Client.open(->(_) { here }) { |client| assert_equal 3, client.call("add", 1, 2) }
+    end
+  end
+
+  def tls_contexts
+    key = OpenSSL::PKey::RSA.new(2048)
+    certificate = OpenSSL::X509::Certificate.new
+    certificate.version = 2
+    certificate.serial = 1
+    certificate.subject = certificate.issuer = OpenSSL::X509::Name.parse("/CN=localhost")
+    certificate.public_key = key.public_key
+    certificate.not_before = Time.now - 60
+    certificate.not_after = Time.now + 600
+    certificate.sign(key, OpenSSL::Digest.new("SHA256"))
+    server = OpenSSL::SSL::SSLContext.new
+    server.cert = certificate
+    server.key = key
+    client = OpenSSL::SSL::SSLContext.new
+    client.verify_mode = OpenSSL::SSL::VERIFY_PEER
+    client.cert_store = OpenSSL::X509::Store.new.tap { |store| store.add_cert(certificate) }
+    [server, client]
+  end
+
+  def test_tls
+    skip("this Ruby has no openssl") unless defined?(OpenSSL::SSL)
+    server_context, client_context = tls_contexts
+    serve(tls: server_context) do |server, log|
+      port = Integer(server.address[/\d+\z/])
+      secure = lambda do |_|
+        OpenSSL::SSL::SSLSocket.new(TCPSocket.new("127.0.0.1", port), client_context).tap do |ssl|
+          ssl.sync_close = true
+          ssl.connect
+        end
+      end
+      # Silent in the middle of the handshake: it keeps nobody waiting.
+      silent = TCPSocket.new("127.0.0.1", port)
+      Client.open(secure) do |client|
+        assert_equal 42, client.call("add", 20, 22)
+        threads = Array.new(4) { |size| Thread.new { client.call("fill", 250_000 * size).bytesize } }
+        assert_equal [0, 250_000, 500_000, 750_000], within { threads.map(&:value) }
+        assert_equal "y" * 1_000_000, client.call("echo", "y" * 1_000_000)
+      end
+      silent.write("GET / HTTP/1.1\r\n\r\n")
+      assert closed?(silent)
+      silent.close
+      eventually("the log says it") { log.string =~ /SSLError/ }
+    end
+  end
+
+  def test_errors
+    methods = METHODS.merge(
+      "refuse" => -> { raise Refused.new("overdrawn", "7 is too much") }, "now" => -> { Time.now },
+      "large" => -> { 5_000_000_000 }, "long" => -> { raise Refused.new("code", "x" * (1 << 20)) },
+      "missing" => -> { raise NotImplementedError }, "stack" => -> { raise SystemStackError },
+      "throw" => -> { throw :nothing }, "symbol" => -> { raise Refused.new(:code, "text") }
+    )
+    WORKERS.each do |workers|
+      with_client(methods: methods, workers: workers) do |client, log|
+        {
+          ["nothing"] => ["no such method", "no method \"nothing\""],
+          ["n\n" * 50] => ["no such method", "no method #{("n\n" * 20).inspect}"],
+          ["add", 1] => ["bad arguments", "add takes 2, not 1"],
+          ["refuse"] => ["overdrawn", "7 is too much"],
+          ["symbol"] => %w[code text],
+          ["fail"] => ["failed", "the service failed"],
+          ["missing"] => ["failed", "the service failed"],
+          ["stack"] => ["failed", "the service failed"],
+          ["throw"] => ["failed", "the service failed"],
+          ["now"] => ["failed", "the result cannot be sent"],
+          ["long"] => ["too large", "a frame of 1048592 bytes, 1048576 are allowed"],
+          ["large"] => ["failed", "the result cannot be sent"],
+          ["fill", 1 << 20] => ["too large", "a frame of 1048584 bytes, 1048576 are allowed"]
+        }.each do |call, (code, text)|
+          error = assert_raises(RemoteError, call.inspect) { client.call(*call) }
+          assert_equal [code, text, "#{code}: #{text}"], [error.code, error.text, error.message], call.inspect
+        end
+        assert_equal 3, client.call("add", 1, 2)
+        # The log has the details that the client does not get.
+        assert_match(/fail: as told \(RuntimeError\) at .*helper.rb:/, log.string)
+        assert_match(/the result cannot be sent: serialize_rbobj_to_packetbuf: unsupported rb_type/, log.string)
+      end
+    end
+  end
+
+  def test_how_many_arguments
+    methods = {
+      "none" => -> { 0 }, "optional" => ->(_a, _b = 2) { 1 }, "rest" => ->(_a, *rest) { rest.size },
+      "proc" => proc { |a, b| [a, b] }, "method" => [3, 4].method(:push), :symbol => ->(a) { a }
+    }
+    with_client(methods: methods) do |client|
+      assert_equal [0, 1, 1, 2], [client.call("none"), client.call("optional", 1), client.call("optional", 1, 2),
+                                  client.call("rest", 1, 2, 3)]
+      assert_equal [[nil, nil], [1, 2]], [client.call("proc"), client.call("proc", 1, 2)]
+      assert_equal [3, 4, 5], client.call("method", 5)
+      # A Hash is an argument like others, whatever its keys.
+      assert_equal({}, client.call("symbol", {}))
+      assert_equal({ "a" => 1 }, client.call("symbol", { a: 1 }))
+      {
+        ["none", 1] => "none takes 0, not 1", ["optional"] => "optional takes 1 to 2, not 0",
+        ["rest"] => "rest takes 1 or more, not 0", ["proc", 1, 2, 3] => "proc takes 0 to 2, not 3"
+      }.each do |call, text|
+        assert_equal text, assert_raises(RemoteError) { client.call(*call) }.text
+      end
+    end
+    { { "no" => 1 } => "no body of a method: no",
+      { "keyword" => ->(a:) { a } } => "a method of a server takes no keywords: keyword" }.each do |wrong, text|
+      assert_equal text, assert_raises(ArgumentError) { Server.new(nil, wrong) }.message
+    end
+  end
+
+  # With one worker, so that the calls are made in their order.
+  def test_notifications
+    heard = []
+    methods = { "hear" => ->(value) { heard << value }, "fail" => -> { raise "as told" }, "last" => -> { heard } }
+    WORKERS.map { |workers| [workers, 1].min }.each do |workers|
+      heard.clear
+      with_client(methods: methods, workers: workers) do |client, log|
+        assert_nil client.notify("hear", 1)
+        assert_nil client.notify("fail")
+        assert_nil client.notify("nothing")
+        client.notify("hear", 2)
+        assert_equal [1, 2], client.call("last")
+        assert_match(/fail: as told/, log.string)
+        assert_match(/nothing: no method "nothing"/, log.string)
+      end
+    end
+  end
+
+  def test_a_hook_around_each_call
+    calls = []
+    around = lambda do |name, arguments, &run|
+      raise Refused.new("forbidden", "not this one") if name == "fail"
+      calls << [name, arguments, run.call]
+      calls.last[2]
+    end
+    with_client(around: around) do |client|
+      assert_equal 3, client.call("add", 1, 2)
+      assert_equal "forbidden", assert_raises(RemoteError) { client.call("fail") }.code
+      assert_raises(RemoteError) { client.call("nothing") }
+    end
+    assert_equal [["add", [1, 2], 3]], calls
+  end
+
+  # A method that ends its thread, by any means, ends neither the worker nor the call without an answer.
+  def test_methods_that_end_their_thread
+    methods = { "exit" => -> { Thread.exit }, "kill" => -> { Thread.current.kill }, "add" => METHODS["add"] }
+    with_client(methods: methods, workers: 1) do |client|
+      %w[exit kill].each do |name|
+        assert_equal "failed", assert_raises(RemoteError) { client.call(name) }.code
+        assert_equal 3, client.call("add", 1, 2)
+      end
+    end
+  end
+
+  NO_REQUESTS = {
+    "GET / HTTP/1.1\r\n\r\n" => "bytes that belong to no frame (at byte 0 of the stream)",
+    "\xA5\x01\x00\x00\x7F\xFF\xFF\xFF".b =>
+      "a frame announces 2147483647 bytes, 1048576 are accepted (at byte 0 of the stream)",
+    "\xA5\x00\x00\x00\x00\x00\x00\xDE\xAD\xBE\xEF\x59".b =>
+      "a frame header with wrong check bytes (at byte 0 of the stream)",
+    "\xA5\x01\x00\x00\x00\x00\x00\x01\x0C".b => "a frame whose payload cannot be read: " \
+      "decode_next_packetbuf_rbobj: unrecognized protocol transport type (at byte 0 of the stream)"
+  }.merge([
+    nil, [], [1, "echo"], [1, "echo", [], nil], [1.5, "echo", []], [true, "echo", []], [[1], "echo", []],
+    [1, nil, []], [1, 2, []], [1, "echo", nil], [1, "echo", {}], ["i" * 65, "echo", []], { "id" => 1 }
+  ].map { |message| [VORN::Stream::Encoder.new.frame(message), "not a request"] }.to_h).freeze
+
+  # They get no answer, and end the connection. Requests before them are answered or not.
+  def test_what_is_no_request
+    WORKERS.each do |workers|
+      serve(workers: workers) do |server, log|
+        NO_REQUESTS.each do |bytes, reason|
+          log.truncate(log.rewind)
+          connect(server) do |socket|
+            socket.write(bytes)
+            assert_equal "", within { socket.read }, reason
+          end
+          eventually("the log says: #{reason}") { log.string.include?(": #{reason}; closing") }
+        end
+        Client.open(server.address) { |client| assert_equal 3, client.call("add", 1, 2) }
+      end
+    end
+  end
+
+  # 32 bits, or 64 bytes as Strings.
+  def test_ids
+    serve do |server, log|
+      connect(server) do |socket|
+        ids = [0, -2**31, 2**31 - 1, "", "i" * 64]
+        ids.each { |id| socket.write(frame([id, "echo", [id]])) }
+        assert_equal ids.map(&:to_s).sort, messages(socket, ids.size).map { |id, _, _| id.to_s }.sort
+      end
+      # Beyond 32 bits, as another program might write them.
+      ["\xA0\x80\x80\x80\x20", "\xE1\x80\x80\x80\x20"].each do |id|
+        payload = "\x0A".b + id.b + "\x07\x04echo\x0A\x81\x0B\x0B".b
+        connect(server) do |socket|
+          socket.write([0xA5, 1, 0, payload.bytesize].pack("CCnN") + payload)
+          assert_equal "", within { socket.read }
+        end
+      end
+      eventually("the log says it") { log.string.scan("not a request; closing").size == 2 }
+    end
+  end
+
+  # However the bytes arrive.
+  def test_every_cut_of_a_conversation
+    request = frame([1, "echo", ["text"]])
+    answer = frame([1, nil, "text"])
+    serve do |server|
+      (1...request.bytesize).each do |cut|
+        connect(server) do |socket|
+          socket.write(request.byteslice(0, cut))
+          sleep(0.001)
+          socket.write(request.byteslice(cut..-1))
+          assert_equal answer, within { socket.readpartial(1000) }
+        end
+        connect(server) { |socket| socket.write(request.byteslice(0, cut)) }
+      end
+      Client.open(server.address) { |client| assert_equal 3, client.call("add", 1, 2) }
+    end
+  end
+
+  # More requests at once than a client's share, from a client that reads late: all are answered.
+  def test_requests_that_are_held_back
+    WORKERS.each do |workers|
+      serve(workers: workers) do |server|
+        connect(server) do |socket|
+          2000.times { |id| socket.write(frame([id, "echo", [id]])) }
+          answers = messages(socket, 2000)
+          assert_equal Array.new(2000) { |id| [id, nil, id] }, answers.sort_by(&:first)
+        end
+      end
+    end
+  end
+
+  # And if several are in one frame.
+  def test_frames_of_several_requests
+    serve do |server|
+      connect(server) do |socket|
+        socket.write(frame(*Array.new(50) { |id| [id, "echo", [id]] }) + frame)
+        assert_equal (0...50).to_a, messages(socket, 50).map(&:first).sort
+      end
+    end
+  end
+
+  def test_the_share_of_a_client
+    running = 0
+    most = 0
+    lock = Mutex.new
+    count = lambda do
+      lock.synchronize { most = [most, running += 1].max }
+      sleep(0.02)
+      lock.synchronize { running -= 1 }
+    end
+    serve(methods: { "count" => count }, max_in_progress: 3) do |server|
+      connect(server) do |socket|
+        socket.write(frame([1, "count", []]) * 12)
+        messages(socket, 12)
+      end
+    end
+    assert_equal 3, most
+  end
+
+  # A client that reads no answers has no more requests begun, however small its share of them is.
+  def test_answers_that_are_not_read
+    begun = 0
+    fill = lambda do
+      begun += 1
+      "x" * 50_000
+    end
+    serve("unix:#{@folder}/socket", methods: { "fill" => fill }, max_in_progress: 8, write_seconds: 20) do |server|
+      connect(server) do |socket|
+        socket.write(frame([1, "fill", []]) * 100)
+        sleep(0.5)
+        assert_operator begun, :<, 30
+        assert_equal 100, messages(socket, 100).size
+      end
+    end
+  end
+
+  # Without workers, one client's requests may not all come before those of others.
+  def test_clients_take_turns
+    serve(methods: METHODS.merge("work" => -> { sleep(0.002) }), workers: 0) do |server|
+      connect(server) do |greedy|
+        greedy.write(frame([1, "work", []]) * 2000)
+        sleep(0.05)
+        Client.open(server.address, timeout: 2) { |client| assert_equal 3, client.call("add", 1, 2) }
+      end
+    end
+  end
+
+  # Other clients are served while the answers of one fill its socket, and afterwards.
+  def test_clients_that_read_nothing
+    WORKERS.each do |workers|
+      serve("unix:#{@folder}/socket", workers: workers, write_seconds: 0.5) do |server, log|
+        connect(server) do |greedy|
+          greedy.write(frame([1, "fill", [1_000_000]]) * 20)
+          Client.open(server.address) { |client| assert_equal 3, client.call("add", 1, 2) }
+          eventually("the server gives up") { log.string.include?("the client takes nothing") }
+          Client.open(server.address) { |client| assert_equal 3, client.call("add", 1, 2) }
+        end
+      end
+    end
+  end
+
+  # A client that reads a little now and then is never stalled, and still too slow.
+  def test_clients_that_read_slowly
+    serve("unix:#{@folder}/socket", write_seconds: 0.5) do |server, log|
+      connect(server) do |socket|
+        socket.write(frame([1, "fill", [1_000_000]]) * 16)
+        eventually("the server gives up") do
+          socket.read_nonblock(10_000, exception: false)
+          sleep(0.01)
+          log.string.include?("the client takes nothing")
+        end
+      end
+    end
+  end
+
+  def test_silent_clients
+    serve(idle_seconds: 0.4, frame_seconds: 0.4) do |server, log|
+      silent = connect(server)
+      waiting = connect(server)
+      waiting.write(frame([1, "sleep", [1]]))
+      began = now
+      assert closed?(silent)
+      assert_includes 0.3..3, now - began
+      # Waiting for an answer does not count as silence; afterwards the timeout runs.
+      assert_equal [[1, nil, 1]], messages(waiting, 1)
+      assert closed?(waiting)
+      assert_equal 2, log.string.scan("silent for 0.4 s; closing").size
+      [silent, waiting].each(&:close)
+    end
+  end
+
+  # A frame that has begun must end in time, whether its bytes stop or trickle in; whole frames may come slowly.
+  def test_slow_clients
+    request = frame([1, "echo", ["x" * 100]])
+    serve(frame_seconds: 1) do |server, log|
+      stopped = connect(server)
+      stopped.write(request.byteslice(0, 9))
+      trickling = connect(server)
+      trickle = Thread.new do
+        begin
+          request.each_char { |byte| trickling.write(byte); sleep(0.03) }
+          :whole
+        rescue SystemCallError
+          :closed
+        end
+      end
+      # No chunk ends at a frame's end, and all together take longer than one frame may.
+      straddling = connect(server)
+      straddling.write(request.byteslice(0, 3))
+      4.times { sleep(0.4); straddling.write(request.byteslice(3..-1) + request.byteslice(0, 3)) }
+      assert_equal 4, messages(straddling, 4).size
+      assert closed?(stopped)
+      assert_equal :closed, within { trickle.value }
+      eventually("the log says it") { log.string.scan("the rest of a frame did not come in 1 s; closing").size >= 2 }
+      [stopped, trickling, straddling].each(&:close)
+    end
+  end
+
+  # Frames that are held back are the server's doing.
+  def test_held_back_is_not_slow
+    serve(workers: 1, frame_seconds: 0.3, idle_seconds: 0.3) do |server|
+      connect(server) do |socket|
+        socket.write(frame([1, "sleep", [0.4]]) * 5)
+        assert_equal 5, messages(socket, 5).size
+      end
+    end
+  end
+
+  def test_too_many_connections
+    serve(max_connections: 2) do |server, log|
+      sockets = Array.new(3) { connect(server) }
+      assert closed?(sockets.last)
+      assert_match(/too many connections; closing the newest/, log.string)
+      sockets.each(&:close)
+      eventually("the server takes clients again") do
+        begin
+          Client.open(server.address) { |client| client.call("add", 1, 2) }
+        rescue ConnectionLost
+          false
+        end
+      end
+    end
+  end
+
+  # The requests of a client that has gone are not begun.
+  def test_clients_that_take_back_their_calls
+    begun = Queue.new
+    methods = METHODS.merge("begin" => ->(number) { begun << number; sleep(0.3) })
+    serve(methods: methods, workers: 1, max_in_progress: 3) do |server|
+      connect(server) do |socket|
+        3.times { |number| socket.write(frame([number, "begin", [number]])) }
+        assert_equal 0, within { begun.pop }
+      end
+      Client.open(server.address) { |client| assert_equal 3, client.call("add", 1, 2) }
+      assert begun.empty?
+    end
+  end
+
+  def test_clients_that_vanish
+    WORKERS.each do |workers|
+      serve(workers: workers) do |server, log|
+        20.times do
+          socket = connect(server)
+          socket.write(frame([1, "sleep", [0.02]]) * 3)
+          socket.setsockopt(:SOCKET, :LINGER, [1, 0].pack("ii")) # close() sends a reset
+          socket.close
+        end
+        Client.open(server.address) { |client| assert_equal 3, client.call("add", 1, 2) }
+        refute_match(/ERROR|FATAL/, log.string)
+      end
+    end
+  end
+
+  # What has begun is answered, what has not is refused, and nothing is accepted any more.
+  def test_stopping
+    serve(workers: 2, max_in_progress: 4) do |server|
+      connect(server) do |socket|
+        4.times { |id| socket.write(frame([id, "sleep", [0.4]])) }
+        sleep(0.2)
+        server.stop
+        answers = messages(socket, 4).sort_by(&:first)
+        assert_equal [[0, nil, 0.4], [1, nil, 0.4]], answers.first(2)
+        assert_equal [%w[stopping] * 2], [answers.last(2).map { |_, error, _| error[0] }]
+        assert closed?(socket)
+        assert_raises(Errno::ECONNREFUSED) { connect(server) }
+      end
+    end
+  end
+
+  # What does not end in time is ended, and clients do not delay the end.
+  def test_stopping_takes_no_longer_than_it_may
+    ended = Queue.new
+    stubborn = -> { begin sleep(60) ensure ended << true end }
+    serve(methods: METHODS.merge("stubborn" => stubborn), stop_seconds: 0.3) do |server|
+      sockets = Array.new(4) { connect(server) }
+      sockets[1].write(frame([1, "stubborn", []]))
+      sockets[2].write(frame([1, "fill", [1_000_000]]) * 16)
+      sockets[3].write(frame([1, "echo", [1]]).byteslice(0, 5))
+      sleep(0.2)
+      began = now
+      server.stop
+      sockets.each { |socket| assert closed?(socket) }
+      assert_operator now - began, :<, 3
+      assert within { ended.pop }
+      sockets.each(&:close)
+    end
+  end
+
+  def test_stopping_before_running
+    server = Server.new("tcp:127.0.0.1:0", {})
+    server.stop
+    within(5) { server.run }
+    server.stop # once more does nothing
+  end
+
+  # What a failure ends: one connection at most.
+  def test_failures_of_an_io
+    serve do |server, log|
+      pipes = []
+      errors = [IOError, Errno::EIO, NotImplementedError, NoMemoryError, SystemStackError, ArgumentError]
+      errors.each do |error|
+        reader, writer = IO.pipe
+        writer << "x"
+        reader.define_singleton_method(:read_nonblock) { |*| raise error, "out of order" }
+        server.serve(reader)
+        pipes << writer
+      end
+      eventually("all are closed") { log.string.scan("out of order").size == errors.size }
+      pipes.each(&:close)
+      Client.open(server.address) { |client| assert_equal 3, client.call("add", 1, 2) }
+    end
+  end
+
+  def test_options
+    [-1, 511, 2**31, "1"].each { |length| assert_raises(ArgumentError) { Server.new(nil, {}, max_length: length) } }
+    assert_raises(ArgumentError) { Server.new(nil, {}, maxlength: 1) }
+    serve(max_length: 512, max_depth: 4) do |server|
+      Client.open(server.address) do |client|
+        assert_equal "x" * 400, client.call("fill", 400)
+        assert_equal "too large", assert_raises(RemoteError) { client.call("fill", 512) }.code
+        assert_equal "no such method", assert_raises(RemoteError) { client.call("\x7F" * 200) }.code
+        assert_equal [1], client.call("echo", [1])
+        assert_raises(ConnectionLost) { client.call("echo", [[1]]) }
+        assert_raises(ConnectionLost) { client.call("echo", "x" * 600) }
+      end
+    end
+  end
+end
