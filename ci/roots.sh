@@ -18,8 +18,9 @@ debian_mirror() {
 
 # make_root NAME RELEASE PACKAGE,PACKAGE,...: makes $roots/NAME unless it is there with these packages.
 make_root() {
-  local name=$1 release=$2 packages=$3 root=$roots/$1 log=$roots/logs/$1.log proxy=
+  local release=$2 packages=$3 root=$roots/$1 log=$roots/logs/$1.log proxy=
   if [ "$(cat "$root/vorn-packages" 2>/dev/null)" = "$packages" ]; then return; fi
+  # shellcheck disable=SC2154 # lib.sh sets it
   echo "$command: making the root $root"
   as_root rm -rf --one-file-system "$root" "$root.partial"
   eval "$(apt-config shell proxy Acquire::http::Proxy 2>/dev/null)"

@@ -26,6 +26,17 @@ set_target_properties(${vorn_rpc_shared_target} PROPERTIES
   VERSION ${PROJECT_VERSION}
   SOVERSION ${PROJECT_VERSION_MAJOR})
 
+# Linkers for ELF know version scripts.
+include(CheckCXXSourceCompiles)
+set(version_script -Wl,--version-script=${CMAKE_CURRENT_LIST_DIR}/vorn_rpc.map)
+set(CMAKE_REQUIRED_LINK_OPTIONS ${version_script})
+check_cxx_source_compiles("int main() {}" VORN_HAS_VERSION_SCRIPTS)
+unset(CMAKE_REQUIRED_LINK_OPTIONS)
+if(VORN_HAS_VERSION_SCRIPTS)
+  target_link_options(${vorn_rpc_shared_target} PRIVATE ${version_script})
+  set_target_properties(${vorn_rpc_shared_target} PROPERTIES LINK_DEPENDS ${CMAKE_CURRENT_LIST_DIR}/vorn_rpc.map)
+endif()
+
 # Uses Boost's own package file: newer releases of CMake no longer have the FindBoost module.
 if(POLICY CMP0167)
   cmake_policy(SET CMP0167 NEW)

@@ -3,6 +3,9 @@
 ///
 /// Writing overwrites: it never inserts, and the buffer never shrinks. reset() moves the position and keeps
 /// the bytes, so a buffer that is reused stops allocating.
+///
+/// What is inline here is compiled into programs: members and their order are as fixed as the exported names, until the
+/// library's SOVERSION changes. So it is with the frames, VObject and all that they are made of.
 #pragma once
 
 #include <cassert>

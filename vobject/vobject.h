@@ -17,6 +17,8 @@
 /// it does not end. Nesting costs machine stack, when a value ends too. docs/guide/cpp.md explains references,
 /// cycles and threads by example.
 ///
+/// A value's layout is compiled into programs, and changes only with the library's SOVERSION.
+///
 /// All failures of the library are VornRuntimeError with the text that is given. Running out of memory is
 /// std::bad_alloc, and asking a string or vector for more than its max_size() is std::length_error; both leave values
 /// as they were, except where an operation says that it works step by step.
