@@ -199,7 +199,7 @@ class AddressSpaceTest < ExtTest
   def test_methods_without_memory
     skip_without_proc
     skip_under_sanitizers
-    skip "no limit of address space here" unless Process.const_defined?(:RLIMIT_AS)
+    skip_without_limits
     output, = run_ruby_with_errors("LIMITS = #{LIMITS}\n#{WORKS}#{HARNESS}")
     puts output if ENV["VORN_LIMITS"]
     assert_match(/\A((Ruby's end|NoMemoryError|SystemStackError|fine): \d+, )*our error: \d+\n\z/, output)

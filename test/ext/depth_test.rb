@@ -52,6 +52,9 @@ class DepthTest < ExtTest
   # Ruby replaces sizes below its minimum by the minimum.
   SMALL = { "RUBY_THREAD_MACHINE_STACK_SIZE" => "1", "RUBY_FIBER_MACHINE_STACK_SIZE" => "1" }.freeze
 
+  # There the interpreter's own hash of nested Arrays overruns a fiber's stack and ends the process (3.1, emulated).
+  HASH_OVERRUNS = RbConfig::CONFIG["host_cpu"] == "s390x"
+
   LITTLE = "--disable-gems".freeze # fewer objects to mark in each collection
 
   def test_values_that_exhaust_the_stack
@@ -60,12 +63,14 @@ class DepthTest < ExtTest
 
   # Deeper keys exceed maxdepth, or take the interpreter too long: hashing nested keys is quadratic in their depth.
   def test_keys_that_exhaust_the_stack
+    skip "the interpreter's own hash overruns the stack here" if HASH_OVERRUNS
     assert_equal "[]\n", run_ruby("#{CALM} read_all([200, 600, 30_000], [:array_key, :hash_keys])")
     assert_equal "[]\n", run_ruby("#{CALM} read_all([400, 1000, 2000, 4000], [:array_key, :equal_keys])")
   end
 
   def test_values_that_exhaust_small_stacks
-    with_env(SMALL) { assert_equal "[]\n", run_ruby("#{CALM} read_all([64, 100, 200, 400, 30_000])") }
+    kinds = HASH_OVERRUNS ? "[:array, :hash]" : "KINDS.keys"
+    with_env(SMALL) { assert_equal "[]\n", run_ruby("#{CALM} read_all([64, 100, 200, 400, 30_000], #{kinds})") }
   end
 
   def test_values_that_exhaust_small_stacks_with_a_collection_at_every_allocation
@@ -77,6 +82,7 @@ class DepthTest < ExtTest
 
   # Other depths are left out: if the stack ends inside the interpreter's own hashing, a collection there crashes it.
   def test_keys_that_exhaust_small_stacks_with_a_collection_at_every_allocation
+    skip "the interpreter's own hash overruns the stack here" if HASH_OVERRUNS
     with_env(SMALL) do
       assert_equal "[]\n", run_ruby("#{STRESSED} read_all([64, 200], [:array_key], [:thread])", LITTLE)
       assert_equal "[]\n", run_ruby("#{STRESSED} read_all([110], [:equal_keys], [:fiber])", LITTLE)
@@ -127,8 +133,9 @@ class DepthTest < ExtTest
   def test_default_depth_fits_into_a_small_stack
     code = <<-RUBY
       deep = 63.times.inject(1) { |inner, n| n.odd? ? [inner] : { n => inner } }
-      there_and_back = -> { (PacketBuf.new << deep).seek(0).extract_object == deep }
-      p Thread.new(&there_and_back).value, Fiber.new(&there_and_back).resume
+      there_and_back = -> { (PacketBuf.new << deep).seek(0).extract_object }
+      # Compared here: a comparison may take more stack than there is.
+      p Thread.new(&there_and_back).value == deep, Fiber.new(&there_and_back).resume == deep
     RUBY
     small = { "RUBY_THREAD_MACHINE_STACK_SIZE" => "65536", "RUBY_FIBER_MACHINE_STACK_SIZE" => "65536" }
     with_env(small) { assert_equal "true\ntrue\n", run_ruby(code) }

@@ -43,6 +43,7 @@ class DocumentationTest < ExtTest
 
   def check(line, scope, place)
     note = "#{place}: #{line}"
+    return if line.include?("would be cut") && 0.size < 8 # immediate Integers of 31 bits are written in full
     case line
     when /\A(.*?)\s+# => (.*)\z/
       expected, actual = eval($2, scope), eval($1, scope)

@@ -80,6 +80,12 @@ class ExtTest < Minitest::Test
     value
   end
 
+  # Whether a C long of this machine holds the number, or an unsigned one. Conversions of others raise RangeError.
+  def fits?(number, unsigned = true)
+    bits = [0].pack("l!").bytesize * 8
+    number.to_int.between?(-2**(bits - 1), 2**(unsigned ? bits : bits - 1) - 1)
+  end
+
   def assert_raises_with(error, text, note = nil)
     raised = assert_raises(error, note.to_s) { yield }
     assert_equal [error, text], [raised.class, raised.message], note

@@ -268,7 +268,8 @@ class KeyCacheTest < ExtTest
     RUBY
     wrong, compared = out.split.map(&:to_i)
     assert_equal 0, wrong
-    assert_operator compared, :>, 0 if RUBY_VERSION >= "2.7" # small Hashes compare eight bits of the hash first
+    # Small Hashes compare eight bits of the hash first; where a hash has 32 bits, these never met.
+    assert_operator compared, :>, 0 if RUBY_VERSION >= "2.7" && 0.size == 8
   end
 
   # --- Ractors -------------------------------------------------------------------------------------------

@@ -255,7 +255,7 @@ class MemoryTest < ExtTest
   def without_memory(code)
     skip_without_proc
     skip_under_sanitizers
-    skip "no limit of address space here" unless Process.const_defined?(:RLIMIT_AS)
+    skip_without_limits
     assert_equal "done\n", run_ruby("#{MEASURE}#{NO_MEMORY}#{code}\nputs :done")
   end
 

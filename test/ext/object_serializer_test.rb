@@ -43,6 +43,7 @@ class ObjectSerializerTest < ExtTest
   }.freeze
 
   def test_immediate_integers_wrap_around_to_32_bits
+    skip "immediate Integers have 31 bits here" if 0.size < 8
     IMMEDIATE_INTEGERS.each { |number, bytes| assert_equal bytes, encode(number), number }
   end
 
@@ -54,6 +55,16 @@ class ObjectSerializerTest < ExtTest
 
   def test_integers_on_the_heap_are_written_in_full
     HEAP_INTEGERS.each { |number, bytes| assert_equal bytes, encode(number), number }
+  end
+
+  # Where addresses have 32 bits, the heap begins at 2**30.
+  def test_integers_that_only_64_bit_interpreters_cut
+    skip "immediate Integers have 63 bits here" unless 0.size < 8
+    numbers = [2**30 - 1, 2**30, 2**31, 2**40 + 5, 2**62 - 1].flat_map { |number| [number, -number, -number - 1] }
+    numbers.each do |number|
+      assert_equal number, decode(encode(number))
+    end
+    assert_equal "a0 80 80 80 20", encode(2**31)
   end
 
   def test_integers_beyond_64_bits
@@ -68,7 +79,8 @@ class ObjectSerializerTest < ExtTest
     (0..63).each do |bit|
       [2**bit, 2**bit - 1, -2**bit].each do |number|
         next if number == 2**63
-        written = number.between?(-2**62, 2**62 - 1) ? [number].pack("l").unpack("l")[0] : number
+        heap = 2**(0.size * 8 - 2)
+        written = number.between?(-heap, heap - 1) ? [number].pack("l").unpack("l")[0] : number
         assert_equal written, decode(encode(number)), number
       end
     end

@@ -255,13 +255,15 @@ class PacketFrameInTest < ExtTest
 
   def test_offset_lies_inside_the_data
     [-1, 3, 4, 2**31, -2**31, 2**32 - 1, 2**62 + 3].each do |offset|
+      next unless fits?(offset, false)
       assert_raises_with(ArgumentError, OUT_OF_RANGE, offset) { @frame.assemble("abc", offset) }
     end
     assert_equal [3, 2, 1], (0..2).map { |offset| @frame.assemble("abc", offset) }
   end
 
   def test_offset_is_truncated_to_32_bits
-    assert_equal [2, 3, 1], [2**32 + 1, -2**62, 2.9].map { |offset| @frame.assemble("abc", offset) }
+    offsets = { 2**32 + 1 => 2, -2**62 => 3, 2.9 => 1 }.select { |offset, _| fits?(offset, false) }
+    offsets.each { |offset, consumed| assert_equal consumed, @frame.assemble("abc", offset) }
   end
 
   def test_non_integer_offsets_are_refused_by_ruby

@@ -35,6 +35,24 @@ module RubyProcess
     skip "memory is not measured under a sanitizer or valgrind" if ENV["LD_PRELOAD"].to_s =~ /[ltu]b?san|asan|vgpreload/
   end
 
+  # A process that lives within 256 MiB and asks for 512.
+  BEYOND_THE_LIMIT = <<-RUBY
+    Process.setrlimit(Process::RLIMIT_AS, 1 << 28)
+    begin
+      "x" * (1 << 29)
+      puts "passed over"
+    rescue NoMemoryError
+      puts "kept"
+    end
+  RUBY
+
+  # Emulators of other processors pass limits of address space over.
+  def skip_without_limits
+    skip "no limit of address space here" unless Process.const_defined?(:RLIMIT_AS)
+    kept = Open3.capture2e(RbConfig.ruby, "--disable-gems", "-e", BEYOND_THE_LIMIT)[0]
+    skip "limits of address space are not kept here: an emulator?" if kept == "passed over\n"
+  end
+
   def skip_without_proc
     skip "no /proc here" unless File.exist?("/proc/self/status")
   end

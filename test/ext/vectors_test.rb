@@ -31,6 +31,8 @@ class VectorsTest < Minitest::Test
 
   # --- values
 
+  CUT_ELSEWHERE = [-2**62..-2**31 - 1, 2**31..2**62 - 1].freeze
+
   Vectors.values.each do |vector|
     define_method("test_value #{vector.name}") do
       assert_equal vector.ruby, decoded(plain(vector.bytes, true))
@@ -38,8 +40,11 @@ class VectorsTest < Minitest::Test
       assert_equal vector.ruby_as_strings, decoded(buf)
       assert_equal vector.bytes.size, buf.pos
       next if vector.ruby_bytes.nil?
-      written = PROTO::PacketBuf.new << plain(vector.bytes, true).extract_object
-      assert_equal Hex.encode(vector.ruby_bytes), Hex.encode(written.to_str)
+      object = plain(vector.bytes, true).extract_object
+      # Where addresses have 32 bits, an immediate Integer fits 32 bits, and the others are written in full.
+      whole = 0.size < 8 && object.is_a?(Integer) && CUT_ELSEWHERE.any? { |range| range.cover?(object) }
+      expected = whole ? vector.bytes : vector.ruby_bytes
+      assert_equal Hex.encode(expected), Hex.encode((PROTO::PacketBuf.new << object).to_str)
     end
 
     define_method("test_value inside a payload #{vector.name}") do

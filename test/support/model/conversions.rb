@@ -5,8 +5,10 @@ module Model
   # calls one of them, Array#at.
   module Conversions
     CUT = 2**32 - 1
-    LONG = (-2**63...2**63).freeze
-    UNSIGNED_LONG = (-2**63...2**64).freeze
+    BITS = [0].pack("l!").bytesize * 8 # of a C long
+    LONG = (-2**(BITS - 1)...2**(BITS - 1)).freeze
+    UNSIGNED_LONG = (-2**(BITS - 1)...2**BITS).freeze
+    LONG_LONG = (-2**63...2**63).freeze
 
     module_function
 
@@ -24,7 +26,7 @@ module Model
     def unsigned_long(value)
       number = integer(value, UNSIGNED_LONG)
       return number if UNSIGNED_LONG.cover?(number)
-      raise RangeError, too_big.sub("long'", "unsigned long'") if number.abs >= 2**64
+      raise RangeError, too_big.sub("long'", "unsigned long'") if number.abs >= 2**BITS
       raise RangeError, "bignum out of range of unsigned long"
     end
 

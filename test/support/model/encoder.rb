@@ -5,7 +5,7 @@ module Model
   class Encoder
     NAME = "serialize_rbobj_to_packetbuf: "
     MAXDEPTH = 64
-    IMMEDIATE = (-2**62...2**62).freeze
+    IMMEDIATE = (-2**(0.size * 8 - 2)...2**(0.size * 8 - 2)).freeze
 
     # The built-in method, which subclasses may override.
     EACH = Hash.instance_method(:each)
@@ -40,10 +40,10 @@ module Model
       @buffer.write_bytes(bytes.pack("C*"))
     end
 
-    # Immediate Integers, of 63 bits, are truncated to 32 bits. The others must fit into 64.
+    # Immediate Integers (of 63 bits; 31 where addresses have 32) are truncated to 32 bits. The others must fit into 64.
     def carried(value)
       return Conversions.signed_32(value) if IMMEDIATE.cover?(value)
-      return value if Conversions::LONG.cover?(value)
+      return value if Conversions::LONG_LONG.cover?(value)
       raise RangeError, Conversions.too_big.sub("long'", "long long'")
     end
 
