@@ -16,7 +16,8 @@ debian_mirror() {
     sed -n 's/^Debian|Debian|//p' | grep -m 1 '^https\{0,1\}:' || true
 }
 
-# make_root NAME RELEASE PACKAGE,PACKAGE,...: makes $roots/NAME unless it is there with these packages.
+# make_root NAME RELEASE PACKAGE,PACKAGE,... [ARCHITECTURE]: makes $roots/NAME unless it is there with these packages.
+# The architecture is this machine's, or one whose programs it runs too.
 make_root() {
   local release=$2 packages=$3 root=$roots/$1 log=$roots/logs/$1.log proxy=
   if [ "$(cat "$root/vorn-packages" 2>/dev/null)" = "$packages" ]; then return; fi
@@ -26,7 +27,7 @@ make_root() {
   eval "$(apt-config shell proxy Acquire::http::Proxy 2>/dev/null)"
   # shellcheck disable=SC2046 # no mirror, no argument
   as_root env ${proxy:+http_proxy="$proxy"} PATH="$PATH:/usr/sbin:/sbin" DEBIAN_FRONTEND=noninteractive \
-    debootstrap --variant=minbase --force-check-gpg ${packages:+--include="$packages"} "$release" "$root.partial" \
+    debootstrap ${4:+--arch="$4"} --variant=minbase --force-check-gpg ${packages:+--include="$packages"} "$release" "$root.partial" \
     $(debian_mirror) >"$log" 2>&1 || { tail -n 5 "$log" >&2; return 1; }
   as_root rm -rf "$root.partial/var/cache/apt/archives"
   # Marks a finished root, and records its packages.
@@ -36,19 +37,33 @@ make_root() {
 
 # in_root ROOT COMMAND...: runs a command in a root, without the caller's environment. /proc is mounted in a separate
 # mount namespace, so that nothing is left to unmount however the command ends; where namespaces are not allowed, the
-# command runs without /proc.
+# command runs without /proc. If `emulator` is set, to what `emulate` found, programs of that architecture run in it;
+# only this command sees it, in a user namespace that has a table of formats of its own (from Linux 6.7 on; before, the
+# machine's own table must name the emulator).
 in_root() {
   local root=$1 namespace=()
   shift
-  if as_root unshare --mount true 2>/dev/null; then namespace=(unshare --mount); fi
+  if [ -n "${emulator:-}" ]; then namespace=(unshare --user --map-root-user --mount)
+  elif as_root unshare --mount true 2>/dev/null; then namespace=(unshare --mount); fi
   # shellcheck disable=SC2016 # for the inner shell
   as_root ${namespace[@]+"${namespace[@]}"} sh -c '
-    root=$1 mount=$2
-    shift 2
-    if [ "$mount" -gt 0 ]; then mount -t proc proc "$root/proc" || mount --rbind /proc "$root/proc" || true; fi
+    root=$1 emulator=$2 mount=$3 formats=/proc/sys/fs/binfmt_misc
+    shift 3
+    if [ "$mount" -gt 0 ]; then mount -t proc proc "$root/proc" 2>/dev/null || mount --rbind /proc "$root/proc" || true; fi
+    if [ -n "$emulator" ]; then
+      mount --rbind /dev "$root/dev"
+      if mount -t binfmt_misc binfmt_misc "$formats"; then printf %s "$emulator" >"$formats/register"; fi
+    fi
     exec chroot "$root" /usr/bin/env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin HOME=/root \
       LANG=C.UTF-8 DEBIAN_FRONTEND=noninteractive "$@"
-  ' sh "$root" ${#namespace[@]} "$@"
+  ' sh "$root" "${emulator:-}" ${#namespace[@]} "$@"
+}
+
+# emulate CPU: sets `emulator` for in_root, from what qemu-user-static says of the CPU's programs. F: the kernel opens
+# the emulator here, so that the root needs none.
+emulate() {
+  # shellcheck disable=SC2034 # in_root reads it
+  emulator=$(sed "s|[^:]*:[^:]*\$|/usr/bin/qemu-$1-static:F|" "/usr/lib/binfmt.d/qemu-$1.conf")
 }
 
 # The checkout's files with local changes but without build output: object files of one Ruby must not be used by
@@ -59,4 +74,52 @@ export_project() {
     # A tracked file may have been deleted.
     if [ -e "$file" ] || [ -L "$file" ]; then printf '%s\0' "$file"; fi
   done | tar -c --null --no-recursion -T -
+}
+
+# unpack_root NAME RELEASE ARCHITECTURE PACKAGE...: makes $roots/NAME unless it is there with these packages, for a
+# machine of another architecture. Packages are unpacked and not installed, since their scripts would run in the
+# emulator, for ten minutes. Packages named PACKAGE:amd64 run natively in the root: compilers for the architecture, say.
+unpack_root() {
+  local release=$2 architecture=$3 root=$roots/$1 log=$roots/logs/$1.log temp mirror package
+  shift 3
+  if [ "$(cat "$root/vorn-packages" 2>/dev/null)" = "$*" ]; then return; fi
+  echo "$command: making the root $root"
+  as_root rm -rf --one-file-system "$root" "$root.partial"
+  mirror=$(debian_mirror)
+  [ -n "$mirror" ] || die "apt names no mirror of Debian's packages"
+  # An apt of its own: nothing is installed, and this machine's lists stay as they are.
+  temp=$(mktemp -d)
+  mkdir -p "$temp"/{lists,cache}/partial
+  touch "$temp/status"
+  echo "deb [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] $mirror $release main" \
+    >"$temp/sources.list"
+  cat >"$temp/apt.conf" <<END
+APT::Architecture "$(dpkg --print-architecture)";
+APT::Architectures { "$(dpkg --print-architecture)"; "$architecture"; };
+APT::Sandbox::User "root";
+Dir::State::status "$temp/status";
+Dir::State::lists "$temp/lists";
+Dir::Cache "$temp/cache";
+Dir::Cache::archives "$temp/cache";
+Dir::Etc::sourcelist "$temp/sources.list";
+Dir::Etc::sourceparts "$temp/none";
+Acquire::Retries "3";
+END
+  if ! { APT_CONFIG=$temp/apt.conf apt-get -q update &&
+    APT_CONFIG=$temp/apt.conf apt-get -q -y --download-only --no-install-recommends install "$@"; } >"$log" 2>&1 </dev/null
+  then
+    tail -n 5 "$log" >&2
+    rm -rf "$temp"
+    return 1
+  fi
+  as_root mkdir -p "$root.partial"/{usr/{bin,sbin,lib,lib32,lib64},dev,proc,root,tmp,work}
+  for package in bin sbin lib lib32 lib64; do as_root ln -s "usr/$package" "$root.partial/$package"; done
+  for package in "$temp"/cache/*.deb; do
+    # shellcheck disable=SC2024 # the log is ours
+    dpkg-deb --fsys-tarfile "$package" |
+      as_root tar -x --no-same-owner --keep-directory-symlink -C "$root.partial" >>"$log" 2>&1 || { rm -rf "$temp"; return 1; }
+  done
+  rm -rf "$temp"
+  echo "$*" | as_root tee "$root.partial/vorn-packages" >/dev/null
+  as_root mv "$root.partial" "$root"
 }
