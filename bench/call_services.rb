@@ -219,6 +219,78 @@ module CallServices
     end
   end
 
+  # gRPC with a message for the value, so that neither side looks names up. Its servers and clients have threads only.
+  class Grpc
+    def serve(path)
+      echo = Class.new(self.class.service) do
+        def echo(request, _call) request end
+      end
+      server = GRPC::RpcServer.new(pool_size: 64)
+      server.add_http2_port("unix:#{path}", :this_port_is_insecure)
+      server.handle(echo)
+      server.run
+    end
+
+    # Clients in one process share a connection unless told otherwise.
+    def run(path, clients, value)
+      stub = self.class.service.rpc_stub_class
+      message = self.class.message("Request")
+      CallServices.in_threads(clients) do
+        client = stub.new("unix:#{path}", :this_channel_is_insecure,
+                          channel_args: { "grpc.use_local_subchannel_pool" => 1 })
+        while yield
+          request = message.new(value)
+          CallServices.check(client.echo(request), request)
+        end
+      end
+    end
+
+    def self.service
+      require "grpc"
+      require "google/protobuf/descriptor_pb"
+      define(Google::Protobuf)
+      request = message("Request")
+      Class.new do
+        include GRPC::GenericService
+        self.marshal_class_method = :encode
+        self.unmarshal_class_method = :decode
+        self.service_name = "bench.Echo"
+        rpc :Echo, request, request
+      end
+    end
+
+    def self.message(name)
+      Google::Protobuf::DescriptorPool.generated_pool.lookup("bench.#{name}").msgclass
+    end
+
+    # Makes the classes that the protocol's compiler would, of the small request.
+    def self.define(protobuf)
+      messages = {
+        "Params" => [{ name: "user", type: :TYPE_STRING }, { name: "amount", type: :TYPE_DOUBLE },
+                     { name: "notify", type: :TYPE_BOOL }],
+        "Request" => [{ name: "id", type: :TYPE_INT32 }, { name: "method", type: :TYPE_STRING },
+                      { name: "params", type: :TYPE_MESSAGE, type_name: ".bench.Params" }]
+      }
+      types = messages.map do |name, fields|
+        fields = fields.each_with_index.map do |field, i|
+          protobuf::FieldDescriptorProto.new(number: i + 1, label: :LABEL_OPTIONAL, **field)
+        end
+        protobuf::DescriptorProto.new(name: name, field: fields)
+      end
+      file = protobuf::FileDescriptorProto.new(name: "bench.proto", package: "bench", syntax: "proto3",
+                                               message_type: types)
+      protobuf::DescriptorPool.generated_pool.add_serialized_file(protobuf::FileDescriptorProto.encode(file))
+    end
+  end
+
+  # The libraries that a service needs and an interpreter may lack.
+  NEEDS = { "msgpack" => "msgpack", "gRPC" => "grpc" }.freeze
+
+  def self.missing(name)
+    library = NEEDS[name]
+    library if library && Gem.find_files(library).empty?
+  end
+
   ALL = {
     "loop" => {
       "frames" => Loop.new(Frames), "streams" => Loop.new(Streams), "msgpack" => Loop.new(Msgpack),
@@ -226,7 +298,8 @@ module CallServices
     },
     "threads" => {
       "frames" => Threads.new(Frames), "streams" => Threads.new(Streams), "msgpack" => Threads.new(Msgpack),
-      "JSON lines" => Threads.new(JsonLines), "rpc" => Rpc.new(8), "DRb" => Drb.new
+      "JSON lines" => Threads.new(JsonLines), "rpc" => Rpc.new(8), "DRb" => Drb.new,
+      "gRPC" => Grpc.new
     }
   }.freeze
 end

@@ -112,6 +112,8 @@ counts.each do |count|
                     "server CPU", "of the frames")
     frames = nil
     services.keys.grep(options[:filter]).each do |peer|
+      missing = CallServices.missing(peer)
+      next puts "#{missing} is not installed: left out" if missing
       best = Array.new(RUNS) { run(kind, peer, count, options[:seconds]) }.compact.max_by { |r| r["per second"] }
       next puts "#{peer}: failed" unless best
       frames ||= best["per second"] if peer == "frames"
