@@ -1,6 +1,9 @@
-/// Rendering, and interning from one thread and from two.
+/// Rendering, and interning from one thread and from two, beside Boost's flyweights, which also keep one copy of a
+/// text.
 #include <benchmark/benchmark.h>
 
+#include <boost/flyweight.hpp>
+#include <boost/flyweight/no_tracking.hpp>
 #include <string>
 #include <vector>
 
@@ -46,7 +49,21 @@ void intern_known(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK(intern_known)->Apply(sizes);
+BENCHMARK(intern_known)->Name("intern/vorn")->Apply(sizes);
+
+void intern_flyweight(benchmark::State& state) {
+  // Kept for good, as our names are: counting the users of each would cost more.
+  using Name = boost::flyweight<std::string, boost::flyweights::no_tracking>;
+  const std::vector<std::string> all = names(state.range(0));
+  for (const std::string& name : all) Name{name};
+  size_t i = 0;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(&Name(all[i]).get());
+    if (++i == all.size()) i = 0;
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(intern_flyweight)->Name("intern/flyweight")->Apply(sizes);
 
 void lookup(benchmark::State& state) {
   std::vector<uint32_t> ids;

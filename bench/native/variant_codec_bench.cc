@@ -1,6 +1,11 @@
-/// Variants against nlohmann::json's MessagePack codec and msgpack-cxx with its variant, on the same trees. Every
-/// result is checked before it is timed. Output buffers are reused, as a service would, where a name does not say _new.
+/// Variants against nlohmann::json's MessagePack codec, msgpack-cxx with its variant and protobuf's Value, whose
+/// numbers are all doubles, on the same trees. Every result is checked before it is timed. Output buffers are reused,
+/// as a service would, where a name does not say _new.
 #include <benchmark/benchmark.h>
+#include <google/protobuf/arena.h>
+#include <google/protobuf/struct.pb.h>
+#include <google/protobuf/util/json_util.h>
+#include <google/protobuf/util/message_differencer.h>
 
 #include <msgpack.hpp>
 #include <nlohmann/json.hpp>
@@ -17,6 +22,7 @@ using VORN::PROTO::DEFAULT_MAX_DEPTH;
 using VORN::PROTO::PacketBuf;
 using Msgpack = msgpack::type::variant;
 using nlohmann::json;
+using Protobuf = google::protobuf::Value;
 
 /// A variant exposes its double only through its encoding.
 double double_of(const VObject& v) {
@@ -69,6 +75,32 @@ Msgpack to_msgpack(const json& j) {
   }
 }
 
+void to_protobuf(const json& j, Protobuf& out) {
+  switch (j.type()) {
+    case json::value_t::number_integer:
+    case json::value_t::number_unsigned:
+    case json::value_t::number_float: out.set_number_value(j.get<double>()); break;
+    case json::value_t::boolean: out.set_bool_value(j.get<bool>()); break;
+    case json::value_t::string: out.set_string_value(j.get<std::string>()); break;
+    case json::value_t::object:
+      for (const auto& [key, value] : j.items()) {
+        to_protobuf(value, (*out.mutable_struct_value()->mutable_fields())[key]);
+      }
+      break;
+    case json::value_t::array:
+      out.mutable_list_value();
+      for (const json& element : j) to_protobuf(element, *out.mutable_list_value()->add_values());
+      break;
+    default: out.set_null_value(google::protobuf::NULL_VALUE);
+  }
+}
+
+Protobuf to_protobuf(const VObject& v) {
+  Protobuf out;
+  to_protobuf(to_json(v), out);
+  return out;
+}
+
 void encode_vorn(benchmark::State& state, const VObject& value) {
   PacketBuf buf;
   value.serialize(buf, DEFAULT_MAX_DEPTH);
@@ -105,7 +137,15 @@ void encode_new_msgpack(benchmark::State& state, const VObject& value) {
   }
 }
 
-/// The text of a value: ours for logs, nlohmann's is JSON.
+void encode_new_protobuf(benchmark::State& state, const VObject& value) {
+  const Protobuf v = to_protobuf(value);
+  for (auto _ : state) {
+    const std::string bytes = v.SerializeAsString();
+    benchmark::DoNotOptimize(bytes.data());
+  }
+}
+
+/// The text of a value: ours for logs, the peers' are JSON.
 void render_vorn(benchmark::State& state, const VObject& value) {
   for (auto _ : state) {
     std::string out;
@@ -118,6 +158,15 @@ void render_nlohmann(benchmark::State& state, const VObject& value) {
   const json j = to_json(value);
   for (auto _ : state) {
     const std::string out = j.dump();
+    benchmark::DoNotOptimize(out.data());
+  }
+}
+
+void render_protobuf(benchmark::State& state, const VObject& value) {
+  const Protobuf v = to_protobuf(value);
+  for (auto _ : state) {
+    std::string out;
+    if (!google::protobuf::util::MessageToJsonString(v, &out).ok()) state.SkipWithError("no text");
     benchmark::DoNotOptimize(out.data());
   }
 }
@@ -241,6 +290,40 @@ void decode_msgpack(benchmark::State& state, const VObject& value) {
   }
 }
 
+void encode_protobuf(benchmark::State& state, const VObject& value) {
+  const Protobuf v = to_protobuf(value);
+  std::string bytes;
+  for (auto _ : state) {
+    v.SerializeToString(&bytes);
+    benchmark::DoNotOptimize(bytes.data());
+  }
+}
+
+void decode_protobuf(benchmark::State& state, const VObject& value) {
+  const Protobuf v = to_protobuf(value);
+  const std::string bytes = v.SerializeAsString();
+  Protobuf again;
+  if (!again.ParseFromString(bytes) || !google::protobuf::util::MessageDifferencer::Equals(v, again)) {
+    state.SkipWithError("not the same value");
+  }
+  for (auto _ : state) {
+    Protobuf out;
+    out.ParseFromString(bytes);
+    benchmark::DoNotOptimize(out);
+  }
+}
+
+/// The same into memory that is freed as a whole.
+void decode_protobuf_arena(benchmark::State& state, const VObject& value) {
+  const std::string bytes = to_protobuf(value).SerializeAsString();
+  for (auto _ : state) {
+    google::protobuf::Arena arena;
+    auto* out = google::protobuf::Arena::CreateMessage<Protobuf>(&arena);
+    out->ParseFromString(bytes);
+    benchmark::DoNotOptimize(*out);
+  }
+}
+
 const bool registered = [] {
   for (const bench::Document& document : bench::documents()) {
     const auto add = [&](const char* name, auto body) {
@@ -259,14 +342,19 @@ const bool registered = [] {
     add("encode/vorn", encode_vorn);
     add("encode/nlohmann", encode_nlohmann);
     add("encode/msgpack", encode_msgpack);
+    add("encode/protobuf", encode_protobuf);
     add("encode_new/vorn", encode_new_vorn);
     add("encode_new/nlohmann", encode_new_nlohmann);
     add("encode_new/msgpack", encode_new_msgpack);
+    add("encode_new/protobuf", encode_new_protobuf);
     add("render/vorn", render_vorn);
     add("render/nlohmann", render_nlohmann);
+    add("render/protobuf", render_protobuf);
     add("decode/vorn", decode_vorn);
     add("decode/nlohmann", decode_nlohmann);
     add("decode/msgpack", decode_msgpack);
+    add("decode/protobuf", decode_protobuf);
+    add("decode/arena", decode_protobuf_arena);
   }
   return true;
 }();
