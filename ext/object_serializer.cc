@@ -117,8 +117,12 @@ void serialize_rbsym(VALUE sym, SerializeContext& ctx) {
   write_rbstr_bytes(ctx, PROTO::PTT_SYMBOL, name, zero == nullptr ? length : static_cast<const char*>(zero) - bytes);
 }
 
-[[gnu::always_inline]] inline void serialize_rbobj_to_packetbuf(VALUE obj, SerializeContext& ctx, int32_t depth) {
+inline void check_depth(int32_t depth) {
   if (depth > PROTO::DEFAULT_MAX_DEPTH) rb_raise(rb_eRuntimeError, "serialize_rbobj_to_packetbuf: maxdepth exceeded");
+}
+
+/// REQUIRES: check_depth() has passed.
+[[gnu::always_inline]] inline void serialize_at_depth(VALUE obj, SerializeContext& ctx, int32_t depth) {
   switch (rb_type(obj)) {
     case T_NIL: PROTO::write_type(ctx.buf, PROTO::PTT_NIL); break;
     case T_FALSE: PROTO::write_type(ctx.buf, PROTO::PTT_FALSE); break;
@@ -138,6 +142,11 @@ void serialize_rbsym(VALUE sym, SerializeContext& ctx) {
       break;
     default: rb_raise(rb_eRuntimeError, "serialize_rbobj_to_packetbuf: unsupported rb_type");
   }
+}
+
+[[gnu::always_inline]] inline void serialize_rbobj_to_packetbuf(VALUE obj, SerializeContext& ctx, int32_t depth) {
+  check_depth(depth);
+  serialize_at_depth(obj, ctx, depth);
 }
 
 /// Writes the Integers from element `i` on, up to `end`, and returns their number.
@@ -204,8 +213,14 @@ struct HashIteration {
 [[gnu::noinline]] int serialize_hash_entry(VALUE key, VALUE value, VALUE arg) {
   const HashIteration& iteration = *reinterpret_cast<HashIteration*>(arg);
   native_guard([&] {
-    serialize_rbobj_to_packetbuf(key, *iteration.ctx, iteration.depth + 1);
-    serialize_rbobj_to_packetbuf(value, *iteration.ctx, iteration.depth + 1);
+    const int32_t depth = iteration.depth + 1;
+    check_depth(depth);
+    if (FIXNUM_P(key)) {
+      PROTO::write_int(iteration.ctx->buf, fixnum_value(key));
+    } else {
+      serialize_at_depth(key, *iteration.ctx, depth);
+    }
+    serialize_at_depth(value, *iteration.ctx, depth);
   });
   return ST_CONTINUE;
 }
