@@ -81,15 +81,17 @@ module Codecs
   end
 
   def msgpack(use)
-    coder = use == :symbol_values ? msgpack_with_symbols : MessagePack
-    load = use == :symbol_keys ? ->(s) { coder.load(s, symbolize_keys: true) } : coder.method(:load)
-    [MessagePack::VERSION, coder.method(:dump), load]
+    return [MessagePack::VERSION, *msgpack_with_symbols] if use == :symbol_values
+    load = use == :symbol_keys ? ->(s) { MessagePack.load(s, symbolize_keys: true) } : MessagePack.method(:load)
+    [MessagePack::VERSION, MessagePack.method(:dump), load]
   end
 
   def msgpack_with_symbols
     factory = MessagePack::Factory.new
     factory.register_type(0, Symbol)
-    factory.respond_to?(:pool) ? factory.pool(1) : factory # a pool keeps its packer and unpacker
+    coder = factory.respond_to?(:pool) ? factory.pool(1) : factory # a pool keeps its packer and unpacker
+    return [coder.method(:dump), coder.method(:load)] if coder.respond_to?(:dump)
+    [->(v) { factory.packer.write(v).to_s }, ->(s) { factory.unpacker.feed(s).read }] # an old one
   end
 
   def oj(use)

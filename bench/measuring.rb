@@ -3,7 +3,7 @@
 # What a call costs. works is a Hash of procs by name; so are the results.
 module Measuring
   MIN_SAMPLE = 4e-3 # seconds
-  MAX_COUNTED = 20  # calls; the count of a call varies little
+  MAX_COUNTED = 5   # calls; the count of a call varies little
 
   module_function
 
