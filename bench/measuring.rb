@@ -2,8 +2,9 @@
 
 # What a call costs. works is a Hash of procs by name; so are the results.
 module Measuring
-  MIN_SAMPLE = 4e-3 # seconds
-  MAX_COUNTED = 5   # calls; the count of a call varies little
+  MIN_SAMPLE = 4e-3   # seconds
+  MIN_COUNTED = 40e-3 # seconds under callgrind; a short call varies with what the allocator is about to do
+  MAX_COUNTED = 200   # calls
 
   module_function
 
@@ -34,10 +35,10 @@ module Measuring
     end
   end
 
-  def calls_for
+  def calls_for(seconds = MIN_SAMPLE)
     start = cpu
     yield
-    [(MIN_SAMPLE / [cpu - start, 1e-7].max).ceil, 2_000].min
+    [(seconds / [cpu - start, 1e-7].max).ceil, 2_000].min
   end
 
   def cpu
@@ -51,7 +52,7 @@ module Measuring
     works.map do |work, code|
       GC.start
       GC.disable
-      calls = [calls_for(&code), MAX_COUNTED].min
+      calls = [calls_for(MIN_COUNTED, &code), MAX_COUNTED].min
       Callgrind.dump { repeat(calls, &code) }
       GC.enable
       dump = Dir["#{file}.*"].fetch(0)
