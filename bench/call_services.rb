@@ -182,7 +182,8 @@ module CallServices
     end
   end
 
-  # The library of calls, with methods on worker threads or, with none, on the thread that reads.
+  # The library of calls, with methods on worker threads or, with none, on the thread that reads for all. A thread for
+  # each client.
   class Rpc
     def initialize(workers)
       @workers = workers
@@ -294,11 +295,11 @@ module CallServices
   ALL = {
     "loop" => {
       "frames" => Loop.new(Frames), "streams" => Loop.new(Streams), "msgpack" => Loop.new(Msgpack),
-      "JSON lines" => Loop.new(JsonLines), "rpc" => Rpc.new(0)
+      "JSON lines" => Loop.new(JsonLines)
     },
     "threads" => {
       "frames" => Threads.new(Frames), "streams" => Threads.new(Streams), "msgpack" => Threads.new(Msgpack),
-      "JSON lines" => Threads.new(JsonLines), "rpc" => Rpc.new(8), "DRb" => Drb.new,
+      "JSON lines" => Threads.new(JsonLines), "rpc" => Rpc.new(8), "rpc, no workers" => Rpc.new(0), "DRb" => Drb.new,
       "gRPC" => Grpc.new
     }
   }.freeze
