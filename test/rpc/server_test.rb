@@ -153,6 +153,20 @@ class RpcServerTest < RpcTest
     end
   end
 
+  # A client's bytes begin no line of their own in the log.
+  def test_the_log
+    methods = { "parse" => ->(text) { Float(text) } }
+    with_client(methods: methods, workers: 1) do |client, log|
+      text = "1\nE, forged\e[2J\xFF"
+      assert_equal "failed", assert_raises(RemoteError) { client.call("parse", text) }.code
+      client.notify("x\ny\xFF")
+      assert_raises(RemoteError) { client.call("parse") }
+      assert_equal 2, log.string.lines.size, log.string
+      refute_match(/\e/, log.string)
+      assert_match(/ERROR -- : parse: .*forged/, log.string)
+    end
+  end
+
   def test_how_many_arguments
     methods = {
       "none" => -> { 0 }, "optional" => ->(_a, _b = 2) { 1 }, "rest" => ->(_a, *rest) { rest.size },

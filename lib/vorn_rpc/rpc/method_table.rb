@@ -26,11 +26,11 @@ module VORN
         id, name, arguments = request
         [id, nil, call(name, arguments)]
       rescue Refused => e
-        @logger.warn { "#{shown(name)}: #{e.message}" } unless id
+        @logger.warn { "#{shown(name)}: #{printable(e.message)}" } unless id
         Envelope.failure(id, e.code, e.message)
       rescue *FAILURES => e
         # The log has the details; the client does not see the server's internals.
-        @logger.error { "#{shown(name)}: #{e.message} (#{e.class}) at #{Array(e.backtrace).first}" }
+        @logger.error { "#{shown(name)}: #{printable(e.message)} (#{e.class}) at #{Array(e.backtrace).first}" }
         Envelope.failure(id, "failed", "the service failed")
       end
 
@@ -41,7 +41,7 @@ module VORN
       rescue Stream::MessageTooLarge => e
         encoder.frame(Envelope.failure(answer[0], "too large", e.message))
       rescue *FAILURES => e # raised by the encoder
-        @logger.error { "the result cannot be sent: #{e.message}" }
+        @logger.error { "the result cannot be sent: #{printable(e.message)}" }
         encoder.frame(Envelope.failure(answer[0], "failed", "the result cannot be sent"))
       end
 
@@ -58,7 +58,7 @@ module VORN
       end
 
       def call(name, arguments)
-        entry = @entries.fetch(name) { raise Refused.new("no such method", "no method #{shown(name).inspect}") }
+        entry = @entries.fetch(name) { raise Refused.new("no such method", "no method #{name[0, MAX_NAME].inspect}") }
         unless arguments.size.between?(entry.least, entry.most)
           raise Refused.new("bad arguments", "#{name} takes #{takes(entry)}, not #{arguments.size}")
         end
@@ -72,7 +72,12 @@ module VORN
       end
 
       def shown(name)
-        name[0, MAX_NAME]
+        printable(name[0, MAX_NAME])
+      end
+
+      # What a client sends may be in it: no line of the log ends there, and no terminal obeys it.
+      def printable(text)
+        text.to_s.scrub("?").gsub(/[[:cntrl:]]/, "?")
       end
     end
   end

@@ -119,8 +119,7 @@ module VORN
 
       # Ends #run: no connection is accepted and no request read any more, requests that have not begun are answered
       # with the error "stopping", those that have begun are answered within stop_seconds, and what is still running
-      # then is ended. Returns at once. Any thread may call this, and a signal
-      # handler:
+      # then is ended. Returns at once. Any thread may call this, and a signal handler:
       #
       #   server = VORN::RPC::Server.new("tcp:127.0.0.1:0", {})
       #   trap("TERM") { server.stop }
@@ -320,7 +319,7 @@ module VORN
 
       def begin_stop
         @ends = Clock.now + @stop_seconds
-        @connections.each { |io, connection| @reading.delete(io); connection.end }
+        @connections.each { |io, connection| @reading.delete(io); connection.read_no_more }
         @more.clear
         @reading.delete(@listener)
         @listener.close if @listener

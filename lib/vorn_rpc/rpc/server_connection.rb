@@ -101,8 +101,8 @@ module VORN
         @patience.check(@in_progress > 0 || !@unsent.empty?, now) unless @held_back
       end
 
-      # Nothing more is read.
-      def end
+      # The server ends: it wants to know of each answer.
+      def read_no_more
         @ending = true
       end
 
@@ -114,7 +114,7 @@ module VORN
       def close
         @lock.synchronize { @failure ||= EOFError.new }
         @io.close
-      rescue SystemCallError, IOError
+      rescue *MethodTable::FAILURES # of whatever IO this is
         nil
       end
 
