@@ -146,7 +146,7 @@ class RpcClientTest < RpcTest
       there.write(frame([1, nil, 1]))
       within { first.join }
       hooked = true
-      looking = Thread.new { assert_raises(RuntimeError) { client.call("echo", Time.now) } }
+      looking = Thread.new { assert_raises(RuntimeError) { client.notify("echo", Time.now) } }
       within { entered.pop }
       waiting = Thread.new { client.call("echo", 2) }
       connection = client.instance_variable_get(:@state).connection

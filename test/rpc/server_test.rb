@@ -537,8 +537,12 @@ class RpcServerTest < RpcTest
 
   def test_stopping_before_running
     server = Server.new("tcp:127.0.0.1:0", {})
+    here, there = UNIXSocket.pair
     server.stop
+    server.serve(there)
     within(5) { server.run }
+    assert there.closed?
+    here.close
     server.stop # once more does nothing
   end
 
