@@ -11,7 +11,6 @@
 #include <thread>
 
 #include "examples/native/bad_message.h"
-#include "examples/native/number.h"
 #include "vobject/render.h"
 
 namespace rpc {
@@ -30,7 +29,7 @@ constexpr size_t MAX_ID_BYTES = 64;  // leaves room for the error answer, which 
 
 double number(const VObject& value, double least, double most) {
   if (value.type() == VORN::DT_INT || value.type() == VORN::DT_DOUBLE) {
-    const double number = number_of(value);
+    const double number = VORN::to_double(value);
     if (number >= least && number <= most) return number;  // false for NaN
   }
   throw Refused("bad arguments", "number from " + std::to_string(least) + " to " + std::to_string(most) + " wanted");

@@ -23,6 +23,9 @@ class RpcTest < Minitest::Test
     "fail" => -> { raise "as told" }
   }.freeze
 
+  # Each way for a server to run methods: worker threads, and the thread of its loop.
+  WORKERS = [8, 0].freeze
+
   def setup
     within {} # newer Rubies keep a thread for it
     @threads = Thread.list
