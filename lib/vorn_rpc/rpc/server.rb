@@ -327,7 +327,7 @@ module VORN
 
       def close
         @listener.close if @listener && !@listener.closed?
-        @workers.finish(0) if @workers
+        @workers.finish if @workers
         @connections.each_value(&:close)
         @attention.pop.close until @attention.empty?
         [@wake_reader, @wake_writer].each(&:close)

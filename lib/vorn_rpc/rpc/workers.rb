@@ -14,13 +14,10 @@ module VORN
         @jobs << job
       end
 
-      # Forgets what has not begun, and gives the rest some seconds. What takes longer is ended.
-      def finish(seconds)
+      # Ends the threads, whatever they do. One that is just being replaced may have a successor.
+      def finish
         @finishing = true
-        @jobs.clear
-        @threads.each { @jobs << nil }
-        deadline = Clock.now + seconds
-        @threads.each { |thread| thread.join([deadline - Clock.now, 0].max) || thread.kill.join }
+        @threads.each(&:kill).each(&:join) while @threads.any?(&:alive?)
       end
 
       private
@@ -28,16 +25,10 @@ module VORN
       def start(number)
         Thread.new do
           begin
-            work
+            loop { @jobs.pop.call }
           ensure
             @threads[number] = start(number) unless @finishing # a job has ended its thread
           end
-        end
-      end
-
-      def work
-        while (job = @jobs.pop)
-          job.call
         end
       end
     end
