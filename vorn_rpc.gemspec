@@ -11,11 +11,11 @@ Gem::Specification.new do |gem|
   gem.description = "Packet buffers, frames and a codec that carry nil, booleans, integers, floats, strings, " \
                     "symbols, arrays and hashes between processes. Written in C++17."
   gem.required_ruby_version = ">= 2.2"
-  gem.extensions = ["ext/extconf.rb"]
+  gem.extensions = ["ext/extconf.rb", "stream_ext/extconf.rb"]
   gem.require_paths = ["lib"]
 
   # Every source by name: what is not listed is not shipped, whatever lies in the checkout. bin/test gem fails when
-  # a source is missing here. The extension is compiled of three folders that stay side by side.
+  # a source is missing here. The extensions are compiled of folders that stay side by side.
   gem.files = %w[
     CHANGELOG.md
     LICENSE
@@ -102,6 +102,10 @@ Gem::Specification.new do |gem|
     proto/vorn_runtime_error.h
     proto/wire_reader.h
     proto/wire_writer.h
+    stream_ext/extconf.rb
+    stream_ext/integer_check.cc
+    stream_ext/integer_check.h
+    stream_ext/vorn_rpc_stream_ext.cc
     vobject/data_types.h
     vobject/deep_copy.cc
     vobject/extract_messages.cc

@@ -3,6 +3,7 @@
 # Builds the extension out of tree: in an empty folder, `ruby <root>/ext/extconf.rb && make`.
 #
 # The sources of ext/ and proto/ are compiled into one shared object, and those of vobject/ with them.
+# stream_ext/extconf.rb loads this file for another one.
 #
 #   --enable-werror      warnings of our own code are errors (for development)
 #   --enable-sanitize    with AddressSanitizer and UndefinedBehaviorSanitizer
@@ -14,7 +15,8 @@ require "mkmf"
 require "shellwords"
 
 ROOT = File.expand_path("..", __dir__)
-PARTS = %w[ext proto vobject].freeze
+TARGET = "vorn_rpc_ext" unless defined?(TARGET)
+SOURCES = %w[ext/*.cc proto/*.cc vobject/*.cc].freeze unless defined?(SOURCES)
 
 # --- compiler ---------------------------------------------------------------------------------------------
 
@@ -89,7 +91,7 @@ $CXXFLAGS << " -Werror" if enable_config("werror", false)
 
 # Only Init is exported: templates of the standard library would be visible otherwise.
 version_script = "-Wl,--version-script=#{Shellwords.escape(File.join(ROOT, 'ext', 'vorn_rpc_ext.map'))}"
-$LDFLAGS << " " << version_script if compiles?("extern \"C\" void Init_vorn_rpc_ext() {}\n", version_script, true)
+$LDFLAGS << " " << version_script if compiles?("extern \"C\" void Init_#{TARGET}() {}\n", version_script, true)
 
 sanitized = enable_config("sanitize", false)
 $defs << "-DNDEBUG" unless enable_config("assertions", sanitized)
@@ -110,8 +112,8 @@ end
 
 # --- sources ----------------------------------------------------------------------------------------------
 
-$srcs = PARTS.flat_map { |part| Dir[File.join(ROOT, part, "*.cc")].sort }
-$VPATH.concat(PARTS.map { |part| File.join(ROOT, part) })
+$srcs = SOURCES.flat_map { |pattern| Dir[File.join(ROOT, pattern)].sort }
+$VPATH.concat($srcs.map { |source| File.dirname(source) }.uniq)
 $objs = $srcs.map { |source| "#{File.basename(source, '.cc')}.#{$OBJEXT}" }
 
-create_makefile("vorn_rpc_ext")
+create_makefile(TARGET)

@@ -1,6 +1,7 @@
 # frozen_string_literal: true
 
 require "vorn_rpc"
+require "vorn_rpc_stream_ext"
 require "vorn_rpc/stream/errors"
 require "vorn_rpc/stream/decoder"
 require "vorn_rpc/stream/encoder"
@@ -33,5 +34,7 @@ module VORN
       return limit if limit.is_a?(Integer) && limit.between?(0, MOST_LENGTH)
       raise ArgumentError, "max_length must be an Integer from 0 to #{MOST_LENGTH}"
     end
+
+    private_constant :Native
   end
 end

@@ -130,7 +130,7 @@ module VORN
           @offset = @input.bytesize
           next_header
         end
-        report_damage
+        report_damage if @damage
         self
       end
 
@@ -145,13 +145,7 @@ module VORN
 
       NOTHING = "".b.freeze
       START = [0xA5].pack("C").freeze
-      START_BYTE = 0xA5
-      LAYOUT_8 = 1 # a bit of the byte behind it
-      HEADER_8 = PROTO::PacketFrame::PF8_HEADER_LEN
-      HEADER_12 = PROTO::PacketFrame::PF12_HEADER_LEN
-      PAYLOAD_CHECK = [0xDEADBEEF].pack("N").freeze
-      HEADER_CHECK = 0x5A
-      private_constant :NOTHING, :START, :START_BYTE, :LAYOUT_8, :HEADER_8, :HEADER_12, :PAYLOAD_CHECK, :HEADER_CHECK
+      private_constant :NOTHING, :START
 
       def take(bytes)
         raise @failure if @failure
@@ -175,8 +169,13 @@ module VORN
       # Reads on, and returns true when a frame has been completed; false when more bytes are needed.
       def next_frame
         while @offset < @input.bytesize
-          return false unless @frame_begins || accept_header
-          next unless @frame_begins # something was skipped
+          unless @frame_begins
+            length = Native.frame_length(@input, @offset, @max_length)
+            return false unless length
+            next skip_to_start(length) if length.is_a?(String)
+            @frame_begins = @input_begins + @offset
+            @frame_length = length
+          end
           assemble
           return true if @frame.have_complete_frame? && take_messages
         end
@@ -190,42 +189,11 @@ module VORN
         raise
       end
 
-      # Looks at the header before the assembler does, which trusts the announced length and reserves it at once: up to
-      # 2 GiB for eight bytes from anybody. False: it has not arrived yet.
-      def accept_header
-        left = @input.bytesize - @offset
-        return skip_to_start(0, "bytes that belong to no frame") if @input.getbyte(@offset) != START_BYTE
-        return false if left < 2
-        header_length = @input.getbyte(@offset + 1) & LAYOUT_8 == 0 ? HEADER_12 : HEADER_8
-        return false if left < header_length
-        if header_length == HEADER_12 && !checks_pass?
-          return skip_to_start(1, "a frame header with wrong check bytes")
-        end
-        length = announced_length(header_length)
-        if length > @max_length
-          return skip_to_start(1, "a frame announces #{length} bytes, #{@max_length} are accepted")
-        end
-        @frame_begins = @input_begins + @offset
-        @frame_length = header_length + length
-        true
-      end
-
-      # The assembler would see a wrong payload check only after the whole payload.
-      def checks_pass?
-        @input.getbyte(@offset + 11) == HEADER_CHECK && @input.byteslice(@offset + 7, 4) == PAYLOAD_CHECK
-      end
-
-      def announced_length(header_length)
-        high = @input.getbyte(@offset + 4) << 16 | @input.getbyte(@offset + 5) << 8 | @input.getbyte(@offset + 6)
-        header_length == HEADER_8 ? high << 8 | @input.getbyte(@offset + 7) : high
-      end
-
-      # Skips what cannot begin a frame, from `least` bytes on.
-      def skip_to_start(least, reason)
-        start = @input.index(START, @offset + least) || @input.bytesize
+      # Skips what cannot begin a frame.
+      def skip_to_start(reason)
+        start = @input.index(START, @offset + 1) || @input.bytesize
         skip(start - @offset, reason, @input_begins + @offset)
         @offset = start
-        true
       end
 
       # Takes the messages of the frame that is complete. False: it could not be read.
@@ -236,7 +204,7 @@ module VORN
         @messages = messages
         @statistics.frames += 1
         @statistics.messages += messages.size
-        report_damage
+        report_damage if @damage
         true
       ensure
         next_header
@@ -245,9 +213,9 @@ module VORN
       # All of the frame's messages, or nil.
       def read_messages
         messages = []
-        @frame.seek_payload_start
-        messages << @frame.extract_object while @frame.pos < @frame_length
-        return messages if @frame.pos == @frame_length
+        frame = @frame.seek_payload_start
+        messages << frame.extract_object while (position = frame.pos) < @frame_length
+        return messages if position == @frame_length
         # A string's length reaches behind the frame, into bytes that an earlier one has left there.
         skip(@frame_length, "a frame whose payload cannot be read: a value ends behind it", @frame_begins)
       rescue RuntimeError, EncodingError => error
@@ -272,7 +240,6 @@ module VORN
       end
 
       def report_damage
-        return unless @damage
         damage = @damage
         @damage = nil
         @statistics.damages += 1
