@@ -116,4 +116,8 @@ $srcs = SOURCES.flat_map { |pattern| Dir[File.join(ROOT, pattern)].sort }
 $VPATH.concat($srcs.map { |source| File.dirname(source) }.uniq)
 $objs = $srcs.map { |source| "#{File.basename(source, '.cc')}.#{$OBJEXT}" }
 
-create_makefile(TARGET)
+# Only sources are looked for elsewhere: RubyGems compiles in place, and with VPATH make would take the objects that
+# another shared object was made of for this one's.
+create_makefile(TARGET) do |makefile|
+  makefile.map { |line| line.sub(/^VPATH = (.*)$/, "vpath %.cc \\1") }
+end
