@@ -51,9 +51,28 @@ native() {
 }
 
 # extension [option...]: builds the extension, with options of ext/extconf.rb, and sets `extension` to its folder.
+# shellcheck disable=SC2120 # for the scripts that source this
 extension() {
   # shellcheck disable=SC2034 # likewise
   extension=$(bin/build "$@" | tee -a /dev/stderr | tail -n 1)
+}
+
+# Generates the pages of both languages anew: $build/reference/ruby, $build/reference/native, and xml beside them, which
+# names what native has. Fails on any warning, and if anything public is undocumented.
+reference_pages() {
+  local pages=$build/reference
+  bin/setup base docs
+  extension
+  # Pages of deleted classes must not stay.
+  rm -rf "$pages"
+  mkdir -p "$pages"
+  {
+    cat docs/development/Doxyfile
+    echo "OUTPUT_DIRECTORY = \"$pages\""
+    echo "PROJECT_NUMBER = $("$ruby" -Ilib -r vorn_rpc/version -e 'print VORN::VERSION')"
+  } | doxygen -
+  echo "C++: every public member is documented"
+  "$ruby" -I"$extension" -Ilib test/docs/ruby_reference.rb "$pages/ruby"
 }
 
 # Environment of an interpreter that loads an extension built with AddressSanitizer and UndefinedBehaviorSanitizer.

@@ -27,8 +27,8 @@ VALUE packetframein_allocate(VALUE klass) {
  * call-seq:
  *   frame.assemble(data, offset) -> integer
  *
- * Feeds the received bytes data[offset..-1] and returns how many were consumed, never any beyond the end of the
- * current frame. Bytes before a start marker are skipped, and counted. Call reset before the first frame and
+ * Feeds the received bytes of data from offset on and returns how many were consumed, never any beyond the end of
+ * the current frame. Bytes before a start marker are skipped, and counted. Call reset before the first frame and
  * after each.
  *
  * While a frame is in progress at least one byte is consumed. 0 with have_complete_frame? false means that the
