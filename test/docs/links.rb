@@ -44,10 +44,11 @@ Dir["docs/**/*.md"].each do |path|
   failures << "#{index} does not name #{path}" unless File.read(index, encoding: "UTF-8").include?(link)
 end
 
-# Comments name documents by their path.
+# Comments name documents by their path, and tests of the site their pages.
 sources = Dir["{bench,bin,ci,examples,ext,fuzz,lib,proto,test,tools,vobject}/**/*"].select { |path| File.file?(path) }
 sources.each do |path|
   File.read(path, encoding: "BINARY").scan(%r{(?<![\w/])docs/[\w/-]+\.\w+}).uniq.each do |document|
+    document = document.sub("index.html", "README.md").sub(".html", ".md")
     failures << "#{path}: there is no #{document}" unless File.exist?(document)
   end
 end
