@@ -249,6 +249,87 @@ class RpcClientTest < RpcTest
     client.close
   end
 
+  # A server that is stopping has not executed the call, so every call goes on elsewhere.
+  def test_a_call_that_a_stopping_server_refuses
+    stopping = Queue.new
+    runs = Queue.new
+    refuse = lambda do |_name, arguments, &call|
+      raise VORN::RPC::Refused.new("stopping", "going") unless stopping.empty? || arguments == [0]
+      call.call.tap { |result| runs << result }
+    end
+    methods = METHODS.merge("echo" => ->(value) { sleep(0.3) if value.zero?; value })
+    serve(methods: methods, around: refuse) do |first|
+      serve(methods: methods) do |second|
+        servers = [first, second].map(&:address)
+        opened = []
+        connect = ->(_) { opened << servers.first; TCPSocket.new(*servers.shift.sub("tcp:", "").split(":")) }
+        Client.open(connect) do |client|
+          assert_equal 1, client.call("echo", 1)
+          in_flight = Thread.new { client.call("echo", 0) }
+          sleep(0.1)
+          stopping << true
+          assert_equal 2, client.call("echo", 2)
+          assert_equal 3, client.call("echo", 3)
+          assert_equal [first.address, second.address], opened
+          # The other call has its answer all the same, from the first.
+          assert_equal 0, in_flight.value
+          assert_equal [1, 0], Array.new(runs.size) { runs.pop }
+          eventually("the first connection is closed") { first.send(:instance_variable_get, :@connections).empty? }
+        end
+      end
+    end
+  end
+
+  # No other server within the deadline: the caller learns what the last one said.
+  def test_a_call_that_every_server_refuses
+    refusals = 0
+    refuse = ->(*) { refusals += 1; raise VORN::RPC::Refused.new("stopping", "going") }
+    with_client(around: refuse) do |client|
+      began = now
+      error = assert_raises(RemoteError) { client.with(timeout: 0.4).call("echo", 1) }
+      assert_equal "stopping: going", error.message
+      assert_includes 0.1..1, now - began
+      assert_operator refusals, :>, 1
+    end
+  end
+
+  # Each of a connection's calls is refused, and each goes on elsewhere.
+  def test_calls_that_a_stopping_server_refuses_at_once
+    refused = Queue.new
+    refuse = lambda do |_name, _arguments, &call|
+      next call.call if refused.size >= 4
+      refused << true
+      sleep(0.1)
+      raise VORN::RPC::Refused.new("stopping", "going")
+    end
+    with_client(around: refuse) do |client|
+      assert_equal 1, client.tap { 4.times { refused << true } }.call("echo", 1)
+      refused.clear
+      assert_equal [0, 1, 2, 3], Array.new(4) { |n| Thread.new { client.call("echo", n) } }.map(&:value)
+    end
+  end
+
+  # A call that goes on where others are refused ends with its client all the same.
+  def test_closing_a_client_whose_server_is_stopping
+    refuse = lambda do |name, _arguments, &call|
+      raise VORN::RPC::Refused.new("stopping", "going") if name == "echo"
+      call.call
+    end
+    serve(around: refuse) do |first|
+      serve do |second|
+        servers = [first, second].map(&:address)
+        client = Client.new(->(_) { TCPSocket.new(*servers.shift.sub("tcp:", "").split(":")) })
+        in_flight = Thread.new { assert_raises(ConnectionLost) { client.call("sleep", 2) } }
+        sleep(0.1)
+        assert_equal 1, client.call("echo", 1)
+        began = now
+        client.close
+        assert_equal "the client is closed", in_flight.value.message
+        assert_operator now - began, :<, 1
+      end
+    end
+  end
+
   def test_calls_that_may_be_repeated
     # Two connections end without an answer.
     fake_server(->(number) { number < 3 ? "\x00" : frame([1, nil, number]) }) do |address|

@@ -57,7 +57,7 @@ module VORN
         @around = around
         @options = { max_length: Stream.length_limit(max_length), max_depth: max_depth,
                      preserve_symbols: preserve_symbols }
-        @state = State.new(Mutex.new, nil, false)
+        @state = State.new(Mutex.new, nil, [], false)
       end
 
       # The same client, whose connection they share, with another timeout or another rule for repeating.
@@ -72,8 +72,10 @@ module VORN
       #
       # Raises RemoteError when the server answers with an error; TimedOut when it does not answer in time;
       # ConnectionLost when there is no connection, or it ends before the answer. A call that ends in TimedOut or
-      # ConnectionLost may have been executed. Raises as Stream::Encoder#frame does for arguments that cannot be sent;
-      # then nothing has been sent. What another thread raises in this one comes while the call waits.
+      # ConnectionLost may have been executed. One that a stopping server refuses is made again, until its deadline, on
+      # a new connection; the old one serves the calls in flight and no other. Raises as Stream::Encoder#frame does for
+      # arguments that cannot be sent; then nothing has been sent. What another thread raises in this one comes while
+      # the call waits.
       #
       #   VORN::RPC::Client.new("tcp:127.0.0.1:1", timeout: 0.1).call("add", 1, 2)  # raises VORN::RPC::ConnectionLost
       def call(name, *arguments)
@@ -99,8 +101,7 @@ module VORN
       def close
         Interrupts.hold do
           @state.closed = true
-          connection = @state.connection
-          connection.lose("the client is closed") if connection
+          [*@state.stopping, *@state.connection].each { |connection| connection.lose("the client is closed") }
         end
         nil
       end
@@ -115,7 +116,8 @@ module VORN
       private
 
       # lock: one thread connects while the others wait for it
-      State = Struct.new(:lock, :connection, :closed)
+      # stopping: former connections that may still have calls in flight
+      State = Struct.new(:lock, :connection, :stopping, :closed)
       private_constant :State
 
       def send_call(name, arguments, notification)
@@ -126,21 +128,27 @@ module VORN
             connection = connected(deadline)
             next connection.notify(name, arguments, deadline) if notification
             connection.call(name, arguments, deadline)
-          rescue ConnectionLost
-            raise if !@repeat || @state.closed || Clock.now + delay > deadline
+          rescue ConnectionLost, RemoteError => e
+            raise if !repeatable?(e) || @state.closed || Clock.now + delay > deadline
             delay = pause(delay)
             retry
           end
         end
       end
 
-      # The current connection; replaces a lost one.
+      # A server that is stopping has not executed the call; after a lost connection nobody knows.
+      def repeatable?(error)
+        error.is_a?(RemoteError) ? error.code == Envelope::STOPPING : @repeat
+      end
+
+      # The current connection; replaces one that is lost, or whose server is stopping.
       def connected(deadline)
         connection = @state.connection
         return connection if connection && connection.usable? && !@state.closed
         @state.lock.synchronize do
           connection = @state.connection
           next connection if connection && connection.usable? && !@state.closed
+          @state.stopping = [*@state.stopping, *connection].reject(&:lost?)
           @state.connection = connection = connect(deadline)
           connection.lose("the client is closed") if @state.closed # meanwhile
           connection

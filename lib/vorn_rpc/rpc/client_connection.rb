@@ -24,13 +24,18 @@ module VORN
         @last_id = 0
         @reading = false     # whether a thread reads
         @lost = nil          # why no answer can come
+        @stopping = nil      # what the server says of its end: a connection for no further call
       end
 
       # Whether a call may be tried. That the server has gone while no call was waiting is found here, before a request
       # is lost.
       def usable?
         as_reader { read_chunk } if @calls.empty?
-        !@lost
+        !@lost && !@stopping
+      end
+
+      def lost?
+        !@lost.nil?
       end
 
       def call(name, arguments, deadline)
@@ -66,6 +71,7 @@ module VORN
 
       def register
         @lock.synchronize do
+          raise RemoteError.new(*@stopping) if @stopping # since it was looked at
           raise ConnectionLost, @lost if @lost
           begin
             @last_id = @last_id % Envelope::MAX_ID + 1
@@ -75,10 +81,12 @@ module VORN
       end
 
       def forget(id)
-        @lock.synchronize do
+        unused = @lock.synchronize do
           @calls.delete(id)
           wake_reader # this call may have been woken to read, and not have done it
+          @stopping && @calls.empty?
         end
+        lose("the server is stopping") if unused
       end
 
       def write(request, deadline)
@@ -188,6 +196,7 @@ module VORN
           call = @calls[answer[0]]
           next if call.nil? || call.answer
           call.answer = answer
+          @stopping = answer[1] if answer[1] && answer[1][0] == Envelope::STOPPING
           call.ready.signal if call.ready
         end
       end

@@ -11,6 +11,7 @@ module VORN
       MIN_ID = -2**31 # others would be cut to their low 32 bits
       MAX_ID = 2**31 - 1
       MAX_ID_BYTES = 64 # leaves room for an error answer, which repeats the id
+      STOPPING = "stopping" # the code of a request that was not executed because the server ends
 
       module_function
 

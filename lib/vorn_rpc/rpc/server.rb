@@ -217,7 +217,7 @@ module VORN
       # What had not begun when the server was stopped can safely be sent to another one.
       def answer_to(request)
         return @methods.answer(request) unless @ends
-        Envelope.failure(request[0], "stopping", "the server is stopping")
+        Envelope.failure(request[0], Envelope::STOPPING, "the server is stopping")
       end
 
       # Waits for what the connection waits for.
