@@ -1,0 +1,191 @@
+# frozen_string_literal: true
+
+require "socket"
+require "vorn_rpc/rpc"
+require_relative "../test_support"
+
+# Three servers behind HAProxy with the example's own configuration, and a client whose calls end rightly whatever
+# happens to one of them.
+class SeveralServersTest < ExampleTest
+  CONFIGURATION = File.expand_path("haproxy.cfg", __dir__)
+  NAMES = %w[one two three].freeze
+  DRAIN_SECONDS = 2
+
+  def setup
+    super
+    @started = NAMES.map { |name| [name, [start_server(name)]] }.to_h # all processes of each server
+    @ports = NAMES.map { |name| [name, port_of(current(name))] }.to_h
+    @front = Addrinfo.tcp("127.0.0.1", 0).bind { |socket| socket.local_address.ip_port }
+    @balancer = start_balancer
+  end
+
+  def start_server(name, port = 0)
+    start("several_servers/server.rb", name, "tcp:127.0.0.1:#{port}", DRAIN_SECONDS.to_s)
+  end
+
+  def port_of(server)
+    eventually("a server listens", 10, server) { server.output[/^listening on tcp:127.0.0.1:(\d+)\n/, 1] }
+  end
+
+  def current(name)
+    @started[name].last
+  end
+
+  def restart(name)
+    @started[name] << start_server(name, @ports[name])
+    port_of(current(name))
+  end
+
+  def start_balancer
+    addresses = { "FRONT" => @front }.merge(@ports.map { |name, port| [name.upcase, port] }.to_h)
+    env = addresses.map { |name, port| [name, "127.0.0.1:#{port}"] }.to_h
+    balancer = Program.new(@folder, "haproxy", "-db", "-f", CONFIGURATION, env: env)
+    @balancers = (@balancers || []) << balancer
+    eventually("the balancer answers", 10, balancer) { ping }
+    balancer
+  end
+
+  def teardown
+    @balancers.to_a.each { |balancer| balancer.stop("KILL") }
+  ensure
+    super
+  end
+
+  def front
+    "tcp:127.0.0.1:#{@front}"
+  end
+
+  def ping
+    VORN::RPC::Client.open(front, timeout: 1) { |client| client.call("ping") }
+  rescue VORN::RPC::Error
+    nil
+  end
+
+  def call(count, *arguments)
+    start("several_servers/client.rb", front, count.to_s, *arguments.map(&:to_s))
+  end
+
+  # What all servers have executed: how often, by call.
+  def executed(*names)
+    names = NAMES if names.empty?
+    lines = names.flat_map { |name| @started[name] }.flat_map { |server| server.output.lines.drop(1) }
+    lines.each_with_object(Hash.new(0)) { |line, counts| counts[line.chomp] += 1 }
+  end
+
+  # How each call of a client that has finished ended, and its last line.
+  def ends_of(client, seconds = 60)
+    assert_equal 0, client.wait(seconds), client.log
+    *lines, counts = client.output.lines.map(&:chomp)
+    ends = lines.map { |line| line.split(": ", 2) }
+    assert_equal ends.size, ends.map(&:first).uniq.size, "a call that ended twice"
+    puts counts
+    ends.to_h
+  end
+
+  # What may not be repeated was executed once, or at most once if its end is unknown.
+  def assert_executed_rightly(ends, unknown)
+    assert_empty ends.values.uniq - NAMES - unknown
+    times = executed
+    wrong = ends.reject do |what, how|
+      least = NAMES.include?(how) ? 1 : 0
+      most = what.start_with?("order") ? 1 : Float::INFINITY
+      times[what].between?(least, most)
+    end
+    assert_empty wrong.first(5)
+    assert_empty times.keys - ends.keys
+  end
+
+  def eventually_works(name)
+    before = executed(name).size
+    eventually("#{name} has work", 15, current(name)) { executed(name).size > before }
+  end
+
+  # The health check's bytes are those of a call and of its answer.
+  def test_the_health_check_is_a_call
+    request, answer = [[1, "ping", []], [1, nil, "pong"]].map do |message|
+      VORN::Stream::Encoder.new.frame(message).unpack("H*")[0]
+    end
+    lines = File.readlines(CONFIGURATION).map(&:strip).grep(/\Atcp-check/)
+    assert_equal ["tcp-check send-binary #{request}", "tcp-check expect binary #{answer}"], lines
+    TCPSocket.open("127.0.0.1", @front) do |socket|
+      socket.write([request].pack("H*"))
+      assert_equal answer, socket.readpartial(100).unpack("H*")[0]
+    end
+  end
+
+  # kill -9 in the middle of 10,000 calls.
+  def test_a_killed_server
+    client = call(10_000)
+    eventually("it is in the middle", 20, client) { executed.size > 2500 }
+    # Some calls are surely in progress when the server dies.
+    long = %w[order look_up].map { |what| [what, Array.new(6) { |number| long_call(what, 1_000_000 + number) }] }.to_h
+    eventually("they have begun", 5) { executed.count { |what, _| what =~ / 100000\d\z/ } == 12 }
+    began = executed("two").keys.grep(/ 100000\d\z/)
+    current("two").stop("KILL")
+    ends = ends_of(client)
+    long_ends = long.flat_map do |what, calls|
+      calls.each_with_index.map { |one, number| ["#{what} #{1_000_000 + number}", one.value] }
+    end
+    assert_equal 10_000, ends.size
+    assert_executed_rightly(ends.merge(long_ends.to_h), ["lost"])
+    assert_operator ends.values.count("lost"), :<=, 8 # that were in progress
+    assert_empty ends.select { |what, how| how == "lost" && what.start_with?("look_up") }
+    assert_equal NAMES.sort, (ends.values.uniq - ["lost"]).sort
+    orders = began.grep(/order/)
+    assert_operator orders.size, :>=, 1
+    assert_operator orders.size, :<, began.size
+    assert_equal orders.sort, long_ends.select { |_, how| how == "lost" }.map(&:first).sort
+
+    # It comes back, and gets work.
+    restart("two")
+    client = call(1_000_000)
+    eventually_works("two")
+    client.signal("TERM")
+    assert_empty ends_of(client).values.uniq - NAMES
+  end
+
+  def long_call(what, number)
+    Thread.new do
+      begin
+        VORN::RPC::Client.open(front, timeout: 15, repeat: what == "look_up") { |client| client.call(what, number, 3) }
+      rescue VORN::RPC::ConnectionLost
+        "lost"
+      end
+    end
+  end
+
+  # Each server in turn is stopped and started again. No call fails, whether it may be repeated or not.
+  def test_a_rolling_restart
+    client = call(1_000_000)
+    NAMES.each do |name|
+      eventually_works(name)
+      current(name).signal("TERM")
+      assert_equal 0, current(name).wait
+      restart(name)
+      eventually_works(name)
+    end
+    client.signal("TERM")
+    ends = ends_of(client)
+    assert_executed_rightly(ends, [])
+    assert_equal ends.size, executed.values.inject(:+), "no call is executed twice"
+  end
+
+  # A server that neither answers nor closes: calls end at their deadlines, and the health check takes it out.
+  def test_a_server_that_hangs
+    client = call(1_000_000, 8, 0.5)
+    NAMES.each { |name| eventually_works(name) }
+    current("one").signal("STOP")
+    eventually("deadlines end calls", 10, client) { client.output.include?("timed out") }
+    eventually("it is out", 10, @balancer) { @balancer.output.include?("servers/one is DOWN, reason: Layer7 timeout") }
+    sleep(0.6) # for what was lost, or repeated, as its connections ended
+    reached = client.output.lines.size
+    eventually("others do its work", 10, client) { client.output.lines.size > reached + 2000 }
+    assert_empty client.output.lines.drop(reached).map { |line| line[/: (.+)/, 1] }.uniq - %w[two three]
+    current("one").signal("CONT")
+    eventually_works("one")
+    client.signal("TERM")
+    ends = ends_of(client)
+    assert_executed_rightly(ends, ["lost", "timed out"])
+    assert_operator ends.values.count { |how| !NAMES.include?(how) }, :<, 200
+  end
+end
