@@ -2,6 +2,7 @@
 
 require "socket"
 require "vorn_rpc/rpc"
+require_relative "../../test/support/certificate"
 require_relative "../test_support"
 
 # Three servers behind HAProxy with the example's own configuration, and a client whose calls end rightly whatever
@@ -16,7 +17,8 @@ class SeveralServersTest < ExampleTest
     @started = NAMES.map { |name| [name, [start_server(name)]] }.to_h # all processes of each server
     @ports = NAMES.map { |name| [name, port_of(current(name))] }.to_h
     @front = Addrinfo.tcp("127.0.0.1", 0).bind { |socket| socket.local_address.ip_port }
-    @balancer = start_balancer
+    start_balancer
+    eventually("the balancer answers", 10, @balancer) { ping }
   end
 
   def start_server(name, port = 0)
@@ -36,17 +38,19 @@ class SeveralServersTest < ExampleTest
     port_of(current(name))
   end
 
+  # Yields the configuration's text, to be changed.
   def start_balancer
+    text = File.read(CONFIGURATION)
+    yield text if block_given?
+    file = File.join(@folder, "haproxy.cfg")
+    File.write(file, text)
     addresses = { "FRONT" => @front }.merge(@ports.map { |name, port| [name.upcase, port] }.to_h)
     env = addresses.map { |name, port| [name, "127.0.0.1:#{port}"] }.to_h
-    balancer = Program.new(@folder, "haproxy", "-db", "-f", CONFIGURATION, env: env)
-    @balancers = (@balancers || []) << balancer
-    eventually("the balancer answers", 10, balancer) { ping }
-    balancer
+    @balancer = Program.new(@folder, "haproxy", "-db", "-f", file, env: env)
   end
 
   def teardown
-    @balancers.to_a.each { |balancer| balancer.stop("KILL") }
+    @balancer.stop("KILL")
   ensure
     super
   end
@@ -55,8 +59,8 @@ class SeveralServersTest < ExampleTest
     "tcp:127.0.0.1:#{@front}"
   end
 
-  def ping
-    VORN::RPC::Client.open(front, timeout: 1) { |client| client.call("ping") }
+  def ping(address = front)
+    VORN::RPC::Client.open(address, timeout: 1) { |client| client.call("ping") }
   rescue VORN::RPC::Error
     nil
   end
@@ -187,5 +191,59 @@ class SeveralServersTest < ExampleTest
     ends = ends_of(client)
     assert_executed_rightly(ends, ["lost", "timed out"])
     assert_operator ends.values.count { |how| !NAMES.include?(how) }, :<, 200
+  end
+
+  # The balancer speaks TLS with the clients, and passes on what is in it.
+  def test_tls_that_ends_at_the_balancer
+    skip("this Ruby has no openssl") unless Certificate.available?
+    key, certificate = Certificate.make
+    File.write("#{@folder}/both.pem", certificate.to_pem + key.to_pem)
+    @balancer.stop("KILL")
+    start_balancer { |text| text.sub!(/^ +bind .*/, "\\0 ssl crt #{@folder}/both.pem") }
+    eventually("a call by TLS", 10, @balancer) { ping(secure(certificate)) == "pong" }
+    assert_nil ping
+  end
+
+  # The servers speak TLS, and the balancer passes on what it cannot read. Its health check is a client of its own.
+  def test_tls_that_is_passed_on
+    skip("this Ruby has no openssl") unless Certificate.available?
+    key, certificate = Certificate.make
+    tls = Certificate.server_context(key, certificate)
+    methods = { "ping" => -> { "pong" } }
+    server = VORN::RPC::Server.new("tcp:127.0.0.1:0", methods, tls: tls, logger: Logger.new(IO::NULL))
+    running = Thread.new { server.run }
+    File.write("#{@folder}/ca.pem", certificate.to_pem)
+    @ports = @ports.merge("one" => server.address[/\d+\z/])
+    @balancer.stop("KILL")
+    checking = "server check check-ssl verify required ca-file #{@folder}/ca.pem"
+    start_balancer { |text| text.sub!("server check", checking) }
+    # The others have no TLS.
+    out = /(?:two|three) is DOWN, reason: Layer6/
+    eventually("they are out", 10, @balancer) { @balancer.output.scan(out).size == 2 }
+    assert_equal "pong", ping(secure(certificate))
+    refute_includes @balancer.output, "one is DOWN"
+  ensure
+    server.stop if server
+    running.join if running
+  end
+
+  # A server does not understand the PROXY protocol, which tells the client's address.
+  def test_the_proxy_protocol_is_not_understood
+    @balancer.stop("KILL")
+    start_balancer { |text| text.sub!("server check", "server check send-proxy-v2") }
+    eventually("all are out", 10, @balancer) { @balancer.output.scan(/ is DOWN, reason: /).size >= 3 }
+    assert_nil ping
+    NAMES.each { |name| assert_includes current(name).log, "bytes that belong to no frame" }
+  end
+
+  # What connects a client by TLS.
+  def secure(certificate)
+    context = Certificate.client_context(certificate)
+    lambda do |_seconds|
+      OpenSSL::SSL::SSLSocket.new(TCPSocket.new("127.0.0.1", @front), context).tap do |ssl|
+        ssl.sync_close = true
+        ssl.connect
+      end
+    end
   end
 end

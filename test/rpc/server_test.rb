@@ -1,11 +1,7 @@
 # frozen_string_literal: true
 
+require_relative "../support/certificate"
 require_relative "helper"
-begin
-  require "openssl"
-rescue LoadError
-  nil # test_tls is skipped
-end
 
 class RpcServerTest < RpcTest
   Refused = VORN::RPC::Refused
@@ -70,28 +66,11 @@ class RpcServerTest < RpcTest
     end
   end
 
-  def tls_contexts
-    key = OpenSSL::PKey::RSA.new(2048)
-    certificate = OpenSSL::X509::Certificate.new
-    certificate.version = 2
-    certificate.serial = 1
-    certificate.subject = certificate.issuer = OpenSSL::X509::Name.parse("/CN=localhost")
-    certificate.public_key = key.public_key
-    certificate.not_before = Time.now - 60
-    certificate.not_after = Time.now + 600
-    certificate.sign(key, OpenSSL::Digest.new("SHA256"))
-    server = OpenSSL::SSL::SSLContext.new
-    server.cert = certificate
-    server.key = key
-    client = OpenSSL::SSL::SSLContext.new
-    client.verify_mode = OpenSSL::SSL::VERIFY_PEER
-    client.cert_store = OpenSSL::X509::Store.new.tap { |store| store.add_cert(certificate) }
-    [server, client]
-  end
-
   def test_tls
-    skip("this Ruby has no openssl") unless defined?(OpenSSL::SSL)
-    server_context, client_context = tls_contexts
+    skip("this Ruby has no openssl") unless Certificate.available?
+    key, certificate = Certificate.make
+    server_context = Certificate.server_context(key, certificate)
+    client_context = Certificate.client_context(certificate)
     serve(tls: server_context) do |server, log|
       port = Integer(server.address[/\d+\z/])
       secure = lambda do |_|
