@@ -30,12 +30,32 @@ class WorkQueue
     return 1
   LUA
 
-  Message = Struct.new(:id, :payload, :deliveries)
+  # Added first: whatever fails then, no message is lost.
+  PUT_BACK = <<-LUA
+    local entry = redis.call("XRANGE", KEYS[2], ARGV[2], ARGV[2])[1]
+    if not entry then return false end
+    for field = 1, #entry[2], 2 do
+      if entry[2][field] == "p" then
+        local id = redis.call("XADD", KEYS[1], "*", "p", entry[2][field + 1])
+        redis.call("XDEL", KEYS[2], ARGV[2])
+        return id
+      end
+    end
+    return false
+  LUA
 
-  # lease is in milliseconds. It must be longer than a batch of messages takes, or work is done twice.
-  def initialize(url, name, lease)
+  Message = Struct.new(:id, :payload, :deliveries)
+  # A buried message, or whatever else another client of Redis has put there. entry: its id among the dead; id: the id
+  # that it had in the queue
+  DeadLetter = Struct.new(:entry, :id, :payload, :reason)
+  # A message that a worker has. held: milliseconds
+  Held = Struct.new(:id, :worker, :held, :deliveries)
+
+  # lease is in milliseconds. It must be longer than a batch of messages takes, or work is done twice. timeout is in
+  # seconds, for each command.
+  def initialize(url, name, lease, timeout: 5)
     # No automatic retries: only the caller knows which commands may be repeated.
-    @redis = Redis.new(url: url, timeout: 5, reconnect_attempts: 0)
+    @redis = Redis.new(url: url, timeout: timeout, reconnect_attempts: 0)
     @name = name
     @lease = lease
   end
@@ -102,11 +122,66 @@ class WorkQueue
     @redis.xrange(dead_key).map { |_, fields| fields.values_at("id", "reason") }
   end
 
+  # Yields the buried messages, the oldest first, up to the one that is the newest now.
+  def each_dead_letter
+    newest = dead_letters(1).first
+    from = "-"
+    while newest && !(page = @redis.xrange(dead_key, from, newest.entry, count: 100)).empty?
+      page.each { |entry| yield dead_letter(*entry) }
+      from = "(#{page.last.first}"
+    end
+  end
+
+  # The newest of the buried messages, the newest first.
+  def dead_letters(count)
+    @redis.xrevrange(dead_key, "+", "-", count: count).map { |entry| dead_letter(*entry) }
+  end
+
+  # The buried message with this id among the dead, or nil.
+  def dead_letter_at(entry)
+    found = @redis.xrange(dead_key, entry, entry).first
+    found && dead_letter(*found)
+  end
+
+  # Takes a message from the dead and adds it to the queue again, as a new message whose id is returned. nil: it is not
+  # there any more, or is no message.
+  def put_back(entry)
+    @redis.eval(PUT_BACK, [@name, dead_key], [GROUP, entry])
+  end
+
+  # Deletes a message from the dead. False: it is not there any more.
+  def delete_dead(entry)
+    @redis.xdel(dead_key, entry) == 1
+  end
+
   # Counts of waiting, pending, completed and buried messages.
   def counts
     pending = @redis.xpending(@name, GROUP)["size"]
-    { waiting: @redis.xlen(@name) - pending, pending: pending, done: @redis.hlen(results_key),
+    # Between the commands messages may be completed.
+    { waiting: [@redis.xlen(@name) - pending, 0].max, pending: pending, done: @redis.hlen(results_key),
       dead: @redis.xlen(dead_key) }
+  end
+
+  # Each worker by name, with the number of its messages and the milliseconds since it last asked for some.
+  def workers
+    @redis.xinfo(:consumers, @name, GROUP).map { |one| one.values_at("name", "pending", "idle") }
+  end
+
+  # The pending messages, the oldest first.
+  def held(count)
+    @redis.xpending(@name, GROUP, "-", "+", count).map do |one|
+      Held.new(*one.values_at("entry_id", "consumer", "elapsed", "count"))
+    end
+  end
+
+  # For how many milliseconds the oldest message that no worker has got has waited, by the clock of Redis. 0: there is
+  # none.
+  def oldest_wait
+    last = @redis.xinfo(:groups, @name).find { |group| group["name"] == GROUP }["last-delivered-id"]
+    id, = @redis.xrange(@name, "(#{last}", "+", count: 1).first
+    return 0 unless id
+    seconds, microseconds = @redis.time
+    [seconds * 1000 + microseconds / 1000 - id.to_i, 0].max
   end
 
   private
@@ -117,6 +192,10 @@ class WorkQueue
 
   def messages(entries, deliveries)
     entries.map { |id, fields| Message.new(id, fields["p"].to_s, deliveries) }
+  end
+
+  def dead_letter(entry, fields)
+    DeadLetter.new(entry, *fields.values_at("id", "p", "reason"))
   end
 
   def results_key
