@@ -137,6 +137,6 @@ Gem::Specification.new do |gem|
   # README.md links to the documents, and these to one another and to the examples. bin/test gem follows the links.
   gem.files += Dir.chdir(__dir__) do
     Dir["{CONTRIBUTING,SECURITY}.md", "{docs,examples,fuzz,test,tools}/**/*.md", "docs/**/*.svg",
-        "examples/**/*.{rb,py,cc,h}", "tools/wireshark/vorn.lua"]
+        "examples/**/*.{rb,py,cc,h,cfg}", "tools/wireshark/vorn.lua"]
   end
 end

@@ -309,6 +309,27 @@ class RpcClientTest < RpcTest
     end
   end
 
+  # One that was about to use the connection when another was refused is not sent on it.
+  def test_a_call_that_comes_as_another_is_refused
+    here, there = UNIXSocket.pair
+    limits = { max_length: 1000, max_depth: 8, preserve_symbols: false }
+    connection = VORN::RPC.send(:const_get, :ClientConnection).new(here, **limits)
+    calls = Array.new(2) do |number|
+      Thread.new { connection.call("echo", [number], now + 10) rescue $! }
+    end
+    ids = messages(there, 2).map(&:first)
+    there.write(frame([ids[0], %w[stopping going], nil]))
+    eventually("one is refused") { !connection.usable? }
+    error = assert_raises(RemoteError) { connection.call("echo", [2], now + 10) }
+    assert_equal "stopping: going", error.message
+    there.write(frame([ids[1], nil, "answered"]))
+    assert_equal ["answered", "stopping: going"], calls.map { |call| call.value.to_s }.sort
+    assert connection.lost?
+    assert_equal "", within { there.read }, "nothing more was sent"
+  ensure
+    [here, there].each { |socket| socket.close unless socket.closed? }
+  end
+
   # A call that goes on where others are refused ends with its client all the same.
   def test_closing_a_client_whose_server_is_stopping
     refuse = lambda do |name, _arguments, &call|
