@@ -297,6 +297,26 @@ class RpcServerTest < RpcTest
     end
   end
 
+  # A client may have sent more than it may have in progress: what has been read of that is refused too.
+  def test_stopping_with_requests_that_are_held_back
+    WORKERS.each do |workers|
+      serve(workers: workers, max_in_progress: 1) do |server|
+        connect(server) do |socket|
+          socket.write(Array.new(20) { |id| frame([id, "sleep", [id.zero? ? 0.4 : 0]]) }.join)
+          sleep(0.2)
+          server.stop
+          answers = messages(socket, 20)
+          assert_equal (0..19).to_a, answers.map(&:first)
+          assert_equal [0, nil, 0.4], answers.first
+          # Without workers the next one begins before the loop looks round.
+          refused = answers.drop(workers.zero? ? 2 : 1)
+          assert_equal ["stopping"], refused.map { |_, error, _| error && error[0] }.uniq
+          assert closed?(socket)
+        end
+      end
+    end
+  end
+
   # What does not end in time is ended, and clients do not delay the end.
   def test_stopping_takes_no_longer_than_it_may
     ended = Queue.new

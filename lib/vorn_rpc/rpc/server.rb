@@ -226,7 +226,7 @@ module VORN
         io = connection.io
         if connection.held_back?
           @reading.delete(io)
-          @more[connection] = true if connection.room? && !@ends
+          @more[connection] = true if connection.room?
         elsif !@ends
           @reading[io] = connection
         end
@@ -320,7 +320,6 @@ module VORN
       def begin_stop
         @ends = Clock.now + @stop_seconds
         @connections.each { |io, connection| @reading.delete(io); connection.read_no_more }
-        @more.clear
         @reading.delete(@listener)
         @listener.close if @listener
       end

@@ -106,9 +106,9 @@ module VORN
         @ending = true
       end
 
-      # Whether all that was begun is answered and sent.
+      # Whether all that was read is answered, and sent.
       def finished?
-        @lock.synchronize { @failure || (@in_progress.zero? && @unsent.empty?) }
+        @lock.synchronize { @failure || (@held_back.nil? && @in_progress.zero? && @unsent.empty?) }
       end
 
       def close
