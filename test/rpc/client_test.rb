@@ -309,6 +309,17 @@ class RpcClientTest < RpcTest
     end
   end
 
+  # Other errors say nothing of whether the call was executed, and repeating it helps nobody.
+  def test_a_call_that_fails_is_not_made_again
+    made = []
+    failing = { "refuse" => -> { made << 1; raise VORN::RPC::Refused.new("overdrawn", "7 is too much") },
+                "fail" => -> { made << 1; raise "as told" } }
+    with_client(methods: failing) do |client|
+      failing.each_key { |name| assert_raises(RemoteError) { client.with(repeat: true).call(name) } }
+    end
+    assert_equal [1, 1], made
+  end
+
   # One that was about to use the connection when another was refused is not sent on it.
   def test_a_call_that_comes_as_another_is_refused
     here, there = UNIXSocket.pair
