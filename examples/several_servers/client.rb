@@ -22,9 +22,8 @@ stopping = false
 trap("TERM") { stopping = true }
 $stdout.sync = true
 
-def answer(client, number)
-  return client.with(repeat: true).call("look_up", number) if number.even?
-  client.call("order", number)
+def answer(client, what, number)
+  client.with(repeat: what == "look_up").call(what, number)
 rescue VORN::RPC::ConnectionLost
   "lost"
 rescue VORN::RPC::TimedOut
@@ -40,8 +39,9 @@ counts = Array.new(threads) do |thread|
       VORN::RPC::Client.open(address, timeout: timeout) do |client|
         numbers.each do |number|
           break if stopping
-          ends[how = answer(client, number)] += 1
-          puts "#{number.even? ? "look_up" : "order"} #{number}: #{how}"
+          what = (number / threads).even? ? "look_up" : "order"
+          ends[how = answer(client, what, number)] += 1
+          puts "#{what} #{number}: #{how}"
         end
       end
     end

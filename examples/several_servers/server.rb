@@ -6,8 +6,9 @@
 #
 # The first line of output is its address; each later one is a call that was executed.
 #
-# On TERM it drains: every call is refused as "stopping", the balancer's ping too, so that clients and new connections
-# go to other servers. After DRAIN_SECONDS (5) it stops. That is longer than the balancer needs to notice.
+# On TERM it drains: what has begun goes on, and every further call is refused as "stopping", the balancer's ping too, so
+# that clients and new connections go to other servers. After DRAIN_SECONDS (5) it stops: that is longer than a call takes
+# and than the balancer needs to notice, which ends the connections of a server that it does not reach any more.
 
 require "vorn_rpc/rpc"
 
