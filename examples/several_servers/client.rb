@@ -41,7 +41,7 @@ counts = Array.new(threads) do |thread|
           break if stopping
           what = (number / threads).even? ? "look_up" : "order"
           ends[how = answer(client, what, number)] += 1
-          puts "#{what} #{number}: #{how}"
+          print "#{what} #{number}: #{how}\n" # one write: threads share the output
         end
       end
     end

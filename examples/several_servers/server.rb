@@ -6,9 +6,10 @@
 #
 # The first line of output is its address; each later one is a call that was executed.
 #
-# On TERM it drains: what has begun goes on, and every further call is refused as "stopping", the balancer's ping too, so
-# that clients and new connections go to other servers. After DRAIN_SECONDS (5) it stops: that is longer than a call takes
-# and than the balancer needs to notice, which ends the connections of a server that it does not reach any more.
+# On TERM it drains: what has begun goes on, and every further call is refused as "stopping", the balancer's ping too,
+# so that clients and new connections go to other servers. After DRAIN_SECONDS (5) it stops. That is longer than a call
+# takes, and than the time until the balancer's next ping: the balancer ends the connections of a server that it does
+# not reach any more.
 
 require "vorn_rpc/rpc"
 
@@ -19,7 +20,7 @@ draining = false
 work = lambda do |what, number, seconds|
   ok = number.is_a?(Integer) && (0..10).cover?(seconds)
   raise VORN::RPC::Refused.new("bad arguments", "numbers wanted") unless ok
-  puts "#{what} #{number}"
+  print "#{what} #{number}\n" # one write: threads share the output
   sleep(seconds)
   name
 end
