@@ -210,6 +210,22 @@ class SeveralServersTest < ExampleTest
     assert_operator ends.values.count { |how| !NAMES.include?(how) }, :<, 200
   end
 
+  # The balancer accepts connections all the same. What may be repeated waits for a server until its deadline.
+  def test_without_servers
+    NAMES.each { |name| current(name).stop("KILL") }
+    eventually("all are out", 10, @balancer) do
+      NAMES.all? { |name| @balancer.output.include?("servers/#{name} is DOWN") }
+    end
+    VORN::RPC::Client.open(front, timeout: 10) do |client|
+      began = now
+      assert_raises(VORN::RPC::ConnectionLost) { client.call("order", 1) }
+      assert_operator now - began, :<, 2
+      waiting = Thread.new { client.with(repeat: true).call("look_up", 1) }
+      restart("one")
+      assert_equal "one", within { waiting.value }
+    end
+  end
+
   # The balancer speaks TLS with the clients, and passes on what is in it.
   def test_tls_that_ends_at_the_balancer
     skip("this Ruby has no openssl") unless Certificate.available?
