@@ -1,59 +1,33 @@
-#frozen_string_literal : true
+# frozen_string_literal: true
 
 require_relative "hex"
-#Reads the tables in test / vectors /, which the C++ tests read too.The README there describes the lines and the
-#notation of values.
-    module Vectors DIR = File.expand_path("../../vectors", __FILE__)
 
-                             Value = Struct.new(
-        : name,
-        : bytes,
-        : ruby,
-        : ruby_as_strings,
-        : ruby_bytes,
-        : variant,
-        : variant_as_strings,
-        : variant_bytes) Fault =
-        Struct.new(
-            : name,
-            : bytes,
-            : payload,
-            : maxdepth,
-            : fault,
-            : pos) Frame =
-            Struct.new(
-                : name,
-                : stream,
-                : consumed,
-                : state,
-                : layout,
-                : seq,
-                : data_len,
-                : payload,
-                : written) do def complete
-    ? state == "complete" end end
+# Reads the tables in test/vectors/, which the C++ tests read too. The README there describes the lines and the
+# notation of values.
+module Vectors
+  DIR = File.expand_path("../../vectors", __FILE__)
 
-# `options` are a decoder's; `messages` of each frame. `written` is 8, 12 or nil.
-                   Stream = Struct.new(
-                                      : name,
-                                      : options,
-                                      : skip,
-                                      : bytes,
-                                      : outcome,
-                                      : written) do def frames outcome.select{
-          | event | event.start_with ? ("<") }.map{ | event | event[1.. - 2].split(", ")} end end
+  Value = Struct.new(:name, :bytes, :ruby, :ruby_as_strings, :ruby_bytes, :variant, :variant_as_strings, :variant_bytes)
+  Fault = Struct.new(:name, :bytes, :payload, :maxdepth, :fault, :pos)
+  Frame = Struct.new(:name, :stream, :consumed, :state, :layout, :seq, :data_len, :payload, :written) do
+    def complete?
+      state == "complete"
+    end
+  end
 
-#What a server does with the payload of a frame : the payloads of its answers, and"closes".
-                                           Call = Struct
-                                                      .new(
-                                                          : name,
-                                                          : payload,
-                                                          : outcome) do
-#Sends it to a server.When all has come that should, another request shows that nothing else does.
-                                                  def outcome_at(socket) socket.write(Vectors.frame(payload)) answers =
-                                           outcome.map {
-  answer(socket)
-}
+  # `options` are a decoder's; `messages` of each frame. `written` is 8, 12 or nil.
+  Stream = Struct.new(:name, :options, :skip, :bytes, :outcome, :written) do
+    def frames
+      outcome.select { |event| event.start_with?("<") }.map { |event| event[1..-2].split(", ") }
+    end
+  end
+
+  # What a server does with the payload of a frame: the payloads of its answers, and "closes".
+  Call = Struct.new(:name, :payload, :outcome) do
+    # Sends it to a server. When all has come that should, another request shows that nothing else does.
+    def outcome_at(socket)
+      socket.write(Vectors.frame(payload))
+      answers = outcome.map { answer(socket) }
       return answers if answers.last == "closes"
       socket.write(Vectors.frame(Hex.decode("0A 07 03 65 6E 64 07 04 65 63 68 6F 0A 00 0B 0B")))
       last = answer(socket)
@@ -82,7 +56,8 @@ require_relative "hex"
       Call.new(name, bytes(payload), outcome == "-" ? [] : outcomes)
     end
   end
-#The results of each codec : notation or "!fault", and the bytes it writes, nil if none.
+
+  # The results of each codec: notation or "!fault", and the bytes it writes, nil if none.
   def values
     table("values.txt", 8).map do |name, bytes, ruby, ruby_as_strings, variant, variant_as_strings, *written|
       raw = bytes(bytes)
@@ -95,7 +70,7 @@ require_relative "hex"
     end
   end
 
-# `payload` is nil for a plain buffer.
+  # `payload` is nil for a plain buffer.
   def faults
     table("faults.txt", 8).map do |name, bytes, payload, maxdepth, fault, pos|
       Fault.new(name, bytes(bytes), payload == "all" ? nil : Integer(payload), Integer(maxdepth), fault,
@@ -120,12 +95,12 @@ require_relative "hex"
     end
   end
 
-#Where to cut bytes of this length : everywhere, or near both ends if there are many.
+  # Where to cut bytes of this length: everywhere, or near both ends if there are many.
   def cuts(length)
     (0...length).select { |i| i < 100 || i + 100 >= length }
   end
 
-#"(3:ab)" becomes "ababab".
+  # "(3:ab)" becomes "ababab".
   def expand(text)
     text.gsub(/\((\d+):([^()]*)\)/) { $2 * $1.to_i }
   end
@@ -133,21 +108,18 @@ require_relative "hex"
   def bytes(text)
     digits = expand(text).delete(" ")
     return "".b if digits == "-"
-    raise "not hexadecimal bytes: #{text}" unless digits =~ /\A([0-9A-F]{
-  2})*\z/
+    raise "not hexadecimal bytes: #{text}" unless digits =~ /\A([0-9A-F]{2})*\z/
     Hex.decode(digits)
   end
 
-#The cells of each row, in order; cells left out are "=".
+  # The cells of each row, in order; cells left out are "=".
   def table(file, columns)
     rows = File.readlines(File.join(DIR, file)).map(&:strip)
     rows = rows.reject { |line| line.empty? || line.start_with?("#") }
     rows = rows.map { |line| line.split("|").map(&:strip) }
     raise "#{file}: no rows" if rows.empty?
-    rows.each {
-        | cells | raise "#{file}: too many cells: #{cells.first}" if cells.size > columns
-      }
-      twice = rows.map(&:first).group_by { |name| name }.select { |_, all| all.size > 1 }.keys
+    rows.each { |cells| raise "#{file}: too many cells: #{cells.first}" if cells.size > columns }
+    twice = rows.map(&:first).group_by { |name| name }.select { |_, all| all.size > 1 }.keys
     raise "#{file}: duplicate names: #{twice.join(', ')}" unless twice.empty?
     rows.map { |cells| cells + ["="] * (columns - cells.size) }
   end
