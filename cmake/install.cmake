@@ -15,7 +15,7 @@ function(install_text file directory name)
 endfunction()
 
 # Headers go one folder deeper, so that `#include "proto/packet_buf.h"` cannot find another library's header.
-install(TARGETS ${vorn_rpc_targets} ${vorn_rpc_calls_targets} EXPORT vorn_rpc
+install(TARGETS ${vorn_rpc_targets} EXPORT vorn_rpc
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
