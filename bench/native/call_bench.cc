@@ -1,5 +1,5 @@
-/// Whole calls over a UNIX socket: those of rpc/, compared with a bare loop that sends the same messages. A client's next
-/// call begins when the last is answered; the server has a thread of its own.
+/// Whole calls over a UNIX socket: those of rpc/, compared with a bare loop that sends the same messages. A client's
+/// next call begins when the last is answered; the server has a thread of its own.
 #include <benchmark/benchmark.h>
 
 #include <unistd.h>
@@ -69,13 +69,14 @@ class BareConnection : public std::enable_shared_from_this<BareConnection> {
       : socket_(std::move(socket)), on_message_(std::move(on_message)), chunk_(65536) {}
 
   void read() {
-    socket_.async_read_some(boost::asio::buffer(chunk_), [self = shared_from_this()](const error_code& error, size_t size) {
-      if (error) return;
-      self->decoder_.feed({self->chunk_.data(), size}, [&](STREAM::StreamFrame& frame) {
-        for (const VObject& message : frame.messages) self->on_message_(*self, message);
-      });
-      self->read();
-    });
+    socket_.async_read_some(boost::asio::buffer(chunk_),
+                            [self = shared_from_this()](const error_code& error, size_t size) {
+                              if (error) return;
+                              self->decoder_.feed({self->chunk_.data(), size}, [&](STREAM::StreamFrame& frame) {
+                                for (const VObject& message : frame.messages) self->on_message_(*self, message);
+                              });
+                              self->read();
+                            });
   }
 
   void write(const VObject& message) {

@@ -108,7 +108,8 @@ size_t serve(tcp::socket& client) {
   size_t frames = 0;
   size_t records = 0;
   const auto answer = [&](StreamFrame& frame) {
-    if (frame.seq != frames % 65536) throw std::runtime_error("frame " + std::to_string(frame.seq) + " out of sequence");
+    if (frame.seq != frames % 65536)
+      throw std::runtime_error("frame " + std::to_string(frame.seq) + " out of sequence");
     ++frames;
     std::vector<VObject> answers;
     for (const VObject& message : frame.messages) answers.push_back(answer_to(message));

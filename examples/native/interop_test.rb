@@ -1,6 +1,7 @@
 # frozen_string_literal: true
 
-# The C++ and the Ruby examples talk to each other over TCP and UNIX sockets. NATIVE is the folder of the built C++ programs.
+# The C++ and the Ruby examples talk to each other over TCP and UNIX sockets. NATIVE is the folder of the built C++
+# programs.
 
 require "socket"
 require "vorn_rpc/stream"

@@ -1,5 +1,5 @@
-// A program that uses the installed library of calls: a call reaches a server, and errors are caught by the classes that
-// the headers declare.
+// A program that uses the installed library of calls: a call reaches a server, and errors are caught by the classes
+// that the headers declare.
 
 #include <boost/asio/io_context.hpp>
 #include <iostream>

@@ -123,8 +123,9 @@ TEST_F(RpcTls, CarriesCalls) {
 TEST_F(RpcTls, RefusesAnUnknownCertificate) {
   client_context_.set_verify_mode(ssl::verify_peer);
   RPC::Client client(connector());
-  EXPECT_EQ(outcome_of([&] { return client.call("add", {20, 22}, {200ms, false}); })
-                .find("ConnectionLost: cannot connect: certificate verify failed"),
+  EXPECT_EQ(outcome_of([&] {
+              return client.call("add", {20, 22}, {200ms, false});
+            }).find("ConnectionLost: cannot connect: certificate verify failed"),
             0U);
 }
 
