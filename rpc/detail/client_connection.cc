@@ -37,6 +37,7 @@ void ClientConnection::guard(const Action& action) {
 
 void ClientConnection::read() {
   channel_->read_some(chunk_.get(), CHUNK, [self = shared_from_this()](const error_code& error, size_t size) {
+    if (self->closed_) return;
     self->guard([&] {
       if (error == boost::asio::error::eof) return self->fail("the server closed the connection");
       if (error) return self->fail(error.message());
@@ -48,6 +49,7 @@ void ClientConnection::read() {
       });
       self->read();
     });
+    self->listener_.behind();
   });
 }
 

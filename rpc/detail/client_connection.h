@@ -23,6 +23,7 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
   /// What it tells. Nothing is told any more when it is closed.
   struct Listener {
     std::function<void(const VObject&)> answer;      ///< an answer, which has been checked
+    std::function<void()> behind;                    ///< all that has arrived has been told; may throw
     std::function<void(uint64_t)> written;           ///< all batches up to this one are written
     std::function<void(const std::string&)> failed;  ///< it has closed itself, for this reason
   };

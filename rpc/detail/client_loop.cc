@@ -134,6 +134,7 @@ void ClientLoop::connected(const error_code& error, std::unique_ptr<Channel> cha
 void ClientLoop::use(std::unique_ptr<Channel> channel) {
   ClientConnection::Listener listener;
   listener.answer = [this](const VObject& message) { answer(message); };
+  listener.behind = [this] { deliver(); };
   listener.written = [this](uint64_t batch) { written(batch); };
   listener.failed = [this](const std::string& reason) { lose(reason); };
   const auto connection = std::make_shared<ClientConnection>(std::move(channel), options_, std::move(listener));
@@ -180,9 +181,31 @@ void ClientLoop::answer(const VObject& answer) {
   const auto found = calls_.find(static_cast<int32_t>(id));
   if (found == calls_.end() || found->second.batch == 0 || found->second.notification) return;
   delay_ = FIRST_PAUSE;
-  if (parts[1].type() == DT_NIL) return end(found->first, Outcome(parts[2]));
-  const VObjectVector& error = parts[1].getvec();
-  end(found->first, Outcome(std::make_exception_ptr(RemoteError(error[0].getstr(), error[1].getstr()))));
+  Outcome outcome(parts[2]);
+  if (parts[1].type() != DT_NIL) {
+    const VObjectVector& error = parts[1].getvec();
+    outcome = Outcome(std::make_exception_ptr(RemoteError(error[0].getstr(), error[1].getstr())));
+  }
+  AsyncClient::Handler handler = take(found);
+  if (handler) answered_.emplace_back(std::move(handler), std::move(outcome));
+}
+
+/// Calls the handlers of calls that have been answered. What they call is sent behind all of them.
+void ClientLoop::deliver() {
+  if (answered_.empty()) return;
+  const auto self = shared_from_this();  // a handler may end the client
+  try {
+    inbox_->gather([this] {
+      while (!answered_.empty()) {
+        const auto [handler, outcome] = std::move(answered_.front());
+        answered_.pop_front();
+        handler(outcome);
+      }
+    });
+  } catch (...) {
+    boost::asio::post(executor_, [self] { self->deliver(); });
+    throw;
+  }
 }
 
 void ClientLoop::written(uint64_t batch) {
@@ -266,12 +289,17 @@ void ClientLoop::fail(int32_t id, const std::string& reason) {
 
 /// A handler may do anything, so it is called when nothing of this is in progress.
 void ClientLoop::end(int32_t id, Outcome outcome) {
-  const auto found = calls_.find(id);
-  AsyncClient::Handler handler = std::move(found->second.handler);
-  deadlines_.erase(found->second.place);
-  calls_.erase(found);
+  AsyncClient::Handler handler = take(calls_.find(id));
   if (!handler) return;
   boost::asio::post(executor_, [handler = std::move(handler), outcome = std::move(outcome)] { handler(outcome); });
+}
+
+/// Forgets a call, and returns its handler.
+AsyncClient::Handler ClientLoop::take(Calls::iterator call) {
+  AsyncClient::Handler handler = std::move(call->second.handler);
+  deadlines_.erase(call->second.place);
+  calls_.erase(call);
+  return handler;
 }
 
 }  // namespace RPC

@@ -12,6 +12,7 @@
 #include <random>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "rpc/async_client.h"
@@ -76,6 +77,7 @@ class ClientLoop : public std::enable_shared_from_this<ClientLoop> {
   void rest();
 
   void answer(const VObject& answer);
+  void deliver();
   void written(uint64_t batch);
   void lose(const std::string& reason);
 
@@ -88,6 +90,7 @@ class ClientLoop : public std::enable_shared_from_this<ClientLoop> {
   template <typename Error>
   void fail(int32_t id, const std::string& reason);
   void end(int32_t id, Outcome outcome);
+  AsyncClient::Handler take(Calls::iterator call);
 
   const boost::asio::any_io_executor executor_;
   const Connect connect_;
@@ -104,8 +107,9 @@ class ClientLoop : public std::enable_shared_from_this<ClientLoop> {
   Calls calls_;  // by id; those of notifications are not sent
   Deadlines deadlines_;
   boost::asio::steady_timer timer_;
-  Clock::time_point armed_ = Clock::time_point::max();  // when the timer looks at deadlines
-  std::deque<int32_t> notifications_;                   // sent, in the order of their batches
+  Clock::time_point armed_ = Clock::time_point::max();             // when the timer looks at deadlines
+  std::deque<int32_t> notifications_;                              // sent, in the order of their batches
+  std::deque<std::pair<AsyncClient::Handler, Outcome>> answered_;  // their handlers are called behind what has arrived
   int32_t last_id_ = 0;
   std::minstd_rand random_;
 };

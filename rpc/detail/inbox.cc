@@ -23,6 +23,20 @@ void Inbox::put(Task task) {
   awake_ = true;
 }
 
+void Inbox::gather(const Task& action) {
+  {
+    const std::lock_guard<std::mutex> hold(lock_);
+    awake_ = true;
+  }
+  try {
+    action();
+  } catch (...) {
+    boost::asio::post(executor_, [self = shared_from_this()] { self->run(); });
+    throw;
+  }
+  run();
+}
+
 void Inbox::close() noexcept {
   std::vector<Task> dropped;  // their ends may put tasks
   Task behind;

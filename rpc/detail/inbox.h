@@ -21,6 +21,10 @@ class Inbox : public std::enable_shared_from_this<Inbox> {
   /// Any thread may put a task. Tasks do not throw. They are dropped when the inbox is closed. Throws std::bad_alloc.
   void put(Task task);
 
+  /// On the executor, but not in a task: does something, and then what it has put, without waking the executor. Throws
+  /// what `action` throws; what it has put then is done later.
+  void gather(const Task& action);
+
   /// Lets no task begin any more. On the executor, or when nobody runs it.
   void close() noexcept;
 

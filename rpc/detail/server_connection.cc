@@ -56,7 +56,7 @@ void ServerConnection::close() noexcept {
 }
 
 void ServerConnection::read() {
-  if (reading_ || ending_ || !held_back_.empty()) return;
+  if (reading_ || closed_ || ending_ || !held_back_.empty()) return;
   channel_->read_some(chunk_.get(), CHUNK, [self = shared_from_this()](const error_code& error, size_t size) {
     self->reading_ = false;
     self->guard([&] {
@@ -80,7 +80,7 @@ void ServerConnection::receive(size_t size) {
     whole_ = true;
   });
   heard_ = true;
-  begin_requests();
+  server_.gather([this] { begin_requests(); });
   read();
 }
 

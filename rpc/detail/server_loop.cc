@@ -139,6 +139,10 @@ void ServerLoop::work(VObject& request, std::unique_ptr<Answer::Receiver> receiv
   runner_.run(request, std::move(receiver));
 }
 
+void ServerLoop::gather(const std::function<void()>& action) {
+  inbox_->gather(action);
+}
+
 void ServerLoop::attend(std::shared_ptr<ServerConnection> connection) {
   attention_.push_back(std::move(connection));
 }

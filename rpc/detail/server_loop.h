@@ -7,6 +7,7 @@
 #include <boost/asio/thread_pool.hpp>
 #include <cstddef>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -55,6 +56,8 @@ class ServerLoop : public std::enable_shared_from_this<ServerLoop> {
   void wait_for_room(std::shared_ptr<ServerConnection> connection);
   /// Runs a request. ServerConnection::finish() gets the answer, never before this has returned.
   void begin(std::shared_ptr<ServerConnection> connection, VObject request);
+  /// Does something that may begin requests, and then takes the answers that there are.
+  void gather(const std::function<void()>& action);
   /// Lets the connection go on behind all answers that there are now.
   void attend(std::shared_ptr<ServerConnection> connection);
   void forget(ServerConnection& connection) noexcept;

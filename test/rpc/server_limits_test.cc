@@ -342,7 +342,7 @@ TEST(RpcServerLimit, RequestsOfTheGoneAreSkipped) {
   options.max_in_progress = 8;
   RunningServer server(methods, options);
   const Peer busy(server.address());
-  busy.send(request_frame(1, "sleep", {300}));
+  busy.send(request_frame(1, "sleep", {2000}));
   std::this_thread::sleep_for(50ms);
   Peer gone(server.address());
   gone.send(repeated(request_frame(1, "execute", {}), 5));

@@ -97,6 +97,7 @@ TEST_P(RpcServer, AnswersFailures) {
   EXPECT_EQ(outcome(("no\n" + std::string(100, 'x')).c_str(), {}),
             "RemoteError: no such method: no method \"no\\x0a" + std::string(37, 'x') + "\"");
   EXPECT_EQ(outcome("add", {20, 22}), "42");
+  EXPECT_TRUE(eventually([&] { return server.logged("answer and throw") == 1; })) << "behind its answer";
   EXPECT_EQ(server.log(),
             "fail: as told\n"
             "number: an exception of no known type\n"
