@@ -247,7 +247,10 @@ TEST_P(RpcServer, StopAnswersWhatHasBegunAndRefusesTheRest) {
     peers.back().send(requests);
   }
   EXPECT_TRUE(eventually([&] { return begun >= static_cast<int>(GetParam() > 0 ? GetParam() : 1); }));
+  server.server().stop();
+  const int begun_before = begun;
   server.end();
+  EXPECT_EQ(begun, begun_before);
   int done = 0;
   int refused = 0;
   for (const Peer& peer : peers) {
