@@ -21,6 +21,10 @@ install(TARGETS ${vorn_rpc_targets} EXPORT vorn_rpc
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vorn_rpc)
 install(DIRECTORY proto vobject stream DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vorn_rpc FILES_MATCHING PATTERN "*.h")
+if(VORN_BUILD_RPC)
+  install(DIRECTORY rpc DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vorn_rpc
+    FILES_MATCHING PATTERN "*.h" PATTERN detail EXCLUDE)
+endif()
 
 set(vorn_rpc_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/vorn_rpc)
 install(EXPORT vorn_rpc NAMESPACE vorn_rpc:: FILE vorn_rpc-targets.cmake DESTINATION ${vorn_rpc_cmake_dir})
@@ -32,7 +36,7 @@ install(FILES
   ${CMAKE_CURRENT_BINARY_DIR}/vorn_rpc-config-version.cmake
   DESTINATION ${vorn_rpc_cmake_dir})
 
-# The .pc file computes its prefix from its own location, so an installed tree may be moved.
+# The .pc files compute their prefix from their own location, so an installed tree may be moved.
 if(IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR} OR IS_ABSOLUTE ${CMAKE_INSTALL_INCLUDEDIR})
   set(pc_prefix ${CMAKE_INSTALL_PREFIX})
   set(pc_libdir ${CMAKE_INSTALL_FULL_LIBDIR})
@@ -44,5 +48,11 @@ else()
   set(pc_libdir "\${prefix}/${CMAKE_INSTALL_LIBDIR}")
   set(pc_includedir "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
 endif()
-configure_file(cmake/vorn_rpc.pc.in vorn_rpc.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vorn_rpc.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+set(pc_names vorn_rpc)
+if(VORN_BUILD_RPC)
+  list(APPEND pc_names vorn_rpc_calls)
+endif()
+foreach(name IN LISTS pc_names)
+  configure_file(cmake/${name}.pc.in ${name}.pc @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()

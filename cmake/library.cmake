@@ -58,3 +58,26 @@ endforeach()
 add_library(vorn_rpc::vorn_rpc ALIAS vorn_rpc)
 add_library(vorn_rpc::shared ALIAS ${vorn_rpc_shared_target})
 add_library(vorn_rpc::static ALIAS ${vorn_rpc_static_target})
+
+# Calls are a library of their own, so that nobody else depends on Boost.Asio. It is static only: Boost.Asio keeps what
+# runs on a thread in variables of its headers, and a shared library would have others than the program that runs the
+# io_context.
+if(VORN_BUILD_RPC)
+  set(CMAKE_REQUIRED_LIBRARIES Boost::boost Threads::Threads)
+  check_cxx_source_compiles("#include <boost/asio/any_io_executor.hpp>\nint main() {}" VORN_HAS_ASIO)
+  unset(CMAKE_REQUIRED_LIBRARIES)
+  if(NOT VORN_HAS_ASIO)
+    message(FATAL_ERROR "rpc/ needs Boost.Asio 1.74 or later (boost/asio/any_io_executor.hpp). Install it, or leave calls "
+      "out with -DVORN_BUILD_RPC=OFF")
+  endif()
+  add_library(vorn_rpc_calls STATIC)
+  add_subdirectory(rpc)
+  set_target_properties(vorn_rpc_calls PROPERTIES
+    EXPORT_NAME calls
+    POSITION_INDEPENDENT_CODE ON
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON)
+  target_link_libraries(vorn_rpc_calls PUBLIC vorn_rpc)
+  list(APPEND vorn_rpc_targets vorn_rpc_calls)
+  add_library(vorn_rpc::calls ALIAS vorn_rpc_calls)
+endif()

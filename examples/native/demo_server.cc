@@ -4,7 +4,14 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/error.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/address_v4.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/system/error_code.hpp>
+#include <boost/system/system_error.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <iostream>
@@ -14,8 +21,6 @@
 #include <utility>
 #include <vector>
 
-#include "examples/native/bad_message.h"
-#include "examples/native/sockets.h"
 #include "stream/stream_decoder.h"
 #include "stream/stream_encoder.h"
 #include "vobject/render.h"
@@ -23,13 +28,13 @@
 
 namespace {
 
+using boost::asio::ip::tcp;
 using VORN::VObject;
 using VORN::STREAM::StreamDecoder;
 using VORN::STREAM::StreamEncoder;
 using VORN::STREAM::StreamFrame;
 
 constexpr uint32_t MAX_PAYLOAD = 1 << 24;
-constexpr std::chrono::seconds PATIENCE{30};  // how long a client may leave its answers unread
 
 // From single bytes to more than a network packet; no size divides another, so reads and frames never align.
 constexpr std::array<size_t, 8> CHUNK_SIZES{1, 7, 1460, 3, 4093, 61, 65521, 251};
@@ -83,7 +88,7 @@ std::string rendered(const VObject& value) {
 }
 
 VObject answer_to(const VObject& message) {
-  if (!message.has_key("id") || !message.has_key("record")) throw rpc::BadMessage("a message without a record");
+  if (!message.has_key("id") || !message.has_key("record")) throw std::runtime_error("a message without a record");
   const VObject& record = message.fetch("record");
   const VObject tally = Tally(record).to_hash();
   const VObject& announced = message.fetch("tally");
@@ -97,32 +102,35 @@ VObject answer_to(const VObject& message) {
 }
 
 /// Serves until the client closes its side. Returns the number of records.
-size_t serve(rpc::Socket& client) {
+size_t serve(tcp::socket& client) {
   StreamDecoder decoder({MAX_PAYLOAD});
   StreamEncoder encoder({MAX_PAYLOAD});
   size_t frames = 0;
   size_t records = 0;
   const auto answer = [&](StreamFrame& frame) {
-    if (frame.seq != frames % 65536) throw rpc::BadMessage("frame " + std::to_string(frame.seq) + " out of sequence");
+    if (frame.seq != frames % 65536)
+      throw std::runtime_error("frame " + std::to_string(frame.seq) + " out of sequence");
     ++frames;
     std::vector<VObject> answers;
     for (const VObject& message : frame.messages) answers.push_back(answer_to(message));
     records += answers.size();
     // Alternates between the two layouts.
     encoder.use_twelve_byte_header(frames % 2 == 0);
-    client.send_all(encoder.frame(answers), rpc::Clock::now() + PATIENCE);
+    const std::string_view bytes = encoder.frame(answers);
+    boost::asio::write(client, boost::asio::buffer(bytes.data(), bytes.size()));
   };
 
   size_t chunks = 0;
-  std::string received;
-  while (client.receive(received)) {
-    for (std::string_view rest = received; !rest.empty(); ++chunks) {
+  std::string received(65536, '\0');
+  boost::system::error_code error;
+  while (const size_t size = client.read_some(boost::asio::buffer(received), error)) {
+    for (std::string_view rest(received.data(), size); !rest.empty(); ++chunks) {
       const std::string_view chunk = rest.substr(0, CHUNK_SIZES[chunks % CHUNK_SIZES.size()]);
       decoder.feed(chunk, answer);
       rest.remove_prefix(chunk.size());
     }
-    received.clear();
   }
+  if (error != boost::asio::error::eof) throw boost::system::system_error(error);
   decoder.finish();
   return records;
 }
@@ -138,11 +146,10 @@ std::string chunk_sizes() {
 }  // namespace
 
 int main() try {
-  rpc::Socket listener = rpc::listen_at("tcp:127.0.0.1:0");
-  const std::string address = rpc::address_of(listener);
-  std::cout << address.substr(address.rfind(':') + 1) << std::endl;
-  rpc::Socket client = rpc::accept_from(listener);
-  if (client.fd() < 0) throw std::runtime_error("the client went away again");
+  boost::asio::io_context io;
+  tcp::acceptor listener(io, tcp::endpoint(boost::asio::ip::address_v4::loopback(), 0));
+  std::cout << listener.local_endpoint().port() << std::endl;
+  tcp::socket client = listener.accept();
   const size_t records = serve(client);
   std::cerr << "server: " << records << " records checked, read in chunks of " << chunk_sizes() << " bytes at most\n";
   return 0;

@@ -17,6 +17,7 @@ files.each do |file|
     File.write(source, block)
     expected = block.scan(%r{^// prints (.*)$}).map { |(line)| "#{line}\n" }.join
     log, compiled = Open3.capture2e(compiler, "-std=c++17", "-Wall", "-Wextra", "-Wpedantic", "-Werror", "-I.", source,
+                                    File.join(root, "library", "libvorn_rpc_calls.a"),
                                     File.join(root, "library", "libvorn_rpc.a"), "-pthread", "-o", program)
     printed, ran = compiled.success? ? Open3.capture2e(program) : [log, compiled]
     if ran.success? && !expected.empty? && printed == expected

@@ -140,6 +140,18 @@ std::vector<StreamVector> read_streams() {
   return out;
 }
 
+std::vector<CallVector> read_calls() {
+  std::vector<CallVector> out;
+  for (const Cells& c : read_table("calls.txt", 3)) {
+    CallVector v{c[0], from_hex(c[1]), {}};
+    for (const std::string& answer : split(c[2], ";")) {
+      if (answer != "-") v.answers.push_back(answer == "closes" ? answer : to_hex(from_hex(answer)));
+    }
+    out.push_back(v);
+  }
+  return out;
+}
+
 std::vector<VarintVector> read_varints() {
   std::vector<VarintVector> out;
   for (const Cells& c : read_table("group_numbers.txt", 7)) {
@@ -175,6 +187,11 @@ const std::vector<FrameVector>& frame_vectors() {
 
 const std::vector<StreamVector>& stream_vectors() {
   static const std::vector<StreamVector> rows = read_streams();
+  return rows;
+}
+
+const std::vector<CallVector>& call_vectors() {
+  static const std::vector<CallVector> rows = read_calls();
   return rows;
 }
 

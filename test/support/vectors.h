@@ -62,6 +62,13 @@ struct StreamVector {
 /// The messages of a frame in an outcome, each in notation.
 std::vector<std::string> messages_of(const std::string& frame);
 
+/// The columns of calls.txt.
+struct CallVector {
+  std::string name;
+  std::string request;               ///< payload of its frame
+  std::vector<std::string> answers;  ///< payloads in hex, or "closes"
+};
+
 /// The columns of group_numbers.txt.
 struct VarintVector {
   std::string name;
@@ -77,6 +84,7 @@ const std::vector<ValueVector>& value_vectors();
 const std::vector<FaultVector>& fault_vectors();
 const std::vector<FrameVector>& frame_vectors();
 const std::vector<StreamVector>& stream_vectors();
+const std::vector<CallVector>& call_vectors();
 const std::vector<VarintVector>& varint_vectors();
 
 /// Where to cut bytes of this length: everywhere, or near both ends if there are many.

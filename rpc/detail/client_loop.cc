@@ -1,0 +1,306 @@
+#include "rpc/detail/client_loop.h"
+
+#include <algorithm>
+#include <boost/asio/error.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/system/error_code.hpp>
+#include <exception>
+#include <utility>
+
+#include "rpc/detail/client_connection.h"
+#include "rpc/detail/envelope.h"
+#include "rpc/detail/inbox.h"
+#include "rpc/errors.h"
+
+namespace VORN {
+namespace RPC {
+
+using boost::system::error_code;
+
+ClientLoop::ClientLoop(const boost::asio::any_io_executor& executor, Connect connect, ClientOptions options)
+    : executor_(executor),
+      connect_(std::move(connect)),
+      options_(options),
+      inbox_(std::make_shared<Inbox>(executor, [this] { flush(); })),
+      delay_(FIRST_PAUSE),
+      pause_(executor),
+      timer_(executor),
+      random_(std::random_device()()) {}
+
+ClientLoop::~ClientLoop() {
+  inbox_->close();
+  if (connection_) connection_->close();
+}
+
+void ClientLoop::call(const std::string& name, const VObjectVector& arguments, AsyncClient::Handler handler,
+                      const CallOptions& options, bool notification) {
+  Call call;
+  call.message = request(VObject(), name, arguments);
+  call.handler = std::move(handler);
+  call.deadline = Clock::now() + options.timeout;
+  call.repeat = options.repeat;
+  call.notification = notification;
+  inbox_->put([this, call = std::move(call)]() mutable { begin(std::move(call)); });
+}
+
+void ClientLoop::close() {
+  inbox_->put([this] { close_now(); });
+}
+
+void ClientLoop::close_behind() {
+  boost::asio::post(executor_, [self = shared_from_this()] { self->close_now(); });
+}
+
+void ClientLoop::close_now() {
+  if (std::exchange(closed_, true)) return;
+  rest();
+  if (connection_) connection_->close();
+  connection_.reset();
+  while (!calls_.empty()) fail<ConnectionLost>(calls_.begin()->first, "the client is closed");
+  timer_.cancel();
+}
+
+void ClientLoop::begin(Call call) {
+  const int32_t id = next_id();
+  const Clock::time_point deadline = call.deadline;
+  call.place = deadlines_.emplace_hint(deadlines_.end(), deadline, id);
+  if (!call.notification) call.message.getvec()[0] = VObject(id);
+  calls_.emplace(id, std::move(call));
+  if (closed_) return fail<ConnectionLost>(id, "the client is closed");
+  arm(deadline);
+  switch (state_) {
+    case State::connected: return send(id);
+    case State::connecting: return;
+    case State::pausing:
+      if (deadline >= pause_.expiry()) return;
+      break;
+    case State::idle: break;
+  }
+  connect();
+}
+
+/// After wrapping around, a call that waits may still have an id.
+int32_t ClientLoop::next_id() {
+  do {
+    last_id_ = last_id_ == MAX_ID ? 1 : last_id_ + 1;
+  } while (calls_.count(last_id_) > 0);
+  return last_id_;
+}
+
+/// Sends a request, behind all that are put into the inbox with it.
+void ClientLoop::send(int32_t id) {
+  Call& call = calls_.at(id);
+  try {
+    call.batch = connection_->add(call.message);
+  } catch (const std::exception&) {
+    return end(id, Outcome(std::current_exception()));
+  }
+  if (call.notification) notifications_.push_back(id);
+}
+
+void ClientLoop::flush() {
+  const std::shared_ptr<ClientConnection> connection = connection_;  // may be lost here
+  if (connection) connection->flush();
+}
+
+void ClientLoop::connect() {
+  Clock::time_point deadline = Clock::time_point::min();
+  for (const int32_t id : waiting()) deadline = std::max(deadline, calls_.at(id).deadline);
+  state_ = State::connecting;
+  const uint64_t attempt = ++attempt_;
+  pause_.cancel();
+  try {
+    give_up_ = connect_(deadline,
+                        [weak = weak_from_this(), attempt](const error_code& error, std::unique_ptr<Channel> channel) {
+                          const auto self = weak.lock();
+                          const bool late = !self || self->attempt_ != attempt || self->state_ != State::connecting;
+                          if (!late) self->connected(error, std::move(channel));
+                        });
+  } catch (const std::exception& e) {
+    cannot_connect(e.what());
+  }
+}
+
+void ClientLoop::connected(const error_code& error, std::unique_ptr<Channel> channel) {
+  if (error || !channel) return cannot_connect(error ? error.message() : "there is no channel");
+  try {
+    use(std::move(channel));
+  } catch (const std::exception& e) {
+    connection_.reset();
+    cannot_connect(e.what());
+  }
+}
+
+void ClientLoop::use(std::unique_ptr<Channel> channel) {
+  ClientConnection::Listener listener;
+  listener.answer = [this](const VObject& message) { answer(message); };
+  listener.behind = [this] { deliver(); };
+  listener.written = [this](uint64_t batch) { written(batch); };
+  listener.failed = [this](const std::string& reason) { lose(reason); };
+  const auto connection = std::make_shared<ClientConnection>(std::move(channel), options_, std::move(listener));
+  connection_ = connection;
+  state_ = State::connected;
+  for (const int32_t id : waiting()) send(id);
+  connection->start();
+  flush();
+}
+
+void ClientLoop::cannot_connect(const std::string& reason) {
+  cannot_connect_ = reason;
+  end_impatient("cannot connect: " + reason);
+  pause();
+}
+
+/// Tries again after a while, if a call still waits for a connection.
+void ClientLoop::pause() {
+  if (waiting().empty()) return rest();
+  state_ = State::pausing;
+  // Jitter: when a server comes back, its clients must not all return at once.
+  std::uniform_int_distribution<int64_t> jitter(delay_.count() / 2, delay_.count());
+  pause_.expires_after(std::chrono::milliseconds(jitter(random_)));
+  delay_ = std::min(2 * delay_, LONGEST_PAUSE);
+  pause_.async_wait([self = shared_from_this()](const error_code& error) {
+    if (!error && self->state_ == State::pausing) self->connect();
+  });
+}
+
+/// No call waits for a connection any more.
+void ClientLoop::rest() {
+  state_ = State::idle;
+  delay_ = FIRST_PAUSE;
+  ++attempt_;
+  pause_.cancel();
+  if (give_up_) std::exchange(give_up_, nullptr)();
+}
+
+/// An answer that nobody waits for is of a call that has timed out. Only a call's first answer counts.
+void ClientLoop::answer(const VObject& answer) {
+  const VObjectVector& parts = answer.getvec();
+  const int64_t id = parts[0].type() == DT_INT ? parts[0].to_i64() : 0;
+  if (id < 1 || id > MAX_ID) return;
+  const auto found = calls_.find(static_cast<int32_t>(id));
+  if (found == calls_.end() || found->second.batch == 0 || found->second.notification) return;
+  delay_ = FIRST_PAUSE;
+  Outcome outcome(parts[2]);
+  if (parts[1].type() != DT_NIL) {
+    const VObjectVector& error = parts[1].getvec();
+    outcome = Outcome(std::make_exception_ptr(RemoteError(error[0].getstr(), error[1].getstr())));
+  }
+  AsyncClient::Handler handler = take(found);
+  if (handler) answered_.emplace_back(std::move(handler), std::move(outcome));
+}
+
+/// Calls the handlers of calls that have been answered. What they call is sent behind all of them.
+void ClientLoop::deliver() {
+  if (answered_.empty()) return;
+  const auto self = shared_from_this();  // a handler may end the client
+  try {
+    inbox_->gather([this] {
+      while (!answered_.empty()) {
+        const auto [handler, outcome] = std::move(answered_.front());
+        answered_.pop_front();
+        handler(outcome);
+      }
+    });
+  } catch (...) {
+    boost::asio::post(executor_, [self] { self->deliver(); });
+    throw;
+  }
+}
+
+void ClientLoop::written(uint64_t batch) {
+  while (!notifications_.empty()) {
+    const auto found = calls_.find(notifications_.front());
+    if (found != calls_.end()) {
+      if (found->second.batch > batch) return;
+      end(found->first, Outcome(VObject()));
+    }
+    notifications_.pop_front();
+  }
+}
+
+void ClientLoop::lose(const std::string& reason) {
+  connection_.reset();
+  state_ = State::idle;
+  notifications_.clear();
+  std::vector<int32_t> ended;
+  for (auto& [id, call] : calls_) {
+    if (!call.repeat) ended.push_back(id);
+    call.batch = 0;
+  }
+  for (const int32_t id : ended) fail<ConnectionLost>(id, reason);
+  end_impatient(reason);
+  pause();
+}
+
+/// Lets the timer look at deadlines at this one, unless it will before.
+void ClientLoop::arm(Clock::time_point deadline) {
+  if (deadline >= armed_) return;
+  armed_ = deadline;
+  timer_.expires_at(deadline);
+  timer_.async_wait([self = shared_from_this()](const error_code& error) {
+    if (!error && !self->closed_) self->look_at_deadlines();
+  });
+}
+
+void ClientLoop::look_at_deadlines() {
+  armed_ = Clock::time_point::max();
+  const Clock::time_point now = Clock::now();
+  while (!deadlines_.empty() && deadlines_.begin()->first <= now) expire(deadlines_.begin()->second);
+  if (!deadlines_.empty()) arm(deadlines_.begin()->first);
+}
+
+void ClientLoop::expire(int32_t id) {
+  const uint64_t batch = calls_.at(id).batch;
+  if (batch == 0) {
+    fail<ConnectionLost>(id, "cannot connect: " + (cannot_connect_.empty() ? "not in time" : cannot_connect_));
+    if (state_ != State::connected && waiting().empty()) rest();
+  } else if (connection_->has_written(batch)) {
+    fail<TimedOut>(id, "no answer in time");
+  } else {
+    // Nothing can follow a part of a frame.
+    connection_->close();
+    lose("sending failed: the server takes nothing");
+  }
+}
+
+/// Calls that wait for a connection, in their order.
+std::vector<int32_t> ClientLoop::waiting() const {
+  std::vector<int32_t> ids;
+  for (const auto& [id, call] : calls_) {
+    if (call.batch == 0) ids.push_back(id);
+  }
+  std::sort(ids.begin(), ids.end());
+  return ids;
+}
+
+/// Ends the calls that wait for a connection and whose deadline comes before the next attempt.
+void ClientLoop::end_impatient(const std::string& reason) {
+  const Clock::time_point next = Clock::now() + delay_;
+  for (const int32_t id : waiting()) {
+    if (calls_.at(id).deadline < next) fail<ConnectionLost>(id, reason);
+  }
+}
+
+template <typename Error>
+void ClientLoop::fail(int32_t id, const std::string& reason) {
+  end(id, Outcome(std::make_exception_ptr(Error(reason))));
+}
+
+/// A handler may do anything, so it is called when nothing of this is in progress.
+void ClientLoop::end(int32_t id, Outcome outcome) {
+  AsyncClient::Handler handler = take(calls_.find(id));
+  if (!handler) return;
+  boost::asio::post(executor_, [handler = std::move(handler), outcome = std::move(outcome)] { handler(outcome); });
+}
+
+/// Forgets a call, and returns its handler.
+AsyncClient::Handler ClientLoop::take(Calls::iterator call) {
+  AsyncClient::Handler handler = std::move(call->second.handler);
+  deadlines_.erase(call->second.place);
+  calls_.erase(call);
+  return handler;
+}
+
+}  // namespace RPC
+}  // namespace VORN
