@@ -23,6 +23,9 @@ class ClientLoop;
 /// Calls overlap on one connection. It is made when there is a call, and again when it was lost: until the deadlines of
 /// the calls that wait for it, with pauses that double from 0.05 s to 1 s, with jitter. Late answers are dropped.
 ///
+/// A call that a stopping server refuses has not been executed: it is made again, until its deadline, on a new
+/// connection. The old one serves the calls in flight and no other.
+///
 /// Each call ends exactly once, by its deadline: its handler is called on the executor, and never before call() has
 /// returned. What a handler throws goes through the executor.
 ///

@@ -47,7 +47,7 @@ void ClientConnection::read() {
           self->listener_.answer(answer);
         }
       });
-      self->read();
+      if (!self->closed_) self->read();
     });
     self->listener_.behind();
   });

@@ -29,7 +29,7 @@ ClientLoop::ClientLoop(const boost::asio::any_io_executor& executor, Connect con
 
 ClientLoop::~ClientLoop() {
   inbox_->close();
-  if (connection_) connection_->close();
+  for (const auto& [number, link] : links_) link.connection->close();
 }
 
 void ClientLoop::call(const std::string& name, const VObjectVector& arguments, AsyncClient::Handler handler,
@@ -54,8 +54,9 @@ void ClientLoop::close_behind() {
 void ClientLoop::close_now() {
   if (std::exchange(closed_, true)) return;
   rest();
-  if (connection_) connection_->close();
-  connection_.reset();
+  for (const auto& [number, link] : links_) link.connection->close();
+  links_.clear();
+  current_ = 0;
   while (!calls_.empty()) fail<ConnectionLost>(calls_.begin()->first, "the client is closed");
   timer_.cancel();
 }
@@ -90,17 +91,20 @@ int32_t ClientLoop::next_id() {
 /// Sends a request, behind all that are put into the inbox with it.
 void ClientLoop::send(int32_t id) {
   Call& call = calls_.at(id);
+  Link& link = links_.at(current_);
   try {
-    call.batch = connection_->add(call.message);
+    if (call.notification) link.notifications.push_back(id);
+    call.batch = link.connection->add(call.message);
   } catch (const std::exception&) {
     return end(id, Outcome(std::current_exception()));
   }
-  if (call.notification) notifications_.push_back(id);
+  call.link = current_;
 }
 
 void ClientLoop::flush() {
-  const std::shared_ptr<ClientConnection> connection = connection_;  // may be lost here
-  if (connection) connection->flush();
+  if (current_ == 0) return;
+  const std::shared_ptr<ClientConnection> connection = links_.at(current_).connection;  // may be lost here
+  connection->flush();
 }
 
 void ClientLoop::connect() {
@@ -123,22 +127,24 @@ void ClientLoop::connect() {
 
 void ClientLoop::connected(const error_code& error, std::unique_ptr<Channel> channel) {
   if (error || !channel) return cannot_connect(error ? error.message() : "there is no channel");
+  const uint64_t link = ++last_link_;
   try {
-    use(std::move(channel));
+    use(link, std::move(channel));
   } catch (const std::exception& e) {
-    connection_.reset();
+    remove(link);
     cannot_connect(e.what());
   }
 }
 
-void ClientLoop::use(std::unique_ptr<Channel> channel) {
+void ClientLoop::use(uint64_t link, std::unique_ptr<Channel> channel) {
   ClientConnection::Listener listener;
-  listener.answer = [this](const VObject& message) { answer(message); };
+  listener.answer = [this, link](const VObject& message) { answer(link, message); };
   listener.behind = [this] { deliver(); };
-  listener.written = [this](uint64_t batch) { written(batch); };
-  listener.failed = [this](const std::string& reason) { lose(reason); };
+  listener.written = [this, link](uint64_t batch) { written(link, batch); };
+  listener.failed = [this, link](const std::string& reason) { lose(link, reason); };
   const auto connection = std::make_shared<ClientConnection>(std::move(channel), options_, std::move(listener));
-  connection_ = connection;
+  links_.emplace(link, Link{connection, {}});
+  current_ = link;
   state_ = State::connected;
   for (const int32_t id : waiting()) send(id);
   connection->start();
@@ -174,20 +180,53 @@ void ClientLoop::rest() {
 }
 
 /// An answer that nobody waits for is of a call that has timed out. Only a call's first answer counts.
-void ClientLoop::answer(const VObject& answer) {
+void ClientLoop::answer(uint64_t link, const VObject& answer) {
   const VObjectVector& parts = answer.getvec();
   const int64_t id = parts[0].type() == DT_INT ? parts[0].to_i64() : 0;
   if (id < 1 || id > MAX_ID) return;
   const auto found = calls_.find(static_cast<int32_t>(id));
-  if (found == calls_.end() || found->second.batch == 0 || found->second.notification) return;
-  delay_ = FIRST_PAUSE;
+  if (found == calls_.end() || found->second.link != link || found->second.notification) return;
   Outcome outcome(parts[2]);
-  if (parts[1].type() != DT_NIL) {
+  if (parts[1].type() == DT_NIL) {
+    delay_ = FIRST_PAUSE;
+  } else {
     const VObjectVector& error = parts[1].getvec();
+    const bool stopping = error[0].getstr() == STOPPING;
+    if (stopping && call_again(found)) return;
+    if (!stopping) delay_ = FIRST_PAUSE;
     outcome = Outcome(std::make_exception_ptr(RemoteError(error[0].getstr(), error[1].getstr())));
   }
   AsyncClient::Handler handler = take(found);
   if (handler) answered_.emplace_back(std::move(handler), std::move(outcome));
+}
+
+/// A server that is stopping has not executed the call. Its connection is kept for the calls in flight, and another one
+/// serves the rest. False: the call's deadline comes before the next attempt.
+bool ClientLoop::call_again(Calls::iterator call) {
+  const uint64_t link = std::exchange(call->second.link, 0);
+  if (link == current_) {
+    current_ = 0;
+    state_ = State::idle;
+  }
+  const bool again = call->second.deadline >= Clock::now() + delay_;
+  if (again && state_ == State::idle) pause();
+  if (again && state_ == State::connected) {
+    send(call->first);
+    flush();
+  }
+  release(link);
+  return again;
+}
+
+/// Closes a connection that is for calls in flight only, when there are none.
+void ClientLoop::release(uint64_t link) {
+  const auto found = links_.find(link);
+  if (found == links_.end() || link == current_) return;
+  for (const auto& [id, call] : calls_) {
+    if (call.link == link) return;
+  }
+  found->second.connection->close();
+  links_.erase(found);
 }
 
 /// Calls the handlers of calls that have been answered. What they call is sent behind all of them.
@@ -208,29 +247,45 @@ void ClientLoop::deliver() {
   }
 }
 
-void ClientLoop::written(uint64_t batch) {
-  while (!notifications_.empty()) {
-    const auto found = calls_.find(notifications_.front());
-    if (found != calls_.end()) {
-      if (found->second.batch > batch) return;
-      end(found->first, Outcome(VObject()));
-    }
-    notifications_.pop_front();
+void ClientLoop::written(uint64_t link, uint64_t batch) {
+  std::deque<int32_t>& notifications = links_.at(link).notifications;
+  std::vector<int32_t> ended;
+  while (!notifications.empty()) {
+    const auto found = calls_.find(notifications.front());
+    const bool sent = found != calls_.end() && found->second.link == link;
+    if (sent && found->second.batch > batch) break;
+    if (sent) ended.push_back(found->first);
+    notifications.pop_front();
   }
+  for (const int32_t id : ended) end(id, Outcome(VObject()));
 }
 
-void ClientLoop::lose(const std::string& reason) {
-  connection_.reset();
-  state_ = State::idle;
-  notifications_.clear();
+void ClientLoop::lose(uint64_t link, const std::string& reason) {
   std::vector<int32_t> ended;
-  for (auto& [id, call] : calls_) {
-    if (!call.repeat) ended.push_back(id);
-    call.batch = 0;
+  for (const auto& [id, call] : calls_) {
+    if (call.link == link && !call.repeat) ended.push_back(id);
   }
+  remove(link);
   for (const int32_t id : ended) fail<ConnectionLost>(id, reason);
   end_impatient(reason);
-  pause();
+  if (state_ == State::idle) return pause();
+  if (state_ != State::connected) return;
+  for (const int32_t id : waiting()) send(id);
+  flush();
+}
+
+/// Forgets a connection. Its calls wait for another one.
+void ClientLoop::remove(uint64_t link) {
+  const auto found = links_.find(link);
+  if (found == links_.end()) return;
+  found->second.connection->close();
+  links_.erase(found);
+  for (auto& [id, call] : calls_) {
+    if (call.link == link) call.link = 0;
+  }
+  if (link != current_) return;
+  current_ = 0;
+  state_ = State::idle;
 }
 
 /// Lets the timer look at deadlines at this one, unless it will before.
@@ -251,16 +306,18 @@ void ClientLoop::look_at_deadlines() {
 }
 
 void ClientLoop::expire(int32_t id) {
-  const uint64_t batch = calls_.at(id).batch;
-  if (batch == 0) {
+  const Call& call = calls_.at(id);
+  const uint64_t link = call.link;
+  const std::shared_ptr<ClientConnection> connection = link == 0 ? nullptr : links_.at(link).connection;
+  if (!connection) {
     fail<ConnectionLost>(id, "cannot connect: " + (cannot_connect_.empty() ? "not in time" : cannot_connect_));
     if (state_ != State::connected && waiting().empty()) rest();
-  } else if (connection_->has_written(batch)) {
+  } else if (connection->has_written(call.batch)) {
     fail<TimedOut>(id, "no answer in time");
   } else {
     // Nothing can follow a part of a frame.
-    connection_->close();
-    lose("sending failed: the server takes nothing");
+    connection->close();
+    lose(link, "sending failed: the server takes nothing");
   }
 }
 
@@ -268,7 +325,7 @@ void ClientLoop::expire(int32_t id) {
 std::vector<int32_t> ClientLoop::waiting() const {
   std::vector<int32_t> ids;
   for (const auto& [id, call] : calls_) {
-    if (call.batch == 0) ids.push_back(id);
+    if (call.link == 0) ids.push_back(id);
   }
   std::sort(ids.begin(), ids.end());
   return ids;
@@ -297,8 +354,10 @@ void ClientLoop::end(int32_t id, Outcome outcome) {
 /// Forgets a call, and returns its handler.
 AsyncClient::Handler ClientLoop::take(Calls::iterator call) {
   AsyncClient::Handler handler = std::move(call->second.handler);
+  const uint64_t link = call->second.link;
   deadlines_.erase(call->second.place);
   calls_.erase(call);
+  release(link);
   return handler;
 }
 

@@ -58,10 +58,17 @@ class ClientLoop : public std::enable_shared_from_this<ClientLoop> {
     Clock::time_point deadline;
     bool repeat = false;
     bool notification = false;
-    uint64_t batch = 0;         ///< in which it was sent on this connection; 0: it waits for one
+    uint64_t link = 0;          ///< on which it was sent; 0: it waits for one
+    uint64_t batch = 0;         ///< in which it was sent there
     Deadlines::iterator place;  ///< of its deadline
   };
   using Calls = std::unordered_map<int32_t, Call>;
+
+  /// A connection, and the notifications that were sent on it, in the order of their batches.
+  struct Link {
+    std::shared_ptr<ClientConnection> connection;
+    std::deque<int32_t> notifications;
+  };
 
   void close_now();
   void begin(Call call);
@@ -71,15 +78,18 @@ class ClientLoop : public std::enable_shared_from_this<ClientLoop> {
 
   void connect();
   void connected(const boost::system::error_code& error, std::unique_ptr<Channel> channel);
-  void use(std::unique_ptr<Channel> channel);
+  void use(uint64_t link, std::unique_ptr<Channel> channel);
   void cannot_connect(const std::string& reason);
   void pause();
   void rest();
 
-  void answer(const VObject& answer);
+  void answer(uint64_t link, const VObject& answer);
+  bool call_again(Calls::iterator call);
   void deliver();
-  void written(uint64_t batch);
-  void lose(const std::string& reason);
+  void written(uint64_t link, uint64_t batch);
+  void lose(uint64_t link, const std::string& reason);
+  void remove(uint64_t link);
+  void release(uint64_t link);
 
   void arm(Clock::time_point deadline);
   void look_at_deadlines();
@@ -98,7 +108,9 @@ class ClientLoop : public std::enable_shared_from_this<ClientLoop> {
   std::shared_ptr<Inbox> inbox_;
   State state_ = State::idle;
   bool closed_ = false;
-  std::shared_ptr<ClientConnection> connection_;
+  std::map<uint64_t, Link> links_;  // by number; those before the current one are for calls in flight only
+  uint64_t current_ = 0;            // the link for new calls; 0: none
+  uint64_t last_link_ = 0;
   std::function<void()> give_up_;  // connecting
   uint64_t attempt_ = 0;           // numbers what connects
   std::string cannot_connect_;     // why the last attempt failed
@@ -108,7 +120,6 @@ class ClientLoop : public std::enable_shared_from_this<ClientLoop> {
   Deadlines deadlines_;
   boost::asio::steady_timer timer_;
   Clock::time_point armed_ = Clock::time_point::max();             // when the timer looks at deadlines
-  std::deque<int32_t> notifications_;                              // sent, in the order of their batches
   std::deque<std::pair<AsyncClient::Handler, Outcome>> answered_;  // their handlers are called behind what has arrived
   int32_t last_id_ = 0;
   std::minstd_rand random_;

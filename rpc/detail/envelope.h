@@ -19,6 +19,9 @@ constexpr int64_t MIN_ID = std::numeric_limits<int32_t>::min();  // Ruby would c
 constexpr int64_t MAX_ID = std::numeric_limits<int32_t>::max();
 constexpr size_t MAX_ID_BYTES = 64;  // leaves room for an error answer, which repeats the id
 
+/// The code of a request that was not executed because the server ends.
+constexpr char STOPPING[] = "stopping";
+
 /// Throws BadMessage for what is neither a request nor a notification.
 void check_request(const VObject& message);
 

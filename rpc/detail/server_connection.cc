@@ -183,7 +183,7 @@ void ServerConnection::read_no_more() {
     refused.swap(held_back_);
     for (const VObject& request : refused) {
       const VObject& id = request.getvec()[0];
-      if (id.type() != DT_NIL) send(failure(id, "stopping", "the server is stopping"));
+      if (id.type() != DT_NIL) send(failure(id, STOPPING, "the server is stopping"));
     }
     write();
     close_if_finished();

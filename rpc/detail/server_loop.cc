@@ -135,7 +135,7 @@ void ServerLoop::begin(std::shared_ptr<ServerConnection> connection, VObject req
 void ServerLoop::work(VObject& request, std::unique_ptr<Answer::Receiver> receiver) {
   if (receiver->connection->gone()) return receiver->send(VObject());
   // What has not begun when the server is stopped can safely be sent to another one.
-  if (stopping_) return Answer(std::move(receiver)).error("stopping", "the server is stopping");
+  if (stopping_) return Answer(std::move(receiver)).error(STOPPING, "the server is stopping");
   runner_.run(request, std::move(receiver));
 }
 

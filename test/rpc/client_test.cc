@@ -44,6 +44,10 @@ std::string answer_frame(const VObject& id, const VObject& result) {
   return frame_of(VObject(VObjectVector{id, VObject(), result}));
 }
 
+std::string refusal_frame(const VObject& id) {
+  return frame_of(VObject(VObjectVector{id, VObject(VObjectVector{"stopping", "the end"}), VObject()}));
+}
+
 // What a call with id 1 ends with when these bytes are its answer, and whether the connection can still be used.
 std::string outcome_with(const std::string& bytes, bool leaves = false) {
   const Listener listener;
@@ -232,6 +236,91 @@ TEST(RpcClient, RepeatsOnlyWhatMayBe) {
   }
   peer.join();
   EXPECT_EQ(requests, 4);
+}
+
+// What a stopping server refuses is called again on a new connection, whoever may repeat; calls in flight stay where
+// they are, and with the last of them the old connection ends.
+TEST(RpcClient, CallsAgainWhatAStoppingServerRefuses) {
+  const Listener listener;
+  const auto id_of = [](const VObject& request) { return request.getvec()[0]; };
+  std::atomic<bool> old_connection_closed{false};
+  std::thread peer([&] {
+    const Peer old = listener.accept();
+    const VObject in_flight = old.messages(1).at(0);
+    const VObject refused = old.messages(1).at(0);
+    EXPECT_EQ(text_of(refused.getvec()[1]), "\"second\"");
+    old.send(refusal_frame(id_of(refused)));
+    const Peer next = listener.accept();
+    for (int n = 0; n < 2; ++n) {
+      for (const VObject& request : next.messages(1)) next.send(answer_frame(id_of(request), request.getvec()[1]));
+    }
+    old.send(answer_frame(id_of(in_flight), "from the old one"));
+    old_connection_closed = old.closed();
+    next.closed();
+  });
+  {
+    Client client(listener.address());
+    std::thread first([&] { EXPECT_EQ(outcome_of([&] { return client.call("first", {}); }), "\"from the old one\""); });
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(outcome_of([&] { return client.call("second", {}); }), "\"second\"");
+    EXPECT_EQ(outcome_of([&] { return client.call("third", {}); }), "\"third\"");
+    first.join();
+    EXPECT_TRUE(eventually([&] { return old_connection_closed.load(); }));
+  }
+  peer.join();
+}
+
+// The old connection is lost with what is in flight there, and with nothing else.
+TEST(RpcClient, LosesAStoppingServerWithItsCalls) {
+  const Listener listener;
+  std::thread peer([&] {
+    Peer old = listener.accept();
+    old.messages(1);
+    const VObject refused = old.messages(1).at(0);
+    old.send(refusal_frame(refused.getvec()[0]));
+    const Peer next = listener.accept();
+    const VObject request = next.messages(1).at(0);
+    old.close();
+    std::this_thread::sleep_for(100ms);
+    next.send(answer_frame(request.getvec()[0], 2));
+    next.closed();
+  });
+  {
+    Client client(listener.address());
+    std::thread first([&] {
+      EXPECT_EQ(outcome_of([&] { return client.call("first", {}); }),
+                "ConnectionLost: the server closed the connection");
+    });
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(outcome_of([&] { return client.call("second", {}); }), "2");
+    first.join();
+  }
+  peer.join();
+}
+
+TEST(RpcClient, EveryServerRefuses) {
+  const Listener listener;
+  std::atomic<int> connections{0};
+  std::atomic<bool> done{false};
+  std::thread peer([&] {
+    while (!done) {
+      if (!listener.waiting(20ms)) continue;
+      const Peer connection = listener.accept();
+      ++connections;
+      for (const VObject& request : connection.messages(1)) {
+        connection.send(refusal_frame(request.getvec()[0]));
+      }
+      connection.closed();
+    }
+  });
+  {
+    Client client(listener.address(), with_timeout(1200ms));
+    EXPECT_EQ(outcome_of([&] { return client.call("x", {}); }), "RemoteError: stopping: the end");
+  }
+  done = true;
+  peer.join();
+  EXPECT_GE(connections, 4);
+  EXPECT_LE(connections, 9);
 }
 
 // Between attempts it waits, longer and longer.
