@@ -8,6 +8,7 @@ namespace RPC {
 
 Outcome::Outcome(VObject result) noexcept : result_(std::move(result)) {}
 
+// NOLINTNEXTLINE(bugprone-throw-keyword-missing): it is thrown by result()
 Outcome::Outcome(std::exception_ptr error) noexcept : error_(std::move(error)) {
   assert(error_ != nullptr);
 }

@@ -201,7 +201,11 @@ void ServerLoop::end() noexcept {
   if (std::exchange(ended_, true)) return;
   error_code ignored;
   acceptor_.close(ignored);
-  sweeper_.cancel();
+  try {
+    sweeper_.cancel();
+  } catch (const std::exception&) {
+    // It goes off once more, and finds that the server has ended.
+  }
   attention_.clear();
   waiting_for_room_.clear();
   std::unordered_map<ServerConnection*, std::shared_ptr<ServerConnection>> connections;

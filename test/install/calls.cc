@@ -2,6 +2,7 @@
 // that the headers declare.
 
 #include <boost/asio/io_context.hpp>
+#include <exception>
 #include <iostream>
 #include <string>
 #include <thread>
@@ -10,7 +11,7 @@
 #include "rpc/errors.h"
 #include "rpc/server.h"
 
-int main() {
+int main() try {
   using VORN::VObjectVector;
   VORN::RPC::Methods methods;
   methods.add("add", 2, [](VObjectVector& arguments) { return arguments[0].to_i64() + arguments[1].to_i64(); });
@@ -37,4 +38,7 @@ int main() {
   }
   std::cout << "calls work\n";
   return 0;
+} catch (const std::exception& e) {
+  std::cerr << e.what() << '\n';
+  return 1;
 }
