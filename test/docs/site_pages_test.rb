@@ -48,7 +48,7 @@ class SitePagesTest < Minitest::Test
   end
 
   def test_the_search_leads_to_every_document_and_to_existing_places
-    found = JSON.parse(File.read("#{SITE}/search/search_index.json"))["docs"]
+    found = JSON.parse(File.read("#{SITE}/search/search_index.json", encoding: "UTF-8"))["docs"]
     places = found.map { |entry| entry["location"].split("#") }
     nowhere = places.reject do |page, anchor|
       html = self.class.pages["#{SITE}/#{page}"]
@@ -68,7 +68,7 @@ class SitePagesTest < Minitest::Test
       assert_predicate status, :success?
       article = self.class.pages["#{SITE}/#{page_of(path)}"].at_css("article").dup
       article.css(".headerlink").remove
-      expected = blocks(Nokogiri::HTML.fragment(html))
+      expected = blocks(Nokogiri::HTML.fragment(html.force_encoding("UTF-8")))
       refute_empty expected
       expected.zip(blocks(article)).each { |one, other| assert_equal one, other, path }
       assert_equal expected.size, blocks(article).size, path
