@@ -17,6 +17,14 @@ namespace RPC {
 
 using boost::system::error_code;
 
+namespace {
+
+// Between two attempts to connect.
+constexpr std::chrono::milliseconds FIRST_PAUSE{50};
+constexpr std::chrono::milliseconds LONGEST_PAUSE{1000};
+
+}  // namespace
+
 ClientLoop::ClientLoop(const boost::asio::any_io_executor& executor, Connect connect, ClientOptions options)
     : executor_(executor),
       connect_(std::move(connect)),

@@ -30,6 +30,14 @@ module RubyProcess
     [out, err.gsub(FIBER_WARNING, "")]
   end
 
+  # The functions that a shared object exports.
+  def exported(library)
+    symbols = IO.popen(["nm", "-D", "--defined-only", library], &:read).lines.map { |line| line.split.last }
+    symbols - %w[_init _fini __bss_start _edata _end]
+  rescue Errno::ENOENT
+    skip "nm is missing"
+  end
+
   # The sanitizers and valgrind keep freed memory and reserve address space, so measurements there mean nothing.
   def skip_under_sanitizers
     skip "memory is not measured under a sanitizer or valgrind" if ENV["LD_PRELOAD"].to_s =~ /[ltu]b?san|asan|vgpreload/

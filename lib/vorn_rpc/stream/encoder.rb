@@ -10,7 +10,7 @@ module VORN
       # max_length::      the most payload bytes of a frame: what the peer's limit accepts
       # twelve_byte_header:: the longer header, whose check bytes make a frame easier to find again behind damage
       # strict_integers:: refuse Integers that would be cut to their low 32 bits. Without it they are cut silently,
-      #                   and large values are encoded in two thirds of the time
+      #                   and large values are encoded in about four fifths of the time
       #
       #   VORN::Stream::Encoder.new.frame(5_000_000_000)  # raises RangeError "5000000000 would be cut to 32 bits"
       #   VORN::Stream::Encoder.new(max_length: 4).frame("a text")  # raises VORN::Stream::MessageTooLarge
