@@ -47,6 +47,7 @@ find_package(Threads REQUIRED)
 add_subdirectory(proto)
 add_subdirectory(vobject)
 add_subdirectory(stream)
+add_subdirectory(packing)
 
 foreach(target IN LISTS vorn_rpc_targets)
   target_compile_features(${target} PUBLIC cxx_std_17)

@@ -7,7 +7,8 @@ require_relative "hex"
 module Notation
   module_function
 
-  def of(object)
+  # Of an object of another class it is what the block says.
+  def of(object, &other)
     case object
     when nil then "nil"
     when false then "false"
@@ -16,9 +17,9 @@ module Notation
     when Float then "d:" + Hex.digits([object].pack("G"))
     when Symbol then "s:" + Hex.digits(object.to_s)
     when String then prefix(object) + Hex.digits(object)
-    when Array then "[" + object.map { |member| of(member) }.join(" ") + "]"
-    when Hash then "{" + object.map { |key, value| of(key) + "=" + of(value) }.join(" ") + "}"
-    else raise ArgumentError, "no notation for #{object.class}"
+    when Array then "[" + object.map { |member| of(member, &other) }.join(" ") + "]"
+    when Hash then "{" + object.map { |key, value| of(key, &other) + "=" + of(value, &other) }.join(" ") + "}"
+    else other ? yield(object) : raise(ArgumentError, "no notation for #{object.class}")
     end
   end
 

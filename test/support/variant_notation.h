@@ -12,7 +12,9 @@
 
 namespace vorn_test {
 
-inline std::string notation_of(const VORN::VObject& value) {
+/// `other` is called with a value of a kind that the notation has not.
+template <typename Other>
+std::string notation_of(const VORN::VObject& value, Other other) {
   switch (value.type()) {
     case VORN::DT_NIL: return "nil";
     case VORN::DT_BOOL: return value.to_bool() ? "true" : "false";
@@ -29,7 +31,7 @@ inline std::string notation_of(const VORN::VObject& value) {
       std::string out = "[";
       for (const VORN::VObject& element : value.getvec()) {
         if (out.size() > 1) out += ' ';
-        out += notation_of(element);
+        out += notation_of(element, other);
       }
       return out + "]";
     }
@@ -37,12 +39,18 @@ inline std::string notation_of(const VORN::VObject& value) {
       std::string out = "{";
       for (const auto& entry : value.gethash()) {
         if (out.size() > 1) out += ' ';
-        out += "t:" + hex_digits(std::string(entry.first.view())) + "=" + notation_of(entry.second);
+        out += "t:" + hex_digits(std::string(entry.first.view())) + "=" + notation_of(entry.second, other);
       }
       return out + "}";
     }
-    default: throw std::invalid_argument("no notation for this kind of variant");
+    default: return other(value);
   }
+}
+
+inline std::string notation_of(const VORN::VObject& value) {
+  return notation_of(value, [](const VORN::VObject&) -> std::string {
+    throw std::invalid_argument("no notation for this kind of variant");
+  });
 }
 
 }  // namespace vorn_test

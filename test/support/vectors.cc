@@ -140,6 +140,17 @@ std::vector<StreamVector> read_streams() {
   return out;
 }
 
+std::vector<PackingVector> read_packing() {
+  std::vector<PackingVector> out;
+  for (const Cells& c : read_table("packing.txt", 5)) {
+    const std::string text = c[3] == "=" ? c[2] : expand(c[3]);
+    const std::string variant = c[4] == "=" ? replace_prefix(replace_prefix(text, 'b', 't'), 'u', 't') : c[4];
+    const bool only_read = variant.compare(0, 2, "< ") == 0;
+    out.push_back({c[0], from_hex(c[1]), only_read ? variant.substr(2) : variant, only_read});
+  }
+  return out;
+}
+
 std::vector<CallVector> read_calls() {
   std::vector<CallVector> out;
   for (const Cells& c : read_table("calls.txt", 3)) {
@@ -190,6 +201,11 @@ const std::vector<StreamVector>& stream_vectors() {
   return rows;
 }
 
+const std::vector<PackingVector>& packing_vectors() {
+  static const std::vector<PackingVector> rows = read_packing();
+  return rows;
+}
+
 const std::vector<CallVector>& call_vectors() {
   static const std::vector<CallVector> rows = read_calls();
   return rows;
@@ -224,6 +240,9 @@ std::ostream& operator<<(std::ostream& out, const FrameVector& v) {
 }
 std::ostream& operator<<(std::ostream& out, const StreamVector& v) {
   return out << "streams.txt: " << v.name;
+}
+std::ostream& operator<<(std::ostream& out, const PackingVector& v) {
+  return out << "packing.txt: " << v.name;
 }
 std::ostream& operator<<(std::ostream& out, const VarintVector& v) {
   return out << "group_numbers.txt: " << v.name;

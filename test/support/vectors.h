@@ -62,6 +62,14 @@ struct StreamVector {
 /// The messages of a frame in an outcome, each in notation.
 std::vector<std::string> messages_of(const std::string& frame);
 
+/// The columns of packing.txt that C++ needs.
+struct PackingVector {
+  std::string name;
+  std::string bytes;
+  std::string variant;  ///< notation, or "!" and the error
+  bool only_read;       ///< it is written otherwise
+};
+
 /// The columns of calls.txt.
 struct CallVector {
   std::string name;
@@ -84,6 +92,7 @@ const std::vector<ValueVector>& value_vectors();
 const std::vector<FaultVector>& fault_vectors();
 const std::vector<FrameVector>& frame_vectors();
 const std::vector<StreamVector>& stream_vectors();
+const std::vector<PackingVector>& packing_vectors();
 const std::vector<CallVector>& call_vectors();
 const std::vector<VarintVector>& varint_vectors();
 
@@ -95,6 +104,7 @@ std::ostream& operator<<(std::ostream& out, const ValueVector& v);
 std::ostream& operator<<(std::ostream& out, const FaultVector& v);
 std::ostream& operator<<(std::ostream& out, const FrameVector& v);
 std::ostream& operator<<(std::ostream& out, const StreamVector& v);
+std::ostream& operator<<(std::ostream& out, const PackingVector& v);
 std::ostream& operator<<(std::ostream& out, const VarintVector& v);
 
 }  // namespace vorn_test
