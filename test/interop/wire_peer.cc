@@ -6,6 +6,10 @@
 ///                                same with symbols as strings, and the bytes written for the first
 ///   wire_peer generate SEED N    writes N random values
 ///   wire_peer check SEED N       reads frames and compares them with those same values
+///   wire_peer unpack             reads frames and writes for each its value, unpacked, in the notation of
+///                                test/vectors/, and the value packed again
+///   wire_peer generate-packed SEED N, check-packed SEED N
+///                                as generate and check, with values that are packed
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
@@ -17,6 +21,8 @@
 #include "proto/packet_frame_in.h"
 #include "proto/packet_frame_out.h"
 #include "proto/vorn_runtime_error.h"
+#include "test/support/packing_notation.h"
+#include "test/support/packing_values.h"
 #include "test/support/variant_notation.h"
 #include "vobject/extract_messages.h"
 #include "vobject/render.h"
@@ -129,21 +135,47 @@ std::string description_of(PacketFrameIn& frame, bool symbols_as_strings, VObjec
   }
 }
 
-int check(uint32_t seed, int count) {
-  Trees trees(seed);
+/// Reads a value from each frame of standard input, and compares them with those that are expected next.
+template <typename Next, typename Read>
+int check(int count, Next next, Read read) {
   int seen = 0;
   int wrong = 0;
-  const bool whole = each_value([&](const VObject& value) {
-    const VObject expected = trees.next();
+  const bool whole = each_value([&](const VObject& message) {
+    const VObject expected = next();
+    const VObject value = read(message);
     if (++seen > count || value == expected || ++wrong > 3) return;
     std::string text = "value " + std::to_string(seen) + "\n  got      ";
-    VORN::render(value, text);
+    VORN::render(message, text);
     text += "\n  expected ";
     VORN::render(expected, text);
     std::cerr << text << "\n";
   });
   std::cerr << seen << " values came back, " << wrong << " of them changed\n";
   return whole && seen == count && wrong == 0 ? 0 : 1;
+}
+
+int exchange(const std::string& mode, uint32_t seed, int count) {
+  const VORN::PACKING::Packing& packing = vorn_test::table_packing();
+  Trees trees(seed);
+  vorn_test::PackingValues values(seed);
+  PacketFrameOut out;
+  if (mode == "generate") {
+    for (int i = 0; i < count; ++i) write_frame(out, trees.next());
+    return 0;
+  }
+  if (mode == "generate-packed") {
+    for (int i = 0; i < count; ++i) write_frame(out, packing.pack(values.next()));
+    return 0;
+  }
+  if (mode == "check") {
+    return check(
+        count, [&] { return trees.next(); }, [](const VObject& message) { return message; });
+  }
+  if (mode == "check-packed") {
+    return check(
+        count, [&] { return values.next(); }, [&](const VObject& message) { return packing.unpack(message); });
+  }
+  return 2;
 }
 
 }  // namespace
@@ -165,17 +197,21 @@ int main(int argc, char** argv) try {
     });
     return whole ? 0 : 1;
   }
+  if (mode == "unpack" && argc == 2) {
+    const VORN::PACKING::Packing& packing = vorn_test::table_packing();
+    const bool whole = each_value([&](const VObject& message) {
+      const VObject value = packing.unpack(message);
+      write_frame(out, VObject(VORN::VObjectVector{vorn_test::packing_notation_of(value), packing.pack(value)}));
+    });
+    return whole ? 0 : 1;
+  }
   if (argc == 4) {
     const uint32_t seed = static_cast<uint32_t>(std::strtoul(argv[2], nullptr, 10));
     const int count = static_cast<int>(std::strtol(argv[3], nullptr, 10));
-    if (mode == "check") return check(seed, count);
-    if (mode == "generate") {
-      Trees trees(seed);
-      for (int i = 0; i < count; ++i) write_frame(out, trees.next());
-      return 0;
-    }
+    const int status = exchange(mode, seed, count);
+    if (status < 2) return status;
   }
-  std::cerr << "usage: wire_peer echo | describe | generate SEED N | check SEED N\n";
+  std::cerr << "usage: wire_peer echo | describe | unpack | {generate,check}[-packed] SEED N\n";
   return 2;
 } catch (const std::exception& e) {
   std::cerr << "wire_peer: " << e.what() << "\n";

@@ -6,17 +6,16 @@
 #include <functional>
 #include <new>
 #include <optional>
-#include <random>
 #include <stdexcept>
 #include <string>
 #include <typeinfo>
 #include <utility>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "proto/packet_buf.h"
 #include "test/support/packing_notation.h"
+#include "test/support/packing_values.h"
 #include "vobject/vobject.h"
 
 using namespace VORN;
@@ -61,72 +60,10 @@ struct Money {
 
 // --- round trips ------------------------------------------------------------------------------------------------
 
-// Values that look like packed ones, above all.
-class Values {
- public:
-  explicit Values(uint32_t seed) : engine_(seed) {}
-
-  VObject value(int levels) {
-    switch (levels == 0 ? 9 : below(10)) {
-      case 0:
-      case 1: {
-        VObject vector = VObject::new_vector();
-        for (uint32_t n = below(4); n > 0; --n) vector.append(value(levels - 1));
-        return vector;
-      }
-      case 2: return hash_of(key(), value(levels - 1));
-      case 3:
-      case 4: {
-        VObject hash = VObject::new_hash();
-        for (uint32_t n = below(4); n > 0; --n) hash.store(key(), value(levels - 1));
-        return hash;
-      }
-      case 5: return variant_of(Point{value(levels - 1), value(levels - 1)});
-      default: return scalar();
-    }
-  }
-
- private:
-  uint32_t below(uint32_t n) { return static_cast<uint32_t>(engine_() % n); }
-
-  std::string key() {
-    static const std::vector<std::string> keys = {
-        "~", "~~",   "~time", "~~time", "~integer", "~point", "~none", "a",
-        "",  "\x7F", "~\xFF", "\xFE~",  "}",        "~}",     "~~~",   std::string("~\0", 2)};
-    return keys[below(static_cast<uint32_t>(keys.size()))];
-  }
-
-  int64_t integer() { return static_cast<int64_t>(engine_()) >> below(64); }
-
-  VObject scalar() {
-    switch (below(9)) {
-      case 0: return VObject();
-      case 1: return VObject(below(2) == 0);
-      case 2: return VObject(integer());
-      case 3: return variant_of(Integer(std::to_string(engine_()) + std::to_string(engine_())));
-      case 4: return VObject(static_cast<double>(integer()));
-      case 5: return VObject(key());
-      case 6: return variant_of(Date::of_days(static_cast<int32_t>(integer())));
-      case 7: {
-        Time time;
-        time.seconds = integer() % (86400LL << 31);
-        time.nanosecond = static_cast<int32_t>(below(1000000000));
-        if (below(2) == 0) time.offset = static_cast<int32_t>(below(172799)) - 86399;
-        return variant_of(time);
-      }
-      default:
-        return below(2) == 0 ? variant_of(Rational(integer(), 1 + static_cast<int64_t>(below(1U << 31))))
-                             : variant_of(Decimal(std::to_string(integer()) + "e" + std::to_string(below(50))));
-    }
-  }
-
-  std::mt19937_64 engine_;
-};
-
 TEST(Packing, WhatIsPackedComesBack) {
-  Values values(20261122);
+  vorn_test::PackingValues values(20261122);
   for (int i = 0; i < 5000; ++i) {
-    const VObject value = values.value(5);
+    const VObject value = values.next();
     const VObject back = there_and_back(value);
     ASSERT_EQ(value, back) << packing_notation_of(value) << "\n" << packing_notation_of(back);
   }

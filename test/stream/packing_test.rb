@@ -6,7 +6,7 @@ require "stringio"
 require_relative "../ext/helper"
 require_relative "../ext/own_each"
 require_relative "../ext/ruby_process"
-require "support/notation"
+require "support/packing_notation"
 require "support/vectors"
 require "vorn_rpc/packing"
 require "vorn_rpc/stream"
@@ -61,19 +61,6 @@ class PackingTest < Minitest::Test
     point && eval(expression.dup.force_encoding(Encoding::UTF_8)) # whatever the locale
   end
 
-  # As the table has it, for both languages.
-  def text_of(value)
-    Notation.of(value) do |object|
-      case object
-      when Point then "@point:#{text_of(object.to_a)}"
-      when Time then "@time:#{object.to_i},#{object.nsec},#{object.utc? ? 'nil' : object.utc_offset}"
-      when Date then "@date:#{object.gregorian.strftime('%-Y-%-m-%-d')}"
-      when BigDecimal then "@decimal:#{object.to_s('E').downcase}"
-      when Rational then "@rational:#{object}"
-      end
-    end
-  end
-
   Vectors.table("packing.txt", 5).each do |name, bytes, meaning, text|
     define_method("test_vector #{name}") do
       bytes = Vectors.bytes(bytes)
@@ -81,7 +68,7 @@ class PackingTest < Minitest::Test
         error = assert_raises(Packing::UnknownType, Packing::Malformed) { ALL.unpack(from_wire(bytes)) }
         assert_equal [meaning, "="], ["!#{error.class.name[/\w+\z/]}", text]
       else
-        assert_equal Vectors.expand(text), meaning[/\A(< )?/] + text_of(ALL.unpack(from_wire(bytes)))
+        assert_equal Vectors.expand(text), meaning[/\A(< )?/] + PackingNotation.of(ALL.unpack(from_wire(bytes)))
         value = value_of(meaning.sub(/\A< /, ""))
         assert_equal exactly(value), exactly(ALL.unpack(from_wire(bytes)))
         assert_equal exactly(value), exactly(ALL.unpack(from_wire(bytes, true)))
