@@ -77,6 +77,10 @@ void add_stream_seeds(Folder& folder) {
   }
 }
 
+void add_unpack_seeds(Folder& folder) {
+  for (const auto& v : vorn_test::packing_vectors()) folder.add(v.bytes);
+}
+
 /// The targets that grow trees read any bytes as choices.
 void add_tree_seeds(Folder& folder) {
   for (const auto& v : vorn_test::value_vectors()) folder.add(bytes_of({0, 1, 4, 3}) + v.bytes);
@@ -107,6 +111,8 @@ int main(int argc, char** argv) try {
   add_frame_seeds(frames);
   Folder streams(root / "stream_decoder");
   add_stream_seeds(streams);
+  Folder unpack(root / "unpack");
+  add_unpack_seeds(unpack);
   return 0;
 } catch (const std::exception& e) {
   std::cerr << "make_seeds: " << e.what() << "\n";

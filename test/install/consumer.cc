@@ -5,6 +5,7 @@
 #include <iostream>
 #include <string>
 
+#include "packing/packing.h"
 #include "proto/packet_frame_in.h"
 #include "proto/packet_frame_out.h"
 #include "proto/value_wire.h"
@@ -121,6 +122,38 @@ void streams_make_the_round_trip() {
   }
 }
 
+struct Order {
+  int64_t id;
+  VORN::PACKING::Decimal price;
+  bool operator==(const Order& other) const { return id == other.id && price == other.price; }
+};
+
+void types_make_the_round_trip() {
+  using namespace VORN::PACKING;
+  Packing packing{ReadyMade::decimal, ReadyMade::date};
+  packing.structure("order", &Order::id, &Order::price);
+  const VORN::VObject value(VORN::VObjectVector{variant_of(Order{7, Decimal("12.50")}), variant_of(Date{2024, 2, 29})});
+  const VORN::VObject back = packing.unpack(packing.pack(value));
+  expect(back == value, "objects of the program's types and of the library's arrive");
+  expect(get<Order>(back.getvec().at(0)).id == 7, "a struct is found");
+  expect(get_if<Date>(back.getvec().at(1)) != nullptr, "a day that the library has made is found");
+  const char* caught = "";
+  try {
+    packing.unpack(VORN::VObject::new_hash().store("~order", 1));
+  } catch (const Malformed&) {
+    caught = "Malformed";
+  } catch (const std::exception&) {
+  }
+  expect(std::string(caught) == "Malformed", "what is no struct is refused");
+  try {
+    packing.unpack(VORN::VObject::new_hash().store("~none", 1));
+  } catch (const UnknownType&) {
+    caught = "UnknownType";
+  } catch (const std::exception&) {
+  }
+  expect(std::string(caught) == "UnknownType", "an unknown tag is refused");
+}
+
 }  // namespace
 
 int main() {
@@ -128,6 +161,7 @@ int main() {
   failures_are_caught_by_class();
   variants_make_the_round_trip();
   streams_make_the_round_trip();
-  std::cout << (failures == 0 ? "frames, values and variants work\n" : "");
+  types_make_the_round_trip();
+  std::cout << (failures == 0 ? "frames, values, variants and types work\n" : "");
   return failures == 0 ? 0 : 1;
 }
