@@ -40,11 +40,16 @@ class VORN_API AnyObject : public VObjectUDT {
   virtual const std::type_info& type() const noexcept = 0;
   /// Appends "<OBJECT>".
   void udt_render(std::string& out) const override;
+
+ private:
+  template <typename T>
+  friend class ObjectOf;
+  AnyObject() = default;
 };
 
 /// An object of the type T.
 template <typename T>
-class ObjectOf : public AnyObject {
+class ObjectOf final : public AnyObject {
  public:
   /// Holds a copy of it.
   explicit ObjectOf(T object) : object_(std::move(object)) {}
@@ -82,6 +87,10 @@ template <typename T>
 constexpr bool IS_PLAIN = std::is_integral<T>::value || std::is_same<T, double>::value ||
                           std::is_same<T, std::string>::value || std::is_same<T, VObject>::value;
 
+/// An integer, half of whose values variants have not.
+template <typename T>
+constexpr bool IS_WIDE = std::is_integral<T>::value&& std::is_unsigned<T>::value && sizeof(T) == sizeof(uint64_t);
+
 /// Whether the integer is one of T.
 template <typename T>
 bool fits(int64_t number) {
@@ -95,6 +104,7 @@ bool fits(int64_t number) {
 /// Throws "get: another kind of value".
 [[noreturn]] VORN_API void refuse_kind();
 
+/// A user-defined value that holds the object.
 template <typename T>
 VObject held(T object) {
   return boost::shared_ptr<VObjectUDT>(boost::make_shared<ObjectOf<T>>(std::move(object)));
@@ -107,7 +117,7 @@ template <typename T>
 VObject variant_of(const T& value) {
   if constexpr (detail::IsOptional<T>::value) {
     return value ? variant_of(*value) : VObject();
-  } else if constexpr (std::is_same<T, uint64_t>::value) {
+  } else if constexpr (detail::IS_WIDE<T>) {
     return value <= static_cast<uint64_t>(INT64_MAX) ? VObject(value) : detail::held(Integer(value));
   } else if constexpr (std::is_same<T, Integer>::value) {
     const std::optional<int64_t> number = value.to_i64();
@@ -147,7 +157,7 @@ T get(const VObject& value) {
     return value.getstr();
   } else if constexpr (std::is_integral<T>::value) {
     if (value.type() == DT_INT && detail::fits<T>(value.to_i64())) return static_cast<T>(value.to_i64());
-    if constexpr (std::is_same<T, uint64_t>::value) {
+    if constexpr (detail::IS_WIDE<T>) {
       const Integer* const large = value.type() == DT_UDT ? get_if<Integer>(value) : nullptr;
       const std::optional<uint64_t> number = large != nullptr ? large->to_u64() : std::nullopt;
       if (number) return *number;

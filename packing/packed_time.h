@@ -32,11 +32,11 @@ struct VORN_API Time {
   /// @}
 };
 
-/// A day of the Gregorian calendar, which is continued to before it began. The year before 1 is 0.
+/// A day of the Gregorian calendar, which is continued to before it began.
 struct VORN_API Date {
-  int32_t year = 1970;
-  int32_t month = 1;  ///< from 1 to 12
-  int32_t day = 1;    ///< of the month, from 1 on
+  int32_t year = 1970;  ///< 0 is the one before 1
+  int32_t month = 1;    ///< from 1 to 12
+  int32_t day = 1;      ///< of the month, from 1 on
 
   /// The day that is so many days after 1970-01-01.
   static Date of_days(int32_t days);

@@ -1,6 +1,7 @@
 #include "packing/packable.h"
 
 #include <boost/make_shared.hpp>
+#include <climits>
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -119,6 +120,9 @@ TEST(Packable, IntegersBeyondTheVariant) {
   const VObject large = variant_of(UINT64_MAX);
   EXPECT_EQ(Integer(UINT64_MAX), *get_if<Integer>(large));
   EXPECT_EQ(UINT64_MAX, get<uint64_t>(large));
+  EXPECT_EQ(large, variant_of(18446744073709551615ULL));
+  EXPECT_EQ(ULLONG_MAX, get<unsigned long long>(large)) << "another type than uint64_t";
+  expect_refused<uint32_t>(large);
   EXPECT_EQ(Integer(UINT64_MAX), get<Integer>(large));
   expect_refused<int64_t>(large);
   expect_refused<uint64_t>(variant_of(Integer("18446744073709551616")));
