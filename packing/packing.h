@@ -117,8 +117,8 @@ class Packing {
 
   /// The value as the wire can carry it. Hashes and vectors are copied, everything else is shared. A key that begins
   /// with a tilde, as tags do, gets another one. Throws std::bad_alloc, what a type's `pack` throws, and
-  /// - UnknownType "no type is registered for TYPE", for a user-defined value of another type, one without an object,
-  ///   and a reference
+  /// - UnknownType "no type is registered for the class TYPE", "... for a user-defined value without an object",
+  ///   "... for references"
   /// - TooDeep "more than 64 levels"
   /// - std::out_of_range "a time that cannot be packed" for parts out of their range, and what Date::days() throws
   VORN_API VObject pack(const VObject& value) const;

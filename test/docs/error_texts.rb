@@ -4,7 +4,8 @@
 # each row of the library's own texts has its source. bin/test documents calls it.
 
 TABLE = "docs/operations/operating.md"
-SOURCES = Dir["{ext,proto,vobject,stream,packing,stream_ext}/*.{cc,h}"] + Dir["lib/vorn_rpc/{stream,packing,rpc}{,/*}.rb"] +
+SOURCES = Dir["{ext,proto,vobject,stream,packing,stream_ext}/*.{cc,h}"] +
+          Dir["lib/vorn_rpc/{stream,packing,rpc}{,/*}.rb"] +
           %w[ext/extconf.rb tools/inspect/stream_scanner.cc tools/inspect/value_scanner.cc]
 
 # Names of data types look like messages, but no error contains them. The place of damage stands above its table.
