@@ -270,6 +270,33 @@ TEST(RpcClient, CallsAgainWhatAStoppingServerRefuses) {
   peer.join();
 }
 
+// A server that refuses a call has answered it: what else it sends with that id is not the answer of the next one.
+TEST(RpcClient, TakesNoSecondAnswerFromAServerThatRefused) {
+  const Listener listener;
+  const auto id_of = [](const VObject& request) { return request.getvec()[0]; };
+  std::thread peer([&] {
+    const Peer old = listener.accept();
+    const VObject in_flight = old.messages(1).at(0);
+    const VObject refused = old.messages(1).at(0);
+    old.send(refusal_frame(id_of(refused)));
+    const Peer next = listener.accept();
+    const VObject again = next.messages(1).at(0);
+    EXPECT_EQ(id_of(again), id_of(refused));
+    old.send(answer_frame(id_of(refused), "a second answer") + answer_frame(id_of(in_flight), "the first call's"));
+    std::this_thread::sleep_for(100ms);
+    next.send(answer_frame(id_of(again), "the second call's"));
+    next.closed();
+  });
+  {
+    Client client(listener.address());
+    std::thread first([&] { EXPECT_EQ(outcome_of([&] { return client.call("first", {}); }), "\"the first call's\""); });
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(outcome_of([&] { return client.call("second", {}); }), "\"the second call's\"");
+    first.join();
+  }
+  peer.join();
+}
+
 // The old connection is lost with what is in flight there, and with nothing else.
 TEST(RpcClient, LosesAStoppingServerWithItsCalls) {
   const Listener listener;

@@ -8,10 +8,12 @@
 #include <chrono>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -145,6 +147,43 @@ TEST_P(RpcServer, RequestsOverlapAndAnswersComeInAnyOrder) {
   ASSERT_EQ(answers.size(), 2U);
   EXPECT_EQ(text_of(answers[0]), "[2, nil, \"second\"]");
   EXPECT_EQ(text_of(answers[1]), "[1, nil, \"first\"]");
+}
+
+// Ids are a connection's own: the same ones are in progress for three clients at once.
+TEST_P(RpcServer, AnswersEachClientOnItsOwnConnection) {
+  constexpr size_t CLIENTS = 3;
+  constexpr size_t CALLS = 4;
+  std::mutex lock;
+  std::vector<std::pair<VObject, Answer>> kept;
+  Methods methods;
+  methods.add_later("keep", 1, [&](VObjectVector& arguments, Answer answer) {
+    const std::lock_guard<std::mutex> hold(lock);
+    kept.emplace_back(arguments[0], std::move(answer));
+  });
+  RunningServer server(methods, options());
+  std::vector<Peer> peers;
+  for (size_t peer = 0; peer < CLIENTS; ++peer) peers.emplace_back(server.address());
+  for (size_t id = 0; id < CALLS; ++id) {
+    for (size_t peer = 0; peer < CLIENTS; ++peer) {
+      peers[peer].send(request_frame(id, "keep", {std::to_string(peer) + "." + std::to_string(id)}));
+    }
+  }
+  ASSERT_TRUE(eventually([&] {
+    const std::lock_guard<std::mutex> hold(lock);
+    return kept.size() == CLIENTS * CALLS;
+  }));
+  for (; !kept.empty(); kept.pop_back()) kept.back().second.result(kept.back().first);
+  for (size_t peer = 0; peer < CLIENTS; ++peer) {
+    std::set<std::string> answers;
+    for (const VObject& answer : peers[peer].messages(CALLS)) answers.insert(text_of(answer));
+    std::set<std::string> wanted;
+    for (size_t id = 0; id < CALLS; ++id) {
+      const std::string number = std::to_string(id);
+      wanted.insert("[" + number + ", nil, \"" + std::to_string(peer) + "." + number + "\"]");
+    }
+    EXPECT_EQ(answers, wanted) << peer;
+    EXPECT_FALSE(peers[peer].readable(20ms)) << peer;
+  }
 }
 
 TEST_P(RpcServer, CallsTheHookAroundEachCall) {

@@ -263,6 +263,23 @@ class RpcServerTest < RpcTest
     end
   end
 
+  # Ids are a connection's own: the same ones are in progress for three clients at once.
+  def test_each_client_is_answered_on_its_own_connection
+    waiting = Queue.new
+    gate = Queue.new
+    methods = { "wait" => ->(value) { waiting << value; gate.pop; value } }
+    serve(methods: methods, workers: 12, max_in_progress: 4) do |server|
+      sockets = Array.new(3) { connect(server) }
+      4.times { |id| sockets.each_with_index { |socket, client| socket.write(frame([id, "wait", [[client, id]]])) } }
+      eventually("all are in progress") { waiting.size == 12 }
+      12.times { gate << nil }
+      sockets.each_with_index do |socket, client|
+        assert_equal Array.new(4) { |id| [id, nil, [client, id]] }, messages(socket, 4).sort_by(&:first)
+        socket.close
+      end
+    end
+  end
+
   # However the bytes arrive.
   def test_every_cut_of_a_conversation
     request = frame([1, "echo", ["text"]])
