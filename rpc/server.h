@@ -27,7 +27,8 @@ class ServerLoop;
 /// long, or does not read its answers. A client that ends its connection takes back its calls: those that no worker has
 /// begun are not executed.
 ///
-/// Whatever a client sends, nothing is thrown through the executor.
+/// Whatever a client sends, the server throws nothing through the executor. Without memory Boost.Asio may, for operations
+/// of its own: std::bad_alloc then leaves io_context::run(), and the server may be missing one of them.
 class VORN_API Server {
  public:
   /// Listens. `address` is "tcp:HOST:PORT" (port 0: the kernel chooses) or "unix:PATH", where a file that a killed

@@ -24,7 +24,8 @@ ServerConnection::ServerConnection(ServerLoop& server, std::unique_ptr<Channel> 
       decoder_({server.options().max_length, server.options().max_depth}),
       encoder_({server.options().max_length}),
       patience_(server.options().idle_time, server.options().frame_time, now),
-      chunk_(new char[CHUNK]) {}
+      chunk_(new char[CHUNK]),
+      in_progress_of_all_(server.in_progress()) {}
 
 void ServerConnection::start() {
   guard([this] { read(); });

@@ -49,8 +49,11 @@ class ServerConnection : public std::enable_shared_from_this<ServerConnection> {
   /// Any thread may ask whether the request need not be worked on, since its answer cannot be sent.
   bool gone() const { return gone_; }
 
-  /// Any thread may say that an answer is lost, which ends the connection.
-  void give_up() { given_up_ = true; }
+  /// Any thread may say that the answer to a request that was begun is lost, which ends the connection.
+  void give_up() {
+    given_up_ = true;
+    --*in_progress_of_all_;
+  }
 
  private:
   static constexpr size_t CHUNK = 64 << 10;
@@ -81,6 +84,7 @@ class ServerConnection : public std::enable_shared_from_this<ServerConnection> {
   bool waits_for_room_ = false;    // others have too much in progress
   std::deque<VObject> held_back_;  // requests that may not be begun yet
   size_t in_progress_ = 0;         // requests that are not answered yet
+  const std::shared_ptr<std::atomic<size_t>> in_progress_of_all_;
   Outbox outbox_;
   Clock::time_point write_deadline_;
   std::atomic<bool> gone_{false};

@@ -123,17 +123,20 @@ void ServerLoop::begin(std::shared_ptr<ServerConnection> connection, VObject req
   receiver->connection = std::move(connection);
   receiver->id = request.getvec()[0];
   if (!workers_) {
-    ++in_progress_;
+    ++*in_progress_;
     return work(request, std::move(receiver));
   }
   boost::asio::post(*workers_, [this, request = std::move(request), receiver = std::move(receiver)]() mutable {
     guard([&] { work(request, std::move(receiver)); });
   });
-  ++in_progress_;
+  ++*in_progress_;
 }
 
 void ServerLoop::work(VObject& request, std::unique_ptr<Answer::Receiver> receiver) {
-  if (receiver->connection->gone()) return receiver->send(VObject());
+  if (receiver->connection->gone()) {
+    const Answer unwanted(std::move(receiver));  // without memory it is given up
+    return;
+  }
   // What has not begun when the server is stopped can safely be sent to another one.
   if (stopping_) return Answer(std::move(receiver)).error(STOPPING, "the server is stopping");
   runner_.run(request, std::move(receiver));
@@ -177,6 +180,7 @@ void ServerLoop::sweep() {
   const Clock::time_point now = Clock::now();
   if (ends_ && now >= *ends_) return end();
   for (const auto& connection : connections()) connection->check(now);
+  inbox_->gather([] {});  // what has happened when there was no memory to tell the executor
   accept();
 }
 

@@ -51,7 +51,7 @@ class ServerLoop : public std::enable_shared_from_this<ServerLoop> {
   size_t max_in_progress() const { return options_.max_in_progress; }
 
   /// Whether another request may be begun.
-  bool has_room() const { return in_progress_ < options_.max_in_progress_of_all; }
+  bool has_room() const { return *in_progress_ < options_.max_in_progress_of_all; }
   /// Lets the connection go on when one may.
   void wait_for_room(std::shared_ptr<ServerConnection> connection);
   /// Runs a request. ServerConnection::finish() gets the answer, never before this has returned.
@@ -63,7 +63,9 @@ class ServerLoop : public std::enable_shared_from_this<ServerLoop> {
   void forget(ServerConnection& connection) noexcept;
 
   /// A request has been answered, whatever has become of its connection.
-  void answered() { --in_progress_; }
+  void answered() { --*in_progress_; }
+  /// How many have not been.
+  std::shared_ptr<std::atomic<size_t>> in_progress() const { return in_progress_; }
 
  private:
   template <typename Action>
@@ -90,7 +92,9 @@ class ServerLoop : public std::enable_shared_from_this<ServerLoop> {
   std::unordered_map<ServerConnection*, std::shared_ptr<ServerConnection>> connections_;
   std::vector<std::shared_ptr<ServerConnection>> attention_;        // finished answers
   std::deque<std::shared_ptr<ServerConnection>> waiting_for_room_;  // in their order
-  size_t in_progress_ = 0;                                          // of all connections, those that are gone included
+  // Requests of all connections, those that are gone included. An answer that is lost gives its place back on whatever
+  // thread that happens, also when the server is gone.
+  const std::shared_ptr<std::atomic<size_t>> in_progress_ = std::make_shared<std::atomic<size_t>>(0);
   std::atomic<bool> stopping_{false};
   std::optional<Clock::time_point> ends_;  // when whatever is still open is closed
   bool ended_ = false;

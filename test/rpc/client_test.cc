@@ -120,6 +120,13 @@ TEST(RpcClient, TimesOutAndDropsTheLateAnswer) {
   std::thread patient([&] { client.call("sleep", {100}, {5000ms, false}); });
   EXPECT_EQ(outcome_of([&] { return client.call("sleep", {400}, {50ms, false}); }), "TimedOut: no answer in time");
   patient.join();
+  // Behind it at the next one, though no other call begins.
+  std::thread next([&] {
+    EXPECT_EQ(outcome_of([&] { return client.call("sleep", {600}, {150ms, false}); }), "TimedOut: no answer in time");
+  });
+  std::this_thread::sleep_for(20ms);
+  EXPECT_EQ(outcome_of([&] { return client.call("sleep", {600}, {50ms, false}); }), "TimedOut: no answer in time");
+  next.join();
 }
 
 TEST(RpcClient, RefusesWhatCannotBeSent) {
@@ -474,6 +481,46 @@ TEST(RpcAsyncClient, CallsOnTheUsersContext) {
   inside = false;
   io.run();  // ends, since nothing of the client waits
   EXPECT_EQ(outcomes, (std::vector<std::string>{"1", "2", "3", "RemoteError: failed: the service failed"}));
+}
+
+// Not with what was sent before it.
+TEST(RpcAsyncClient, NotifiesUntilItIsWritten) {
+  constexpr size_t FIRST = 12 << 20;
+  constexpr size_t MORE_THAN_BUFFERS = 60 << 20;
+  const Listener listener;
+  std::atomic<bool> second_waits{false};
+  std::atomic<bool> done{false};
+  std::thread peer([&] {
+    const Peer connection = listener.accept();
+    while (!second_waits) std::this_thread::sleep_for(1ms);
+    size_t read = 0;
+    while (read < FIRST) {
+      const size_t size = connection.receive().size();
+      if (size == 0) break;
+      read += size;
+    }
+    EXPECT_GE(read, FIRST);
+    while (!done) std::this_thread::sleep_for(1ms);
+  });
+  boost::asio::io_context io;
+  ClientOptions options = with_timeout(1000ms);
+  options.max_length = 1 << 26;
+  AsyncClient client(io.get_executor(), listener.address(), options);
+  std::vector<std::string> outcomes;
+  const auto notify = [&](size_t size) {
+    client.notify("x", {std::string(size, 'x')},
+                  [&](const Outcome& outcome) { outcomes.push_back(outcome_of([&] { return outcome.result(); })); });
+  };
+  notify(FIRST);
+  io.run_for(100ms);
+  notify(MORE_THAN_BUFFERS);
+  io.run_for(100ms);
+  EXPECT_TRUE(outcomes.empty());
+  second_waits = true;
+  io.run_for(10s);  // ends with the connection
+  EXPECT_EQ(outcomes, (std::vector<std::string>{"nil", "ConnectionLost: sending failed: the server takes nothing"}));
+  done = true;
+  peer.join();
 }
 
 TEST(RpcAsyncClient, EndsItsCallsWithItself) {
