@@ -21,7 +21,8 @@ namespace RPC {
 
 class ServerLoop;
 
-/// All reading, writing and waiting happens on the executor; the methods run on workers, which never wait for a client.
+/// All reading, writing and waiting happens on the executor; the methods run on workers, which never wait for a client,
+/// but for ServerOptions::inline_methods.
 ///
 /// A client is closed, and the log says why, when it sends what is no request, announces too much, is silent for too
 /// long, or does not read its answers. A client that ends its connection takes back its calls: those that no worker has
@@ -57,7 +58,7 @@ class VORN_API Server {
 
   /// Ends the server: no connection is accepted and no request read any more, requests that have not begun are answered
   /// with the error "stopping", those that have begun are answered within stop_time, and connections that are still
-  /// open then are closed. After that nothing of the server waits on the executor, so that io_context::run() can
+  /// open then are closed. The log names each notification that has not begun. After that nothing of the server waits on the executor, so that io_context::run() can
   /// return. Returns at once. Any thread may call this, and the handler of a boost::asio::signal_set. Throws
   /// std::bad_alloc.
   void stop();

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <set>
 #include <string>
 
 #include "proto/value_wire.h"
@@ -29,6 +30,10 @@ struct ServerOptions {
   /// Threads that run the methods. 0: they run on the server's executor, and a method that waits or computes for long
   /// keeps all clients waiting; short ones are answered faster.
   size_t workers = 8;
+  /// Names of methods that run on the executor instead, also when all workers are busy or max_in_progress_of_all
+  /// requests wait: what tells a health check that the server is alive. `around` is then called there, too. They are
+  /// methods that return their result, at once. A client that has max_in_progress requests waits with them, too.
+  std::set<std::string> inline_methods;
   Around around;            ///< empty: nothing
   Log log = log_to_stderr;  ///< empty: nothing is logged
 

@@ -42,7 +42,9 @@ end
 logger = Logger.new($stderr)
 logger.level = Logger::WARN
 
-server = VORN::RPC::Server.new(ARGV.fetch(1, "tcp:127.0.0.1:0"), methods, around: drain, logger: logger)
+# A server whose workers are all busy is alive: ping waits for none.
+options = { inline: ["ping"], around: drain, logger: logger }
+server = VORN::RPC::Server.new(ARGV.fetch(1, "tcp:127.0.0.1:0"), methods, **options)
 trap("TERM") do
   draining = true
   Thread.new { sleep(drain_seconds); server.stop }

@@ -128,7 +128,6 @@ class SeveralServersTest < ExampleTest
     long = {}
     begun = []
     eventually("each kind has begun", 10) do
-      # Not more than needed: a server whose workers are all busy does not answer the check.
       %w[order look_up].each { |what| long_call(what, long) } if (long.keys - executed.keys).empty?
       sleep(0.05)
       begun = executed("two").keys & long.keys
@@ -208,6 +207,20 @@ class SeveralServersTest < ExampleTest
     ends = ends_of(client)
     assert_executed_rightly(ends, ["lost", "timed out"])
     assert_operator ends.values.count { |how| !NAMES.include?(how) }, :<, 200
+  end
+
+  # More long calls than workers: checks that wait for a worker would fail in less time than the calls take.
+  def test_servers_whose_workers_are_all_busy
+    calls = Array.new(30) do |number|
+      Thread.new do
+        VORN::RPC::Client.open(front, timeout: 40) { |client| client.call("order", number, 8) }
+      end
+    end
+    eventually("all workers are busy", 10) { executed.size >= 24 }
+    assert_equal [8, 8, 8], NAMES.map { |name| executed(name).size }
+    assert_empty within(30) { calls.map(&:value) }.uniq - NAMES
+    refute_match(/servers\/\w+ is DOWN/, @balancer.output)
+    assert_equal 30, executed.values.inject(:+)
   end
 
   # The balancer accepts connections all the same. What may be repeated waits for a server until its deadline.

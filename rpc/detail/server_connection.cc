@@ -89,7 +89,7 @@ void ServerConnection::receive(size_t size) {
 /// if its requests are answered at once: answers are taken behind this.
 void ServerConnection::begin_requests() {
   while (!held_back_.empty() && !full()) {
-    if (!server_.has_room()) {
+    if (!server_.has_room() && !server_.is_inline(held_back_.front())) {
       if (!waits_for_room_) server_.wait_for_room(shared_from_this());
       waits_for_room_ = true;
       return;
@@ -184,6 +184,7 @@ void ServerConnection::read_no_more() {
     refused.swap(held_back_);
     for (const VObject& request : refused) {
       const VObject& id = request.getvec()[0];
+      server_.note_dropped(request);
       if (id.type() != DT_NIL) send(failure(id, STOPPING, "the server is stopping"));
     }
     write();

@@ -6,11 +6,13 @@
 #include <boost/system/error_code.hpp>
 #include <chrono>
 #include <exception>
+#include <set>
 #include <stdexcept>
 #include <utility>
 
 #include "rpc/detail/envelope.h"
 #include "rpc/detail/inbox.h"
+#include "rpc/detail/printable.h"
 #include "rpc/detail/receiver.h"
 #include "rpc/detail/server_connection.h"
 
@@ -23,7 +25,7 @@ namespace {
 
 constexpr std::chrono::milliseconds SWEEP_TIME{250};  // deadlines may be late by as much
 
-ServerOptions completed(ServerOptions options) {
+ServerOptions completed(ServerOptions options, const Methods& methods) {
   if (options.max_length < ServerOptions::LEAST_LENGTH) {
     throw std::invalid_argument("max_length leaves no room for errors");
   }
@@ -31,6 +33,11 @@ ServerOptions completed(ServerOptions options) {
     options.max_in_progress = options.workers > 0 ? std::max<size_t>(options.workers / 2, 1) : 16;
   }
   if (options.max_in_progress_of_all == 0) throw std::invalid_argument("max_in_progress_of_all lets nothing begin");
+  for (const std::string& name : options.inline_methods) {
+    const Methods::Entry* entry = methods.find(name);
+    if (entry != nullptr && entry->body) continue;
+    throw std::invalid_argument("no method that returns its result, to run inline: " + name);
+  }
   return options;
 }
 
@@ -38,7 +45,7 @@ ServerOptions completed(ServerOptions options) {
 
 ServerLoop::ServerLoop(const boost::asio::any_io_executor& executor, Methods methods, ServerOptions options)
     : executor_(executor),
-      options_(completed(std::move(options))),
+      options_(completed(std::move(options), methods)),
       journal_(options_.log),
       runner_(std::move(methods), options_.around, journal_),
       inbox_(std::make_shared<Inbox>(executor, [this] { go_on(); })),
@@ -62,9 +69,7 @@ void ServerLoop::shut_down() {
   stopping_ = true;
   inbox_->close();
   end();
-  if (!workers_) return;
-  workers_->stop();
-  workers_->join();
+  if (workers_) workers_->join();  // they refuse what has not begun
 }
 
 void ServerLoop::serve(std::unique_ptr<Channel> channel) {
@@ -122,7 +127,7 @@ void ServerLoop::begin(std::shared_ptr<ServerConnection> connection, VObject req
   receiver->inbox = inbox_;
   receiver->connection = std::move(connection);
   receiver->id = request.getvec()[0];
-  if (!workers_) {
+  if (!workers_ || is_inline(request)) {
     ++*in_progress_;
     return work(request, std::move(receiver));
   }
@@ -133,13 +138,27 @@ void ServerLoop::begin(std::shared_ptr<ServerConnection> connection, VObject req
 }
 
 void ServerLoop::work(VObject& request, std::unique_ptr<Answer::Receiver> receiver) {
+  // What has not begun when the server is stopped can safely be sent to another one.
+  if (stopping_) {
+    note_dropped(request);
+    return Answer(std::move(receiver)).error(STOPPING, "the server is stopping");
+  }
   if (receiver->connection->gone()) {
     const Answer unwanted(std::move(receiver));  // without memory it is given up
     return;
   }
-  // What has not begun when the server is stopped can safely be sent to another one.
-  if (stopping_) return Answer(std::move(receiver)).error(STOPPING, "the server is stopping");
   runner_.run(request, std::move(receiver));
+}
+
+bool ServerLoop::is_inline(const VObject& request) const {
+  const std::set<std::string>& names = options_.inline_methods;
+  return !names.empty() && names.count(request.getvec()[1].getstr()) > 0;
+}
+
+void ServerLoop::note_dropped(const VObject& request) {
+  const VObjectVector& parts = request.getvec();
+  if (parts[0].type() != DT_NIL) return;
+  journal_.write(LogLevel::warning, printable(shown(parts[1].getstr())), ": dropped, the server is stopping");
 }
 
 void ServerLoop::gather(const std::function<void()>& action) {

@@ -52,10 +52,14 @@ class ServerLoop : public std::enable_shared_from_this<ServerLoop> {
 
   /// Whether another request may be begun.
   bool has_room() const { return *in_progress_ < options_.max_in_progress_of_all; }
+  /// Whether this one is run on the executor, room or not.
+  bool is_inline(const VObject& request) const;
   /// Lets the connection go on when one may.
   void wait_for_room(std::shared_ptr<ServerConnection> connection);
   /// Runs a request. ServerConnection::finish() gets the answer, never before this has returned.
   void begin(std::shared_ptr<ServerConnection> connection, VObject request);
+  /// Logs a request that is not executed, since the server is stopped, if its sender is not told.
+  void note_dropped(const VObject& request);
   /// Does something that may begin requests, and then takes the answers that there are.
   void gather(const std::function<void()>& action);
   /// Lets the connection go on behind all answers that there are now.

@@ -503,17 +503,18 @@ TEST(RpcAsyncClient, NotifiesUntilItIsWritten) {
     while (!done) std::this_thread::sleep_for(1ms);
   });
   boost::asio::io_context io;
-  ClientOptions options = with_timeout(1000ms);
+  ClientOptions options;
   options.max_length = 1 << 26;
   AsyncClient client(io.get_executor(), listener.address(), options);
   std::vector<std::string> outcomes;
-  const auto notify = [&](size_t size) {
+  const auto notify = [&](size_t size, std::chrono::milliseconds timeout) {
     client.notify("x", {std::string(size, 'x')},
-                  [&](const Outcome& outcome) { outcomes.push_back(outcome_of([&] { return outcome.result(); })); });
+                  [&](const Outcome& outcome) { outcomes.push_back(outcome_of([&] { return outcome.result(); })); },
+                  {timeout, false});
   };
-  notify(FIRST);
+  notify(FIRST, 20s);
   io.run_for(100ms);
-  notify(MORE_THAN_BUFFERS);
+  notify(MORE_THAN_BUFFERS, 2500ms);
   io.run_for(100ms);
   EXPECT_TRUE(outcomes.empty());
   second_waits = true;

@@ -5,7 +5,12 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <atomic>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <chrono>
+#include <functional>
+#include <future>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -333,6 +338,90 @@ TEST(RpcServerStop, DoesNotWaitForEver) {
   EXPECT_TRUE(idle.closed());
   EXPECT_TRUE(half.closed());
   EXPECT_TRUE(unread.closed());
+}
+
+// Nobody waits for the answer to a notification: the log has each that was read and is not executed, whether it waits for
+// a worker or is held back, and however long what has begun takes.
+TEST_P(RpcServer, StopDropsNoNotificationSilently) {
+  std::atomic<size_t> executed{0};
+  Methods methods = test_methods();
+  methods.add("note", 0, [&](VObjectVector&) { return ++executed; });
+  ServerOptions with_time = options();
+  if (with_time.workers > 0) with_time.workers = 1;
+  with_time.max_in_progress = 3;
+  with_time.stop_time = 100ms;
+  std::string log;
+  with_time.log = [&](RPC::LogLevel, const std::string& line) { log += line + "\n"; };
+  std::string requests = request_frame(1, "sleep", {1200});
+  for (int n = 0; n < 10; ++n) requests += request_frame(VObject(), "note", {});
+  {
+    boost::asio::io_context io{1};
+    RPC::Server server(io.get_executor(), "tcp:127.0.0.1:0", methods, with_time);
+    const Peer peer(server.address());
+    peer.send(requests);
+    boost::asio::steady_timer timer(io, 200ms);
+    timer.async_wait([&](boost::system::error_code) { server.stop(); });
+    io.run();
+  }
+  size_t dropped = 0;
+  const std::string line = "note: dropped, the server is stopping\n";
+  for (size_t at = 0; (at = log.find(line, at)) != std::string::npos; ++at) ++dropped;
+  EXPECT_EQ(executed + dropped, 10U) << log;
+  EXPECT_GE(dropped, GetParam() > 0 ? 10U : 1U);
+}
+
+// It is answered while all workers are busy, for as long as they are, and whatever else waits.
+TEST(RpcServerInline, IsAnsweredWhileAllWorkersAreBusy) {
+  std::atomic<std::thread::id> ran_by;
+  Methods methods = test_methods();
+  methods.add("ping", 0, [&](VObjectVector&) {
+    ran_by = std::this_thread::get_id();
+    return std::string("pong");
+  });
+  methods.add("refused", 0, [](VObjectVector&) -> VObject { throw RPC::Refused("mine", "text"); });
+  ServerOptions options;
+  options.workers = 2;
+  options.max_in_progress_of_all = 2;
+  options.inline_methods = {"ping", "refused"};
+  int called_around = 0;
+  options.around = [&](const std::string& name, const VObjectVector&, const std::function<void()>& run) {
+    if (name == "ping") ++called_around;
+    run();
+  };
+  RunningServer server(methods, options);
+  std::vector<Peer> busy;
+  for (int n = 0; n < 3; ++n) {  // the third has no place
+    busy.emplace_back(server.address());
+    busy.back().send(request_frame(1, "sleep", {1000}));
+  }
+  std::this_thread::sleep_for(200ms);
+  Client client(server.address());
+  const auto began = std::chrono::steady_clock::now();
+  EXPECT_EQ(client.call("ping", {}), VObject("pong"));
+  EXPECT_EQ(outcome_of([&] { return client.call("refused", {}); }), "RemoteError: mine: text");
+  EXPECT_LT(std::chrono::steady_clock::now() - began, 500ms);
+  EXPECT_EQ(called_around, 1);
+  std::promise<std::thread::id> executor;
+  boost::asio::post(server.executor(), [&] { executor.set_value(std::this_thread::get_id()); });
+  EXPECT_EQ(ran_by, executor.get_future().get());
+  EXPECT_EQ(client.call("add", {1, 2}), VObject(3));
+  EXPECT_GT(std::chrono::steady_clock::now() - began, 500ms);
+  for (const Peer& peer : busy) EXPECT_EQ(peer.messages(1).size(), 1U);
+}
+
+// Answers that come later would not be counted.
+TEST(RpcServerInline, AreMethodsThatReturnTheirResult) {
+  RunningServer server;
+  for (const std::string name : {"later", "nothing"}) {
+    ServerOptions options;
+    options.inline_methods = {"echo", name};
+    try {
+      RPC::Server(server.executor(), test_methods(), options);
+      ADD_FAILURE() << name;
+    } catch (const std::invalid_argument& e) {
+      EXPECT_EQ(e.what(), "no method that returns its result, to run inline: " + name);
+    }
+  }
 }
 
 TEST(RpcServerStop, MayComeAtOnceAndTwice) {

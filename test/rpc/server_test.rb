@@ -322,7 +322,7 @@ class RpcServerTest < RpcTest
           socket.write(Array.new(20) { |id| frame([id, "sleep", [id.zero? ? 0.4 : 0]]) }.join)
           sleep(0.2)
           server.stop
-          answers = messages(socket, 20)
+          answers = messages(socket, 20).sort_by(&:first)
           assert_equal (0..19).to_a, answers.map(&:first)
           assert_equal [0, nil, 0.4], answers.first
           # Without workers the next one begins before the loop looks round.
@@ -332,6 +332,74 @@ class RpcServerTest < RpcTest
         end
       end
     end
+  end
+
+  # Nobody waits for the answer to a notification: the log has each that was read and is not executed, whether it waits
+  # for a worker or is held back, and however long what has begun takes.
+  def test_stopping_drops_no_notification_silently
+    executed = Queue.new
+    methods = METHODS.merge("note" => ->(number) { executed << number })
+    [[1, 3], [1, 1], [0, 3]].each do |workers, share|
+      executed.clear
+      serve(methods: methods, workers: workers, max_in_progress: share, stop_seconds: 0.3) do |server, log|
+        connect(server) do |socket|
+          notes = Array.new(10) { |number| frame([nil, "note", [number]]) }
+          socket.write(frame([1, "sleep", [0.8]]) + notes.join)
+          sleep(0.2)
+          server.stop
+          assert closed?(socket)
+          # Without workers some begin before the loop looks round.
+          wanted = workers.zero? ? 2..10 : 10..10
+          dropped = -> { log.string.scan("note: dropped, the server is stopping").size }
+          eventually("the log has them") { wanted.cover?(dropped.call) }
+          assert_equal 10, executed.size + dropped.call
+        end
+      end
+    end
+  end
+
+  # What waits for a worker is refused at once: its caller has time left to make the call elsewhere.
+  def test_stopping_refuses_before_workers_are_free
+    serve(workers: 1, max_in_progress: 2) do |server|
+      connect(server) do |socket|
+        socket.write(Array.new(4) { |id| frame([id, "sleep", [id.zero? ? 1 : 0]]) }.join)
+        sleep(0.2)
+        server.stop
+        began = now
+        assert_equal [1, 2, 3], messages(socket, 3).map(&:first).sort
+        assert_operator now - began, :<, 0.6
+      end
+    end
+  end
+
+  # It is answered while all workers are busy, for as long as they are.
+  def test_inline_methods
+    threads = Queue.new
+    methods = METHODS.merge("ping" => -> { threads << Thread.current; "pong" }, :tick => -> { "tock" })
+    around = ->(name, _arguments, &run) { name == "refused" ? raise(Refused.new("mine", "text")) : run.call }
+    options = { methods: methods.merge("refused" => -> {}), inline: ["ping", "refused", :tick], around: around }
+    serve(workers: 2, **options) do |server|
+      connect(server) do |busy|
+        busy.write(frame([1, "sleep", [1]]))
+        connect(server) do |also_busy|
+          also_busy.write(frame([1, "sleep", [1]]))
+          sleep(0.2)
+          Client.open(server.address) do |client|
+            began = now
+            assert_equal "pong", client.call("ping")
+            assert_equal "tock", client.call("tick")
+            assert_equal "mine", assert_raises(RemoteError) { client.call("refused") }.code
+            assert_operator now - began, :<, 0.5
+            assert_equal 3, client.call("add", 1, 2)
+            assert_operator now - began, :>, 0.5
+          end
+        end
+      end
+    end
+    assert_equal 1, threads.size
+    with_client(workers: 0, **options) { |client| assert_equal "pong", client.call("ping") }
+    error = assert_raises(ArgumentError) { Server.new(nil, METHODS, inline: %w[echo pong]) }
+    assert_equal "no method to run inline: pong", error.message
   end
 
   # What does not end in time is ended, and clients do not delay the end.

@@ -21,6 +21,10 @@ module VORN
         @around = around
       end
 
+      def key?(name)
+        @entries.key?(name)
+      end
+
       # The answer to a request. To a notification nobody gets it.
       def answer(request)
         id, name, arguments = request
@@ -32,6 +36,14 @@ module VORN
         # The log has the details; the client does not see the server's internals.
         @logger.error { "#{shown(name)}: #{printable(e.message)} (#{e.class}) at #{Array(e.backtrace).first}" }
         Envelope.failure(id, "failed", "the service failed")
+      end
+
+      # The answer to a request that is not executed, since the server is stopped: it can safely be sent to another one.
+      # Of a notification only the log tells.
+      def refuse(request)
+        id, name = request
+        @logger.warn { "#{shown(name)}: dropped, the server is stopping" } unless id
+        Envelope.failure(id, Envelope::STOPPING, "the server is stopping")
       end
 
       # The frame of an answer. A result that cannot be sent becomes an error: otherwise the client would wait for its

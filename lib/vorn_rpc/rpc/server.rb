@@ -42,6 +42,9 @@ module VORN
       # workers::         threads that run them. 0: they run on the thread of #run, and a body that waits or computes
       #                   for long keeps all clients waiting; short ones are answered faster. If that thread has a
       #                   Fiber scheduler (Ruby 3.2), each runs in a fiber of its own instead, whatever this number
+      # inline::          names of methods that run on the thread of #run instead, also when all workers are busy: what
+      #                   tells a health check that the server is alive. They do not wait, and compute little; around
+      #                   is then called there, too. A client that has max_in_progress requests waits with them, too
       # tls::             an OpenSSL::SSL::SSLContext, for connections by TLS
       # around::          called around each call, with its name, its arguments and a block that runs it and returns its
       #                   result: for measuring, logging, permission. It may raise as a body may
@@ -58,11 +61,14 @@ module VORN
       # stop_seconds::    how long #stop leaves to what has begun
       #
       # Raises ArgumentError for a bad address or method, and SystemCallError when it cannot listen.
-      def initialize(address, methods, workers: 8, tls: nil, around: nil, logger: Logger.new($stderr),
+      def initialize(address, methods, workers: 8, inline: [], tls: nil, around: nil, logger: Logger.new($stderr),
                      max_length: Stream::MAX_LENGTH, max_depth: Stream::MAX_DEPTH, max_connections: 200,
                      max_in_progress: nil, max_unsent: 256 << 10, idle_seconds: 60, frame_seconds: 5,
                      write_seconds: 2, stop_seconds: 2)
         @methods = MethodTable.new(methods, logger, around)
+        @inline = inline.map { |name| [name.to_s, true] }.to_h
+        unknown = @inline.keys.find { |name| !@methods.key?(name) }
+        raise ArgumentError, "no method to run inline: #{unknown}" if unknown
         max_in_progress ||= workers > 0 ? [workers / 2, 1].max : 16
         Stream.length_limit(max_length)
         raise ArgumentError, "max_length leaves no room for errors" if max_length < LEAST_LENGTH
@@ -119,7 +125,8 @@ module VORN
 
       # Ends #run: no connection is accepted and no request read any more, requests that have not begun are answered
       # with the error "stopping", those that have begun are answered within stop_seconds, and what is still running
-      # then is ended. Returns at once. Any thread may call this, and a signal handler:
+      # then is ended. The log names each notification that has not begun. Returns at once. Any thread may call this,
+      # and a signal handler:
       #
       #   server = VORN::RPC::Server.new("tcp:127.0.0.1:0", {})
       #   trap("TERM") { server.stop }
@@ -198,7 +205,9 @@ module VORN
       end
 
       def dispatch(connection, request)
-        if @workers
+        if @ends # it is only refused
+          work(connection, request)
+        elsif @workers && !@inline.key?(request[1])
           @workers.run { work(connection, request) }
         elsif @fibers
           Fiber.schedule { work(connection, request) }
@@ -209,15 +218,9 @@ module VORN
 
       def work(connection, request)
         answer = Envelope.failure(request[0], "failed", "the service failed") # if this thread is ended
-        answer = answer_to(request) unless connection.gone?
+        answer = (@ends ? @methods.refuse(request) : @methods.answer(request)) unless connection.gone?
       ensure
         attend(connection) if connection.finish(request[0] && answer) # none to a notification
-      end
-
-      # What had not begun when the server was stopped can safely be sent to another one.
-      def answer_to(request)
-        return @methods.answer(request) unless @ends
-        Envelope.failure(request[0], Envelope::STOPPING, "the server is stopping")
       end
 
       # Waits for what the connection waits for.
@@ -318,10 +321,17 @@ module VORN
       end
 
       def begin_stop
-        @ends = Clock.now + @stop_seconds
-        @connections.each { |io, connection| @reading.delete(io); connection.read_no_more }
+        @now = Clock.now
+        @ends = @now + @stop_seconds
         @reading.delete(@listener)
         @listener.close if @listener
+        @workers.run_waiting if @workers # which refuses
+        @connections.each do |io, connection|
+          @reading.delete(io)
+          connection.read_no_more
+          @more[connection] = true if connection.held_back?
+        end
+        continue
       end
 
       def close

@@ -101,7 +101,7 @@ module VORN
         @patience.check(@in_progress > 0 || !@unsent.empty?, now) unless @held_back
       end
 
-      # The server ends: it wants to know of each answer.
+      # The server ends: it wants to know of each answer, and refuses what is held back.
       def read_no_more
         @ending = true
       end
@@ -141,7 +141,7 @@ module VORN
       def begin_request(request)
         Envelope.check_request(request)
         @whole = true
-        if @begun >= @limits.max_in_progress || @lock.synchronize { full? }
+        if !@ending && (@begun >= @limits.max_in_progress || @lock.synchronize { full? })
           @held_back = request
           return false
         end

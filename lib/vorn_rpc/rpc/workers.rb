@@ -14,6 +14,13 @@ module VORN
         @jobs << job
       end
 
+      # Runs the blocks that no thread has begun, on this one.
+      def run_waiting
+        @jobs.pop(true).call until @jobs.empty?
+      rescue ThreadError
+        nil # a thread has taken the last one
+      end
+
       # Ends the threads, whatever they do. One that is just being replaced may have a successor.
       def finish
         @finishing = true
