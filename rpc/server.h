@@ -28,13 +28,14 @@ class ServerLoop;
 /// long, or does not read its answers. A client that ends its connection takes back its calls: those that no worker has
 /// begun are not executed.
 ///
-/// Whatever a client sends, the server throws nothing through the executor. Without memory Boost.Asio may, for operations
-/// of its own: std::bad_alloc then leaves io_context::run(), and the server may be missing one of them.
+/// Whatever a client sends, the server throws nothing through the executor. Without memory Boost.Asio may, for
+/// operations of its own: std::bad_alloc then leaves io_context::run(), and the server may be missing one of them.
 class VORN_API Server {
  public:
   /// Listens. `address` is "tcp:HOST:PORT" (port 0: the kernel chooses) or "unix:PATH", where a file that a killed
-  /// server has left is replaced. Throws std::invalid_argument for what is no address and for limits that leave no room
-  /// for errors, std::system_error when it cannot listen, and std::bad_alloc.
+  /// server has left is replaced. Throws std::invalid_argument for what is no address, for limits that leave no room
+  /// for errors and for inline_methods that are not in the table; std::system_error when it cannot listen, and
+  /// std::bad_alloc.
   ///
   /// REQUIRES: the executor runs one thing at a time: that of an io_context that one thread runs, or a strand.
   Server(const boost::asio::any_io_executor& executor, const std::string& address, Methods methods,
@@ -58,9 +59,9 @@ class VORN_API Server {
 
   /// Ends the server: no connection is accepted and no request read any more, requests that have not begun are answered
   /// with the error "stopping", those that have begun are answered within stop_time, and connections that are still
-  /// open then are closed. The log names each notification that has not begun. After that nothing of the server waits on the executor, so that io_context::run() can
-  /// return. Returns at once. Any thread may call this, and the handler of a boost::asio::signal_set. Throws
-  /// std::bad_alloc.
+  /// open then are closed. The log names each notification that has not begun. After that nothing of the server waits
+  /// on the executor, so that io_context::run() can return. Returns at once. Any thread may call this, and the handler
+  /// of a boost::asio::signal_set. Throws std::bad_alloc.
   void stop();
 
  private:

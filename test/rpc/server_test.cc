@@ -340,8 +340,8 @@ TEST(RpcServerStop, DoesNotWaitForEver) {
   EXPECT_TRUE(unread.closed());
 }
 
-// Nobody waits for the answer to a notification: the log has each that was read and is not executed, whether it waits for
-// a worker or is held back, and however long what has begun takes.
+// Nobody waits for the answer to a notification: the log has each that was read and is not executed, whether it waits
+// for a worker or is held back, and however long what has begun takes.
 TEST_P(RpcServer, StopDropsNoNotificationSilently) {
   std::atomic<size_t> executed{0};
   Methods methods = test_methods();
