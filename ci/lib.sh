@@ -57,6 +57,16 @@ extension() {
   extension=$(bin/build "$@" | tee -a /dev/stderr | tail -n 1)
 }
 
+# The checkout's files with local changes but without build output: object files of one Ruby must not be used by
+# another.
+export_project() {
+  local file
+  git ls-files -co --exclude-standard -z | while IFS= read -r -d '' file; do
+    # A tracked file may have been deleted.
+    if [ -e "$file" ] || [ -L "$file" ]; then printf '%s\0' "$file"; fi
+  done | tar -c --null --no-recursion -T -
+}
+
 # Generates the pages of both languages anew: $build/reference/ruby, $build/reference/native, and xml beside them, which
 # names what native has. Fails on any warning, and if anything public is undocumented.
 reference_pages() {

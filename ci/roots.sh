@@ -66,16 +66,6 @@ emulate() {
   emulator=$(sed "s|[^:]*:[^:]*\$|/usr/bin/qemu-$1-static:F|" "/usr/lib/binfmt.d/qemu-$1.conf")
 }
 
-# The checkout's files with local changes but without build output: object files of one Ruby must not be used by
-# another.
-export_project() {
-  local file
-  git ls-files -co --exclude-standard -z | while IFS= read -r -d '' file; do
-    # A tracked file may have been deleted.
-    if [ -e "$file" ] || [ -L "$file" ]; then printf '%s\0' "$file"; fi
-  done | tar -c --null --no-recursion -T -
-}
-
 # unpack_root NAME RELEASE ARCHITECTURE PACKAGE...: makes $roots/NAME unless it is there with these packages, for a
 # machine of another architecture. Packages are unpacked and not installed, since their scripts would run in the
 # emulator, for ten minutes. Packages named PACKAGE:amd64 run natively in the root: compilers for the architecture, say.

@@ -1,0 +1,131 @@
+# frozen_string_literal: true
+
+# Writes what a release consists of and depends on, as SPDX 2.3 in JSON.
+#
+# usage: ruby ci/release/sbom.rb FOLDER VERSION PACKAGE... >FILE
+#
+# FOLDER has what is released: its files are listed with their checksums. The PACKAGEs are Debian's that it was built
+# with; their versions are those of this machine. What the Debian package needs at run time is read from the package.
+#
+# SOURCE_DATE_EPOCH  the date of the document
+
+require "digest"
+require "json"
+require "open3"
+require "time"
+
+# Writes the document of one release.
+class Sbom
+  LICENCES = { # of what runs with the release, or is compiled into it; as in /usr/share/doc/*/copyright
+    "libboost-dev" => "BSL-1.0", "libc6" => "LGPL-2.1-or-later", "libcli11-dev" => "BSD-3-Clause",
+    "libfmt-dev" => "MIT", "libfmt9" => "MIT",
+    "libgcc-s1" => "GPL-3.0-or-later WITH GCC-exception-3.1", "libstdc++6" => "GPL-3.0-or-later WITH GCC-exception-3.1",
+    "nlohmann-json3-dev" => "MIT", "ruby" => "Ruby OR BSD-2-Clause"
+  }.freeze
+  # Libraries of headers alone: their code is in what is built.
+  COMPILED_IN = %w[libboost-dev libcli11-dev nlohmann-json3-dev].freeze
+  ROOT = "SPDXRef-Package-vorn-rpc"
+
+  def initialize(folder, version, build_packages)
+    @folder = folder
+    @version = version
+    @build_packages = build_packages
+    @packages = {}
+    @relations = []
+    @date = Time.at(Integer(ENV.fetch("SOURCE_DATE_EPOCH"))).utc.iso8601
+  end
+
+  def document
+    @files = Dir.children(@folder).sort.map { |name| file(name) }
+    abort "sbom: no files in #{@folder}" if @files.empty?
+    relate("SPDXRef-DOCUMENT", "DESCRIBES", ROOT)
+    @files.each { |file| relate(ROOT, "CONTAINS", file["SPDXID"]) }
+    @build_packages.uniq.sort.each { |name| relate(debian(name), "BUILD_DEPENDENCY_OF", ROOT) }
+    @files.each { |file| needs_of(file) }
+    {
+      "spdxVersion" => "SPDX-2.3", "dataLicense" => "CC0-1.0", "SPDXID" => "SPDXRef-DOCUMENT",
+      "name" => "vorn_rpc-#{@version}", "documentNamespace" => "https://vorn-rpc.invalid/spdx/vorn_rpc-#{@version}-#{code}",
+      "creationInfo" => { "created" => @date, "creators" => ["Organization: the Vorn RPC authors", "Tool: sbom.rb"] },
+      "packages" => [project] + @packages.values, "files" => @files, "relationships" => @relations
+    }
+  end
+
+  private
+
+  def file(name)
+    path = File.join(@folder, name)
+    checksums = [Digest::SHA1, Digest::SHA256].map do |digest|
+      { "algorithm" => digest.name[/\w+\z/], "checksumValue" => digest.file(path).hexdigest }
+    end
+    { "SPDXID" => id("File", name), "fileName" => "./#{name}", "fileTypes" => ["ARCHIVE"], "checksums" => checksums,
+      # With our own is what compilers and generators of pages put in.
+      "licenseConcluded" => "NOASSERTION", "licenseInfoInFiles" => ["MIT"], "copyrightText" => "NOASSERTION" }
+  end
+
+  # What SPDX calls the package verification code: it says which files were described.
+  def code
+    Digest::SHA1.hexdigest(@files.map { |file| file["checksums"][0]["checksumValue"] }.sort.join)
+  end
+
+  def project
+    { "SPDXID" => ROOT, "name" => "vorn_rpc", "versionInfo" => @version,
+      "supplier" => "Organization: the Vorn RPC authors", "downloadLocation" => "NOASSERTION",
+      "filesAnalyzed" => true, "packageVerificationCode" => { "packageVerificationCodeValue" => code },
+      "licenseInfoFromFiles" => ["MIT"], "licenseConcluded" => "MIT", "licenseDeclared" => "MIT",
+      "copyrightText" => File.read("LICENSE")[/^Copyright.*/] || "NOASSERTION" }
+  end
+
+  # The id of a package of Debian's, as installed here.
+  def debian(name)
+    @packages[name] ||= begin
+      out, status = Open3.capture2("dpkg-query", "-W", "-f", "${Version}", name)
+      abort "sbom: #{name} is not installed" unless status.success? && !out.empty?
+      dependency(name, out, "pkg:deb/debian/#{name.gsub('+', '%2B')}@#{out.gsub('+', '%2B').sub(':', '%3A')}")
+    end
+    @packages[name]["SPDXID"]
+  end
+
+  def dependency(name, version, purl)
+    licence = LICENCES.fetch(name, "NOASSERTION")
+    { "SPDXID" => id("Package", name), "name" => name, "versionInfo" => version, "downloadLocation" => "NOASSERTION",
+      "filesAnalyzed" => false, "licenseConcluded" => "NOASSERTION", "licenseDeclared" => licence,
+      "copyrightText" => "NOASSERTION",
+      "externalRefs" => [{ "referenceCategory" => "PACKAGE-MANAGER", "referenceType" => "purl",
+                           "referenceLocator" => purl }] }
+  end
+
+  # What a file needs where it is used.
+  def needs_of(file)
+    path = File.join(@folder, file["fileName"])
+    case path
+    when /\.deb\z/
+      depends, status = Open3.capture2("dpkg-deb", "-f", path, "Depends")
+      abort "sbom: cannot read #{path}" unless status.success?
+      depends.strip.split(/\s*,\s*/).each do |need|
+        relate(debian(need[/\A[^\s(:|]+/]), "RUNTIME_DEPENDENCY_OF", file["SPDXID"], need)
+      end
+      (COMPILED_IN & @build_packages).each { |name| relate(file["SPDXID"], "STATIC_LINK", debian(name)) }
+    when /\.gem\z/
+      spec = Gem::Package.new(path).spec
+      relate(debian("ruby"), "RUNTIME_DEPENDENCY_OF", file["SPDXID"], "Ruby #{spec.required_ruby_version}")
+      return if spec.extensions.empty?
+      %w[g++ make libboost-dev].each do |name|
+        relate(debian(name), "DEPENDENCY_OF", file["SPDXID"], "compiles the extension at installation")
+      end
+    end
+  end
+
+  def relate(one, relation, other, comment = nil)
+    @relations << { "spdxElementId" => one, "relationshipType" => relation, "relatedSpdxElement" => other,
+                    "comment" => comment }.compact
+  end
+
+  def id(kind, name)
+    "SPDXRef-#{kind}-#{name.gsub('+', 'plus').gsub(/[^A-Za-z0-9.]/, '-')}"
+  end
+end
+
+require "rubygems/package"
+folder, version, *packages = ARGV
+abort "usage: sbom.rb FOLDER VERSION PACKAGE..." unless folder && version && !packages.empty?
+puts JSON.pretty_generate(Sbom.new(folder, version, packages).document)
