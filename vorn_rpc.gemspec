@@ -21,6 +21,7 @@ Gem::Specification.new do |gem|
     LICENSE
     README.md
     lib/vorn_rpc.rb
+    lib/vorn_rpc/extension.rb
     lib/vorn_rpc/packing.rb
     lib/vorn_rpc/packing/errors.rb
     lib/vorn_rpc/packing/ready_made.rb

@@ -2,10 +2,11 @@
 
 # Writes what a release consists of and depends on, as SPDX 2.3 in JSON.
 #
-# usage: ruby ci/release/sbom.rb FOLDER VERSION PACKAGE... >FILE
+# usage: ruby ci/release/sbom.rb FOLDER VERSION ROOT PACKAGE... >FILE
 #
 # FOLDER has what is released: its files are listed with their checksums. The PACKAGEs are Debian's that it was built
-# with; their versions are those of this machine. What the Debian package needs at run time is read from the package.
+# with; their versions are those of this machine. ROOT is the Debian root in which the native gem was compiled. What the
+# Debian package needs at run time is read from the package.
 #
 # SOURCE_DATE_EPOCH  the date of the document
 
@@ -18,17 +19,18 @@ require "time"
 class Sbom
   LICENCES = { # of what runs with the release, or is compiled into it; as in /usr/share/doc/*/copyright
     "libboost-dev" => "BSL-1.0", "libc6" => "LGPL-2.1-or-later", "libcli11-dev" => "BSD-3-Clause",
-    "libfmt-dev" => "MIT", "libfmt9" => "MIT",
+    "libfmt-dev" => "MIT",
     "libgcc-s1" => "GPL-3.0-or-later WITH GCC-exception-3.1", "libstdc++6" => "GPL-3.0-or-later WITH GCC-exception-3.1",
     "nlohmann-json3-dev" => "MIT", "ruby" => "Ruby OR BSD-2-Clause"
   }.freeze
   # Libraries of headers alone: their code is in what is built.
-  COMPILED_IN = %w[libboost-dev libcli11-dev nlohmann-json3-dev].freeze
+  COMPILED_IN = %w[libboost-dev libcli11-dev libfmt-dev nlohmann-json3-dev].freeze
   ROOT = "SPDXRef-Package-vorn-rpc"
 
-  def initialize(folder, version, build_packages)
+  def initialize(folder, version, native_root, build_packages)
     @folder = folder
     @version = version
+    @native_root = native_root
     @build_packages = build_packages
     @packages = {}
     @relations = []
@@ -44,9 +46,10 @@ class Sbom
     @files.each { |file| needs_of(file) }
     {
       "spdxVersion" => "SPDX-2.3", "dataLicense" => "CC0-1.0", "SPDXID" => "SPDXRef-DOCUMENT",
-      "name" => "vorn_rpc-#{@version}", "documentNamespace" => "https://vorn-rpc.invalid/spdx/vorn_rpc-#{@version}-#{code}",
+      "name" => "vorn_rpc-#{@version}",
+      "documentNamespace" => "https://vorn-rpc.invalid/spdx/vorn_rpc-#{@version}-#{code}",
       "creationInfo" => { "created" => @date, "creators" => ["Organization: the Vorn RPC authors", "Tool: sbom.rb"] },
-      "packages" => [project] + @packages.values, "files" => @files, "relationships" => @relations
+      "packages" => [project] + @packages.values.uniq, "files" => @files, "relationships" => @relations
     }
   end
 
@@ -75,21 +78,22 @@ class Sbom
       "copyrightText" => File.read("LICENSE")[/^Copyright.*/] || "NOASSERTION" }
   end
 
-  # The id of a package of Debian's, as installed here.
-  def debian(name)
-    @packages[name] ||= begin
-      out, status = Open3.capture2("dpkg-query", "-W", "-f", "${Version}", name)
-      abort "sbom: #{name} is not installed" unless status.success? && !out.empty?
-      dependency(name, out, "pkg:deb/debian/#{name.gsub('+', '%2B')}@#{out.gsub('+', '%2B').sub(':', '%3A')}")
+  # The id of a package of Debian's, as installed in the root.
+  def debian(name, root = "/")
+    @packages[[name, root]] ||= begin
+      database = File.join(root, "var/lib/dpkg")
+      out, status = Open3.capture2("dpkg-query", "--admindir=#{database}", "-W", "-f", "${Version}", name)
+      abort "sbom: #{name} is not installed in #{root}" unless status.success? && !out.empty?
+      dependency(name, out)
     end
-    @packages[name]["SPDXID"]
+    @packages[[name, root]]["SPDXID"]
   end
 
-  def dependency(name, version, purl)
-    licence = LICENCES.fetch(name, "NOASSERTION")
-    { "SPDXID" => id("Package", name), "name" => name, "versionInfo" => version, "downloadLocation" => "NOASSERTION",
-      "filesAnalyzed" => false, "licenseConcluded" => "NOASSERTION", "licenseDeclared" => licence,
-      "copyrightText" => "NOASSERTION",
+  def dependency(name, version)
+    purl = "pkg:deb/debian/#{name.gsub('+', '%2B')}@#{version.gsub('+', '%2B').gsub(':', '%3A')}"
+    { "SPDXID" => id("Package", "#{name}-#{version}"), "name" => name, "versionInfo" => version,
+      "downloadLocation" => "NOASSERTION", "filesAnalyzed" => false, "copyrightText" => "NOASSERTION",
+      "licenseConcluded" => "NOASSERTION", "licenseDeclared" => LICENCES.fetch(name, "NOASSERTION"),
       "externalRefs" => [{ "referenceCategory" => "PACKAGE-MANAGER", "referenceType" => "purl",
                            "referenceLocator" => purl }] }
   end
@@ -108,9 +112,16 @@ class Sbom
     when /\.gem\z/
       spec = Gem::Package.new(path).spec
       relate(debian("ruby"), "RUNTIME_DEPENDENCY_OF", file["SPDXID"], "Ruby #{spec.required_ruby_version}")
-      return if spec.extensions.empty?
-      %w[g++ make libboost-dev].each do |name|
-        relate(debian(name), "DEPENDENCY_OF", file["SPDXID"], "compiles the extension at installation")
+      if spec.platform == "ruby"
+        %w[g++ make libboost-dev].each do |name|
+          relate(debian(name), "DEPENDENCY_OF", file["SPDXID"], "compiles the extension at installation")
+        end
+      else
+        %w[g++ make].each { |name| relate(debian(name, @native_root), "BUILD_TOOL_OF", file["SPDXID"]) }
+        relate(file["SPDXID"], "STATIC_LINK", debian("libboost-dev", @native_root))
+        %w[libc6 libstdc++6].each do |name|
+          relate(debian(name, @native_root), "RUNTIME_DEPENDENCY_OF", file["SPDXID"], "this version or a later one")
+        end
       end
     end
   end
@@ -126,6 +137,6 @@ class Sbom
 end
 
 require "rubygems/package"
-folder, version, *packages = ARGV
-abort "usage: sbom.rb FOLDER VERSION PACKAGE..." unless folder && version && !packages.empty?
-puts JSON.pretty_generate(Sbom.new(folder, version, packages).document)
+folder, version, root, *packages = ARGV
+abort "usage: sbom.rb FOLDER VERSION ROOT PACKAGE..." if packages.empty?
+puts JSON.pretty_generate(Sbom.new(folder, version, root, packages).document)

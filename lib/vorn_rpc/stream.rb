@@ -1,7 +1,6 @@
 # frozen_string_literal: true
 
 require "vorn_rpc"
-require "vorn_rpc_stream_ext"
 require "vorn_rpc/stream/errors"
 require "vorn_rpc/stream/decoder"
 require "vorn_rpc/stream/encoder"
@@ -9,6 +8,8 @@ require "vorn_rpc/stream/reader"
 require "vorn_rpc/stream/writer"
 
 module VORN
+  Extension.load("vorn_rpc_stream_ext")
+
   # Messages on a byte stream. A message is any value that the codec knows; a frame carries one or several.
   #
   # Decoder and Encoder do no input or output: they take and give Strings of bytes, for programs with a loop of their

@@ -14,16 +14,20 @@ require "tmpdir"
 
 class ReleaseTest < Minitest::Test
   ROOT = File.expand_path("../..", __dir__)
-  COPIED = %w[LICENSE CHANGELOG.md ci/lib.sh ci/release/sbom.rb bin/release lib/vorn_rpc/version.rb].freeze
+  COPIED = %w[LICENSE CHANGELOG.md ci/lib.sh ci/roots.sh ci/release/sbom.rb bin/release lib/vorn_rpc/version.rb].freeze
   VERSION = "7.8.9"
   PACKAGE = <<'END'
 #!/usr/bin/env bash
 set -euo pipefail
 build=$VORN_BUILD_DIR
 mkdir -p "$build/package" "$build/site/deep"
-[ "$1" != "$(cat fails 2>/dev/null)" ] || { echo "the compiler says no"; exit 1; }
-case $1 in
-  gem)
+[ "$*" != "$(cat fails 2>/dev/null)" ] || { echo "the compiler says no"; exit 1; }
+case "$*" in
+  gem*)
+    case $* in
+      gem) name=small-7.8.9.gem special='gem.extensions = ["ext/extconf.rb"]' ;;
+      *) name=small-7.8.9-x86_64-linux.gem special='gem.platform = "x86_64-linux"' ;;
+    esac
     cat >small.gemspec <<GEM
 Gem::Specification.new do |gem|
   gem.name = "small"
@@ -31,13 +35,13 @@ Gem::Specification.new do |gem|
   gem.summary = "small"
   gem.authors = ["us"]
   gem.files = ["LICENSE"]
-  gem.extensions = ["ext/extconf.rb"]
+  $special
   gem.required_ruby_version = ">= 2.2"
 end
 GEM
     mkdir -p ext && touch ext/extconf.rb
-    ruby -S gem build small.gemspec --force -o "$build/package/small-7.8.9.gem" 2>&1
-    echo "$build/package/small-7.8.9.gem" ;;
+    ruby -S gem build small.gemspec --force -o "$build/package/$name" 2>&1
+    echo "$build/package/$name" ;;
   deb)
     mkdir -p deb/DEBIAN
     printf 'Package: small\nVersion: 7.8.9\nArchitecture: all\nMaintainer: us <us@us.invalid>\n' >deb/DEBIAN/control
@@ -64,7 +68,9 @@ END
     write("bin/package", PACKAGE)
     write("bin/setup", "#!/bin/sh\necho bash coreutils\n")
     FileUtils.chmod(0o755, %w[bin/package bin/setup].map { |path| path_of(path) })
-    write(".gitignore", "/build/\n/ignored\n")
+    write(".gitignore", "/build/\n/build-roots/\n/ignored\n")
+    FileUtils.mkdir_p(%w[build-roots/logs build-roots/bullseye/var/lib].map { |path| path_of(path) })
+    FileUtils.ln_s("/var/lib/dpkg", path_of("build-roots/bullseye/var/lib/dpkg"))
     git("init", "-q")
     commit
     git("tag", "v#{VERSION}")
@@ -78,7 +84,8 @@ END
     write("ignored", "is not in the clone")
     folder = release
     assert_equal path_of("build/release/#{VERSION}"), folder
-    names = %w[SHA256SUMS small-7.8.9.gem small.deb vorn_rpc-7.8.9.spdx.json vorn_rpc-site-7.8.9.tar.gz]
+    names = %w[SHA256SUMS small-7.8.9-x86_64-linux.gem small-7.8.9.gem small.deb vorn_rpc-7.8.9.spdx.json
+               vorn_rpc-site-7.8.9.tar.gz]
     assert_equal names, Dir.children(folder).sort
     assert_equal [VERSION], Dir.children(File.dirname(folder))
     sums = File.readlines(File.join(folder, "SHA256SUMS"), chomp: true).map { |line| line.split("  ") }
@@ -103,7 +110,8 @@ END
     assert_equal git("log", "-1", "--format=%cd", "--date=format-local:%Y-%m-%dT%H:%M:%SZ").strip,
                  sbom["creationInfo"]["created"]
     files = sbom["files"].map { |file| [file["fileName"], file["SPDXID"]] }.to_h
-    assert_equal %w[./small-7.8.9.gem ./small.deb ./vorn_rpc-site-7.8.9.tar.gz], files.keys
+    assert_equal %w[small-7.8.9-x86_64-linux.gem small-7.8.9.gem small.deb vorn_rpc-site-7.8.9.tar.gz],
+                 files.keys.map { |name| name.sub(%r{\A\./}, "") }
     sbom["files"].each do |file|
       sums = file["checksums"].map { |sum| [sum["algorithm"], sum["checksumValue"]] }
       path = File.join(folder, file["fileName"])
@@ -119,6 +127,11 @@ END
     assert_includes relations, ["SPDXRef-DOCUMENT", "DESCRIBES", id["vorn_rpc"], nil]
     assert_includes relations, [id["bash"], "RUNTIME_DEPENDENCY_OF", files["./small.deb"], "bash | dash"]
     assert_includes relations, [id["ruby"], "RUNTIME_DEPENDENCY_OF", files["./small-7.8.9.gem"], "Ruby >= 2.2"]
+    compiler = [id["g++"], "DEPENDENCY_OF", files["./small-7.8.9.gem"], "compiles the extension at installation"]
+    assert_includes relations, compiler
+    refute_includes relations.map { |relation| relation[0..2] },
+                    [id["g++"], "DEPENDENCY_OF", files["./small-7.8.9-x86_64-linux.gem"]]
+    assert_includes relations, [files["./small-7.8.9-x86_64-linux.gem"], "STATIC_LINK", id["libboost-dev"], nil]
     assert_includes relations, [id["coreutils"], "BUILD_DEPENDENCY_OF", id["vorn_rpc"], nil]
     ids = packages.values.map { |package| package["SPDXID"] } + files.values + ["SPDXRef-DOCUMENT"]
     assert_equal ids.uniq, ids
@@ -172,7 +185,7 @@ END
   end
 
   def test_each_failing_step_leaves_nothing_behind
-    %w[gem deb site].each do |artefact|
+    ["gem", "gem native", "deb", "site"].each do |artefact|
       write("fails", artefact)
       commit
       git("tag", "-f", "v#{VERSION}")
@@ -223,7 +236,8 @@ END
   end
 
   def environment(more = {})
-    { "VORN_BUILD_DIR" => nil, "RUBY" => RbConfig.ruby, "RUBYOPT" => nil, "RUBYLIB" => nil }.merge(more)
+    { "VORN_BUILD_DIR" => nil, "VORN_ROOTS_DIR" => path_of("build-roots"), "RUBY" => RbConfig.ruby,
+      "RUBYOPT" => nil, "RUBYLIB" => nil }.merge(more)
   end
 
   def run_release(more = {})
