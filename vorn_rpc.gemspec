@@ -104,6 +104,8 @@ Gem::Specification.new do |gem|
     proto/wire_reader.h
     proto/wire_writer.h
     stream_ext/extconf.rb
+    stream_ext/frame_input.cc
+    stream_ext/frame_input.h
     stream_ext/integer_check.cc
     stream_ext/integer_check.h
     stream_ext/vorn_rpc_stream_ext.cc

@@ -331,8 +331,9 @@ class RpcClientTest < RpcTest
     ids = messages(there, 2).map(&:first)
     there.write(frame([ids[0], %w[stopping going], nil]))
     eventually("one is refused") { !connection.usable? }
-    error = assert_raises(RemoteError) { connection.call("echo", [2], now + 10) }
-    assert_equal "stopping: going", error.message
+    unusable = connection.class::Unusable
+    assert_equal "going", assert_raises(unusable) { connection.call("echo", [2], now + 10) }.message
+    assert_equal "going", assert_raises(unusable) { connection.notify("echo", [2], now + 10) }.message
     there.write(frame([ids[1], nil, "answered"]))
     assert_equal ["answered", "stopping: going"], calls.map { |call| call.value.to_s }.sort
     assert connection.lost?

@@ -101,6 +101,41 @@ class NativeTest < ExtTest
     assert_raises(RangeError) { NATIVE.frame_length(frame, 0, 2**70) }
   end
 
+  def test_read_frame
+    frame = VORN::PROTO::PacketFrameIn.new
+    encoder = VORN::Stream::Encoder.new
+    bytes = encoder.frame("abc", [1])
+    2.times { assert_equal ["abc", [1]], NATIVE.read_frame(frame, bytes, 100) }
+    assert_equal 0, frame.seq
+    assert_equal [], NATIVE.read_frame(frame, encoder.frame, 0)
+    long = VORN::Stream::Encoder.new(twelve_byte_header: true)
+    assert_equal [nil], NATIVE.read_frame(frame, long.frame(nil), 1)
+    assert_nil NATIVE.read_frame(frame, bytes, bytes.bytesize - 9), "announces a byte too many"
+    assert_nil NATIVE.read_frame(frame, bytes[0..-2], 100)
+    assert_nil NATIVE.read_frame(frame, bytes + "x", 100)
+    assert_nil NATIVE.read_frame(frame, "", 100)
+    assert_nil NATIVE.read_frame(frame, "x" + bytes, 100)
+    assert_raises(RuntimeError) { NATIVE.read_frame(frame, encoder.frame(true).sub(/.\z/n, "\x7F".b), 100) }
+    assert_raises(TypeError) { NATIVE.read_frame(frame, nil, 100) }
+    assert_raises(NoMethodError) { NATIVE.read_frame(nil, bytes, 100) }
+  end
+
+  # The remains of a frame that was longer lie behind a shorter one.
+  def test_read_frame_with_a_value_that_ends_behind_it
+    frame = VORN::PROTO::PacketFrameIn.new
+    encoder = VORN::Stream::Encoder.new
+    NATIVE.read_frame(frame, encoder.frame("x" * 50), 100)
+    payload = encoder.frame("x" * 20)[8, 11] # of 22 bytes
+    assert_nil NATIVE.read_frame(frame, header(payload) + payload, 100)
+  end
+
+  # The frame's header, for a payload that no encoder makes.
+  def header(payload)
+    out = VORN::PROTO::PacketFrameOut.new.reset
+    out.write_raw(payload)
+    out.compute_frame_header.to_str[0, 8]
+  end
+
   def test_only_the_init_function_is_exported
     library = $LOADED_FEATURES.grep(/vorn_rpc_stream_ext\.#{RbConfig::CONFIG["DLEXT"]}\z/).first
     assert_equal ["Init_vorn_rpc_stream_ext"], exported(library)

@@ -151,6 +151,31 @@ class StreamTest < Minitest::Test
     end
   end
 
+  # A chunk that is a frame belongs behind what came before it.
+  def test_whole_frames_behind_other_bytes
+    frame = bytes_of([1])
+    events = []
+    decoder = Decoder.new { |damage| events << damage.bytes }
+    feed = ->(bytes) { decoder.feed_each(bytes) { |message| events << message } }
+    feed.call("noise")
+    feed.call(frame)
+    assert_equal [5, [1]], events.shift(2)
+    [bytes_of(1, 2), Encoder.new.frame(1, 2)].each do |both|
+      decoder.feed_each(both) { break }
+      feed.call(frame)
+      assert_equal [2, [1]], events.shift(2)
+    end
+    around = Encoder.new.frame("<#{frame}>".b)
+    before, inside, behind = around.partition(frame)
+    [before, inside, behind].each(&feed)
+    assert_equal ["<#{frame}>".b], events.shift(1)
+    feed.call(around[0, 3])
+    feed.call(frame)
+    assert_equal [3, [1]], events.shift(2)
+    assert_empty events
+    assert_equal [8, 9, 8, 2], decoder.finish.statistics.to_a.drop(1)
+  end
+
   # As read buffers are.
   def test_the_chunk_is_the_callers_again
     bytes = bytes_of(*MESSAGES)
@@ -200,6 +225,13 @@ class StreamTest < Minitest::Test
       assert_equal [1, encoding], [damages, chunk.encoding]
     end
     assert_raises(TypeError) { Decoder.new.feed(nil) }
+  end
+
+  def test_a_frame_that_cannot_be_read_ends_the_stream
+    decoder = Decoder.new
+    bytes = [0xA5, 1, 0, 2].pack("CCnN") + "\x06\x09".b
+    assert_raises(DamagedStream) { decoder.feed_each(bytes) {} }
+    assert_raises(DamagedStream) { decoder.feed_each(bytes_of(1)) { flunk } }
   end
 
   def test_a_damaged_stream_has_ended

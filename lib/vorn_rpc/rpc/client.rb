@@ -128,6 +128,8 @@ module VORN
             connection = connected(deadline)
             next connection.notify(name, arguments, deadline) if notification
             connection.call(name, arguments, deadline)
+          rescue ClientConnection::Unusable
+            retry
           rescue ConnectionLost, RemoteError => e
             raise if !repeatable?(e) || @state.closed || Clock.now + delay > deadline
             delay = pause(delay)

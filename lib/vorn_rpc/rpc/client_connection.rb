@@ -9,8 +9,16 @@ module VORN
     class ClientConnection # :nodoc:
       CHUNK = 65_536
 
-      # A call that waits. ready: signalled when there is an answer, or when nobody reads any more.
-      Call = Struct.new(:answer, :ready)
+      # How long a thread that writes leaves the reading to others before it looks again.
+      TURN_SECONDS = 0.05
+
+      # The connection takes no calls, or no more of them. Nothing has been sent.
+      class Unusable < Error
+      end
+
+      # A call in progress; a notification has no id. alone: nobody has read since the last one ended. ready: signalled
+      # when there is an answer, when it is this call's turn to read, or when no answer can come.
+      Call = Struct.new(:id, :alone, :answer, :ready)
 
       def initialize(io, max_length:, max_depth:, preserve_symbols:)
         @io = io
@@ -22,15 +30,14 @@ module VORN
         @lock = Mutex.new    # guards what follows; never held while waiting for the peer
         @calls = {}          # by id
         @last_id = 0
-        @reading = false     # whether a thread reads
+        @reader = nil        # the call whose thread reads
+        @used = false
         @lost = nil          # why no answer can come
         @stopping = nil      # what the server says of its end: a connection for no further call
       end
 
-      # Whether a call may be tried. That the server has gone while no call was waiting is found here, before a request
-      # is lost.
+      # Whether a call may be tried.
       def usable?
-        as_reader { read_chunk } if @calls.empty?
         !@lost && !@stopping
       end
 
@@ -38,13 +45,15 @@ module VORN
         !@lost.nil?
       end
 
+      # Raises Unusable, or as Client#call does.
       def call(name, arguments, deadline)
-        id, call = register
+        call = begin_call(false)
         begin
-          write([id, name, arguments], deadline)
+          find_end if call.alone
+          write(call, [call.id, name, arguments], deadline)
           wait(call, deadline)
         ensure
-          forget(id)
+          end_call(call)
         end
         raise ConnectionLost, @lost unless call.answer
         _, error, result = call.answer
@@ -52,8 +61,15 @@ module VORN
         result
       end
 
+      # Likewise.
       def notify(name, arguments, deadline)
-        write([nil, name, arguments], deadline)
+        call = begin_call(true)
+        begin
+          find_end if call.alone
+          write(call, [nil, name, arguments], deadline)
+        ensure
+          end_call(call)
+        end
         nil
       end
 
@@ -63,38 +79,68 @@ module VORN
           return if @lost
           @lost = reason
           @calls.each_value { |call| call.ready.signal if call.ready }
-          @reading && @socket.respond_to?(:shutdown) ? shut_down : close
+          @reader && @socket.respond_to?(:shutdown) ? shut_down : close
         end
       end
 
       private
 
-      def register
+      # Raises Unusable unless a call may be tried.
+      def begin_call(notification)
         @lock.synchronize do
-          raise RemoteError.new(*@stopping) if @stopping # since it was looked at
-          raise ConnectionLost, @lost if @lost
-          begin
-            @last_id = @last_id % Envelope::MAX_ID + 1
-          end while @calls.key?(@last_id) # after wrapping around, a call that waits may still have this id
-          [@last_id, @calls[@last_id] = Call.new]
+          check_usable
+          call = Call.new(notification ? nil : next_id, @used && @calls.empty? && !@reader)
+          @used = true
+          @calls[call.id] = call unless notification
+          @reader ||= call
+          call
         end
       end
 
-      def forget(id)
+      # After a wrap, a call that waits may still have the next one.
+      def next_id
+        begin
+          @last_id = @last_id % Envelope::MAX_ID + 1
+        end while @calls.key?(@last_id)
+        @last_id
+      end
+
+      # That the server has gone while no call was waiting is found here, before a request is lost.
+      def find_end
+        read_chunk
+        check_usable
+      end
+
+      def check_usable
+        raise Unusable, @lost || @stopping[1] unless usable?
+      end
+
+      def end_call(call)
         unused = @lock.synchronize do
-          @calls.delete(id)
-          wake_reader # this call may have been woken to read, and not have done it
+          @calls.delete(call.id)
+          pass_on_reading if @reader.equal?(call)
           @stopping && @calls.empty?
         end
         lose("the server is stopping") if unused
       end
 
-      def write(request, deadline)
+      # Another call goes on reading. One that does not wait yet will look for itself.
+      def pass_on_reading
+        @reader = nil
+        return close if @lost
+        @calls.each_value do |call|
+          next unless call.ready && !call.answer
+          @reader = call
+          return call.ready.signal
+        end
+      end
+
+      def write(call, request, deadline)
         @sending.synchronize do
           rest = bytes = @encoder.frame(request)
           begin
             rest = unsent(bytes)
-            write_rest(rest, deadline) unless rest.empty?
+            write_rest(call, rest, deadline) unless rest.empty?
             rest = ""
           rescue *io_errors => e
             raise ConnectionLost, @lost || "sending failed: #{e.message}"
@@ -107,72 +153,56 @@ module VORN
       # What the kernel does not take.
       def unsent(bytes)
         sent = @io.write_nonblock(bytes, exception: false)
-        sent.is_a?(Integer) ? bytes.byteslice(sent..-1) : bytes
+        return bytes unless sent.is_a?(Integer)
+        sent == bytes.bytesize ? "" : bytes.byteslice(sent..-1)
       end
 
-      def write_rest(bytes, deadline)
+      def write_rest(call, bytes, deadline)
         until bytes.empty?
           left = deadline - Clock.now
-          raise Errno::ETIMEDOUT, "the server takes nothing" unless left > 0 && wait_writable(left)
+          raise Errno::ETIMEDOUT, "the server takes nothing" unless left > 0
+          wait_writable(call, left)
           bytes = unsent(bytes)
         end
       end
 
       # A server may take no more requests before its answers are read, so this reads too, unless another thread does.
-      def wait_writable(seconds)
-        done = as_reader do
+      def wait_writable(call, seconds)
+        if reader?(call)
           readable, = Interrupts.allow { IO.select([@socket], [@socket], nil, seconds) }
-          return false unless readable
-          read_chunk unless readable.empty?
+          read_chunk if readable && !readable.empty?
+        else
+          Interrupts.allow { IO.select(nil, [@socket], nil, [seconds, TURN_SECONDS].min) }
         end
-        done || Interrupts.allow { IO.select(nil, [@socket], nil, seconds) }
       end
 
       # Returns when the call has its answer, or the connection is lost.
       def wait(call, deadline)
         until call.answer || @lost
-          next if as_reader { receive(deadline - Clock.now) }
-          @lock.synchronize do
-            wait_for_reader(call, deadline - Clock.now) if @reading && !call.answer && !@lost
+          seconds = deadline - Clock.now
+          raise TimedOut, "no answer in time" unless seconds > 0
+          if @reader.equal?(call)
+            # Before Ruby 2.3 the result does not tell the end of input from a timeout.
+            Interrupts.allow { @socket.wait_readable(seconds) }
+            read_chunk
+          else
+            wait_for_reader(call, seconds)
           end
         end
       end
 
       def wait_for_reader(call, seconds)
-        raise TimedOut, "no answer in time" unless seconds > 0
-        call.ready ||= ConditionVariable.new
-        Interrupts.allow { call.ready.wait(@lock, seconds) }
-      end
-
-      # Reads what arrives within some seconds.
-      def receive(seconds)
-        raise TimedOut, "no answer in time" unless seconds > 0
-        # Before Ruby 2.3 the result does not tell the end of input from a timeout.
-        Interrupts.allow { @socket.wait_readable(seconds) }
-        read_chunk
-      end
-
-      # Yields if no other thread reads. Returns whether it has.
-      def as_reader
-        reading = false
-        @lock.synchronize { @reading = reading = true unless @reading || @lost }
-        yield if reading
-        reading
-      ensure
-        stop_reading if reading
-      end
-
-      def stop_reading
         @lock.synchronize do
-          @reading = false
-          @lost ? close : wake_reader
+          next if call.answer || @lost
+          next @reader = call unless @reader
+          call.ready ||= ConditionVariable.new
+          Interrupts.allow { call.ready.wait(@lock, seconds) } unless @reader.equal?(call)
         end
       end
 
-      # Lets a call that waits go on reading, if nobody does.
-      def wake_reader
-        return if @reading
-        @calls.each_value { |call| break call.ready.signal if call.ready && !call.answer }
+      # Whether this call's thread reads, as it does when no other has to.
+      def reader?(call)
+        @lock.synchronize { (@reader ||= call).equal?(call) }
       end
 
       def read_chunk
@@ -192,11 +222,13 @@ module VORN
       # An answer that nobody waits for is of a call that has timed out. Only a call's first answer counts.
       def accept(answer)
         Envelope.check_answer(answer)
+        id, error, = answer
+        call = @calls[id]
+        return if call.nil? || call.answer
+        @stopping = error if error && error[0] == Envelope::STOPPING
+        return call.answer = answer if @reader.equal?(call) # this thread's own
         @lock.synchronize do
-          call = @calls[answer[0]]
-          next if call.nil? || call.answer
           call.answer = answer
-          @stopping = answer[1] if answer[1] && answer[1][0] == Envelope::STOPPING
           call.ready.signal if call.ready
         end
       end

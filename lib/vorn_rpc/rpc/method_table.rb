@@ -71,7 +71,7 @@ module VORN
 
       def call(name, arguments)
         entry = @entries.fetch(name) { raise Refused.new("no such method", "no method #{name[0, MAX_NAME].inspect}") }
-        unless arguments.size.between?(entry.least, entry.most)
+        if arguments.size < entry.least || arguments.size > entry.most
           raise Refused.new("bad arguments", "#{name} takes #{takes(entry)}, not #{arguments.size}")
         end
         return entry.body.call(*arguments) unless @around

@@ -95,9 +95,8 @@ module VORN
       # Raises what has ended the connection meanwhile, or a deadline that has passed.
       def check(now)
         raise @failure if @failure
-        @lock.synchronize do
-          raise Errno::ETIMEDOUT, "the client takes nothing" if @write_deadline && now >= @write_deadline
-        end
+        deadline = @write_deadline # which a worker may move meanwhile
+        raise Errno::ETIMEDOUT, "the client takes nothing" if deadline && now >= deadline
         @patience.check(@in_progress > 0 || !@unsent.empty?, now) unless @held_back
       end
 
@@ -141,13 +140,22 @@ module VORN
       def begin_request(request)
         Envelope.check_request(request)
         @whole = true
-        if !@ending && (@begun >= @limits.max_in_progress || @lock.synchronize { full? })
+        unless take_place
           @held_back = request
           return false
         end
-        @begun += 1
-        @lock.synchronize { @in_progress += 1 }
         yield request
+        true
+      end
+
+      # Whether one more request may be in progress, which is then counted.
+      def take_place
+        return false if @begun >= @limits.max_in_progress && !@ending
+        @lock.synchronize do
+          return false if full? && !@ending
+          @in_progress += 1
+        end
+        @begun += 1
         true
       end
 

@@ -22,13 +22,6 @@ module VORN
       # damages::  runs of skipped bytes
       Statistics = Struct.new(:bytes, :frames, :messages, :skipped, :damages)
 
-      # The Statistics, which go on counting.
-      #
-      #   decoder = VORN::Stream::Decoder.new
-      #   decoder.feed_each(VORN::Stream::Encoder.new.frame(1, 2)).to_a
-      #   decoder.statistics.messages  # => 2
-      attr_reader :statistics
-
       # The sequence number of the frame that held the last message, nil before the first.
       #
       #   decoder = VORN::Stream::Decoder.new
@@ -60,7 +53,6 @@ module VORN
         @frame = PROTO::PacketFrameIn.new.reset
         @frame.maxdepth = max_depth
         @frame.preserve_symbols_on_extract = preserve_symbols
-        @statistics = Statistics.new(0, 0, 0, 0, 0)
         @messages = []     # of the last frame, not yielded yet
         @input = NOTHING   # what is not read yet begins at @offset
         @offset = 0
@@ -68,6 +60,7 @@ module VORN
         @input_begins = 0  # in the stream
         @frame_begins = nil # likewise, while a frame is being assembled
         @frame_length = 0
+        @frames = @read = @skipped = @damages = 0 # see Statistics
         @damage = nil  # the run of skipped bytes before what comes next
         @failure = nil # what has ended the stream
       end
@@ -83,8 +76,8 @@ module VORN
       # raised max_depth, NoMemoryError), and RuntimeError where there is no memory for a payload; then that frame is
       # still to be read.
       def feed_each(bytes, &block)
-        return enum_for(:feed_each, bytes) unless block
-        take(bytes)
+        return enum_for(:feed_each, bytes) unless block_given?
+        take(bytes) unless take_frame(bytes)
         begin
           each(&block)
         ensure
@@ -128,10 +121,19 @@ module VORN
         if missed > 0
           skip(missed, "the stream ends in the middle of a frame", begins, TruncatedStream)
           @offset = @input.bytesize
-          next_header
+          @frame_begins = nil
         end
         report_damage if @damage
         self
+      end
+
+      # The Statistics as they are now.
+      #
+      #   decoder = VORN::Stream::Decoder.new
+      #   decoder.feed_each(VORN::Stream::Encoder.new.frame(1, 2)).to_a
+      #   decoder.statistics.messages  # => 2
+      def statistics
+        Statistics.new(@input_begins + @input.bytesize, @frames, @read, @skipped, @damages)
       end
 
       # Whether the stream may end here: no frame has begun that is not complete.
@@ -147,10 +149,21 @@ module VORN
       START = [0xA5].pack("C").freeze
       private_constant :NOTHING, :START
 
+      # Takes bytes that are a frame, no more and no less, when nothing is left from before. Returns nil for others, and
+      # for a frame that cannot be read: #take and #next_frame say what is wrong with those.
+      def take_frame(bytes)
+        return if @frame_begins || @damage || @failure || !@input.empty? || !@messages.empty?
+        messages = Native.read_frame(@frame, bytes, @max_length)
+        return unless messages
+        @input_begins += bytes.bytesize
+        deliver(messages)
+      rescue RuntimeError, EncodingError, SystemStackError, NoMemoryError
+        nil
+      end
+
       def take(bytes)
         raise @failure if @failure
         raise TypeError, "bytes must be a String" unless bytes.is_a?(String)
-        @statistics.bytes += bytes.bytesize
         bytes = bytes.b unless bytes.encoding == Encoding::BINARY
         keep_rest
         @callers = @input.empty?
@@ -159,7 +172,7 @@ module VORN
 
       # Leaves the caller's String, and what has been read.
       def keep_rest
-        return if @offset.zero? && !@callers
+        return if @offset == 0 && !@callers
         @callers = false
         @input_begins += @offset
         @input = @offset == @input.bytesize ? NOTHING : @input.byteslice(@offset..-1)
@@ -173,6 +186,7 @@ module VORN
             length = Native.frame_length(@input, @offset, @max_length)
             return false unless length
             next skip_to_start(length) if length.is_a?(String)
+            @frame.reset
             @frame_begins = @input_begins + @offset
             @frame_length = length
           end
@@ -185,7 +199,7 @@ module VORN
       def assemble
         @offset += @frame.assemble(@input, @offset)
       rescue StandardError, NoMemoryError # no memory for the payload: the header is read again
-        next_header
+        @frame_begins = nil
         raise
       end
 
@@ -200,14 +214,18 @@ module VORN
       def take_messages
         messages = read_messages
         return false unless messages
-        @seq = @frame.seq
-        @messages = messages
-        @statistics.frames += 1
-        @statistics.messages += messages.size
+        deliver(messages)
         report_damage if @damage
         true
       ensure
-        next_header
+        @frame_begins = nil
+      end
+
+      def deliver(messages)
+        @seq = @frame.seq
+        @messages = messages
+        @frames += 1
+        @read += messages.size
       end
 
       # All of the frame's messages, or nil.
@@ -222,11 +240,6 @@ module VORN
         skip(@frame_length, "a frame whose payload cannot be read: #{error.message}", @frame_begins)
       end
 
-      def next_header
-        @frame_begins = nil
-        @frame.reset
-      end
-
       # Counts bytes as skipped, which join those skipped just before, or ends the stream. Returns nil.
       def skip(bytes, reason, begins, error_class = DamagedStream)
         unless @on_damage
@@ -235,14 +248,14 @@ module VORN
         end
         first = @damage || Damage.new(reason, begins, 0)
         @damage = Damage.new(first.reason, first.offset, first.bytes + bytes)
-        @statistics.skipped += bytes
+        @skipped += bytes
         nil
       end
 
       def report_damage
         damage = @damage
         @damage = nil
-        @statistics.damages += 1
+        @damages += 1
         @on_damage.call(damage)
       end
     end

@@ -32,7 +32,7 @@ module VORN
       #   VORN::Stream::Encoder.new.frame(true)  # => "\xA5\x01\x00\x00\x00\x00\x00\x01\x02".b
       def frame(*messages)
         @frame.reset # passes over the header, and over the remains of a call that failed
-        messages.each { |message| @frame << message }
+        messages.size == 1 ? @frame << messages[0] : messages.each { |message| @frame << message }
         # Behind the encoding, which ends for what contains itself.
         Native.check_integers(messages) if @strict_integers
         length = @frame.pos - @header_length
