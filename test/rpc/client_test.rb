@@ -131,14 +131,20 @@ class RpcClientTest < RpcTest
     entered = Queue.new
     go_on = Queue.new
     hooked = false
+    inside = most = 0
     here, there = UNIXSocket.pair
     here.define_singleton_method(:read_nonblock) do |length, buffer, **options|
-      if hooked
-        hooked = false
-        entered << true
-        go_on.pop
+      most = [most, inside += 1].max
+      begin
+        if hooked
+          hooked = false
+          entered << true
+          go_on.pop
+        end
+        super(length, buffer, **options)
+      ensure
+        inside -= 1
       end
-      super(length, buffer, **options)
     end
     Client.open(->(_) { here }) do |client|
       first = Thread.new { client.call("echo", 1) }
@@ -156,6 +162,7 @@ class RpcClientTest < RpcTest
       within { looking.join }
       there.write(frame([2, nil, 2]))
       assert_equal 2, within(3) { waiting.value }
+      assert_equal 1, most, "threads that read at once"
     end
     there.close
   end
@@ -403,6 +410,72 @@ class RpcClientTest < RpcTest
         assert_equal "y" * 1_000_000, client.call("echo", "y" * 1_000_000)
       end
     end
+  end
+
+  # Likewise, when the thread that read for both has left while the other one writes.
+  def test_writing_when_the_reader_has_left
+    here, there = UNIXSocket.pair
+    client = Client.new(->(_) { here }, timeout: 10)
+    leaving = Thread.new { assert_raises(TimedOut) { client.with(timeout: 0.3).call("echo", 1) } }
+    eventually("it reads") { leaving.stop? }
+    long = Thread.new { client.call("echo", "y" * 1_000_000) }
+    within { leaving.value }
+    there.write(frame([7, nil, "x" * 900_000])) # of a call that has timed out
+    id, _, arguments = messages(there, 2).last
+    there.write(frame([id, nil, arguments[0].size]))
+    assert_equal 1_000_000, within { long.value }
+  ensure
+    client.close
+    there.close
+  end
+
+  # The next one to read has not waited yet when the last one looked for it.
+  def test_a_call_that_waits_when_the_reader_has_left
+    released = Queue.new
+    methods = { "echo" => ->(value) { value }, "wait" => -> { released.pop } }
+    with_client(methods: methods, workers: 2, max_in_progress: 4) do |client|
+      reading = Thread.new { client.call("wait") }
+      eventually("it reads") { released.num_waiting == 1 }
+      last = Class.new(Hash) do
+        define_method(:each) do |&block|
+          released << 1
+          reading.join
+          super(&block)
+        end
+      end
+      assert_equal({ "a" => 1 }, client.call("echo", last["a", 1]))
+      assert_equal 1, reading.value
+    end
+  end
+
+  # The answer has come between the look at it and the lock.
+  def test_an_answer_just_before_the_wait
+    released = Queue.new
+    with_client(methods: { "echo" => ->(value) { value }, "wait" => -> { released.pop } }) do |client|
+      reading = Thread.new { client.call("wait") }
+      eventually("it reads") { released.num_waiting == 1 }
+      client.instance_variable_get(:@state).connection.define_singleton_method(:wait_for_reader) do |call, seconds|
+        sleep(0.005) until call.answer
+        super(call, seconds)
+      end
+      assert_equal 1, client.call("echo", 1)
+      released << 2
+      assert_equal 2, reading.value
+    end
+  end
+
+  # A connection that ends before it was of use is not replaced at once, for ever.
+  def test_a_server_that_takes_and_closes
+    accepted = 0
+    listener = TCPServer.new("127.0.0.1", 0)
+    closing = Thread.new { loop { listener.accept.close; accepted += 1 } }
+    Client.open("tcp:127.0.0.1:#{listener.addr[1]}") do |client|
+      10.times { assert_raises(ConnectionLost) { client.call("echo", 1) } }
+      assert_operator accepted, :<=, 20
+    end
+  ensure
+    closing.kill.join
+    listener.close
   end
 
   # Nothing can follow a part of a request, so the next one needs another connection.
