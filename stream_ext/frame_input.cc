@@ -46,7 +46,7 @@ VALUE rb_frame_length(VALUE, VALUE bytes, VALUE offset, VALUE max_length) {
 
 VALUE rb_read_frame(VALUE self, VALUE frame, VALUE bytes, VALUE max_length) {
   const VALUE length = rb_frame_length(self, bytes, INT2FIX(0), max_length);
-  if (!RB_INTEGER_TYPE_P(length)) return Qnil;
+  if (NIL_P(length) || RB_TYPE_P(length, T_STRING)) return Qnil;
   const uint64_t end = NUM2ULL(length);
   if (end != static_cast<uint64_t>(RSTRING_LEN(bytes))) return Qnil;
   rb_funcall(frame, id_reset, 0);
