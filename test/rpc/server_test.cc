@@ -416,7 +416,7 @@ TEST(RpcServerInline, AreMethodsThatReturnTheirResult) {
     ServerOptions options;
     options.inline_methods = {"echo", name};
     try {
-      RPC::Server(server.executor(), test_methods(), options);
+      const RPC::Server refused(server.executor(), test_methods(), options);
       ADD_FAILURE() << name;
     } catch (const std::invalid_argument& e) {
       EXPECT_EQ(e.what(), "no method that returns its result, to run inline: " + name);
