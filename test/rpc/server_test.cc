@@ -309,7 +309,8 @@ TEST_P(RpcServer, StopAnswersWhatHasBegunAndRefusesTheRest) {
     }
   }
   EXPECT_EQ(done, begun);
-  EXPECT_GE(refused, GetParam() > 0 ? 60 - done : 20 - done);
+  // Two clients fill the workers, one the executor: the others may not have been read.
+  EXPECT_GE(refused, (GetParam() > 0 ? 40 : 20) - done);
   EXPECT_THROW(Peer peer(server.address()), std::runtime_error) << "still listening";
 }
 
