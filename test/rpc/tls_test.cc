@@ -124,7 +124,7 @@ TEST_F(RpcTls, RefusesAnUnknownCertificate) {
   client_context_.set_verify_mode(ssl::verify_peer);
   RPC::Client client(connector());
   EXPECT_EQ(outcome_of([&] {
-              return client.call("add", {20, 22}, {200ms, false});
+              return client.call("add", {20, 22}, {2s, false});
             }).find("ConnectionLost: cannot connect: certificate verify failed"),
             0U);
 }
