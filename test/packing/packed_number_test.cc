@@ -8,19 +8,12 @@
 
 #include <gtest/gtest.h>
 
+#include "test/support/expect_thrown.h"
+
 using namespace VORN::PACKING;
+using vorn_test::expect_thrown;
 
 namespace {
-
-template <typename Error, typename Make>
-void expect_refused(Make make, const std::string& text) {
-  try {
-    make();
-    ADD_FAILURE() << "not refused: " << text;
-  } catch (const Error& e) {
-    EXPECT_EQ(text, e.what());
-  }
-}
 
 TEST(Integer, FromText) {
   for (const auto& [given, text] : {std::pair{"0", "0"},
@@ -34,11 +27,11 @@ TEST(Integer, FromText) {
   }
   EXPECT_EQ("0", Integer().text());
   for (const char* given : {"", "-", "+1", " 1", "1 ", "0x1", "1_0", "--1", "1-", "1.0", "\xD9\xA1"}) {
-    expect_refused<std::invalid_argument>([&] { Integer{std::string_view(given)}; },
-                                          "not a decimal integer of 1 to 4096 digits");
+    expect_thrown<std::invalid_argument>([&] { Integer{std::string_view(given)}; },
+                                         "not a decimal integer of 1 to 4096 digits");
   }
-  expect_refused<std::invalid_argument>([] { Integer{std::string_view("1\0", 2)}; },
-                                        "not a decimal integer of 1 to 4096 digits");
+  expect_thrown<std::invalid_argument>([] { Integer{std::string_view("1\0", 2)}; },
+                                       "not a decimal integer of 1 to 4096 digits");
 }
 
 TEST(Integer, LengthOfText) {
@@ -46,7 +39,7 @@ TEST(Integer, LengthOfText) {
   EXPECT_EQ(most, Integer(most).text());
   EXPECT_EQ("-" + most, Integer("-" + most).text());
   for (const std::string& more : {most + "9", "0" + most, "-0" + most}) {
-    expect_refused<std::invalid_argument>([&] { Integer{more}; }, "not a decimal integer of 1 to 4096 digits");
+    expect_thrown<std::invalid_argument>([&] { Integer{more}; }, "not a decimal integer of 1 to 4096 digits");
   }
 }
 
@@ -82,7 +75,7 @@ TEST(Rational, Parts) {
   EXPECT_NE(Rational(1, 3), third);
   EXPECT_NE(Rational(-2, 6), third) << "not reduced";
   for (const int denominator : {0, -1}) {
-    expect_refused<std::invalid_argument>([&] { Rational(1, denominator); }, "a denominator is positive");
+    expect_thrown<std::invalid_argument>([&] { Rational(1, denominator); }, "a denominator is positive");
   }
 }
 
@@ -107,7 +100,7 @@ TEST(Decimal, FromText) {
   EXPECT_NE(Decimal("0"), Decimal("-0"));
   for (const char* given : {"", "-", ".", ".5", "5.", "+5", "NaN", "Infinity", "1e", "1e+", "1e00001", "1 ", " 1",
                             "1,5", "1.5.5", "0x1", "1e5x", "--1"}) {
-    expect_refused<std::invalid_argument>([&] { Decimal{std::string_view(given)}; }, "not a decimal number");
+    expect_thrown<std::invalid_argument>([&] { Decimal{std::string_view(given)}; }, "not a decimal number");
   }
 }
 
@@ -118,10 +111,10 @@ TEST(Decimal, DigitsAndPowers) {
   EXPECT_EQ("0." + most + "e0", Decimal("0." + most).text());
   EXPECT_EQ("0." + most + "e1", Decimal("0" + most.substr(0, 1) + "." + most.substr(1) + "000").text());
   for (const std::string& more : {most + ".1", "0." + most + "1", "0." + most + "e4097", most + "0"}) {
-    expect_refused<std::out_of_range>([&] { Decimal{more}; }, text);
+    expect_thrown<std::out_of_range>([&] { Decimal{more}; }, text);
   }
   EXPECT_EQ("0.1e4096", Decimal("1e4095").text());
-  expect_refused<std::out_of_range>([] { Decimal("1e4096"); }, text);
+  expect_thrown<std::out_of_range>([] { Decimal("1e4096"); }, text);
   EXPECT_EQ("0.0", Decimal("0e9999").text());
 }
 
@@ -133,10 +126,10 @@ TEST(Decimal, BelowTheLeastPower) {
   EXPECT_EQ("0.05e-4096", Decimal("0.050e-4096").text());
   const std::string zeros(4095, '0');
   EXPECT_EQ("0." + zeros + "1e-4096", Decimal("1e-8192").text());
-  expect_refused<std::out_of_range>([] { Decimal("1e-8193"); }, text);
+  expect_thrown<std::out_of_range>([] { Decimal("1e-8193"); }, text);
   EXPECT_EQ("0." + zeros + "1e-4096", Decimal("0." + zeros + "1e-4096").text());
-  expect_refused<std::out_of_range>([] { Decimal("11e-8193"); }, text);
-  expect_refused<std::out_of_range>([] { Decimal("1e-9999"); }, text);
+  expect_thrown<std::out_of_range>([] { Decimal("11e-8193"); }, text);
+  expect_thrown<std::out_of_range>([] { Decimal("1e-9999"); }, text);
 }
 
 }  // namespace

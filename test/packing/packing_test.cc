@@ -14,27 +14,19 @@
 #include <gtest/gtest.h>
 
 #include "proto/packet_buf.h"
+#include "test/support/expect_thrown.h"
 #include "test/support/packing_notation.h"
 #include "test/support/packing_values.h"
 #include "vobject/vobject.h"
 
 using namespace VORN;
 using namespace VORN::PACKING;
+using vorn_test::expect_thrown;
 using vorn_test::packing_notation_of;
 using vorn_test::Point;
 using vorn_test::table_packing;
 
 namespace {
-
-template <typename Exception, typename Do>
-void expect_thrown(Do what, const std::string& text) {
-  try {
-    what();
-    ADD_FAILURE() << "not thrown: " << text;
-  } catch (const Exception& e) {
-    EXPECT_EQ(text, e.what());
-  }
-}
 
 VObject hash_of(std::string_view key, const VObject& value) {
   VObject hash = VObject::new_hash();
