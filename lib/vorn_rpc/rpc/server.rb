@@ -7,8 +7,8 @@ require "vorn_rpc/rpc/workers"
 
 module VORN
   module RPC
-    # Answers the calls of many clients. One thread, that of #run, does all reading and waiting; the methods run on
-    # worker threads, which never wait for a client.
+    # Answers the calls of many clients. One thread at a time reads and waits for all of them; while it runs a method
+    # that takes its time, another does. No method waits for a client.
     #
     #   greet = ->(name) { "Hello, #{name}!" }
     #   server = VORN::RPC::Server.new("tcp:127.0.0.1:0", { "greet" => greet })
@@ -39,12 +39,13 @@ module VORN
       #                   server that has only the connections given to #serve
       # methods::         what clients may call: a Hash of names and bodies, which respond to `call` and take no
       #                   keywords. Bodies run at the same time on several threads
-      # workers::         threads that run them. 0: they run on the thread of #run, and a body that waits or computes
-      #                   for long keeps all clients waiting; short ones are answered faster. If that thread has a
-      #                   Fiber scheduler (Ruby 3.2), each runs in a fiber of its own instead, whatever this number
-      # inline::          names of methods that run on the thread of #run instead, also when all workers are busy: what
-      #                   tells a health check that the server is alive. They do not wait, and compute little; around
-      #                   is then called there, too. A client that has max_in_progress requests waits with them, too
+      # workers::         how many bodies run at once, on threads of the server's. 0: they run one after the other, on
+      #                   the thread of #run, and a body that waits or computes for long keeps all clients waiting. If
+      #                   that thread has a Fiber scheduler (Ruby 3.2), each runs in a fiber of its own instead,
+      #                   whatever this number
+      # inline::          names of methods that run where requests are read, also when all workers are busy: what tells
+      #                   a health check that the server is alive. They do not wait, and compute little; around is then
+      #                   called there, too. A client that has max_in_progress requests waits with them, too
       # tls::             an OpenSSL::SSL::SSLContext, for connections by TLS
       # around::          called around each call, with its name, its arguments and a block that runs it and returns its
       #                   result: for measuring, logging, permission. It may raise as a body may
@@ -118,7 +119,7 @@ module VORN
       # Answers until #stop is called from elsewhere, which may have happened before. Runs once.
       def run
         start
-        step until stopped?
+        @workers ? @workers.run { turn } : (nil while turn)
       ensure
         close
       end
@@ -147,6 +148,13 @@ module VORN
         @reading[@wake_reader] = nil
         @reading[@listener] = nil if @listener
         @next_sweep = Clock.now + SWEEP_SECONDS
+      end
+
+      # Returns false when the loop has ended.
+      def turn
+        return false if stopped?
+        step
+        true
       end
 
       # Waits until there is something to do, and does it.
@@ -208,7 +216,7 @@ module VORN
         if @ends # it is only refused
           work(connection, request)
         elsif @workers && !@inline.key?(request[1])
-          @workers.run { work(connection, request) }
+          @workers.add { work(connection, request) }
         elsif @fibers
           Fiber.schedule { work(connection, request) }
         else
@@ -335,8 +343,8 @@ module VORN
       end
 
       def close
+        @workers.finish if @workers # first, since one of them may wait for the listener
         @listener.close if @listener && !@listener.closed?
-        @workers.finish if @workers
         @connections.each_value(&:close)
         @attention.pop.close until @attention.empty?
         [@wake_reader, @wake_writer].each(&:close)
