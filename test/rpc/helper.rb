@@ -23,6 +23,10 @@ class RpcTest < Minitest::Test
     "fail" => -> { raise "as told" }
   }.freeze
 
+  # An Integer that cannot be sent: it would be cut, or, where immediate Integers have 31 bits and nothing is cut, does
+  # not fit 64.
+  UNSENDABLE = 0.size < 8 ? 2**64 : 5_000_000_000
+
   # Each way for a server to run methods: worker threads, and the thread of its loop.
   WORKERS = [8, 0].freeze
 

@@ -97,7 +97,7 @@ class RpcServerTest < RpcTest
   def test_errors
     methods = METHODS.merge(
       "refuse" => -> { raise Refused.new("overdrawn", "7 is too much") }, "now" => -> { Time.now },
-      "large" => -> { 5_000_000_000 }, "long" => -> { raise Refused.new("code", "x" * (1 << 20)) },
+      "large" => -> { UNSENDABLE }, "long" => -> { raise Refused.new("code", "x" * (1 << 20)) },
       "missing" => -> { raise NotImplementedError }, "stack" => -> { raise SystemStackError },
       "throw" => -> { throw :nothing }, "symbol" => -> { raise Refused.new(:code, "text") }
     )
