@@ -56,10 +56,12 @@ class VORN_API VObject {
   using IfInteger = std::enable_if_t<(std::is_integral<T>::value || std::is_enum<T>::value) &&
                                          !std::is_same<T, bool>::value && std::is_convertible<T, int64_t>::value,
                                      int>;
-  /// bool, and what a std::vector<bool> has in its place.
+  /// bool, and what a std::vector<bool> has in its place: for a constant one too, in libc++.
   template <typename T>
   using IfBool =
-      std::enable_if_t<std::is_same<T, bool>::value || std::is_same<T, std::vector<bool>::reference>::value, int>;
+      std::enable_if_t<std::is_same<T, bool>::value || std::is_same<T, std::vector<bool>::reference>::value ||
+                           std::is_same<T, std::vector<bool>::const_reference>::value,
+                       int>;
   template <typename T>
   using IfFloating = std::enable_if_t<std::is_floating_point<T>::value, int>;
   /// What no value can be made from, braces included.
