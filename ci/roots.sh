@@ -16,6 +16,11 @@ debian_mirror() {
     sed -n 's/^Debian|Debian|//p' | grep -m 1 '^https\{0,1\}:' || true
 }
 
+# Names the loopback address, as an installer would: of the packages only newer ones do.
+name_loopback() { # root
+  [ -e "$1/etc/hosts" ] || printf '127.0.0.1 localhost\n::1 localhost\n' | as_root tee "$1/etc/hosts" >/dev/null
+}
+
 # make_root NAME RELEASE PACKAGE,PACKAGE,... [ARCHITECTURE]: makes $roots/NAME unless it is there with these packages.
 # The architecture is this machine's, or one whose programs it runs too.
 make_root() {
@@ -30,6 +35,7 @@ make_root() {
     debootstrap ${4:+--arch="$4"} --variant=minbase --force-check-gpg ${packages:+--include="$packages"} "$release" "$root.partial" \
     $(debian_mirror) >"$log" 2>&1 || { tail -n 5 "$log" >&2; return 1; }
   as_root rm -rf "$root.partial/var/cache/apt/archives"
+  name_loopback "$root.partial"
   # Marks a finished root, and records its packages.
   echo "$packages" | as_root tee "$root.partial/vorn-packages" >/dev/null
   as_root mv "$root.partial" "$root"
@@ -110,6 +116,7 @@ END
       as_root tar -x --no-same-owner --keep-directory-symlink -C "$root.partial" >>"$log" 2>&1 || { rm -rf "$temp"; return 1; }
   done
   rm -rf "$temp"
+  name_loopback "$root.partial"
   echo "$*" | as_root tee "$root.partial/vorn-packages" >/dev/null
   as_root mv "$root.partial" "$root"
 }
