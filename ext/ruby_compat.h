@@ -13,7 +13,11 @@
 ///   rb_enc_interned_str                 | since 3.0        | a Hash makes its own keys
 ///   rb_hash_bulk_insert                 | used with it     | key_cache.cc stores pair by pair
 ///   rb_ext_ractor_safe, Ractor's locals | since 3.0        | there are no Ractors
+///   headers that need no <cstdbool>     | since 3.4        | <stdbool.h> comes first, below
 #pragma once
+
+// Where this is, the headers leave out <cstdbool>, which libstdc++ 16 warns of and C++20 has no more.
+#include <stdbool.h>
 
 #include <ruby.h>
 #include <ruby/encoding.h>
