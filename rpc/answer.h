@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "proto/export.h"
+#include "rpc/calls_export.h"
 #include "vobject/vobject.h"
 
 namespace VORN {
@@ -14,7 +14,7 @@ namespace RPC {
 /// unanswered, it sends the error "failed". To a notification, whatever is answered goes nowhere.
 ///
 /// May outlive the connection and the server: then it does nothing.
-class VORN_API Answer {
+class VORN_CALLS_API Answer {
  public:
   /// Where it goes to. Made by the server.
   struct Receiver;

@@ -9,7 +9,7 @@
 #include <memory>
 #include <string>
 
-#include "proto/export.h"
+#include "rpc/calls_export.h"
 #include "rpc/channel.h"
 #include "rpc/client_options.h"
 #include "rpc/outcome.h"
@@ -30,13 +30,13 @@ class ClientLoop;
 /// returned. What a handler throws goes through the executor.
 ///
 /// Any thread may call the functions. An open connection keeps io_context::run() from returning: close().
-class VORN_API AsyncClient {
+class VORN_CALLS_API AsyncClient {
  public:
   /// Called with what became of the call.
   using Handler = std::function<void(const Outcome&)>;
 
-  /// `address` is "tcp:HOST:PORT" or "unix:PATH". Throws std::invalid_argument for what is no address, and
-  /// std::bad_alloc.
+  /// `address` is "tcp:HOST:PORT" or, but for Windows, "unix:PATH". Throws std::invalid_argument for what is no
+  /// address, and std::bad_alloc.
   ///
   /// REQUIRES: the executor runs one thing at a time: that of an io_context that one thread runs, or a strand.
   AsyncClient(const boost::asio::any_io_executor& executor, const std::string& address,

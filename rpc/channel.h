@@ -9,14 +9,14 @@
 #include <string>
 #include <string_view>
 
-#include "proto/export.h"
+#include "rpc/calls_export.h"
 
 namespace VORN {
 namespace RPC {
 
 /// At most one read and one write are in progress at a time. Each `done` is called exactly once, on the executor of the
 /// server or client, and never before the function that it was given to has returned.
-class VORN_API Channel {
+class VORN_CALLS_API Channel {
  public:
   /// What became of reading or writing, and how many bytes.
   using Done = std::function<void(const boost::system::error_code&, size_t)>;

@@ -9,7 +9,7 @@
 #include <memory>
 #include <string>
 
-#include "proto/export.h"
+#include "rpc/calls_export.h"
 #include "rpc/channel.h"
 #include "rpc/client_options.h"
 #include "vobject/vobject.h"
@@ -22,13 +22,13 @@ namespace RPC {
 /// What arrives while nobody calls is read by the next call.
 ///
 /// A process that forks makes new clients.
-class VORN_API Client {
+class VORN_CALLS_API Client {
  public:
   /// Makes a connector for channels on the client's own executor.
   using MakeConnector = std::function<Connector(const boost::asio::any_io_executor& executor)>;
 
-  /// `address` is "tcp:HOST:PORT" or "unix:PATH". Throws std::invalid_argument for what is no address,
-  /// std::system_error without descriptors, and std::bad_alloc.
+  /// `address` is "tcp:HOST:PORT" or, but for Windows, "unix:PATH". Throws std::invalid_argument for what is no
+  /// address, std::system_error without descriptors, and std::bad_alloc.
   explicit Client(const std::string& address, const ClientOptions& options = ClientOptions());
 
   /// Connects by the connector that the function returns. Throws std::system_error, std::bad_alloc, and what the

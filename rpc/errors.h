@@ -3,14 +3,14 @@
 
 #include <string>
 
-#include "proto/export.h"
 #include "proto/vorn_runtime_error.h"
+#include "rpc/calls_export.h"
 
 namespace VORN {
 namespace RPC {
 
 /// What all errors of calls are, except for those of the encoder (stream/stream_encoder.h).
-class VORN_API Error : public VornRuntimeError {
+class VORN_CALLS_API Error : public VornRuntimeError {
  public:
   using VornRuntimeError::VornRuntimeError;
   /// Copy the message. Throw std::bad_alloc.
@@ -22,7 +22,7 @@ class VORN_API Error : public VornRuntimeError {
 };
 
 /// No answer in time. The server may still be working on the call.
-class VORN_API TimedOut : public Error {
+class VORN_CALLS_API TimedOut : public Error {
  public:
   using Error::Error;
   /// Copy the message. Throw std::bad_alloc.
@@ -35,7 +35,7 @@ class VORN_API TimedOut : public Error {
 
 /// There is no connection, or it ended before the answer came. If the request had been sent, the server may have
 /// executed it.
-class VORN_API ConnectionLost : public Error {
+class VORN_CALLS_API ConnectionLost : public Error {
  public:
   using Error::Error;
   /// Copy the message. Throw std::bad_alloc.
@@ -47,7 +47,7 @@ class VORN_API ConnectionLost : public Error {
 };
 
 /// The peer does not speak this protocol: a message is no request, or no answer.
-class VORN_API BadMessage : public Error {
+class VORN_CALLS_API BadMessage : public Error {
  public:
   using Error::Error;
   /// Copy the message. Throw std::bad_alloc.
@@ -59,7 +59,7 @@ class VORN_API BadMessage : public Error {
 };
 
 /// The server has answered with an error. The message is "CODE: TEXT".
-class VORN_API RemoteError : public Error {
+class VORN_CALLS_API RemoteError : public Error {
  public:
   /// Throws std::bad_alloc.
   RemoteError(const std::string& code, const std::string& text);
@@ -82,7 +82,7 @@ class VORN_API RemoteError : public Error {
 };
 
 /// Thrown by a method of a server, for an error that the client may see. Of all others it sees only "failed".
-class VORN_API Refused : public Error {
+class VORN_CALLS_API Refused : public Error {
  public:
   /// Throws std::bad_alloc.
   Refused(const std::string& code, const std::string& text);

@@ -4,7 +4,7 @@
 #include <functional>
 #include <string>
 
-#include "proto/export.h"
+#include "rpc/calls_export.h"
 
 namespace VORN {
 namespace RPC {
@@ -21,7 +21,7 @@ enum class LogLevel {
 using Log = std::function<void(LogLevel level, const std::string& line)>;
 
 /// Writes to standard error.
-VORN_API void log_to_stderr(LogLevel level, const std::string& line);
+VORN_CALLS_API void log_to_stderr(LogLevel level, const std::string& line);
 
 }  // namespace RPC
 }  // namespace VORN

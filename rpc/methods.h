@@ -12,8 +12,8 @@
 #include <map>
 #include <string>
 
-#include "proto/export.h"
 #include "rpc/answer.h"
+#include "rpc/calls_export.h"
 #include "vobject/vobject.h"
 
 namespace VORN {
@@ -38,7 +38,7 @@ struct Arity {
 ///
 /// A body throws Refused for an error that the client may see, or, if it answers later, calls Answer::error().
 /// Everything else that it throws goes to the server's log, and the client gets "failed", unless it has been answered.
-class VORN_API Methods {
+class VORN_CALLS_API Methods {
  public:
   /// Returns the result. The arguments may be moved out of. What the result shares with other values, nobody may
   /// change.

@@ -3,14 +3,14 @@
 
 #include <exception>
 
-#include "proto/export.h"
+#include "rpc/calls_export.h"
 #include "vobject/vobject.h"
 
 namespace VORN {
 namespace RPC {
 
 /// A result or an error.
-class VORN_API Outcome {
+class VORN_CALLS_API Outcome {
  public:
   /// The call has succeeded.
   explicit Outcome(VObject result) noexcept;

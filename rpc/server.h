@@ -11,7 +11,7 @@
 #include <memory>
 #include <string>
 
-#include "proto/export.h"
+#include "rpc/calls_export.h"
 #include "rpc/channel.h"
 #include "rpc/methods.h"
 #include "rpc/server_options.h"
@@ -30,12 +30,12 @@ class ServerLoop;
 ///
 /// Whatever a client sends, the server throws nothing through the executor. Without memory Boost.Asio may, for
 /// operations of its own: std::bad_alloc then leaves io_context::run(), and the server may be missing one of them.
-class VORN_API Server {
+class VORN_CALLS_API Server {
  public:
-  /// Listens. `address` is "tcp:HOST:PORT" (port 0: the kernel chooses) or "unix:PATH", where a file that a killed
-  /// server has left is replaced. Throws std::invalid_argument for what is no address, for limits that leave no room
-  /// for errors and for inline_methods that are not in the table; std::system_error when it cannot listen, and
-  /// std::bad_alloc.
+  /// Listens. `address` is "tcp:HOST:PORT" (port 0: the kernel chooses) or, but for Windows, "unix:PATH", where a file
+  /// that a killed server has left is replaced. Throws std::invalid_argument for what is no address, for limits that
+  /// leave no room for errors and for inline_methods that are not in the table; std::system_error when it cannot
+  /// listen, and std::bad_alloc.
   ///
   /// REQUIRES: the executor runs one thing at a time: that of an io_context that one thread runs, or a strand.
   Server(const boost::asio::any_io_executor& executor, const std::string& address, Methods methods,

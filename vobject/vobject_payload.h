@@ -127,7 +127,7 @@ class VORN_API VObjectPayload {
   }
 
   void retain(const VObjectPayload& src) noexcept;
-  void steal(VObjectPayload& src) noexcept;
+  inline void steal(VObjectPayload& src) noexcept;  // a DLL that is linked could not have it otherwise
   void release() noexcept;
 
   union {

@@ -1,14 +1,15 @@
 #include "rpc/detail/address.h"
 
+#ifdef _WIN32
+#include <boost/asio/detail/socket_types.hpp>
+#else
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#endif
 #include <algorithm>
 #include <boost/asio/connect.hpp>
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/local/stream_protocol.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/system/error_code.hpp>
 #include <new>
@@ -18,13 +19,13 @@
 #include <vector>
 
 #include "rpc/asio_channel.h"
+#include "rpc/detail/local_address.h"
 
 namespace VORN {
 namespace RPC {
 
 using boost::asio::any_io_executor;
 using boost::asio::ip::tcp;
-using boost::asio::local::stream_protocol;
 using boost::system::error_code;
 
 namespace {
@@ -35,33 +36,12 @@ void check(const error_code& error, const std::string& what) {
   if (error) throw std::system_error(error, what);
 }
 
-/// The path of a UNIX socket as an endpoint. Throws std::invalid_argument for one that is too long.
-Endpoint endpoint_of(const std::string& path) {
-  try {
-    return stream_protocol::endpoint(path);
-  } catch (const boost::system::system_error& e) {
-    throw std::invalid_argument("no address: " + path + ": " + e.code().message());
-  }
-}
-
 Endpoint resolve(const any_io_executor& executor, const Address& address) {
   tcp::resolver resolver(executor);
   error_code error;
   const auto found = resolver.resolve(address.host, address.port, tcp::resolver::passive, error);
   check(error, address.host);
   return found.begin()->endpoint();
-}
-
-/// A killed server leaves its socket's file behind. A running one keeps its file.
-void remove_stale(const any_io_executor& executor, const std::string& path) {
-  struct stat status {};
-  if (stat(path.c_str(), &status) != 0 || !S_ISSOCK(status.st_mode)) return;
-  stream_protocol::socket socket(executor);
-  error_code error;
-  socket.open(stream_protocol(), error);
-  socket.non_blocking(true, error);
-  socket.connect(stream_protocol::endpoint(path), error);
-  if (error == boost::asio::error::connection_refused) unlink(path.c_str());
 }
 
 /// The keepalive options that Boost.Asio has no names for.
@@ -107,7 +87,7 @@ struct Attempt : std::enable_shared_from_this<Attempt> {
       : executor(std::move(with)), resolver(executor), socket(executor), connected(std::move(then)) {}
 
   void begin(const Address& address) {
-    if (address.is_unix) return try_all({endpoint_of(address.path)});
+    if (address.is_unix) return try_all({local_endpoint(address.path)});
     error_code error;
     const auto numeric = boost::asio::ip::make_address(address.host, error);
     // The resolver would ask a thread of its own.
@@ -143,6 +123,9 @@ struct Attempt : std::enable_shared_from_this<Attempt> {
     given_up = true;
     resolver.cancel();
     error_code ignored;
+#ifdef _WIN32
+    socket.cancel(ignored);  // as in make_channel()
+#endif
     socket.close(ignored);
   }
 
@@ -164,7 +147,7 @@ Address Address::parse(const std::string& text) {
   if (text.compare(0, 5, "unix:") == 0 && text.size() > 5) {
     address.is_unix = true;
     address.path = text.substr(5);
-    endpoint_of(address.path);
+    local_endpoint(address.path);
     return address;
   }
   const size_t colon = text.rfind(':');
@@ -180,10 +163,15 @@ void listen(Acceptor& acceptor, const Address& address) {
   error_code error;
   const std::string what = address.is_unix ? address.path : address.host + ":" + address.port;
   if (address.is_unix) remove_stale(acceptor.get_executor(), address.path);
-  const Endpoint endpoint = address.is_unix ? endpoint_of(address.path) : resolve(acceptor.get_executor(), address);
+  const Endpoint endpoint = address.is_unix ? local_endpoint(address.path) : resolve(acceptor.get_executor(), address);
   acceptor.open(endpoint.protocol(), error);
   check(error, what);
+#ifdef _WIN32
+  // There the option lets another program listen at the same port. This one refuses, and a port is free at once anyway.
+  acceptor.set_option(boost::asio::detail::socket_option::boolean<SOL_SOCKET, SO_EXCLUSIVEADDRUSE>(true), error);
+#else
   if (!address.is_unix) acceptor.set_option(boost::asio::socket_base::reuse_address(true), error);
+#endif
   check(error, what);
   acceptor.bind(endpoint, error);
   check(error, what);

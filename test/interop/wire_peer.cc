@@ -18,6 +18,11 @@
 #include <string>
 #include <vector>
 
+#ifdef _WIN32
+#include <fcntl.h>
+#include <io.h>
+#endif
+
 #include "proto/packet_frame_in.h"
 #include "proto/packet_frame_out.h"
 #include "proto/vorn_runtime_error.h"
@@ -181,6 +186,11 @@ int exchange(const std::string& mode, uint32_t seed, int count) {
 }  // namespace
 
 int main(int argc, char** argv) try {
+#ifdef _WIN32
+  // Or each 0A would be written as 0D 0A, and 1A would end the input.
+  _setmode(0, _O_BINARY);
+  _setmode(1, _O_BINARY);
+#endif
   std::ios::sync_with_stdio(false);
   const std::string mode = argc > 1 ? argv[1] : "";
   PacketFrameOut out;

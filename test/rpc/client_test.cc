@@ -4,8 +4,7 @@
 
 #include <atomic>
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/local/connect_pair.hpp>
-#include <boost/asio/local/stream_protocol.hpp>
+#include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
 #include <chrono>
 #include <string>
@@ -198,6 +197,7 @@ TEST(RpcClient, CannotConnect) {
 
 // Calls wait for a server that comes later.
 TEST(RpcClient, ConnectsWhenTheServerComes) {
+  NEEDS_UNIX_SOCKETS();
   const UnixAddress address;
   Client client(address.text());
   std::string outcome;
@@ -210,6 +210,7 @@ TEST(RpcClient, ConnectsWhenTheServerComes) {
 
 // That the server has gone while nobody called is found before a request is lost.
 TEST(RpcClient, ConnectsAgain) {
+  NEEDS_UNIX_SOCKETS();
   const UnixAddress address;
   Client client(address.text());
   for (int run = 0; run < 3; ++run) {
@@ -579,14 +580,15 @@ TEST(RpcAsyncClient, LetsHandlersThrow) {
 TEST(RpcChannels, CarryWhateverIsGiven) {
   RunningServer server(test_methods(), RPC::ServerOptions(), "");
   EXPECT_EQ(server.address(), "");
-  using Socket = boost::asio::local::stream_protocol::socket;
+  using boost::asio::ip::tcp;
   int connections = 0;
   Client client([&](const boost::asio::any_io_executor& executor) {
     return [&, executor](Clock::time_point, const RPC::Connected& connected) {
       if (++connections == 1) return connected(boost::asio::error::host_unreachable, nullptr);
-      Socket here(executor);
-      Socket there(server.executor());
-      boost::asio::local::connect_pair(here, there);
+      tcp::acceptor acceptor(executor, {boost::asio::ip::address_v4::loopback(), 0});
+      tcp::socket here(executor);
+      here.connect(acceptor.local_endpoint());
+      tcp::socket there = acceptor.accept(server.executor());
       server.server().serve(RPC::make_channel(server.executor(), std::move(there), "a pair"));
       connected({}, RPC::make_channel(executor, std::move(here), "a pair"));
     };

@@ -131,6 +131,7 @@ TEST(RpcExactlyOnce, CallsOverCutConnections) {
 
 // Servers come and go while calls are made.
 TEST(RpcExactlyOnce, CallsToServersThatStop) {
+  NEEDS_UNIX_SOCKETS();
   const UnixAddress address;
   boost::asio::io_context io;
   RPC::AsyncClient client(io.get_executor(), address.text());

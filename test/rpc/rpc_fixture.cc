@@ -1,11 +1,9 @@
 #include "test/rpc/rpc_fixture.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
+#ifndef _WIN32
 #include <sys/un.h>
 #include <unistd.h>
+#endif
 #include <boost/asio/io_context.hpp>
 #include <cstdlib>
 #include <cstring>
@@ -31,34 +29,46 @@ namespace {
 
 constexpr std::chrono::seconds LIMIT{10};
 
-bool wait_for(int fd, short events, std::chrono::milliseconds time) {
-  pollfd waiting{fd, events, 0};
+bool wait_for(BareSocket socket, short events, std::chrono::milliseconds time) {
+  pollfd waiting{socket, events, 0};
   return poll(&waiting, 1, static_cast<int>(time.count())) > 0;
 }
 
 void check(bool ok, const char* what) {
-  if (!ok) throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
+  if (!ok) throw std::runtime_error(std::string(what) + ": error " + std::to_string(last_socket_error()));
 }
 
-int connected(int family, const void* address, size_t size) {
-  const int fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  check(fd >= 0, "socket");
-  check(connect(fd, static_cast<const sockaddr*>(address), static_cast<socklen_t>(size)) == 0, "connect");
-  return fd;
+sockaddr_in loopback(uint16_t port) {
+  sockaddr_in where{};
+  where.sin_family = AF_INET;
+  where.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  where.sin_port = htons(port);
+  return where;
 }
 
-int connected(const std::string& address) {
+BareSocket opened(int family) {
+  const BareSocket opened = socket(family, SOCK_STREAM, 0);
+  check(opened != NO_SOCKET, "socket");
+  return opened;
+}
+
+template <typename Address>
+BareSocket connected(int family, const Address& where) {
+  const BareSocket made = opened(family);
+  check(connect(made, reinterpret_cast<const sockaddr*>(&where), sizeof where) == 0, "connect");
+  return made;
+}
+
+BareSocket connected(const std::string& address) {
+#ifndef _WIN32
   if (address.compare(0, 5, "unix:") == 0) {
     sockaddr_un where{};
     where.sun_family = AF_UNIX;
     address.substr(5).copy(where.sun_path, sizeof where.sun_path - 1);
-    return connected(AF_UNIX, &where, sizeof where);
+    return connected(AF_UNIX, where);
   }
-  sockaddr_in where{};
-  where.sin_family = AF_INET;
-  where.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  where.sin_port = htons(static_cast<uint16_t>(std::stoul(address.substr(address.rfind(':') + 1))));
-  return connected(AF_INET, &where, sizeof where);
+#endif
+  return connected(AF_INET, loopback(static_cast<uint16_t>(std::stoul(address.substr(address.rfind(':') + 1)))));
 }
 
 }  // namespace
@@ -90,6 +100,8 @@ RPC::Methods test_methods() {
   return methods;
 }
 
+#ifndef _WIN32
+
 UnixAddress::UnixAddress() : folder_("/tmp/vorn-rpc-XXXXXX") {
   check(mkdtemp(folder_.data()) != nullptr, "mkdtemp");
 }
@@ -98,6 +110,13 @@ UnixAddress::~UnixAddress() {
   unlink(path().c_str());
   rmdir(folder_.c_str());
 }
+
+#else
+
+UnixAddress::UnixAddress() = default;
+UnixAddress::~UnixAddress() = default;
+
+#endif
 
 struct RunningServer::Parts {
   mutable std::mutex lock;
@@ -164,9 +183,13 @@ size_t RunningServer::logged(const std::string& text) const {
   return count;
 }
 
-Peer::Peer(const std::string& address) : fd_(connected(address)) {}
+Peer::Peer(const std::string& address) : Peer(connected(address)) {}
 
-Peer::Peer(Peer&& src) noexcept : fd_(std::exchange(src.fd_, -1)) {}
+Peer::Peer(BareSocket socket) : socket_(socket) {
+  make_nonblocking(socket_);
+}
+
+Peer::Peer(Peer&& src) noexcept : socket_(std::exchange(src.socket_, NO_SOCKET)) {}
 
 Peer::~Peer() {
   close();
@@ -174,9 +197,9 @@ Peer::~Peer() {
 
 bool Peer::send(std::string_view bytes) const {
   while (!bytes.empty()) {
-    if (!wait_for(fd_, POLLOUT, LIMIT)) return false;
-    const ssize_t sent = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (sent < 0 && errno != EAGAIN) return false;
+    if (!wait_for(socket_, POLLOUT, LIMIT)) return false;
+    const auto sent = send_bytes(socket_, bytes.data(), bytes.size());
+    if (sent < 0 && !would_wait()) return false;
     if (sent > 0) bytes.remove_prefix(static_cast<size_t>(sent));
   }
   return true;
@@ -184,8 +207,8 @@ bool Peer::send(std::string_view bytes) const {
 
 std::string Peer::receive() const {
   std::string bytes(65536, '\0');
-  if (!wait_for(fd_, POLLIN, LIMIT)) return "";
-  const ssize_t size = recv(fd_, bytes.data(), bytes.size(), 0);
+  if (!wait_for(socket_, POLLIN, LIMIT)) return "";
+  const auto size = receive_bytes(socket_, bytes.data(), bytes.size());
   bytes.resize(size > 0 ? static_cast<size_t>(size) : 0);
   return bytes;
 }
@@ -207,39 +230,37 @@ bool Peer::closed() const {
   const auto limit = std::chrono::steady_clock::now() + LIMIT;
   std::string bytes(65536, '\0');
   while (std::chrono::steady_clock::now() < limit) {
-    if (!wait_for(fd_, POLLIN, LIMIT)) return false;
-    if (recv(fd_, bytes.data(), bytes.size(), 0) <= 0) return true;
+    if (!wait_for(socket_, POLLIN, LIMIT)) return false;
+    if (receive_bytes(socket_, bytes.data(), bytes.size()) <= 0) return true;
   }
   return false;
 }
 
 bool Peer::readable(std::chrono::milliseconds time) const {
-  return wait_for(fd_, POLLIN, time);
+  return wait_for(socket_, POLLIN, time);
 }
 
 void Peer::close_sending() const {
-  shutdown(fd_, SHUT_WR);
+  shutdown(socket_, SHUT_WR);
 }
 
 void Peer::reset() {
   const linger at_once{1, 0};
-  setsockopt(fd_, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+  setsockopt(socket_, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&at_once), sizeof at_once);
   close();
 }
 
 void Peer::close() {
-  if (fd_ >= 0) ::close(fd_);
-  fd_ = -1;
+  if (socket_ != NO_SOCKET) close_socket(socket_);
+  socket_ = NO_SOCKET;
 }
 
-Listener::Listener() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-  sockaddr_in where{};
-  where.sin_family = AF_INET;
-  where.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+Listener::Listener() : socket_(opened(AF_INET)) {
+  sockaddr_in where = loopback(0);
   socklen_t size = sizeof where;
-  check(bind(fd_, reinterpret_cast<sockaddr*>(&where), size) == 0, "bind");
-  check(listen(fd_, 128) == 0, "listen");
-  check(getsockname(fd_, reinterpret_cast<sockaddr*>(&where), &size) == 0, "getsockname");
+  check(bind(socket_, reinterpret_cast<sockaddr*>(&where), size) == 0, "bind");
+  check(::listen(socket_, 128) == 0, "listen");
+  check(getsockname(socket_, reinterpret_cast<sockaddr*>(&where), &size) == 0, "getsockname");
   address_ = "tcp:127.0.0.1:" + std::to_string(ntohs(where.sin_port));
 }
 
@@ -248,19 +269,19 @@ Listener::~Listener() {
 }
 
 Peer Listener::accept() const {
-  if (!wait_for(fd_, POLLIN, LIMIT)) throw std::runtime_error("nobody connects");
-  const int fd = ::accept(fd_, nullptr, nullptr);
-  check(fd >= 0, "accept");
-  return Peer(fd);
+  if (!wait_for(socket_, POLLIN, LIMIT)) throw std::runtime_error("nobody connects");
+  const BareSocket accepted = ::accept(socket_, nullptr, nullptr);
+  check(accepted != NO_SOCKET, "accept");
+  return Peer(accepted);
 }
 
 bool Listener::waiting(std::chrono::milliseconds time) const {
-  return wait_for(fd_, POLLIN, time);
+  return wait_for(socket_, POLLIN, time);
 }
 
 void Listener::close() {
-  if (fd_ >= 0) ::close(fd_);
-  fd_ = -1;
+  if (socket_ != NO_SOCKET) close_socket(socket_);
+  socket_ = NO_SOCKET;
 }
 
 std::string frame_of(const VObject& message) {

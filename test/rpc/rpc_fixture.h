@@ -13,6 +13,7 @@
 #include "rpc/methods.h"
 #include "rpc/server.h"
 #include "rpc/server_options.h"
+#include "test/rpc/bare_socket.h"
 #include "vobject/vobject.h"
 
 namespace vorn_test {
@@ -23,6 +24,13 @@ bool eventually(const std::function<bool()>& condition);
 /// echo(value), add(a, b), sleep(milliseconds), fill(size), fail(), later(value): answers from another thread, and
 /// drop(): does not answer.
 VORN::RPC::Methods test_methods();
+
+/// Skips a test where there are no UNIX sockets.
+#ifdef _WIN32
+#define NEEDS_UNIX_SOCKETS() GTEST_SKIP() << "Boost.Asio has no UNIX sockets on Windows"
+#else
+#define NEEDS_UNIX_SOCKETS() static_cast<void>(0)
+#endif
 
 /// The address of a UNIX socket in a folder of its own, which is removed.
 class UnixAddress {
@@ -69,7 +77,7 @@ class RunningServer {
 class Peer {
  public:
   explicit Peer(const std::string& address);
-  explicit Peer(int fd) : fd_(fd) {}
+  explicit Peer(BareSocket socket);
   Peer(Peer&& src) noexcept;
   Peer& operator=(Peer&&) = delete;
   ~Peer();
@@ -90,7 +98,7 @@ class Peer {
   void close();
 
  private:
-  int fd_;
+  BareSocket socket_;
 };
 
 /// A listening socket without the library.
@@ -106,7 +114,7 @@ class Listener {
   void close();
 
  private:
-  int fd_;
+  BareSocket socket_;
   std::string address_;
 };
 

@@ -147,6 +147,7 @@ TEST(RpcServerLimit, RequestsOfTheGoneCount) {
 
 // A client that reads no answers has no more requests begun, however small its share of them is.
 TEST_P(RpcServerLimits, AnswersThatAreNotRead) {
+  NEEDS_UNIX_SOCKETS();
   std::atomic<int> begun{0};
   Methods methods;
   methods.add("fill", 0, [&](VObjectVector&) {
@@ -167,6 +168,7 @@ TEST_P(RpcServerLimits, AnswersThatAreNotRead) {
 
 // Clients that take nothing lose their connection, and others are served meanwhile.
 TEST_P(RpcServerLimits, ClientsThatReadNothing) {
+  NEEDS_UNIX_SOCKETS();
   const UnixAddress address;
   ServerOptions with_time = options();
   with_time.write_time = 300ms;
@@ -181,6 +183,7 @@ TEST_P(RpcServerLimits, ClientsThatReadNothing) {
 
 // A client that reads a little now and then is never stalled, and still too slow.
 TEST(RpcServerLimit, ClientsThatReadSlowly) {
+  NEEDS_UNIX_SOCKETS();
   const UnixAddress address;
   ServerOptions options;
   options.write_time = 500ms;

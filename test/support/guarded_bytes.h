@@ -2,13 +2,12 @@
 /// release build too.
 #pragma once
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <cstddef>
 #include <cstring>
 #include <new>
 #include <string>
+
+#include "test/support/pages.h"
 
 namespace vorn_test {
 
@@ -17,20 +16,19 @@ class GuardedBytes {
   enum Guard { BEHIND, BEFORE };
 
   explicit GuardedBytes(const std::string& bytes, Guard guard = BEHIND) : size_(bytes.size()) {
-    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    const size_t page = page_size();
     const size_t room = (size_ + page - 1) / page * page;
     mapped_ = room + page;
-    void* const at = mmap(nullptr, mapped_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (at == MAP_FAILED) throw std::bad_alloc();
-    start_ = static_cast<char*>(at);
-    if (mprotect(guard == BEHIND ? start_ + room : start_, page, PROT_NONE) != 0) {
-      munmap(start_, mapped_);
+    start_ = map_pages(mapped_);
+    if (start_ == nullptr) throw std::bad_alloc();
+    if (!forbid_pages(guard == BEHIND ? start_ + room : start_, page)) {
+      unmap_pages(start_, mapped_);
       throw std::bad_alloc();
     }
     data_ = guard == BEHIND ? start_ + room - size_ : start_ + page;
     if (size_ != 0) std::memcpy(data_, bytes.data(), size_);
   }
-  ~GuardedBytes() { munmap(start_, mapped_); }
+  ~GuardedBytes() { unmap_pages(start_, mapped_); }
   GuardedBytes(const GuardedBytes&) = delete;
   GuardedBytes& operator=(const GuardedBytes&) = delete;
 

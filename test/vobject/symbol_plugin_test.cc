@@ -1,5 +1,11 @@
 /// A host that links the static library, and a plugin that links the shared one: two symbol tables in one process.
+#ifdef _WIN32
+#include <windows.h>
+#else
 #include <dlfcn.h>
+#endif
+
+#include <stdexcept>
 
 #include "test/vobject/values.h"
 
@@ -8,12 +14,25 @@ using namespace vorn_test;
 
 namespace {
 
+#ifdef _WIN32
+
+template <typename Function>
+Function* in_plugin(const char* name) {
+  static const HMODULE plugin = LoadLibraryA(VORN_TEST_PLUGIN);
+  if (plugin == nullptr) throw std::runtime_error("error " + std::to_string(GetLastError()));
+  return reinterpret_cast<Function*>(reinterpret_cast<void*>(GetProcAddress(plugin, name)));
+}
+
+#else
+
 template <typename Function>
 Function* in_plugin(const char* name) {
   static void* const plugin = dlopen(VORN_TEST_PLUGIN, RTLD_NOW | RTLD_LOCAL);
   if (plugin == nullptr) throw std::runtime_error(dlerror());
   return reinterpret_cast<Function*>(dlsym(plugin, name));
 }
+
+#endif
 
 TEST(SymbolPlugin, WithAnotherKindOfLibraryHasATableOfItsOwn) {
   auto* const intern = in_plugin<uint32_t(const char*)>("plugin_intern");
