@@ -25,7 +25,7 @@ name_loopback() { # root
 # The architecture is this machine's, or one whose programs it runs too.
 make_root() {
   local release=$2 packages=$3 root=$roots/$1 log=$roots/logs/$1.log proxy=
-  if [ "$(cat "$root/vorn-packages" 2>/dev/null)" = "$packages" ]; then return; fi
+  if [ -e "$root/vorn-packages" ] && [ "$(cat "$root/vorn-packages")" = "$packages" ]; then return; fi
   # shellcheck disable=SC2154 # lib.sh sets it
   echo "$command: making the root $root"
   as_root rm -rf --one-file-system "$root" "$root.partial"

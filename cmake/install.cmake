@@ -1,19 +1,6 @@
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-# Compresses a text as Debian requires, reproducibly.
-find_program(VORN_GZIP gzip)
-function(install_text file directory name)
-  if(VORN_GZIP)
-    set(compressed ${CMAKE_CURRENT_BINARY_DIR}/${name}.gz)
-    execute_process(COMMAND ${VORN_GZIP} -9nc ${file} OUTPUT_FILE ${compressed})
-    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${file})
-    install(FILES ${compressed} DESTINATION ${directory})
-  else()
-    install(FILES ${file} DESTINATION ${directory} RENAME ${name})
-  endif()
-endfunction()
-
 # Headers go one folder deeper, so that `#include "proto/packet_buf.h"` cannot find another library's header.
 install(TARGETS ${vorn_rpc_targets} EXPORT vorn_rpc
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}

@@ -5,8 +5,8 @@
 # usage: ruby ci/release/sbom.rb FOLDER VERSION ROOT PACKAGE... >FILE
 #
 # FOLDER has what is released: its files are listed with their checksums. The PACKAGEs are Debian's that it was built
-# with; their versions are those of this machine. ROOT is the Debian root in which the native gem was compiled. What the
-# Debian package needs at run time is read from the package.
+# with; their versions are those of this machine. ROOT is the Debian root in which the native gem was compiled. What a
+# Debian package needs at run time is read from the package; it may be another of the files.
 #
 # SOURCE_DATE_EPOCH  the date of the document
 
@@ -23,8 +23,9 @@ class Sbom
     "libgcc-s1" => "GPL-3.0-or-later WITH GCC-exception-3.1", "libstdc++6" => "GPL-3.0-or-later WITH GCC-exception-3.1",
     "nlohmann-json3-dev" => "MIT", "ruby" => "Ruby OR BSD-2-Clause"
   }.freeze
-  # Libraries of headers alone: their code is in what is built.
-  COMPILED_IN = %w[libboost-dev libcli11-dev libfmt-dev nlohmann-json3-dev].freeze
+  # Libraries of headers alone: their code is in what is built, that of the last three in the tools.
+  COMPILED_IN = %w[libboost-dev].freeze
+  COMPILED_INTO_TOOLS = %w[libboost-dev libcli11-dev libfmt-dev nlohmann-json3-dev].freeze
   ROOT = "SPDXRef-Package-vorn-rpc"
 
   def initialize(folder, version, native_root, build_packages)
@@ -60,8 +61,10 @@ class Sbom
     checksums = [Digest::SHA1, Digest::SHA256].map do |digest|
       { "algorithm" => digest.name[/\w+\z/], "checksumValue" => digest.file(path).hexdigest }
     end
-    { "SPDXID" => id("File", name), "fileName" => "./#{name}", "fileTypes" => ["ARCHIVE"], "checksums" => checksums,
-      # With our own is what compilers and generators of pages put in.
+    # With our own licence is what compilers and generators of pages put in.
+    { "SPDXID" => id("File", name), "fileName" => "./#{name}",
+      "fileTypes" => [name.end_with?(".dsc") ? "TEXT" : "ARCHIVE"],
+      "checksums" => checksums,
       "licenseConcluded" => "NOASSERTION", "licenseInfoInFiles" => ["MIT"], "copyrightText" => "NOASSERTION" }
   end
 
@@ -103,12 +106,12 @@ class Sbom
     path = File.join(@folder, file["fileName"])
     case path
     when /\.deb\z/
-      depends, status = Open3.capture2("dpkg-deb", "-f", path, "Depends")
-      abort "sbom: cannot read #{path}" unless status.success?
-      depends.strip.split(/\s*,\s*/).each do |need|
-        relate(debian(need[/\A[^\s(:|]+/]), "RUNTIME_DEPENDENCY_OF", file["SPDXID"], need)
+      field(path, "Depends").split(/\s*,\s*/).each do |need|
+        name = need[/\A[^\s(:|]+/]
+        relate(ours[name] || debian(name), "RUNTIME_DEPENDENCY_OF", file["SPDXID"], need)
       end
-      (COMPILED_IN & @build_packages).each { |name| relate(file["SPDXID"], "STATIC_LINK", debian(name)) }
+      compiled_in = field(path, "Package").end_with?("-tools") ? COMPILED_INTO_TOOLS : COMPILED_IN
+      (compiled_in & @build_packages).each { |name| relate(file["SPDXID"], "STATIC_LINK", debian(name)) }
     when /\.gem\z/
       spec = Gem::Package.new(path).spec
       relate(debian("ruby"), "RUNTIME_DEPENDENCY_OF", file["SPDXID"], "Ruby #{spec.required_ruby_version}")
@@ -124,6 +127,19 @@ class Sbom
         end
       end
     end
+  end
+
+  def field(path, name)
+    value, status = Open3.capture2("dpkg-deb", "-f", path, name)
+    abort "sbom: cannot read #{path}" unless status.success?
+    value.strip
+  end
+
+  # The ids of those of the files that are Debian packages, by the packages' names.
+  def ours
+    @ours ||= @files.select { |file| file["fileName"].end_with?(".deb") }.map do |file|
+      [field(File.join(@folder, file["fileName"]), "Package"), file["SPDXID"]]
+    end.to_h
   end
 
   def relate(one, relation, other, comment = nil)

@@ -1,7 +1,7 @@
 # frozen_string_literal: true
 
 # bin/release, in a small repository of its own: what it refuses, that it then leaves nothing behind, and what it
-# writes. bin/package is another there, which makes a small gem, Debian package and site in no time. bin/test
+# writes. bin/package is another there, which makes a small gem, Debian packages and a site in no time. bin/test
 # reproducible builds the real ones.
 
 require "digest"
@@ -43,11 +43,16 @@ GEM
     ruby -S gem build small.gemspec --force -o "$build/package/$name" 2>&1
     echo "$build/package/$name" ;;
   deb)
-    mkdir -p deb/DEBIAN
-    printf 'Package: small\nVersion: 7.8.9\nArchitecture: all\nMaintainer: us <us@us.invalid>\n' >deb/DEBIAN/control
-    printf 'Depends: libc6 (>= 2.1), bash | dash\nDescription: small\n' >>deb/DEBIAN/control
-    dpkg-deb --root-owner-group --build deb "$build/package/small.deb" >&2
-    echo "$build/package/small.deb" ;;
+    mkdir -p deb/DEBIAN "$build/deb"
+    for name in small small-tools; do
+      depends='libc6 (>= 2.1), bash | dash'
+      [ $name = small ] || depends='small (= 7.8.9)'
+      printf '%s\n' "Package: $name" 'Version: 7.8.9' 'Architecture: all' 'Maintainer: us <us@us.invalid>' \
+        "Depends: $depends" 'Description: small' >deb/DEBIAN/control
+      dpkg-deb --root-owner-group --build deb "$build/deb/$name.deb" >&2
+    done
+    echo source >"$build/deb/small.dsc"
+    echo "$build/deb" ;;
   site)
     ! [ -e ignored ] || { echo "an ignored file is there"; exit 1; }
     echo page >"$build/site/index.html"
@@ -66,7 +71,7 @@ END
     write("lib/vorn_rpc/version.rb", "module VORN\n  VERSION = \"#{VERSION}\"\nend\n")
     write("CHANGELOG.md", "# Changes\n\n## #{VERSION}\n\n- All.\n\n## 1.0.0\n")
     write("bin/package", PACKAGE)
-    write("bin/setup", "#!/bin/sh\necho bash coreutils\n")
+    write("bin/setup", "#!/bin/sh\necho bash coreutils libboost-dev libfmt-dev\n")
     FileUtils.chmod(0o755, %w[bin/package bin/setup].map { |path| path_of(path) })
     write(".gitignore", "/build/\n/build-roots/\n/ignored\n")
     FileUtils.mkdir_p(%w[build-roots/logs build-roots/bullseye/var/lib].map { |path| path_of(path) })
@@ -84,8 +89,8 @@ END
     write("ignored", "is not in the clone")
     folder = release
     assert_equal path_of("build/release/#{VERSION}"), folder
-    names = %w[SHA256SUMS small-7.8.9-x86_64-linux.gem small-7.8.9.gem small.deb vorn_rpc-7.8.9.spdx.json
-               vorn_rpc-site-7.8.9.tar.gz]
+    names = %w[SHA256SUMS small-7.8.9-x86_64-linux.gem small-7.8.9.gem small-tools.deb small.deb small.dsc
+               vorn_rpc-7.8.9.spdx.json vorn_rpc-site-7.8.9.tar.gz]
     assert_equal names, Dir.children(folder).sort
     assert_equal [VERSION], Dir.children(File.dirname(folder))
     sums = File.readlines(File.join(folder, "SHA256SUMS"), chomp: true).map { |line| line.split("  ") }
@@ -110,7 +115,8 @@ END
     assert_equal git("log", "-1", "--format=%cd", "--date=format-local:%Y-%m-%dT%H:%M:%SZ").strip,
                  sbom["creationInfo"]["created"]
     files = sbom["files"].map { |file| [file["fileName"], file["SPDXID"]] }.to_h
-    assert_equal %w[small-7.8.9-x86_64-linux.gem small-7.8.9.gem small.deb vorn_rpc-site-7.8.9.tar.gz],
+    assert_equal %w[small-7.8.9-x86_64-linux.gem small-7.8.9.gem small-tools.deb small.deb small.dsc
+                    vorn_rpc-site-7.8.9.tar.gz],
                  files.keys.map { |name| name.sub(%r{\A\./}, "") }
     sbom["files"].each do |file|
       sums = file["checksums"].map { |sum| [sum["algorithm"], sum["checksumValue"]] }
@@ -126,6 +132,12 @@ END
     id = ->(name) { packages.fetch(name)["SPDXID"] }
     assert_includes relations, ["SPDXRef-DOCUMENT", "DESCRIBES", id["vorn_rpc"], nil]
     assert_includes relations, [id["bash"], "RUNTIME_DEPENDENCY_OF", files["./small.deb"], "bash | dash"]
+    assert_includes relations, [files["./small.deb"], "RUNTIME_DEPENDENCY_OF", files["./small-tools.deb"],
+                                "small (= 7.8.9)"]
+    linked = relations.select { |_, relation, _, _| relation == "STATIC_LINK" }.map { |one, _, other, _| [one, other] }
+    assert_includes linked, [files["./small.deb"], id["libboost-dev"]]
+    refute_includes linked, [files["./small.deb"], id["libfmt-dev"]]
+    assert_includes linked, [files["./small-tools.deb"], id["libfmt-dev"]]
     assert_includes relations, [id["ruby"], "RUNTIME_DEPENDENCY_OF", files["./small-7.8.9.gem"], "Ruby >= 2.2"]
     compiler = [id["g++"], "DEPENDENCY_OF", files["./small-7.8.9.gem"], "compiles the extension at installation"]
     assert_includes relations, compiler
