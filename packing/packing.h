@@ -54,7 +54,9 @@ enum class ReadyMade {
 class Packing {
  public:
   /// With these types. Throws std::invalid_argument for one that is named twice, and std::bad_alloc.
-  VORN_API Packing(std::initializer_list<ReadyMade> ready_made = {});
+  VORN_API Packing(std::initializer_list<ReadyMade> ready_made);
+  /// With none. An argument with a default would do, but g++ 10 then takes no list in braces.
+  Packing() : Packing(std::initializer_list<ReadyMade>{}) {}
   VORN_API ~Packing();
   /// Copy and move the table. Copying throws std::bad_alloc.
   /// @{
