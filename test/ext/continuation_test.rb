@@ -149,8 +149,13 @@ class ContinuationTest < ExtTest
     RUBY
   }.freeze
 
+  # These lead back into the iteration over a Hash.
+  HASHES = ["an each resumed during its iteration", "the surrounding Hash is resumed",
+            "a failure in a key is raised again"].freeze
+
   PROGRAMS.each do |name, (code, lines)|
     define_method("test_#{name.tr(" ", "_")}") do
+      skip "this Ruby resumes no iteration over a Hash" if HASHES.include?(name) && !hashes_can_be_resumed?
       assert_equal lines, run_ruby(START + code, "-W0", OwnEach::OPTION).split("\n")
     end
   end

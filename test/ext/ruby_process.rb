@@ -54,6 +54,19 @@ module RubyProcess
     end
   RUBY
 
+  # A continuation that leads back into an iteration over a Hash that has ended, without the extension.
+  RESUMED_HASH = <<-'RUBY'
+    times = 0
+    { 1 => 2 }.each { callcc { |k| $again = k } }
+    $again.call if (times += 1) < 3
+    puts times
+  RUBY
+
+  # Ruby 3.4 raises "iteration level underflow" there.
+  def hashes_can_be_resumed?
+    Open3.capture2e(RbConfig.ruby, "-W0", "-rcontinuation", "-e", RESUMED_HASH)[0] == "3\n"
+  end
+
   # Emulators of other processors pass limits of address space over.
   def skip_without_limits
     skip "no limit of address space here" unless Process.const_defined?(:RLIMIT_AS)

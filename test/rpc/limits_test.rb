@@ -62,6 +62,20 @@ class RpcLimitsTest < RpcTest
     end
   end
 
+  # While a request is held back, the loop waits.
+  def test_a_client_that_is_held_back_costs_nothing
+    serve(workers: 1, max_in_progress: 1) do |server|
+      connect(server) do |socket|
+        socket.write(frame([1, "sleep", [0.4]]) + frame([2, "echo", [0]]))
+        sleep(0.1)
+        before = Process.clock_gettime(Process::CLOCK_PROCESS_CPUTIME_ID)
+        sleep(0.2)
+        assert_operator Process.clock_gettime(Process::CLOCK_PROCESS_CPUTIME_ID) - before, :<, 0.1
+        assert_equal [[1, nil, 0.4], [2, nil, 0]], messages(socket, 2)
+      end
+    end
+  end
+
   # Without workers, one client's requests may not all come before those of others.
   def test_clients_take_turns
     serve(methods: METHODS.merge("work" => -> { sleep(0.002) }), workers: 0) do |server|

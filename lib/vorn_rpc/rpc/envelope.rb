@@ -21,9 +21,8 @@ module VORN
 
       # Raises BadMessage for what is neither a request nor a notification.
       def check_request(message)
-        ok = message.is_a?(Array) && message.size == 3 &&
-             id?(message[0]) && message[1].is_a?(String) && message[2].is_a?(Array)
-        raise BadMessage, "not a request" unless ok
+        id, name, arguments = message if message.is_a?(Array) && message.size == 3
+        raise BadMessage, "not a request" unless name.is_a?(String) && arguments.is_a?(Array) && id?(id)
       end
 
       # Raises BadMessage for what is no answer.

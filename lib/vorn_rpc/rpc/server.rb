@@ -147,7 +147,8 @@ module VORN
         @workers = Workers.new(@worker_count) if @worker_count > 0 && !@fibers
         @reading[@wake_reader] = nil
         @reading[@listener] = nil if @listener
-        @next_sweep = Clock.now + SWEEP_SECONDS
+        @now = Clock.now # of the last time that something was waited for
+        @next_sweep = @now + SWEEP_SECONDS
       end
 
       # Returns false when the loop has ended.
@@ -168,8 +169,8 @@ module VORN
       end
 
       def wait
-        timeout = @more.empty? ? [@next_sweep - Clock.now, 0].max : 0
-        IO.select(@reading.keys, @writing.keys, nil, timeout)
+        timeout = @more.empty? ? [@next_sweep - @now, 0].max : 0
+        IO.select(@reading.keys, @writing.empty? ? nil : @writing.keys, nil, timeout)
       rescue IOError
         closed = @connections.each_value.select { |connection| connection.io.closed? } # by whoever gave it to #serve
         raise if closed.empty?

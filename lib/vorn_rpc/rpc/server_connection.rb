@@ -17,9 +17,10 @@ module VORN
         @methods = methods
         @decoder = Stream::Decoder.new(max_length: limits.max_length, max_depth: limits.max_depth)
         @patience = Patience.new(limits.idle_seconds, limits.frame_seconds, now)
+        @taken = 0        # requests
         @lock = Mutex.new # guards what follows
         @encoder = Stream::Encoder.new(max_length: limits.max_length)
-        @in_progress = 0  # requests that are not answered yet
+        @finished = 0     # requests that were taken
         @unsent = []      # Strings of answers' bytes that the kernel has not taken, and how many bytes they are
         @unsent_size = 0
         @batch = 0        # so many of them have to be taken until
@@ -60,7 +61,7 @@ module VORN
 
       # Whether one of them may be begun now.
       def room?
-        @lock.synchronize { !full? }
+        !full?
       end
 
       # Sends the answer to a request, nil for none. Returns whether the loop has something to do: bytes to send, a
@@ -68,7 +69,7 @@ module VORN
       def finish(answer)
         @lock.synchronize do
           send_answer(answer) if answer && !@failure
-          @in_progress -= 1
+          @finished += 1
           @held_back || @failure || @ending || !@unsent.empty?
         end
       end
@@ -97,7 +98,7 @@ module VORN
         raise @failure if @failure
         deadline = @write_deadline # which a worker may move meanwhile
         raise Errno::ETIMEDOUT, "the client takes nothing" if deadline && now >= deadline
-        @patience.check(@in_progress > 0 || !@unsent.empty?, now) unless @held_back
+        @patience.check(in_progress > 0 || !@unsent.empty?, now) unless @held_back
       end
 
       # The server ends: it wants to know of each answer, and refuses what is held back.
@@ -107,7 +108,7 @@ module VORN
 
       # Whether all that was read is answered, and sent.
       def finished?
-        @lock.synchronize { @failure || (@held_back.nil? && @in_progress.zero? && @unsent.empty?) }
+        @lock.synchronize { @failure || (@held_back.nil? && in_progress.zero? && @unsent.empty?) }
       end
 
       def close
@@ -150,11 +151,8 @@ module VORN
 
       # Whether one more request may be in progress, which is then counted.
       def take_place
-        return false if @begun >= @limits.max_in_progress && !@ending
-        @lock.synchronize do
-          return false if full? && !@ending
-          @in_progress += 1
-        end
+        return false if (@begun >= @limits.max_in_progress || full?) && !@ending
+        @taken += 1
         @begun += 1
         true
       end
@@ -167,7 +165,12 @@ module VORN
       end
 
       def full?
-        @in_progress >= @limits.max_in_progress || @unsent_size > @limits.max_unsent
+        in_progress >= @limits.max_in_progress || @unsent_size > @limits.max_unsent
+      end
+
+      # Requests that are not answered yet. Two counts, since the loop changes one and the workers the other.
+      def in_progress
+        @taken - @finished
       end
 
       def send_answer(answer)

@@ -77,7 +77,15 @@ module VORN
       # still to be read.
       def feed_each(bytes, &block)
         return enum_for(:feed_each, bytes) unless block_given?
-        take(bytes) unless take_frame(bytes)
+        messages = take_frame(bytes)
+        if messages.nil?
+          take(bytes)
+        elsif messages.size == 1
+          yield messages[0]
+          return self if @input.empty? && @messages.empty? # the block has fed nothing
+        else
+          @messages = messages
+        end
         begin
           each(&block)
         ensure
@@ -156,7 +164,8 @@ module VORN
         messages = Native.read_frame(@frame, bytes, @max_length)
         return unless messages
         @input_begins += bytes.bytesize
-        deliver(messages)
+        note(messages)
+        messages
       rescue RuntimeError, EncodingError, SystemStackError, NoMemoryError
         nil
       end
@@ -214,16 +223,16 @@ module VORN
       def take_messages
         messages = read_messages
         return false unless messages
-        deliver(messages)
+        @messages = messages
+        note(messages)
         report_damage if @damage
         true
       ensure
         @frame_begins = nil
       end
 
-      def deliver(messages)
+      def note(messages)
         @seq = @frame.seq
-        @messages = messages
         @frames += 1
         @read += messages.size
       end
