@@ -265,8 +265,8 @@ class ReentryTest < ExtTest
 
   def test_random_keys
     steps = ENV.fetch("VORN_STEPS", "3000").to_i
-    code = "#{TAKE}SEED = #{ENV.fetch("VORN_SEED", "1")}\nSTEPS = #{steps}\nRESUMED = #{hashes_can_be_resumed?}\n#{STEPS}"
-    out, = run_ruby_with_errors(code, "-W0", "-rcontinuation")
+    settings = "SEED = #{ENV.fetch("VORN_SEED", "1")}; STEPS = #{steps}; RESUMED = #{hashes_can_be_resumed?}\n"
+    out, = run_ruby_with_errors("#{TAKE}#{settings}#{STEPS}", "-W0", "-rcontinuation")
     assert_equal "#{steps}\n", out
   end
 
