@@ -45,7 +45,7 @@ struct KeyCache::Slots {
 
   struct Slot {
     Text text;
-    VALUE object = 0;  ///< a String or a Symbol
+    VALUE object = 0;  ///< a String or a Symbol; 0: none yet
   };
 
   template <typename Word>
@@ -55,18 +55,21 @@ struct KeyCache::Slots {
     return word;
   }
 
-  /// The object of this text, if need be from `make`, which may raise.
+  /// The object of this text, if need be from `make`, which may raise. It is told whether the object is kept: at once,
+  /// or when the text was also the last one in its place.
   template <typename Make>
-  VALUE find(const char* bytes, uint32_t length, uint32_t kind, const Make& make) {
+  VALUE find(const char* bytes, uint32_t length, uint32_t kind, bool at_once, const Make& make) {
     const Text text(bytes, length, kind);
     Slot& slot = slots[text.place()];
-    if (slot.text == text) {
+    const bool again = slot.text == text;
+    if (again && slot.object != 0) {
       if (length <= 16) return slot.object;
       const VALUE string = kind == SYMBOL ? rb_sym2str(slot.object) : slot.object;
       if (std::memcmp(RSTRING_PTR(string), bytes, length) == 0) return slot.object;
     }
-    const VALUE object = make();
-    slot = {text, object};
+    const bool kept = at_once || again;
+    const VALUE object = make(kept);
+    slot = {text, kept ? object : 0};
     return object;
   }
 
@@ -115,9 +118,12 @@ KeyCache::Slots& KeyCache::slots() {
 }
 
 VALUE KeyCache::find(const char* bytes, uint32_t length, int encoding_index) {
-  const auto make = [=] { return key_string(bytes, static_cast<long>(length), encoding_index); };
-  if (!INTERNS_KEYS || length > Slots::LONGEST) return make();
-  return slots().find(bytes, length, static_cast<uint32_t>(encoding_index), make);
+  const auto make = [=](bool kept) {
+    return (kept ? stored_key_string : key_string)(bytes, static_cast<long>(length), encoding_index);
+  };
+  if (length > Slots::LONGEST) return make(false);
+  // What a Hash stores takes long to get where the interpreter does not give it: not for keys that never come again.
+  return slots().find(bytes, length, static_cast<uint32_t>(encoding_index), INTERNS_KEYS, make);
 }
 
 VALUE KeyCache::lone(const char* bytes, uint32_t length, int encoding_index) {
@@ -126,8 +132,10 @@ VALUE KeyCache::lone(const char* bytes, uint32_t length, int encoding_index) {
 
 VALUE KeyCache::symbol(const char* bytes, uint32_t length) {
   // One that the program does not hold can be collected, once its place has been taken.
-  const auto make = [=] { return rb_str_intern(new_string(bytes, static_cast<long>(length), rb_utf8_encindex())); };
-  return length > Slots::LONGEST ? make() : slots().find(bytes, length, Slots::SYMBOL, make);
+  const auto make = [=](bool) {
+    return rb_str_intern(new_string(bytes, static_cast<long>(length), rb_utf8_encindex()));
+  };
+  return length > Slots::LONGEST ? make(true) : slots().find(bytes, length, Slots::SYMBOL, true, make);
 }
 
 void KeyCache::store(VALUE hash, const VALUE* pairs, int count) {

@@ -10,7 +10,7 @@
 ///   rb_method_basic_definition_p        | exact since 2.3  | overridden_each.cc looks for aliases itself
 ///   Strings are hashed by itself        | known until 3.4  | object_decoder.cc checks every bound twice
 ///   ruby_stack_check                    | sure since 2.7   | machine_stack.cc looks at the stack's bounds
-///   rb_enc_interned_str                 | since 3.0        | a Hash makes its own keys
+///   rb_enc_interned_str                 | since 3.0        | a Hash makes keys, which key_cache.cc keeps
 ///   rb_hash_bulk_insert                 | used with it     | key_cache.cc stores pair by pair
 ///   rb_ext_ractor_safe, Ractor's locals | since 3.0        | there are no Ractors
 ///   headers that need no <cstdbool>     | since 3.4        | <stdbool.h> comes first, below
@@ -170,6 +170,22 @@ inline VALUE key_string(const char* bytes, long length, int encoding_index) {
 #else
   return new_string(bytes, length, encoding_index);
 #endif
+}
+
+/// The String that a Hash stores for a key of these bytes: one that other Hashes take as it is.
+inline VALUE stored_key_string(const char* bytes, long length, int encoding_index) {
+  const VALUE key = key_string(bytes, length, encoding_index);
+  if (INTERNS_KEYS) return key;
+  VALUE hash = rb_hash_new();
+  rb_hash_aset(hash, key, Qnil);
+  VALUE stored = Qnil;
+  const HashEntryFunction take_key = [](VALUE found, VALUE, VALUE to) -> int {
+    *reinterpret_cast<VALUE*>(to) = found;
+    return ST_STOP;
+  };
+  each_hash_entry(hash, take_key, reinterpret_cast<VALUE>(&stored));
+  RB_GC_GUARD(hash);
+  return stored;
 }
 
 /// Stores keys and values that alternate in a Hash, all at once. False: that cannot be, and nothing is stored.

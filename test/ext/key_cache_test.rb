@@ -153,6 +153,19 @@ class KeyCacheTest < ExtTest
     end
   end
 
+  # As a Hash of the program would store them. Recent ones are the same objects again, on every Ruby.
+  def test_keys_are_those_that_a_hash_stores
+    alike.reject { |text| text.bytesize > 128 }.flat_map { |text| [text, text.b] }.each do |text|
+      bytes = hash_bytes([[text, 1]])
+      own, other = Array.new(2) { { "".dup.force_encoding(text.encoding).concat(text) => 1 }.keys[0] }
+      keys = Array.new(4) { buf_of(bytes).extract_object.keys[0] }
+      assert_equal [own] * 4, keys
+      assert_equal [own.encoding] * 4, keys.map(&:encoding)
+      assert_equal [own.equal?(other)] * 4, keys.map { |key| key.equal?(own) }, text
+      assert_same keys[2], keys[3], text
+    end
+  end
+
   def test_wide_hashes_inside_of_wide_hashes
     inner = keys_of_a_kind(:strings, 150).each_with_index.to_h
     outer = Array.new(40) { |i| ["outer #{i}", i.even? ? inner : [inner, {}, []]] }.to_h
