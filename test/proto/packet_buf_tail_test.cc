@@ -131,7 +131,9 @@ TEST(PacketBufTail, TakesMemoryOfTheMessagesSize) {
     buf.open_tail();
     write_pieces(buf, std::string(n, 'x'));
     buf.cut_tail();
-    EXPECT_EQ(n, buf.data().capacity());
+    std::string exact;  // some libraries give a few bytes more
+    exact.reserve(n);
+    EXPECT_EQ(exact.capacity(), buf.data().capacity());
   }
   const vorn_test::AllocationCount allocations;
   PacketBuf buf(0);
@@ -167,11 +169,12 @@ TEST(PacketBufTail, IsThereForTheNextPiece) {
 TEST(PacketBufTail, StaysWithinTheMemoryOfABufferThatHasIt) {
   PacketBuf buf;
   const char* const storage = buf.data().data();
+  const size_t capacity = buf.data().capacity();
   buf.open_tail();
   for (uint64_t i = 0; i < PacketBuf::INITIAL_CAPACITY; ++i) buf.write_byte(0x61);
   buf.cut_tail();
   EXPECT_EQ(storage, buf.data().data());
-  EXPECT_EQ(PacketBuf::INITIAL_CAPACITY, buf.data().capacity());
+  EXPECT_EQ(capacity, buf.data().capacity());
 }
 
 TEST(PacketBufTail, WithoutMemoryForItTheMessageIsWrittenAllTheSame) {

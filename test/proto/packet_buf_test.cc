@@ -166,12 +166,13 @@ TEST(PacketBuf, AWriteBeginsOverWhatExistsAlready) {
 TEST(PacketBuf, ReserveMakesRoomAndStoresNothing) {
   PacketBuf buf;
   write(buf, "abc");
-  for (const uint64_t n : {uint64_t{0}, uint64_t{100}, PacketBuf::INITIAL_CAPACITY - 3}) {
+  const size_t capacity = buf.data().capacity();
+  for (const uint64_t n : {uint64_t{0}, uint64_t{100}, uint64_t{capacity - 3}}) {
     const vorn_test::FailAllocation none(1);
     buf.reserve(n);
     EXPECT_FALSE(none.failed());
   }
-  EXPECT_EQ(PacketBuf::INITIAL_CAPACITY, buf.data().capacity());
+  EXPECT_EQ(capacity, buf.data().capacity());
   buf.reserve(1000000);
   EXPECT_EQ(3U, buf.pos());
   EXPECT_EQ("abc", buf.data());
@@ -185,10 +186,12 @@ TEST(PacketBuf, ReserveMakesRoomAndStoresNothing) {
 TEST(PacketBuf, ReserveFailsAsClaimDoes) {
   PacketBuf buf;
   write(buf, "abc");
-  for (const uint64_t n : {uint64_t{1} << 63, MAX - 3, MAX - 2, MAX}) EXPECT_THROW(buf.reserve(n), std::length_error);
+  for (const uint64_t n : {uint64_t{buf.data().max_size()} - 2, MAX - 3, MAX - 2, MAX}) {
+    EXPECT_THROW(buf.reserve(n), std::length_error);
+  }
   {
     const vorn_test::FailAllocation fail(1);
-    EXPECT_THROW(buf.reserve(PacketBuf::INITIAL_CAPACITY), std::bad_alloc);
+    EXPECT_THROW(buf.reserve(buf.data().capacity()), std::bad_alloc);
   }
   EXPECT_EQ(3U, buf.pos());
   EXPECT_EQ("abc", buf.data());
@@ -322,7 +325,8 @@ TEST(PacketBuf, NoByteFarBehindTheEndIsThere) {
 TEST(PacketBuf, WithoutMemoryNothingIsWrittenAndNothingMoves) {
   PacketBuf buf;
   write(buf, "abc");
-  buf.set_pos(PacketBuf::INITIAL_CAPACITY);
+  const size_t capacity = buf.data().capacity();
+  buf.set_pos(capacity);
   const std::string large(100, 'x');
   for (int how = 0; how < 4; ++how) {
     const vorn_test::FailAllocation fail(1);
@@ -333,11 +337,11 @@ TEST(PacketBuf, WithoutMemoryNothingIsWrittenAndNothingMoves) {
       default: EXPECT_THROW(buf.write_bytes(buf.data().data(), 3), std::bad_alloc);
     }
     EXPECT_TRUE(fail.failed());
-    EXPECT_EQ(PacketBuf::INITIAL_CAPACITY, buf.pos());
+    EXPECT_EQ(capacity, buf.pos());
     EXPECT_EQ("abc", buf.data());
   }
   write(buf, large);
-  EXPECT_EQ(large, buf.data().substr(PacketBuf::INITIAL_CAPACITY));
+  EXPECT_EQ(large, buf.data().substr(capacity));
 }
 
 TEST(PacketBuf, WithoutMemoryNoneIsMade) {

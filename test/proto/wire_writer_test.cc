@@ -267,7 +267,7 @@ TEST(WireWriter, StringsOfEveryShortLength) {
 
 TEST(WireWriter, WithoutMemoryNothingIsWrittenAndNothingMoves) {
   PacketBuf buf;
-  const std::string old(PacketBuf::INITIAL_CAPACITY, 'o');
+  const std::string old(buf.data().capacity(), 'o');
   buf.write_bytes(old.data(), old.size());
   buf.set_pos(old.size() - 1);
   const std::string bytes(300, 'b');
