@@ -11,7 +11,8 @@
 
 namespace vorn_test {
 
-/// Random values that look like packed ones, above all, with all types of table_packing().
+/// Random values that look like packed ones, above all, with all types of table_packing(). The same ones whatever the
+/// compiler, which may evaluate the arguments of a call in any order.
 class PackingValues {
  public:
   explicit PackingValues(uint32_t seed) : engine_(seed) {}
@@ -29,18 +30,23 @@ class PackingValues {
       }
       case 2: {
         VORN::VObject hash = VORN::VObject::new_hash();
-        hash.store(key(), value(levels - 1));
+        store(hash, levels);
         return hash;
       }
       case 3:
       case 4: {
         VORN::VObject hash = VORN::VObject::new_hash();
-        for (uint32_t n = below(4); n > 0; --n) hash.store(key(), value(levels - 1));
+        for (uint32_t n = below(4); n > 0; --n) store(hash, levels);
         return hash;
       }
       case 5: return VORN::PACKING::variant_of(Point{value(levels - 1), value(levels - 1)});
       default: return scalar();
     }
+  }
+
+  void store(VORN::VObject& hash, int levels) {
+    const std::string name = key();
+    hash.store(name, value(levels - 1));
   }
 
   uint32_t below(uint32_t n) { return static_cast<uint32_t>(engine_() % n); }
@@ -67,8 +73,11 @@ class PackingValues {
       case 0: return VORN::VObject();
       case 1: return VORN::VObject(below(2) == 0);
       case 2: return VORN::VObject(integer());
-      case 3:
-        return VORN::PACKING::variant_of(VORN::PACKING::Integer(std::to_string(engine_()) + std::to_string(engine_())));
+      case 3: {
+        std::string digits = std::to_string(engine_());
+        digits += std::to_string(engine_());
+        return VORN::PACKING::variant_of(VORN::PACKING::Integer(digits));
+      }
       case 4: return VORN::VObject(static_cast<double>(integer()));
       case 5: return VORN::VObject(key());
       case 6: return VORN::PACKING::variant_of(VORN::PACKING::Date::of_days(static_cast<int32_t>(integer())));
@@ -80,9 +89,11 @@ class PackingValues {
         return VORN::PACKING::variant_of(time);
       }
       case 8: return VORN::PACKING::variant_of(rational());
-      default:
-        return VORN::PACKING::variant_of(
-            VORN::PACKING::Decimal(std::to_string(integer()) + "e" + std::to_string(below(50))));
+      default: {
+        std::string digits = std::to_string(integer()) + "e";
+        digits += std::to_string(below(50));
+        return VORN::PACKING::variant_of(VORN::PACKING::Decimal(digits));
+      }
     }
   }
 
