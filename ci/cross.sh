@@ -1,6 +1,7 @@
 # shellcheck shell=bash
 #
-# What a build for another system needs of this machine. Sourced after lib.sh by checks that compile for one.
+# What a build for another system, or with another compiler or standard library, needs of this machine. Sourced after
+# lib.sh by checks that make one.
 
 # boost_package PREFIX HEADERS: a package of Boost's headers alone, the folder HEADERS/boost. Where Debian has them are
 # also those of this machine's C library, which no other system's compiler may see.
