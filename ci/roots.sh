@@ -74,24 +74,29 @@ emulate() {
 
 # unpack_root NAME RELEASE ARCHITECTURE PACKAGE...: makes $roots/NAME unless it is there with these packages, for a
 # machine of another architecture. Packages are unpacked and not installed, since their scripts would run in the
-# emulator, for ten minutes. Packages named PACKAGE:amd64 run natively in the root: compilers for the architecture, say.
+# emulator, for ten minutes; dpkg-query knows them. Packages named PACKAGE:amd64 run natively in the root: compilers for
+# the architecture, say.
 unpack_root() {
-  local release=$2 architecture=$3 root=$roots/$1 log=$roots/logs/$1.log temp mirror package
+  local release=$2 foreign=$3 root=$roots/$1 log=$roots/logs/$1.log temp mirror here architecture package wanted
   shift 3
   if [ "$(cat "$root/vorn-packages" 2>/dev/null)" = "$*" ]; then return; fi
   echo "$command: making the root $root"
   as_root rm -rf --one-file-system "$root" "$root.partial"
   mirror=$(debian_mirror)
   [ -n "$mirror" ] || die "apt names no mirror of Debian's packages"
-  # An apt of its own: nothing is installed, and this machine's lists stay as they are.
+  here=$(dpkg --print-architecture)
   temp=$(mktemp -d)
   mkdir -p "$temp"/{lists,cache}/partial
   touch "$temp/status"
+  : >"$log"
   echo "deb [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] $mirror $release main" \
     >"$temp/sources.list"
-  cat >"$temp/apt.conf" <<END
-APT::Architecture "$(dpkg --print-architecture)";
-APT::Architectures { "$(dpkg --print-architecture)"; "$architecture"; };
+  # Apts of their own: nothing is installed, and this machine's lists stay as they are. One for each architecture, since
+  # one for both would not take a package for all that a foreign one needs, unless it is marked for that.
+  for architecture in "$foreign" "$here"; do
+    cat >"$temp/apt.conf" <<END
+APT::Architecture "$architecture";
+APT::Architectures { "$architecture"; };
 APT::Sandbox::User "root";
 Dir::State::status "$temp/status";
 Dir::State::lists "$temp/lists";
@@ -101,20 +106,33 @@ Dir::Etc::sourcelist "$temp/sources.list";
 Dir::Etc::sourceparts "$temp/none";
 Acquire::Retries "3";
 END
-  if ! { APT_CONFIG=$temp/apt.conf apt-get -q update &&
-    APT_CONFIG=$temp/apt.conf apt-get -q -y --download-only --no-install-recommends install "$@"; } >"$log" 2>&1 </dev/null
-  then
-    tail -n 5 "$log" >&2
-    rm -rf "$temp"
-    return 1
-  fi
-  as_root mkdir -p "$root.partial"/{usr/{bin,sbin,lib,lib32,lib64},dev,proc,root,tmp,work}
+    wanted=()
+    for package in "$@"; do
+      case $package in
+        *":$here") [ "$architecture" = "$foreign" ] || wanted+=("${package%:*}") ;;
+        *) [ "$architecture" = "$here" ] || wanted+=("${package%:*}") ;;
+      esac
+    done
+    if ! { APT_CONFIG=$temp/apt.conf apt-get -q update &&
+      APT_CONFIG=$temp/apt.conf apt-get -q -y --download-only --no-install-recommends install "${wanted[@]}"
+    } >>"$log" 2>&1 </dev/null; then
+      tail -n 5 "$log" >&2
+      rm -rf "$temp"
+      return 1
+    fi
+  done
+  as_root mkdir -p "$root.partial"/{usr/{bin,sbin,lib,lib32,lib64},dev,proc,root,tmp,work,var/lib/dpkg/{info,updates}}
   for package in bin sbin lib lib32 lib64; do as_root ln -s "usr/$package" "$root.partial/$package"; done
   for package in "$temp"/cache/*.deb; do
+    # What both have, and is there once, runs natively.
+    if [[ $package = *_"$foreign".deb ]] && [ "$(dpkg-deb -f "$package" Multi-Arch)" != same ] &&
+      compgen -G "${package%%_*}_*_$here.deb" >/dev/null; then continue; fi
     # shellcheck disable=SC2024 # the log is ours
     dpkg-deb --fsys-tarfile "$package" |
       as_root tar -x --no-same-owner --keep-directory-symlink -C "$root.partial" >>"$log" 2>&1 || { rm -rf "$temp"; return 1; }
+    { dpkg-deb -f "$package"; printf 'Status: install ok unpacked\n\n'; } >>"$temp/unpacked"
   done
+  as_root cp "$temp/unpacked" "$root.partial/var/lib/dpkg/status"
   rm -rf "$temp"
   name_loopback "$root.partial"
   echo "$*" | as_root tee "$root.partial/vorn-packages" >/dev/null

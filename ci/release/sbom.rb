@@ -2,11 +2,11 @@
 
 # Writes what a release consists of and depends on, as SPDX 2.3 in JSON.
 #
-# usage: ruby ci/release/sbom.rb FOLDER VERSION ROOT PACKAGE... >FILE
+# usage: ruby ci/release/sbom.rb FOLDER VERSION ROOTS PACKAGE... >FILE
 #
 # FOLDER has what is released: its files are listed with their checksums. The PACKAGEs are Debian's that it was built
-# with; their versions are those of this machine. ROOT is the Debian root in which the native gem was compiled. What a
-# Debian package needs at run time is read from the package; it may be another of the files.
+# with; their versions are those of this machine. ROOTS has the Debian roots in which the native gems were compiled.
+# What a Debian package needs at run time is read from the package; it may be another of the files.
 #
 # SOURCE_DATE_EPOCH  the date of the document
 
@@ -26,12 +26,17 @@ class Sbom
   # Libraries of headers alone: their code is in what is built, that of the last three in the tools.
   COMPILED_IN = %w[libboost-dev].freeze
   COMPILED_INTO_TOOLS = %w[libboost-dev libcli11-dev libfmt-dev nlohmann-json3-dev].freeze
+  # Where the gem for a platform was compiled, and with what; as in gem_roots.sh.
+  NATIVE = {
+    "x86_64-linux" => { root: "bullseye", compiler: "g++", architecture: "amd64" },
+    "aarch64-linux" => { root: "arm64-bullseye", compiler: "g++-aarch64-linux-gnu", architecture: "arm64" }
+  }.freeze
   ROOT = "SPDXRef-Package-vorn-rpc"
 
-  def initialize(folder, version, native_root, build_packages)
+  def initialize(folder, version, roots, build_packages)
     @folder = folder
     @version = version
-    @native_root = native_root
+    @roots = roots
     @build_packages = build_packages
     @packages = {}
     @relations = []
@@ -81,13 +86,13 @@ class Sbom
       "copyrightText" => File.read("LICENSE")[/^Copyright.*/] || "NOASSERTION" }
   end
 
-  # The id of a package of Debian's, as installed in the root.
+  # The id of a package of Debian's, or of a package:architecture, as installed in the root.
   def debian(name, root = "/")
     @packages[[name, root]] ||= begin
       database = File.join(root, "var/lib/dpkg")
       out, status = Open3.capture2("dpkg-query", "--admindir=#{database}", "-W", "-f", "${Version}", name)
       abort "sbom: #{name} is not installed in #{root}" unless status.success? && !out.empty?
-      dependency(name, out)
+      dependency(name[/\A[^:]+/], out)
     end
     @packages[[name, root]]["SPDXID"]
   end
@@ -120,12 +125,18 @@ class Sbom
           relate(debian(name), "DEPENDENCY_OF", file["SPDXID"], "compiles the extension at installation")
         end
       else
-        %w[g++ make].each { |name| relate(debian(name, @native_root), "BUILD_TOOL_OF", file["SPDXID"]) }
-        relate(file["SPDXID"], "STATIC_LINK", debian("libboost-dev", @native_root))
-        %w[libc6 libstdc++6].each do |name|
-          relate(debian(name, @native_root), "RUNTIME_DEPENDENCY_OF", file["SPDXID"], "this version or a later one")
-        end
+        native_needs(file["SPDXID"], **NATIVE.fetch(spec.platform.to_s))
       end
+    end
+  end
+
+  def native_needs(gem, root:, compiler:, architecture:)
+    root = File.join(@roots, root)
+    [compiler, "make"].each { |name| relate(debian(name, root), "BUILD_TOOL_OF", gem) }
+    relate(gem, "STATIC_LINK", debian("libboost-dev:#{architecture}", root))
+    %w[libc6 libstdc++6].each do |name|
+      needed = debian("#{name}:#{architecture}", root)
+      relate(needed, "RUNTIME_DEPENDENCY_OF", gem, "this version or a later one")
     end
   end
 
@@ -153,6 +164,6 @@ class Sbom
 end
 
 require "rubygems/package"
-folder, version, root, *packages = ARGV
-abort "usage: sbom.rb FOLDER VERSION ROOT PACKAGE..." if packages.empty?
-puts JSON.pretty_generate(Sbom.new(folder, version, root, packages).document)
+folder, version, roots, *packages = ARGV
+abort "usage: sbom.rb FOLDER VERSION ROOTS PACKAGE..." if packages.empty?
+puts JSON.pretty_generate(Sbom.new(folder, version, roots, packages).document)
