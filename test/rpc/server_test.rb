@@ -265,9 +265,7 @@ class RpcServerTest < RpcTest
 
   # Ids are a connection's own: the same ones are in progress for three clients at once.
   def test_each_client_is_answered_on_its_own_connection
-    waiting = Queue.new
-    gate = Queue.new
-    methods = { "wait" => ->(value) { waiting << value; gate.pop; value } }
+    methods, waiting, gate = waiting_methods
     serve(methods: methods, workers: 12, max_in_progress: 4) do |server|
       sockets = Array.new(3) { connect(server) }
       4.times { |id| sockets.each_with_index { |socket, client| socket.write(frame([id, "wait", [[client, id]]])) } }
@@ -298,33 +296,53 @@ class RpcServerTest < RpcTest
     end
   end
 
+  # METHODS and "wait", the calls of it that have begun, and what lets one of them end.
+  def waiting_methods
+    waiting = Queue.new
+    gate = Queue.new
+    [METHODS.merge("wait" => ->(value) { waiting << value; gate.pop; value }), waiting, gate]
+  end
+
+  def refuses?(server)
+    connect(server) { false }
+  rescue Errno::ECONNREFUSED
+    true
+  end
+
   # What has begun is answered, what has not is refused, and nothing is accepted any more.
   def test_stopping
-    serve(workers: 2, max_in_progress: 4) do |server|
+    methods, waiting, gate = waiting_methods
+    serve(methods: methods, workers: 2, max_in_progress: 4) do |server|
       connect(server) do |socket|
-        4.times { |id| socket.write(frame([id, "sleep", [0.4]])) }
-        sleep(0.2)
+        socket.write(Array.new(4) { |id| frame([id, "wait", [id]]) }.join)
+        eventually("both workers are busy") { waiting.size == 2 }
         server.stop
-        answers = messages(socket, 4).sort_by(&:first)
-        assert_equal [[0, nil, 0.4], [1, nil, 0.4]], answers.first(2)
-        assert_equal [%w[stopping] * 2], [answers.last(2).map { |_, error, _| error[0] }]
+        reader = VORN::Stream::Reader.new(socket)
+        refused = within { reader.first(2) }
+        assert_equal [[2, "stopping"], [3, "stopping"]], refused.map { |id, error, _| [id, error[0]] }.sort
+        2.times { gate << nil }
+        assert_equal [[0, nil, 0], [1, nil, 1]], within { reader.to_a }.sort
         assert closed?(socket)
-        assert_raises(Errno::ECONNREFUSED) { connect(server) }
+        assert refuses?(server)
       end
     end
   end
 
   # A client may have sent more than it may have in progress: what has been read of that is refused too.
   def test_stopping_with_requests_that_are_held_back
+    methods, waiting, gate = waiting_methods
     WORKERS.each do |workers|
-      serve(workers: workers, max_in_progress: 1) do |server|
+      waiting.clear
+      serve(methods: methods, workers: workers, max_in_progress: 1) do |server|
         connect(server) do |socket|
-          socket.write(Array.new(20) { |id| frame([id, "sleep", [id.zero? ? 0.4 : 0]]) }.join)
-          sleep(0.2)
+          socket.write(Array.new(20) { |id| frame([id, id.zero? ? "wait" : "echo", [id]]) }.join)
+          eventually("the first has begun") { waiting.size == 1 }
           server.stop
+          eventually("it accepts no connection") { refuses?(server) } unless workers.zero?
+          gate << nil
           answers = messages(socket, 20).sort_by(&:first)
           assert_equal (0..19).to_a, answers.map(&:first)
-          assert_equal [0, nil, 0.4], answers.first
+          assert_equal [0, nil, 0], answers.first
           # Without workers the next one begins before the loop looks round.
           refused = answers.drop(workers.zero? ? 2 : 1)
           assert_equal ["stopping"], refused.map { |_, error, _| error && error[0] }.uniq
@@ -338,15 +356,17 @@ class RpcServerTest < RpcTest
   # for a worker or is held back, and however long what has begun takes.
   def test_stopping_drops_no_notification_silently
     executed = Queue.new
-    methods = METHODS.merge("note" => ->(number) { executed << number })
+    methods, waiting, gate = waiting_methods
+    methods["note"] = ->(number) { executed << number }
     [[1, 3], [1, 1], [0, 3]].each do |workers, share|
-      executed.clear
+      [executed, waiting].each(&:clear)
       serve(methods: methods, workers: workers, max_in_progress: share, stop_seconds: 0.3) do |server, log|
         connect(server) do |socket|
           notes = Array.new(10) { |number| frame([nil, "note", [number]]) }
-          socket.write(frame([1, "sleep", [0.8]]) + notes.join)
-          sleep(0.2)
+          socket.write(frame([1, "wait", [nil]]) + notes.join)
+          eventually("the first has begun") { waiting.size == 1 }
           server.stop
+          gate << nil if workers.zero?
           assert closed?(socket)
           # Without workers some begin before the loop looks round.
           wanted = workers.zero? ? 2..10 : 10..10
