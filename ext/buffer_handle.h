@@ -28,8 +28,7 @@ template <typename Native>
 struct OwnedBuffer final : BufferHandle {
   Native native;
 
-  template <typename... Arguments>
-  explicit OwnedBuffer(Arguments... arguments) : BufferHandle(&native), native(arguments...) {}
+  OwnedBuffer() : BufferHandle(&native), native(size_t{0}) {}
 };
 
 extern const rb_data_type_t packet_buf_type;
@@ -68,17 +67,17 @@ inline PROTO::PacketFrameOut& packet_frame_out_of(VALUE obj) {
 /// have grown it; ends what a write has open, as buffer_handle() does. May start a collection.
 void report_storage(VALUE obj);
 
-/// The body of an allocation function. The Ruby object comes first and its native object after, so that nothing
+/// The body of an allocation function. Many programs make a buffer or a frame for each message: INITIAL_CAPACITY for
+/// each would start a collection every few hundred, so the native object begins without memory. The Ruby object comes first and its native object after, so that nothing
 /// native is lost when Ruby runs out of memory. Raises RuntimeError `failed` when allocation yields nothing,
 /// `threw` when the constructor throws.
-template <typename Native, typename... Arguments>
-VALUE allocate_native(VALUE klass, const rb_data_type_t& type, const char* failed, const char* threw,
-                      Arguments... arguments) {
+template <typename Native>
+VALUE allocate_native(VALUE klass, const rb_data_type_t& type, const char* failed, const char* threw) {
   const VALUE obj = TypedData_Wrap_Struct(klass, &type, nullptr);
   bool thrown = false;
   BufferHandle* native = nullptr;
   try {
-    native = new (std::nothrow) OwnedBuffer<Native>(arguments...);
+    native = new (std::nothrow) OwnedBuffer<Native>;
   } catch (...) {
     thrown = true;
   }

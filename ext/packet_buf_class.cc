@@ -23,11 +23,8 @@ namespace {
 
 using PROTO::PacketBuf;
 
-// Many programs make a buffer for each message: 64 KiB for each would start a collection every few hundred.
 VALUE packetbuf_allocate(VALUE klass) {
-  constexpr size_t capacity = 0;
-  return allocate_native<PacketBuf>(klass, packet_buf_type, "failed newing PacketBuf", "exception newing PacketBuf",
-                                    capacity);
+  return allocate_native<PacketBuf>(klass, packet_buf_type, "failed newing PacketBuf", "exception newing PacketBuf");
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 /// What the two frame classes have in common: the header layouts.
 #pragma once
 
+#include <cstddef>
+
 #include "proto/frame_header.h"
 #include "proto/packet_buf.h"
 
@@ -22,6 +24,7 @@ class VORN_API PacketFrame : public PacketBuf {
 
  protected:
   PacketFrame() = default;
+  explicit PacketFrame(size_t capacity) : PacketBuf(capacity) {}
 };
 
 }  // namespace PROTO

@@ -34,7 +34,10 @@ namespace PROTO {
 /// Finds one frame in a stream and holds it.
 class VORN_API PacketFrameIn : public PacketFrame {
  public:
+  /// Nothing is held, and nothing consumed before the first reset().
   PacketFrameIn() = default;
+  /// The same with `capacity` bytes reserved, as PacketBuf has it. Throws std::bad_alloc.
+  explicit PacketFrameIn(size_t capacity) : PacketFrame(capacity) {}
   ~PacketFrameIn() override;
 
   /// Forgets the frame and looks for the next start marker. Storage is kept. Returns the position, 0.

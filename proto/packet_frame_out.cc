@@ -1,5 +1,6 @@
 #include "proto/packet_frame_out.h"
 
+#include <cassert>
 #include <string>
 
 #include "proto/vorn_proto_exception.h"
@@ -37,7 +38,8 @@ void PacketFrameOut::compute_frame_header() {
   }
   char header[PF12_HEADER_LEN];
   encode_frame_header({next_seq_, static_cast<uint32_t>(data_len)}, use_12byte_header_, header);
-  // The write cannot fail: a header always fits into the capacity that every frame starts with.
+  // The write cannot fail: a string has room for a header within itself.
+  assert(capacity() >= header_len);
   set_pos(0);
   write_bytes(header, header_len);
   set_pos(end);

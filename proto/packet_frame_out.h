@@ -22,6 +22,8 @@ class VORN_API PacketFrameOut : public PacketFrame {
  public:
   /// At position 0 (call reset() before writing), sequence number 0, 8-byte header.
   PacketFrameOut() = default;
+  /// The same with `capacity` bytes reserved, as PacketBuf has it. Throws std::bad_alloc.
+  explicit PacketFrameOut(size_t capacity) : PacketFrame(capacity) {}
   ~PacketFrameOut() override;
 
   /// Moves the position past the header. Returns the header's length.

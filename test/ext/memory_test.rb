@@ -323,26 +323,4 @@ class MemoryTest < ExtTest
       abort "unusable" unless deep.seek(0).write_raw("\\x81").seek(0).extract_object == 1
     RUBY
   end
-
-  # Usually the 64 KiB of storage cannot be allocated; in 1 process of 60 it is a small block before that, with another
-  # text. allocation_failure_test.rb checks which text belongs to which.
-  def test_creating_without_memory
-    without_memory <<-RUBY
-      Array.new(200_000) { Object.new }.clear
-      leave(60)
-      kept = []
-      begin
-        10_000.times { kept << PacketFrameOut.new }
-        abort "did not run out of memory"
-      rescue RuntimeError => error
-        texts = ["exception newing PacketFrameOut", "failed newing PacketFrameOut"]
-        abort error.inspect unless texts.include?(error.message)
-      rescue NoMemoryError
-        # Ruby ran out of memory first, for an object of its own.
-      end
-      kept.clear
-      GC.start
-      abort "unusable" unless (PacketBuf.new << 1).seek(0).extract_object == 1
-    RUBY
-  end
 end

@@ -455,6 +455,14 @@ TEST(PacketFrameIn, RoomIsMadeOncePerFrameAndKept) {
   }
 }
 
+TEST(PacketFrameIn, TakesMemoryOfTheFramesSize) {
+  PacketFrameIn frame(0);
+  frame.reset();
+  EXPECT_EQ(8U + 1000U, feed(frame, header_of(1000) + std::string(1000, 'p')));
+  EXPECT_TRUE(frame.have_complete_frame());
+  EXPECT_LT(frame.capacity(), 1100U);
+}
+
 TEST(PacketFrameIn, StorageNeverShrinksAndHoldsTheAnnouncedPayloadAtOnce) {
   PacketFrameIn frame;
   frame.reset();

@@ -191,12 +191,31 @@ TEST(PacketFrameOut, TheLongestPayloadOfTheTwelveByteLayoutHasRealBytes) {
 }
 
 TEST(PacketFrameOut, TheHeaderNeedsNoMemory) {
-  PacketFrameOut frame;
-  frame.set_use_12byte_header(true);
-  frame.reset();
-  const vorn_test::AllocationCount allocations;
-  frame.compute_frame_header();
-  EXPECT_EQ(0U, allocations.count());
+  PacketFrameOut usual;
+  PacketFrameOut without_memory(0);
+  for (PacketFrameOut* const frame : {&usual, &without_memory}) {
+    frame->set_use_12byte_header(true);
+    frame->reset();
+    const vorn_test::AllocationCount allocations;
+    frame->compute_frame_header();
+    EXPECT_EQ(0U, allocations.count());
+    EXPECT_EQ(12U, frame->data().size());
+  }
+}
+
+TEST(PacketFrameOut, TakesMemoryOfTheFramesSize) {
+  PacketFrameOut usual;
+  PacketFrameOut frame(0);
+  for (PacketFrameOut* const each : {&usual, &frame}) {
+    each->reset();
+    each->open_tail();
+    each->write_bytes("the payload of the frame", 24);
+    each->cut_tail();
+    each->compute_frame_header();
+  }
+  EXPECT_EQ(sent(usual), sent(frame));
+  EXPECT_GE(usual.capacity(), PacketBuf::INITIAL_CAPACITY);
+  EXPECT_LT(frame.capacity(), 64U);
 }
 
 TEST(PacketFrameOut, IsDestroyedThroughItsBase) {
