@@ -133,6 +133,10 @@ class GcTest < ExtTest
     skip_without_proc
     skip_under_sanitizers
     rounds, peak = run_ruby(<<-'RUBY').split.map { |number| Integer(number) }
+      def status(name)
+        File.read("/proc/self/status")[/^#{name}:\s+(\d+)/, 1].to_i / 1024
+      end
+      before = status("VmRSS")
       MEGABYTE = "x" * 1_048_576
       $rounds = 0
       def churn(megabytes)
@@ -143,7 +147,7 @@ class GcTest < ExtTest
       end
       10.times { ObjectSpace.define_finalizer(Object.new, churning) }
       churn(500)
-      puts $rounds, File.read("/proc/self/status")[/^VmHWM:\s+(\d+)/, 1].to_i / 1024
+      puts $rounds, status("VmHWM") - before
     RUBY
     assert_operator rounds, :>, 0
     assert_operator peak, :<, 300, "MB"
