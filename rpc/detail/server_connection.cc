@@ -53,12 +53,13 @@ void ServerConnection::close() noexcept {
   gone_ = true;
   held_back_.clear();
   channel_->close();
+  channel_.reset();  // an Answer that outlives the server keeps this, and the channel may not outlive the executor
   server_.forget(*this);
 }
 
 void ServerConnection::read() {
   if (reading_ || closed_ || ending_ || !held_back_.empty()) return;
-  channel_->read_some(chunk_.get(), CHUNK, [self = shared_from_this()](const error_code& error, size_t size) {
+  Channel::Done done = [self = shared_from_this(), channel = channel_](const error_code& error, size_t size) {
     self->reading_ = false;
     self->guard([&] {
       if (self->ending_) return;
@@ -68,7 +69,8 @@ void ServerConnection::read() {
       }
       self->close();
     });
-  });
+  };
+  channel_->read_some(chunk_.get(), CHUNK, std::move(done));
   reading_ = true;
 }
 
@@ -157,7 +159,7 @@ void ServerConnection::write() {
   const std::string_view batch = outbox_.begin();
   if (batch.empty()) return;
   write_deadline_ = Clock::now() + server_.options().write_time;
-  channel_->write(batch, [self = shared_from_this()](const error_code& error, size_t) {
+  channel_->write(batch, [self = shared_from_this(), channel = channel_](const error_code& error, size_t) {
     self->guard([&] {
       if (error) {
         self->server_.journal().write(LogLevel::info, self->name_, ": ", error.message());

@@ -68,8 +68,8 @@ class ServerConnection : public std::enable_shared_from_this<ServerConnection> {
   void close_if_finished();
   bool full() const;
 
-  ServerLoop& server_;  // may be gone when this is closed
-  const std::unique_ptr<Channel> channel_;
+  ServerLoop& server_;                // may be gone when this is closed
+  std::shared_ptr<Channel> channel_;  // until this is closed; then only its operations keep it
   const std::string name_;
   STREAM::StreamDecoder decoder_;
   STREAM::StreamEncoder encoder_;

@@ -3,17 +3,22 @@
 #include "rpc/server.h"
 
 #include <atomic>
+#include <boost/asio/any_io_executor.hpp>
+#include <boost/asio/error.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <future>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -21,6 +26,7 @@
 
 #include <gtest/gtest.h>
 
+#include "rpc/channel.h"
 #include "rpc/client.h"
 #include "rpc/errors.h"
 #include "test/rpc/rpc_fixture.h"
@@ -46,6 +52,41 @@ class RpcServer : public testing::TestWithParam<size_t> {
 };
 
 INSTANTIATE_TEST_SUITE_P(Workers, RpcServer, testing::Values(8, 0));
+
+// A channel on which these bytes arrive and no more. It says when it is destroyed.
+class NotedChannel : public RPC::Channel {
+ public:
+  NotedChannel(boost::asio::any_io_executor executor, std::string bytes, std::atomic<bool>& destroyed)
+      : executor_(std::move(executor)), bytes_(std::move(bytes)), destroyed_(destroyed) {}
+  ~NotedChannel() override { destroyed_ = true; }
+
+  void read_some(char* into, size_t size, Done done) override {
+    const size_t read = bytes_.copy(into, size);
+    bytes_.erase(0, read);
+    if (read == 0) {
+      reading_ = std::move(done);
+    } else {
+      boost::asio::post(executor_, [done = std::move(done), read] { done({}, read); });
+    }
+  }
+
+  void write(std::string_view bytes, Done done) override {
+    boost::asio::post(executor_, [done = std::move(done), size = bytes.size()] { done({}, size); });
+  }
+
+  void close() noexcept override {
+    const Done done = std::exchange(reading_, nullptr);
+    if (done) boost::asio::post(executor_, [done] { done(boost::asio::error::operation_aborted, 0); });
+  }
+
+  std::string peer() const override { return "nobody"; }
+
+ private:
+  boost::asio::any_io_executor executor_;
+  std::string bytes_;
+  Done reading_;
+  std::atomic<bool>& destroyed_;
+};
 
 }  // namespace
 
@@ -155,6 +196,27 @@ TEST_P(RpcServer, RequestsOverlapAndAnswersComeInAnyOrder) {
   EXPECT_EQ(text_of(answers[1]), "[1, nil, \"first\"]");
 }
 
+// Of 32 bits, or of 64 bytes as text. What has another one is no request, and ends its connection.
+TEST_P(RpcServer, TakesIdsOfBothLanguages) {
+  RunningServer server(test_methods(), options());
+  const Peer peer(server.address());
+  for (const VObject& id :
+       {VObject(INT32_MIN), VObject(0), VObject(INT32_MAX), VObject(""), VObject(std::string(64, 'i'))}) {
+    peer.send(request_frame(id, "echo", {id}));
+    const std::vector<VObject> answers = peer.messages(1);
+    ASSERT_EQ(answers.size(), 1U) << text_of(id);
+    EXPECT_EQ(answers[0], VObject(VObjectVector{id, VObject(), id}));
+  }
+  const std::vector<VObject> others = {VObject(int64_t{INT32_MIN} - 1), VObject(int64_t{INT32_MAX} + 1),
+                                       VObject((int64_t{1} << 32) + 1), VObject(std::string(65, 'i'))};
+  for (const VObject& id : others) {
+    const Peer other(server.address());
+    other.send(request_frame(id, "echo", {id}));
+    EXPECT_EQ(other.receive(), "") << text_of(id);
+  }
+  EXPECT_EQ(server.logged("not a request; closing"), others.size());
+}
+
 // Ids are a connection's own: the same ones are in progress for three clients at once.
 TEST_P(RpcServer, AnswersEachClientOnItsOwnConnection) {
   constexpr size_t CLIENTS = 3;
@@ -244,6 +306,28 @@ TEST(RpcAnswer, MayComeWhenNobodyIsLeft) {
   }
   kept[1].result("for nobody");
   kept[2] = std::move(kept[1]);
+}
+
+// A channel of Boost.Asio must not outlive its io_context, as an Answer may.
+TEST(RpcAnswer, KeepsNoChannel) {
+  std::atomic<bool> begun{false};
+  std::atomic<bool> destroyed{false};
+  std::optional<Answer> kept;
+  Methods methods;
+  methods.add_later("keep", 0, [&](VObjectVector&, Answer answer) {
+    kept.emplace(std::move(answer));
+    begun = true;
+  });
+  ServerOptions options;
+  options.stop_time = 0ms;
+  {
+    RunningServer server(methods, options);
+    server.server().serve(std::make_unique<NotedChannel>(server.executor(), request_frame(1, "keep", {}), destroyed));
+    EXPECT_TRUE(eventually([&] { return begun.load(); }));
+    EXPECT_FALSE(destroyed);
+  }
+  EXPECT_TRUE(destroyed);
+  kept->result("for nobody");
 }
 
 TEST(RpcServerAddress, IsChecked) {
