@@ -46,7 +46,7 @@ BufferHandle& buffer_handle(VALUE obj, const rb_data_type_t& type) {
 }
 
 void report_storage(VALUE obj) {
-  BufferHandle& native = *static_cast<BufferHandle*>(DATA_PTR(obj));
+  BufferHandle& native = *static_cast<BufferHandle*>(RTYPEDDATA_DATA(obj));
   native.buf->cut_tail();
   const int64_t capacity = static_cast<int64_t>(native.buf->capacity());
   if (capacity == native.reported_bytes) return;

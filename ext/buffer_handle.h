@@ -44,10 +44,10 @@ BufferHandle& buffer_handle(VALUE obj, const rb_data_type_t& type);
 
 /// The same for any of the classes. The fast path is inlined.
 inline PROTO::PacketBuf& packet_buf_of(VALUE obj) {
-  if (RB_TYPE_P(obj, T_DATA) && RTYPEDDATA_P(obj) && DATA_PTR(obj) != nullptr) {
+  if (RB_TYPE_P(obj, T_DATA) && RTYPEDDATA_P(obj) && RTYPEDDATA_DATA(obj) != nullptr) {
     const rb_data_type_t* const type = RTYPEDDATA_TYPE(obj);
     if (type == &packet_buf_type || type->parent == &packet_buf_type) {
-      PROTO::PacketBuf& buf = *static_cast<BufferHandle*>(DATA_PTR(obj))->buf;
+      PROTO::PacketBuf& buf = *static_cast<BufferHandle*>(RTYPEDDATA_DATA(obj))->buf;
       buf.cut_tail();
       return buf;
     }
@@ -82,7 +82,7 @@ VALUE allocate_native(VALUE klass, const rb_data_type_t& type, const char* faile
     thrown = true;
   }
   if (native == nullptr) rb_raise(rb_eRuntimeError, "%s", thrown ? threw : failed);
-  DATA_PTR(obj) = native;
+  RTYPEDDATA_DATA(obj) = native;
   report_storage(obj);
   return obj;
 }

@@ -7,6 +7,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -50,8 +51,9 @@ class CuttingProxy {
 
   void forward(Peer& client, size_t left) {
     Peer server(address_);
+    const std::pair<Peer*, Peer*> directions[] = {{&client, &server}, {&server, &client}};
     while (!done_) {
-      for (const auto& [from, to] : {std::make_pair(&client, &server), std::make_pair(&server, &client)}) {
+      for (const auto& [from, to] : directions) {
         if (!from->readable(1ms)) continue;
         const std::string bytes = from->receive();
         if (bytes.empty()) return;
