@@ -67,10 +67,10 @@ inline PROTO::PacketFrameOut& packet_frame_out_of(VALUE obj) {
 /// have grown it; ends what a write has open, as buffer_handle() does. May start a collection.
 void report_storage(VALUE obj);
 
-/// The body of an allocation function. Many programs make a buffer or a frame for each message: INITIAL_CAPACITY for
-/// each would start a collection every few hundred, so the native object begins without memory. The Ruby object comes first and its native object after, so that nothing
-/// native is lost when Ruby runs out of memory. Raises RuntimeError `failed` when allocation yields nothing,
-/// `threw` when the constructor throws.
+/// The body of an allocation function. The Ruby object comes first and its native object after, so that nothing
+/// native is lost when Ruby runs out of memory. The native object begins without memory of its own: many programs make
+/// one for each message, and INITIAL_CAPACITY for each would start a collection every few hundred. Raises RuntimeError
+/// `failed` when allocation yields nothing, `threw` when the constructor throws.
 template <typename Native>
 VALUE allocate_native(VALUE klass, const rb_data_type_t& type, const char* failed, const char* threw) {
   const VALUE obj = TypedData_Wrap_Struct(klass, &type, nullptr);

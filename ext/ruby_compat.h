@@ -14,6 +14,7 @@
 ///   rb_hash_bulk_insert                 | used with it     | key_cache.cc stores pair by pair
 ///   rb_ext_ractor_safe, Ractor's locals | since 3.0        | there are no Ractors
 ///   headers that need no <cstdbool>     | since 3.4        | <stdbool.h> comes first, below
+///   DATA_PTR, with struct RData         | until 4.0        | RTYPEDDATA_DATA, which all have
 #pragma once
 
 // Where this is, the headers leave out <cstdbool>, which libstdc++ 16 warns of and C++20 has no more.
