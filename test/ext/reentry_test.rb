@@ -81,6 +81,8 @@ class ReentryTest < ExtTest
   def test_decodes_that_are_left_by_a_continuation
     out, = run_ruby_with_errors(<<-RUBY, "-W0", "-rcontinuation")
       #{TAKE}
+      megabytes = ->(name) { File.read("/proc/self/status")[/^\#{name}:\\s+(\\d+)/, 1].to_i / 1024 }
+      before = megabytes.call("VmRSS")
       left = 0
       200.times do
         begin
@@ -94,7 +96,7 @@ class ReentryTest < ExtTest
         left += 1
       end
       Hook.body = nil
-      puts left, right?(BUF.seek(0).extract_object), File.read("/proc/self/status")[/^VmHWM:\\s+(\\d+)/, 1].to_i / 1024
+      puts left, right?(BUF.seek(0).extract_object), megabytes.call("VmHWM") - before
     RUBY
     left, right, peak = out.split
     assert_equal %w[200 true], [left, right]

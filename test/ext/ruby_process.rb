@@ -30,10 +30,10 @@ module RubyProcess
     [out, err.gsub(FIBER_WARNING, "")]
   end
 
-  # The functions that a shared object exports.
+  # The functions that a shared object exports. Headers of a Ruby in development add ruby_abi_version.
   def exported(library)
     symbols = IO.popen(["nm", "-D", "--defined-only", library], &:read).lines.map { |line| line.split.last }
-    symbols - %w[_init _fini __bss_start _edata _end]
+    symbols - %w[_init _fini __bss_start _edata _end ruby_abi_version]
   rescue Errno::ENOENT
     skip "nm is missing"
   end
