@@ -24,6 +24,7 @@ class VORN_API PacketFrame : public PacketBuf {
 
  protected:
   PacketFrame() = default;
+  /// With `capacity` bytes reserved, as PacketBuf has it. Throws std::bad_alloc.
   explicit PacketFrame(size_t capacity) : PacketBuf(capacity) {}
 };
 
