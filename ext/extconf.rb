@@ -71,6 +71,7 @@ $defs << "-DVORN_RUBY_ALIASES_PASS_FOR_BUILTIN" if ruby_before?("2.3") # to rb_m
 if ruby_before?("2.7") && have_func("pthread_getattr_np", ["ruby.h", "pthread.h"])
   $defs << "-DVORN_RUBY_OVERRUNS_THE_STACK"
 end
+$defs << "-DVORN_RUBY_KEEPS_VARIABLES_IN_OBJECTS" unless ruby_before?("3.5") # those of a buffer
 $defs << "-DVORN_RUBY_TAINTS" if ruby_before?("2.7") # later the calls remain and do nothing
 
 # --- flags ------------------------------------------------------------------------------------------------
