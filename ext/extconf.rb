@@ -90,7 +90,7 @@ recent_gcc = "#if !defined(__GNUC__) || defined(__clang__) || __GNUC__ < 15\n#er
 $CXXFLAGS << " -Wno-array-bounds" if compiles?(recent_gcc)
 $CXXFLAGS << " -Werror" if enable_config("werror", false)
 
-# Only Init is exported, and what the interpreter's headers want to be: templates of the standard library would be visible otherwise.
+# Only what the interpreter looks for is exported: templates of the standard library would be visible otherwise.
 version_script = "-Wl,--version-script=#{Shellwords.escape(File.join(ROOT, 'ext', 'vorn_rpc_ext.map'))}"
 $LDFLAGS << " " << version_script if compiles?("extern \"C\" void Init_#{TARGET}() {}\n", version_script, true)
 

@@ -7,7 +7,7 @@
 ///   RARRAY_CONST_PTR_TRANSIENT          | 2.6 to 3.2       | RARRAY_CONST_PTR
 ///   OBJ_TAINT                           | until 2.6        | nothing is tainted
 ///   rb_gc_adjust_memory_usage           | since 2.4        | gc_memory_usage.cc counts, and starts collections
-///   instance variables allocated        | until 3.4        | adjust_gc_memory_usage() has the collector look itself
+///   xmalloc for a buffer's variables    | until 3.4        | adjust_gc_memory_usage() calls it: it may collect
 ///   rb_method_basic_definition_p        | exact since 2.3  | overridden_each.cc looks for aliases itself
 ///   Strings are hashed by itself        | known until 3.4  | object_decoder.cc checks every bound twice
 ///   ruby_stack_check                    | sure since 2.7   | machine_stack.cc looks at the stack's bounds

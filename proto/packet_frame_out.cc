@@ -1,6 +1,5 @@
 #include "proto/packet_frame_out.h"
 
-#include <cassert>
 #include <string>
 
 #include "proto/vorn_proto_exception.h"
@@ -38,8 +37,7 @@ void PacketFrameOut::compute_frame_header() {
   }
   char header[PF12_HEADER_LEN];
   encode_frame_header({next_seq_, static_cast<uint32_t>(data_len)}, use_12byte_header_, header);
-  // The write cannot fail: a string has room for a header within itself.
-  assert(capacity() >= header_len);
+  grow_to(header_len);  // before anything changes: there may be no memory
   set_pos(0);
   write_bytes(header, header_len);
   set_pos(end);
