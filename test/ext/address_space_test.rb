@@ -105,11 +105,7 @@ class AddressSpaceTest < ExtTest
     }.freeze
   RUBY
 
-  HARNESS = <<-'RUBY'
-    def status(name)
-      File.read("/proc/self/status")[/^#{name}:\s+(\d+) kB/, 1].to_i * 1024
-    end
-
+  HARNESS = STATUS + <<-'RUBY'
     def limit(bytes)
       Process.setrlimit(Process::RLIMIT_AS, bytes, Process::RLIM_INFINITY)
     end

@@ -132,10 +132,7 @@ class GcTest < ExtTest
   def test_storage_is_collected_while_a_finalizer_runs
     skip_without_proc
     skip_under_sanitizers
-    rounds, peak = run_ruby(<<-'RUBY').split.map { |number| Integer(number) }
-      def status(name)
-        File.read("/proc/self/status")[/^#{name}:\s+(\d+)/, 1].to_i / 1024
-      end
+    rounds, peak = run_ruby(STATUS + <<-'RUBY').split.map { |number| Integer(number) }
       before = status("VmRSS")
       MEGABYTE = "x" * 1_048_576
       $rounds = 0
@@ -147,7 +144,7 @@ class GcTest < ExtTest
       end
       10.times { ObjectSpace.define_finalizer(Object.new, churning) }
       churn(500)
-      puts $rounds, status("VmHWM") - before
+      puts $rounds, (status("VmHWM") - before) / 1_048_576
     RUBY
     assert_operator rounds, :>, 0
     assert_operator peak, :<, 300, "MB"

@@ -7,11 +7,7 @@ require_relative "ruby_process"
 class MemoryTest < ExtTest
   include RubyProcess
 
-  MEASURE = <<-RUBY
-    def status(name)
-      File.read("/proc/self/status")[/^\#{name}:\\s+(\\d+) kB/, 1].to_i * 1024
-    end
-
+  MEASURE = STATUS + <<-RUBY
     def megabytes(bytes)
       (bytes / 1_048_576.0).round(1)
     end

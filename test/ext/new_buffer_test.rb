@@ -40,13 +40,12 @@ class NewBufferTest < ExtTest
   def assert_cheap(most, work)
     skip_under_sanitizers
     skip_without_proc
-    collections, peak = run_ruby(<<-RUBY).split.map(&:to_i)
+    collections, peak = run_ruby(STATUS + <<-RUBY).split.map(&:to_i)
       value = { "id" => 4711, "method" => "account.update" }
-      status = ->(name) { File.read("/proc/self/status")[/\#{name}:\\s+(\\d+)/, 1].to_i }
       GC.start
-      before, resident = GC.count, status.call("VmRSS")
+      before, resident = GC.count, status("VmRSS")
       100_000.times { #{work} }
-      puts GC.count - before, status.call("VmHWM") - resident
+      puts GC.count - before, (status("VmHWM") - resident) / 1024
     RUBY
     assert_operator collections, :<, most
     assert_operator peak, :<, 200_000

@@ -80,9 +80,9 @@ class ReentryTest < ExtTest
   # A continuation that was taken before the decode skips the decode's stack frames.
   def test_decodes_that_are_left_by_a_continuation
     out, = run_ruby_with_errors(<<-RUBY, "-W0", "-rcontinuation")
+      #{STATUS}
       #{TAKE}
-      megabytes = ->(name) { File.read("/proc/self/status")[/^\#{name}:\\s+(\\d+)/, 1].to_i / 1024 }
-      before = megabytes.call("VmRSS")
+      before = status("VmRSS")
       left = 0
       200.times do
         begin
@@ -96,7 +96,7 @@ class ReentryTest < ExtTest
         left += 1
       end
       Hook.body = nil
-      puts left, right?(BUF.seek(0).extract_object), megabytes.call("VmHWM") - before
+      puts left, right?(BUF.seek(0).extract_object), (status("VmHWM") - before) / 1_048_576
     RUBY
     left, right, peak = out.split
     assert_equal %w[200 true], [left, right]

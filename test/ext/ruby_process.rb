@@ -15,6 +15,13 @@ module RubyProcess
     /^==\d+==WARNING: ASan doesn't fully support makecontext.*\n/
   )
 
+  # For the code: bytes of its process's memory, VmRSS now or VmHWM at the peak.
+  STATUS = <<-'RUBY'
+    def status(name)
+      File.read("/proc/self/status")[/^#{name}:\s+(\d+) kB/, 1].to_i * 1024
+    end
+  RUBY
+
   # What the code prints to stdout. The process must succeed and print nothing to stderr.
   def run_ruby(code, *options)
     out, err = run_ruby_with_errors(code, *options)
