@@ -29,6 +29,7 @@ module Attack
       @level = level
       @compacts = level == "compact" && Collector.can_compact?
       return unless @compacts
+      GC.start # Ruby 3.1 moves what it may not if compaction is turned on while it marks
       GC.auto_compact = true if GC.respond_to?(:auto_compact=)
       Collector.meanwhile = -> { GC.compact }
     end

@@ -37,6 +37,22 @@ module CollectorLevel
     GC.stress = before
   end
 
+  # Every full collection moves objects. Ruby 3.1 also moves those that it may not, and ends the process, if it is
+  # marking when this begins (a mark pins nothing while compaction is off): GC.start ends the mark first.
+  def self.compacting_by_itself
+    GC.start
+    GC.auto_compact = true
+    yield
+  ensure
+    GC.auto_compact = false
+  end
+
+  def self.compacts_by_itself?
+    GC.respond_to?(:auto_compact=) && compacting_by_itself { true }
+  rescue NotImplementedError
+    false
+  end
+
   def before_setup
     super
     AROUND_TEST.call
