@@ -403,6 +403,45 @@ class StreamTest < Minitest::Test
     assert_equal "", io.string
   end
 
+  # Reading a Hash calls an Array key's `hash`, which a program can make raise what it likes, as another thread can.
+  def test_errors_of_the_program_are_not_taken_for_damage
+    out = run_ruby(<<-RUBY)
+      $LOAD_PATH.push(#{LIB.inspect})
+      require "vorn_rpc/stream"
+      $raised = nil
+      module Raising
+        def hash
+          $raised ? raise($raised, "as told") : super
+        end
+      end
+      Array.prepend(Raising)
+      def outcome
+        messages = []
+        yield messages
+        messages
+      rescue StandardError => error
+        error.class
+      end
+      encoder = VORN::Stream::Encoder.new
+      frame = encoder.frame({ [1] => 2 })
+      [[frame], [frame[0, 9], frame[9..-1]], [frame + encoder.frame(3)]].each do |pieces|
+        [nil, proc { |damage| puts damage.reason }].each do |on_damage|
+          [Class.new(RuntimeError), Class.new(EncodingError), IOError].each do |error|
+            decoder = VORN::Stream::Decoder.new(&on_damage)
+            $raised = error
+            raised = outcome { |messages| pieces.each { |piece| decoder.feed_each(piece) { |one| messages << one } } }
+            $raised = nil
+            puts "\#{error.superclass} became \#{raised}" unless raised == error
+            after = outcome { |messages| decoder.feed_each(frame) { |one| messages << one } }
+            puts "then \#{after}" unless after.is_a?(Array) && after.last == { [1] => 2 }
+          end
+        end
+      end
+      print "done"
+    RUBY
+    assert_equal "done", out
+  end
+
   # --- both ---------------------------------------------------------------------------------------------------
 
   # What helps beyond the core is loaded by its own name.

@@ -72,9 +72,9 @@ module VORN
       #
       #   VORN::Stream::Decoder.new.feed_each(VORN::Stream::Encoder.new.frame(1, [2])).to_a  # => [1, [2]]
       #
-      # Raises DamagedStream, TypeError for what is no String, what reading a value raises (SystemStackError with a
-      # raised max_depth, NoMemoryError), and RuntimeError where there is no memory for a payload; then that frame is
-      # still to be read.
+      # Raises DamagedStream; TypeError for what is no String; what reading a value raises (SystemStackError with a
+      # raised max_depth, NoMemoryError, an error of a key's own `hash`), after which that frame is lost; and
+      # RuntimeError where there is no memory for a payload: that frame is still to be read.
       def feed_each(bytes, &block)
         return enum_for(:feed_each, bytes) unless block_given?
         messages = take_frame(bytes)
@@ -155,7 +155,15 @@ module VORN
 
       NOTHING = "".b.freeze
       START = [0xA5].pack("C").freeze
-      private_constant :NOTHING, :START
+
+      # What reading raises for bytes that are no value. Of a subclass are errors of the program: of a key's own `hash`,
+      # or of another thread, such as a Timeout's.
+      module Unreadable
+        def self.===(error)
+          error.instance_of?(RuntimeError) || error.instance_of?(EncodingError)
+        end
+      end
+      private_constant :NOTHING, :START, :Unreadable
 
       # Takes bytes that are a frame, no more and no less, when nothing is left from before. Returns nil for others, and
       # for a frame that cannot be read: #take and #next_frame say what is wrong with those.
@@ -166,7 +174,7 @@ module VORN
         @input_begins += bytes.bytesize
         note(messages)
         messages
-      rescue RuntimeError, EncodingError, SystemStackError, NoMemoryError
+      rescue Unreadable, SystemStackError, NoMemoryError
         nil
       end
 
@@ -245,7 +253,7 @@ module VORN
         return messages if position == @frame_length
         # A string's length reaches behind the frame, into bytes that an earlier one has left there.
         skip(@frame_length, "a frame whose payload cannot be read: a value ends behind it", @frame_begins)
-      rescue RuntimeError, EncodingError => error
+      rescue Unreadable => error
         skip(@frame_length, "a frame whose payload cannot be read: #{error.message}", @frame_begins)
       end
 
