@@ -156,6 +156,7 @@ void PairList::add(const VALUE* pairs, int count) {
 void PairList::move_to(VALUE hash) {
   insert_in_bulk(hash, RARRAY_CONST_PTR(members_), RARRAY_LEN(members_));
   rb_ary_clear(members_);
+  members_ = Qnil;
 }
 
 void init_key_cache() {

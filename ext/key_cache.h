@@ -47,7 +47,7 @@ class KeyCache {
 /// instructions again).
 ///
 /// They are in an Array that ObjectSpace does not show. REQUIRES: lives on the machine stack; bulk insertion is to be
-/// had, no key runs code of the program, and the frame is not entered again once it has returned.
+/// had, and no key runs code of the program.
 class PairList {
  public:
   bool any() const { return !NIL_P(members_); }
@@ -55,7 +55,7 @@ class PairList {
   long size() const { return any() ? RARRAY_LEN(members_) / 2 : 0; }
 
   void add(const VALUE* pairs, int count);
-  /// Inserts the pairs into this empty Hash and lets them go.
+  /// Inserts the pairs into this Hash, which should be empty, and lets them go: there are none then.
   void move_to(VALUE hash);
 
  private:

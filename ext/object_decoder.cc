@@ -56,6 +56,12 @@ struct BuildContext {
     return true;
   }
 
+  /// Whether the interpreter hashes this key, and compares it with another of the same hash value, itself. Of two large
+  /// Integers or Floats it may call `eql?`.
+  static bool compares_itself(VALUE key) {
+    return TRUSTS || FIXNUM_P(key) || RB_TYPE_P(key, T_STRING) || SYMBOL_P(key);
+  }
+
   // As in HashingRoom. Containers are no keys where nothing is checked again.
   size_t begin_hashing() { return TRUSTS ? 0 : hashing.begin(); }
   void end_hashing(size_t outer, size_t own) {
@@ -237,25 +243,26 @@ VALUE decode_packetbuf_rbhash(Context& ctx, int32_t depth) {
   const size_t hashing_outer = ctx.begin_hashing();
   size_t hashing_keys = 0;
   PairList pairs;
+  bool lists = INTERNS_KEYS;  // whether pairs that are too many for the batch are listed, not stored
   const auto store = [&] {
-    if (hashing_keys > 0) ctx.stack.require_room(batch, hashing_keys);
-    KeyCache::store(hash, batch, batched);
+    if (pairs.any()) {
+      pairs.add(batch, batched);
+      pairs.move_to(hash);
+    } else {
+      if (hashing_keys > 0) ctx.stack.require_room(batch, hashing_keys);
+      KeyCache::store(hash, batch, batched);
+    }
     ctx.buf.cut_tail();
     ctx.in.resync(ctx.buf);  // a key's `hash` or `eql?` may have written to the buffer
   };
   while (ctx.in.readable()) {
     if (ctx.at_end(PROTO::PTT_HASH_END)) {
-      if (pairs.any()) {
-        pairs.add(batch, batched);
-        pairs.move_to(hash);
-      } else if (batched > 0) {
-        store();
-      }
+      if (batched > 0) store();
       ctx.end_hashing(hashing_outer, HashingRoom::HASH);
       return hash;
     }
     if (batched == HASH_BATCH) {
-      if (Context::TRUSTS && INTERNS_KEYS) {
+      if (lists) {
         pairs.add(batch, batched);
       } else {
         store();
@@ -264,6 +271,10 @@ VALUE decode_packetbuf_rbhash(Context& ctx, int32_t depth) {
       continue;
     }
     batch[batched] = decode_key(ctx, depth + 1, hashing_keys, pairs.size());
+    if (lists && !ctx.compares_itself(batch[batched])) {
+      lists = false;
+      if (pairs.any()) pairs.move_to(hash);
+    }
     batch[batched + 1] = decode_next_packetbuf_rbobj(ctx, depth + 1);
     batched += 2;
   }

@@ -112,6 +112,12 @@ class KeyCacheTest < ExtTest
   # Both sides of what is inserted at once, of what is collected first, and of what is kept in the cache.
   SIZES = [0, 1, 8, 9, 16, 17, 32, 33, 128, 129, 144, 145, 300].freeze
 
+  VALUES = {
+    scalars: ->(i) { i.even? ? i : "value #{i}" },
+    containers: ->(i) { [i, "value"] },
+    both: ->(i) { i % 50 == 41 ? { [i] => i } : i }
+  }.freeze
+
   def keys_of_a_kind(kind, size)
     case kind
     when :strings then Array.new(size) { |i| "key #{i}" }
@@ -119,6 +125,8 @@ class KeyCacheTest < ExtTest
     when :bytes then Array.new(size) { |i| "\xff#{i}".b }
     when :texts then Array.new(size) { |i| i.even? ? "text #{i}" : ["\u00e9#{i / 4}", "\u00e9#{i / 4}".b][i / 2 % 2] }
     when :integers then Array.new(size) { |i| i * 7 }
+    when :large then Array.new(size) { |i| (i.even? ? 0 : 2**62) + i * 7 }
+    when :late then Array.new(size) { |i| i > 40 && i % 7 == 0 ? [i] : i }
     else Array.new(size) { |i| ["s#{i}", :"s#{i}", i, [i], i + 0.5, "s#{i}".b][i % 6] }
     end
   end
@@ -137,18 +145,17 @@ class KeyCacheTest < ExtTest
   end
 
   def test_hashes_of_all_sizes_and_kinds_of_keys
-    [:strings, :symbols, :bytes, :texts, :integers, :mixed].each do |kind|
-      SIZES.each do |size|
-        keys = keys_of_a_kind(kind, size)
-        # Again the first, the last, and some in between: they keep their place and get another value.
-        again = [keys.first, keys[size / 2], keys.last].compact.first(size)
-        [[], again * 6].each do |more|
-          pairs = (keys + more).each_with_index.map { |key, i| [key, [i, "value"]] }
-          expected = pairs.inject({}) { |hash, (key, value)| hash.merge!(key => value) }
-          read = preserving(hash_bytes(pairs)).extract_object
-          assert_same_pairs expected, read, "#{size} #{kind} and #{more.size}"
-          assert_equal expected.merge("new" => 1), read.merge!("new" => 1), "#{size} #{kind} and another"
-        end
+    kinds = [:strings, :symbols, :bytes, :texts, :integers, :large, :late, :mixed]
+    kinds.product(VALUES.keys, SIZES) do |kind, of, size|
+      keys = keys_of_a_kind(kind, size)
+      # Again the first, the last, and some in between: they keep their place and get another value.
+      again = [keys.first, keys[size / 2], keys.last].compact.first(size)
+      [[], again * 6].each do |more|
+        pairs = (keys + more).each_with_index.map { |key, i| [key, VALUES[of].call(i)] }
+        expected = pairs.inject({}) { |hash, (key, value)| hash.merge!(key => value) }
+        read = preserving(hash_bytes(pairs)).extract_object
+        assert_same_pairs expected, read, "#{size} #{kind} to #{of} and #{more.size}"
+        assert_equal expected.merge("new" => 1), read.merge!("new" => 1), "#{size} #{kind} to #{of} and another"
       end
     end
   end

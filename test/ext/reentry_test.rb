@@ -131,6 +131,104 @@ class ReentryTest < ExtTest
     RUBY
   end
 
+  # Pairs of a wide Hash are stored together until a key may call `hash` or `eql?`, which two equal large Integers do.
+  # Each call in turn writes to the buffer, or is entered again after the decode has returned.
+  WIDE = <<-'RUBY'
+    module Hook
+      class << self; attr_accessor :body; end
+      def hash
+        Hook.body.call if Hook.body
+        super
+      end
+      def eql?(other)
+        Hook.body.call if Hook.body
+        super
+      end
+    end
+    [Array, (2**70).class].each { |klass| klass.prepend(Hook) }
+    def hash_of(*pairs)
+      pairs.inject(PacketBuf.new.write_raw("\x08")) { |buf, (key, value)| buf << key << value }.write_raw("\x09").to_str
+    end
+    LARGE = 2**62 + 5
+    SCALARS = Array.new(150) { |i| [i * 7, "value #{i}"] }
+    TWICE = [[LARGE, 1], *SCALARS, [LARGE, 2], [LARGE, 3]]
+    HASHES = [TWICE, SCALARS + TWICE, SCALARS + TWICE.values_at(0, -1, -2), SCALARS + [[8, { [1] => 2 }]] + TWICE,
+              SCALARS + [[[1], 2]] + TWICE, TWICE + [[8, { [1] => 2 }], [[3], 4]] + SCALARS].map { |it| hash_of(*it) }
+    LAST = "last" * 20
+    def wide(bytes)
+      PacketBuf.new.write_raw("\x0a").write_raw(bytes).write_object(LAST).write_raw("\x0b").seek(0)
+    end
+    def calls(buf)
+      count = 0
+      Hook.body = -> { count += 1 }
+      buf.extract_object
+      Hook.body = nil
+      count
+    end
+  RUBY
+
+  def test_wide_hashes_whose_keys_write_to_the_buffer
+    out = run_ruby(WIDE + <<-'RUBY', "-W0")
+      outcomes = Hash.new(0)
+      HASHES.each do |bytes|
+        plain = wide(bytes).extract_object
+        before = bytes.bytesize + 1
+        (0...calls(wide(bytes))).each do |at|
+          buf = nil
+          { grow: -> { buf.seek(before + 90).write_raw("g" * 3_000_000) },
+            lengthen: -> { buf.seek(before).write_raw("\x07\xff\xff\xff\x7f") },
+            reset: -> { buf.reset }, shift: -> { buf.seek(before).write_raw("\x0b") } }.each do |name, action|
+            buf = wide(bytes)
+            left = at
+            Hook.body = -> { (left -= 1) == -1 && action.call }
+            result = begin
+              buf.extract_object
+            rescue RuntimeError => error
+              error.message
+            end
+            Hook.body = nil
+            right = case name
+                    when :lengthen then result.is_a?(String) && result.start_with?("decode_")
+                    when :shift then result == plain[0, 1]
+                    else result == plain
+                    end
+            abort "#{name} at call #{at}: #{result.inspect[0, 200]}" unless right
+            outcomes[name] += 1
+          end
+        end
+      end
+      puts outcomes.values.uniq.size, outcomes[:grow] > 4
+    RUBY
+    assert_equal "1\ntrue\n", out
+  end
+
+  # Each decode that has returned is entered again where it was, wherever that is.
+  def test_wide_hashes_are_entered_again
+    skip "Ruby #{RUBY_VERSION} refuses such continuations" if RUBY_VERSION < "3.0" || !hashes_can_be_resumed?
+    out, = run_ruby_with_errors(WIDE + <<-'RUBY', "-W0", "-rcontinuation")
+      entered = 0
+      HASHES.each do |bytes|
+        plain = wide(bytes).extract_object
+        [:shift, :pop].each do |turn|
+          taken = []
+          count = 0
+          Hook.body = -> { callcc { |continuation| taken << continuation } if (count += 1) <= 12 }
+          value = wide(bytes).extract_object
+          Hook.body = nil
+          abort "wrong: #{value.inspect[0, 300]}" unless value == plain
+          value = nil
+          $junk = Array.new(40) { |i| Array.new(200 + i) { i } << "j" * 4000 }
+          GC.start
+          back = taken.send(turn)
+          entered += 1
+          back.call if back
+        end
+      end
+      puts entered > 20
+    RUBY
+    assert_equal "true\n", out
+  end
+
   # Another thread raises an exception in a thread that waits in a key's `hash`, or kills it.
   def test_threads_interrupted_in_a_key
     assert_equal "done\n", run_ruby(<<-RUBY)

@@ -247,13 +247,13 @@ TEST(RpcServerLimit, SlowFrames) {
 // The server's own pause, when it reads nothing more, is not the client's.
 TEST(RpcServerLimit, HeldBackClientsAreNotSlow) {
   ServerOptions options;
-  options.frame_time = 200ms;
+  options.frame_time = 1000ms;
   options.max_in_progress = 1;
   RunningServer server(test_methods(), options);
   const Peer peer(server.address());
-  const std::string request = request_frame(1, "sleep", {800});
-  peer.send(request + request + request.substr(0, 5));
-  std::this_thread::sleep_for(1000ms);
+  const std::string request = request_frame(2, "add", {1, 2});
+  peer.send(request_frame(1, "sleep", {1300}) + request + request.substr(0, 5));
+  std::this_thread::sleep_for(1600ms);
   peer.send(request.substr(5));
   EXPECT_EQ(peer.messages(3).size(), 3U) << server.log();
 }
