@@ -189,15 +189,24 @@ class RpcWorkersTest < RpcTest
     end
   end
 
-  # Nothing is begun when the leader runs what waits.
+  # The only other thread is kept busy, so nobody else begins them.
   def test_what_waits_can_be_run_by_the_leader
     workers = Workers.new(1)
     order = []
+    begun = nil
+    gate = Queue.new
     within do
       workers.run do
+        unless begun
+          begun = Queue.new
+          workers.add(&blocked_jobs(1, begun, gate)[0])
+          next true
+        end
+        begun.pop
         3.times { |number| workers.add { order << [number, Thread.current] } }
         workers.run_waiting
         order << Thread.current
+        gate << 1
         false
       end
     end
