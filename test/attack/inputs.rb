@@ -66,7 +66,7 @@ module Attack
       when 7 then pick([[], {}, 1, "é", nil])
       when 8 then Array.new(size) { value(levels - 1) }
       when 9 then numbers
-      else entries(levels)
+      else chance(4) ? table(levels) : entries(levels)
       end
     end
 
@@ -84,6 +84,13 @@ module Attack
     def entries(levels)
       hash = {}
       size.times { hash[key(levels)] = value(levels - 1) }
+      hash
+    end
+
+    # Mostly with Integers as keys.
+    def table(levels)
+      hash = {}
+      size.times { hash[chance(30) ? key(levels) : below(300)] = value(levels - 1) }
       hash
     end
 
