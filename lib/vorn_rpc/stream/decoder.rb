@@ -158,7 +158,7 @@ module VORN
 
       # What reading raises for bytes that are no value. Of a subclass are errors of the program: of a key's own `hash`,
       # or of another thread, such as a Timeout's.
-      module Unreadable
+      module Unreadable # :nodoc:
         def self.===(error)
           error.instance_of?(RuntimeError) || error.instance_of?(EncodingError)
         end
