@@ -70,7 +70,7 @@ void ClientLoop::close_now() {
 }
 
 void ClientLoop::begin(Call call) {
-  const int32_t id = next_id();
+  const int32_t id = last_id_ = next_id(last_id_, calls_);
   const Clock::time_point deadline = call.deadline;
   call.place = deadlines_.emplace_hint(deadlines_.end(), deadline, id);
   if (!call.notification) call.message.getvec()[0] = VObject(id);
@@ -86,14 +86,6 @@ void ClientLoop::begin(Call call) {
     case State::idle: break;
   }
   connect();
-}
-
-/// After wrapping around, a call that waits may still have an id.
-int32_t ClientLoop::next_id() {
-  do {
-    last_id_ = last_id_ == MAX_ID ? 1 : last_id_ + 1;
-  } while (calls_.count(last_id_) > 0);
-  return last_id_;
 }
 
 /// Sends a request, behind all that are put into the inbox with it.

@@ -72,7 +72,6 @@ class ClientLoop : public std::enable_shared_from_this<ClientLoop> {
 
   void close_now();
   void begin(Call call);
-  int32_t next_id();
   void send(int32_t id);
   void flush();
 

@@ -19,6 +19,16 @@ constexpr int64_t MIN_ID = std::numeric_limits<int32_t>::min();  // Ruby would c
 constexpr int64_t MAX_ID = std::numeric_limits<int32_t>::max();
 constexpr size_t MAX_ID_BYTES = 64;  // leaves room for an error answer, which repeats the id
 
+/// The id that a client chooses behind `last`: 1 to MAX_ID, and again. A call that waits may still have the next one.
+/// calls: those that wait, by id.
+template <typename Calls>
+int32_t next_id(int32_t last, const Calls& calls) {
+  do {
+    last = last == MAX_ID ? 1 : last + 1;
+  } while (calls.count(last) > 0);
+  return last;
+}
+
 /// The code of a request that was not executed because the server ends.
 constexpr char STOPPING[] = "stopping";
 

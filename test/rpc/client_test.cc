@@ -8,7 +8,9 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
 #include <chrono>
+#include <cstdint>
 #include <functional>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -18,6 +20,7 @@
 
 #include "rpc/asio_channel.h"
 #include "rpc/async_client.h"
+#include "rpc/detail/envelope.h"
 #include "rpc/errors.h"
 #include "stream/stream_encoder.h"
 #include "test/rpc/rpc_fixture.h"
@@ -155,6 +158,18 @@ TEST(RpcClient, RefusesWhatCannotBeSent) {
             }),
             "exception: VObject::serialize: serialization of DT_REF not yet supported");
   EXPECT_EQ(client.call("fill", {(1 << 20) - 100}).getstr().size(), (1U << 20) - 100);
+}
+
+// A client that makes 40,000 calls a second gets there in 15 hours.
+TEST(RpcClient, IdsBeginAgainBehindTheLargest) {
+  const std::set<int32_t> none;
+  EXPECT_EQ(RPC::next_id(0, none), 1);
+  EXPECT_EQ(RPC::next_id(INT32_MAX - 1, none), INT32_MAX);
+  EXPECT_EQ(RPC::next_id(INT32_MAX, none), 1);
+  const std::set<int32_t> waiting = {1, 2, 4, INT32_MAX};
+  EXPECT_EQ(RPC::next_id(0, waiting), 3);
+  EXPECT_EQ(RPC::next_id(3, waiting), 5);
+  EXPECT_EQ(RPC::next_id(INT32_MAX - 1, waiting), 3);
 }
 
 TEST(RpcClient, NotifiesWithoutAnAnswer) {
