@@ -270,11 +270,15 @@ VALUE decode_packetbuf_rbhash(Context& ctx, int32_t depth) {
       batched = 0;
       continue;
     }
-    batch[batched] = decode_key(ctx, depth + 1, hashing_keys, pairs.size());
-    if (lists && !ctx.compares_itself(batch[batched])) {
+    const VALUE key = decode_key(ctx, depth + 1, hashing_keys, pairs.size());
+    if (lists && !ctx.compares_itself(key)) {
       lists = false;
-      if (pairs.any()) pairs.move_to(hash);
+      if (pairs.any()) {
+        store();
+        batched = 0;
+      }
     }
+    batch[batched] = key;
     batch[batched + 1] = decode_next_packetbuf_rbobj(ctx, depth + 1);
     batched += 2;
   }
